@@ -1,0 +1,321 @@
+#include <cstdio>
+
+#include "nt/internal.h"
+
+// Executive resources.
+//
+// Ownership is handed over: a release that lets waiters in counts them in before it drops the record's lock, and sets
+// their words afterwards. So a waiter that runs finds itself owner, the releaser does not touch the record again, and
+// nobody can barge in between. Who holds a resource is on the holder's own list (thread record), so recursion and
+// "is it mine" need no search of owners in the record.
+
+// One thread's wait, on its stack.
+struct NtResourceWaiter {
+    NtResourceWaiter* next;
+    PETHREAD thread;
+    uint32_t word;
+};
+
+namespace nt {
+
+namespace {
+
+constexpr ULONG kSignature = 0x73655245;  // "ERes"
+constexpr ULONG kDeadSignature = 0x64655245;
+
+WordLock g_listLock;  // guards the list of all resources
+LIST_ENTRY g_resources = {&g_resources, &g_resources};
+
+void Append(NtResourceWaiter** list, NtResourceWaiter* waiter) {
+    waiter->next = nullptr;
+    while (*list != nullptr) {
+        list = &(*list)->next;
+    }
+    *list = waiter;
+}
+
+void WakeAll(NtResourceWaiter* waiter) {
+    while (waiter != nullptr) {
+        NtResourceWaiter* const next = waiter->next;  // the waiter's stack goes on once its word is set
+        uint32_t* const word = &waiter->word;
+        __atomic_store_n(word, 1, __ATOMIC_RELEASE);
+        FutexWake(word, 1);
+        waiter = next;
+    }
+}
+
+// All waiting sharers come in. Record locked.
+NtResourceWaiter* GrantShared(PERESOURCE resource) {
+    NtResourceWaiter* const granted = resource->SharedWaiters;
+    resource->ActiveCount += static_cast<LONG>(resource->NumberOfSharedWaiters);
+    resource->SharedWaiters = nullptr;
+    resource->NumberOfSharedWaiters = 0;
+    return granted;
+}
+
+// The first waiting exclusive comes in. Record locked.
+NtResourceWaiter* GrantExclusive(PERESOURCE resource) {
+    NtResourceWaiter* const granted = resource->ExclusiveWaiters;
+    resource->ExclusiveWaiters = granted->next;
+    resource->NumberOfExclusiveWaiters--;
+    granted->next = nullptr;
+    resource->ActiveCount = 1;
+    resource->Flag |= ResourceOwnedExclusive;
+    resource->OwnerThread = granted->thread;
+    return granted;
+}
+
+void SleepFor(PERESOURCE resource, NtResourceWaiter* waiter, const char* what) {
+    PETHREAD const self = Self();
+    self->NoteWait(resource, what);
+    while (__atomic_load_n(&waiter->word, __ATOMIC_ACQUIRE) == 0) {
+        FutexWait(&waiter->word, 0, -1);
+    }
+    self->NoteWait(nullptr, nullptr);
+}
+
+std::string Describe(PERESOURCE resource) {
+    std::string where;
+    IsInPagedPool(resource, &where);
+    char address[32];
+    std::snprintf(address, sizeof(address), "resource %p", static_cast<void*>(resource));
+    return address + (" (" + LockClassName(resource->LockClass)) + (where.empty() ? ")" : ", in " + where + ")");
+}
+
+bool HoldsMutex(PETHREAD self) {
+    for (unsigned i = 0; i < self->heldCount; i++) {
+        if (self->held[i].kind == LockKind::kMutex) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// What the real kernel wants of a thread that acquires. False: refused.
+bool CheckAcquire(PETHREAD self, PERESOURCE resource) {
+    if (resource->Signature != kSignature) {
+        Violation("acquire of %p, which is no initialised resource", static_cast<void*>(resource));
+        return false;
+    }
+    if (self->irql >= DISPATCH_LEVEL) {
+        RefuseAtDispatch("acquiring a resource");
+        return false;
+    }
+    if (self->process != nullptr && self->criticalRegions == 0 && self->irql < APC_LEVEL && !HoldsMutex(self)) {
+        Violation("%s acquired outside a critical region", Describe(resource).c_str());
+        return false;
+    }
+    return true;
+}
+
+// Another acquire of an owner. Its count protects the record from going away; the lock orders the count with others'.
+void Recurse(PERESOURCE resource, HeldLock* held) {
+    LockWord(&resource->Lock);
+    resource->ActiveCount++;
+    UnlockWord(&resource->Lock);
+    held->count++;
+}
+
+// Record locked, a last shared or exclusive acquire has gone: who comes in? After exclusive the sharers first, after
+// shared the exclusive waiter first.
+NtResourceWaiter* HandOver(PERESOURCE resource, bool wasExclusive) {
+    if (wasExclusive) {
+        resource->Flag &= static_cast<USHORT>(~ResourceOwnedExclusive);
+        resource->OwnerThread = nullptr;
+        if (resource->SharedWaiters != nullptr) {
+            return GrantShared(resource);
+        }
+    }
+    if (resource->ExclusiveWaiters != nullptr) {
+        return GrantExclusive(resource);
+    }
+    return resource->SharedWaiters != nullptr ? GrantShared(resource) : nullptr;
+}
+
+}  // namespace
+
+void AddResourceLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
+    WordGuard guard(g_listLock);
+    for (PLIST_ENTRY entry = g_resources.Flink; entry != &g_resources; entry = entry->Flink) {
+        PERESOURCE const resource = CONTAINING_RECORD(entry, ERESOURCE, SystemResourcesList);
+        if (driver == nullptr || resource->CreatorDriver == driver) {
+            leaks.push_back({"resource", Describe(resource), 1, 0});
+        }
+    }
+}
+
+void ResourcesShutdown(LeakList& leaks) {
+    AddResourceLeaks(nullptr, leaks);
+    WordGuard guard(g_listLock);
+    InitializeListHead(&g_resources);
+}
+
+}  // namespace nt
+
+using nt::HeldLock;
+using nt::LockKind;
+using nt::Self;
+using nt::Violation;
+
+[[gnu::noinline]] NTKERNELAPI NTSTATUS NTAPI ExInitializeResourceLite(PERESOURCE Resource) {
+    const void* const site = __builtin_return_address(0);
+    nt::RequireResident(Resource, "a resource");
+    *Resource = {};
+    Resource->Signature = nt::kSignature;
+    Resource->LockClass = nt::LockClassOf(LockKind::kResource, Resource, site);
+    Resource->CreatorDriver = nt::CurrentDriver();
+    if (!nt::IsOnOwnStack(Self(), Resource)) {
+        nt::PinPoolBlock(Resource);
+    }
+    nt::WordGuard guard(nt::g_listLock);
+    InsertTailList(&nt::g_resources, &Resource->SystemResourcesList);
+    return STATUS_SUCCESS;
+}
+
+NTKERNELAPI NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource) {
+    if (Resource->Signature != nt::kSignature) {
+        Violation("delete of %p, which is no initialised resource", static_cast<void*>(Resource));
+        return STATUS_SUCCESS;
+    }
+    // The lock also waits for a releaser that has just let its last waiter in.
+    nt::LockWord(&Resource->Lock);
+    const LONG active = Resource->ActiveCount;
+    const ULONG waiting = Resource->NumberOfSharedWaiters + Resource->NumberOfExclusiveWaiters;
+    nt::UnlockWord(&Resource->Lock);
+    if (active != 0 || waiting != 0) {
+        Violation("%s deleted while it is acquired %d times and %u threads wait for it",
+                  nt::Describe(Resource).c_str(), active, waiting);
+    }
+    {
+        nt::WordGuard guard(nt::g_listLock);
+        RemoveEntryList(&Resource->SystemResourcesList);
+    }
+    nt::UnpinPoolBlock(nt::FindPoolBlock(Resource));
+    Resource->Signature = nt::kDeadSignature;
+    return STATUS_SUCCESS;
+}
+
+NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) {
+    PETHREAD const self = Self();
+    if (!nt::CheckAcquire(self, Resource)) {
+        return FALSE;
+    }
+    HeldLock* const held = nt::FindHeld(self, Resource);
+    if (held != nullptr) {
+        if (held->exclusive) {
+            nt::Recurse(Resource, held);
+            return TRUE;
+        }
+        if (Wait != FALSE) {
+            Violation("%s wanted exclusively by a thread that shares it: it would wait for itself",
+                      nt::Describe(Resource).c_str());
+        }
+        return FALSE;
+    }
+    if (Wait != FALSE && !nt::LockOrderCheck(self, Resource->LockClass, Resource)) {
+        return FALSE;
+    }
+    nt::LockWord(&Resource->Lock);
+    if (Resource->ActiveCount == 0) {
+        Resource->ActiveCount = 1;
+        Resource->Flag |= ResourceOwnedExclusive;
+        Resource->OwnerThread = self;
+        nt::UnlockWord(&Resource->Lock);
+    } else if (Wait == FALSE) {
+        nt::UnlockWord(&Resource->Lock);
+        return FALSE;
+    } else {
+        NtResourceWaiter waiter{nullptr, self, 0};
+        nt::Append(&Resource->ExclusiveWaiters, &waiter);
+        Resource->NumberOfExclusiveWaiters++;
+        Resource->ContentionCount++;
+        nt::UnlockWord(&Resource->Lock);
+        nt::SleepFor(Resource, &waiter, "a resource, exclusively");
+    }
+    nt::PushHeld(self, Resource, LockKind::kResource, true, Resource->LockClass);
+    return TRUE;
+}
+
+NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
+    PETHREAD const self = Self();
+    if (!nt::CheckAcquire(self, Resource)) {
+        return FALSE;
+    }
+    HeldLock* const held = nt::FindHeld(self, Resource);
+    if (held != nullptr) {
+        nt::Recurse(Resource, held);
+        return TRUE;
+    }
+    if (Wait != FALSE && !nt::LockOrderCheck(self, Resource->LockClass, Resource)) {
+        return FALSE;
+    }
+    nt::LockWord(&Resource->Lock);
+    const bool admitted = Resource->ActiveCount == 0 || ((Resource->Flag & ResourceOwnedExclusive) == 0 &&
+                                                         Resource->NumberOfExclusiveWaiters == 0);
+    if (admitted) {
+        Resource->ActiveCount++;
+        nt::UnlockWord(&Resource->Lock);
+    } else if (Wait == FALSE) {
+        nt::UnlockWord(&Resource->Lock);
+        return FALSE;
+    } else {
+        NtResourceWaiter waiter{nullptr, self, 0};
+        nt::Append(&Resource->SharedWaiters, &waiter);
+        Resource->NumberOfSharedWaiters++;
+        Resource->ContentionCount++;
+        nt::UnlockWord(&Resource->Lock);
+        nt::SleepFor(Resource, &waiter, "a resource, shared");
+    }
+    nt::PushHeld(self, Resource, LockKind::kResource, false, Resource->LockClass);
+    return TRUE;
+}
+
+NTKERNELAPI VOID FASTCALL ExReleaseResourceLite(PERESOURCE Resource) {
+    PETHREAD const self = Self();
+    HeldLock* const held = nt::FindHeld(self, Resource);
+    if (held == nullptr) {
+        Violation("resource %p released by a thread that does not hold it", static_cast<void*>(Resource));
+        return;
+    }
+    const bool exclusive = held->exclusive;
+    if (--held->count == 0) {
+        nt::PopHeld(self, held);
+    }
+    nt::LockWord(&Resource->Lock);
+    NtResourceWaiter* const granted = --Resource->ActiveCount == 0 ? nt::HandOver(Resource, exclusive) : nullptr;
+    nt::UnlockWord(&Resource->Lock);
+    nt::WakeAll(granted);
+}
+
+NTKERNELAPI VOID NTAPI ExConvertExclusiveToSharedLite(PERESOURCE Resource) {
+    HeldLock* const held = nt::FindHeld(Self(), Resource);
+    if (held == nullptr || !held->exclusive) {
+        Violation("resource %p converted by a thread that does not hold it exclusively", static_cast<void*>(Resource));
+        return;
+    }
+    held->exclusive = false;
+    nt::LockWord(&Resource->Lock);
+    Resource->Flag &= static_cast<USHORT>(~ResourceOwnedExclusive);
+    Resource->OwnerThread = nullptr;
+    NtResourceWaiter* const granted = nt::GrantShared(Resource);
+    nt::UnlockWord(&Resource->Lock);
+    nt::WakeAll(granted);
+}
+
+NTKERNELAPI BOOLEAN NTAPI ExIsResourceAcquiredExclusiveLite(PERESOURCE Resource) {
+    const HeldLock* const held = nt::FindHeld(Self(), Resource);
+    return held != nullptr && held->exclusive ? TRUE : FALSE;
+}
+
+NTKERNELAPI ULONG NTAPI ExIsResourceAcquiredSharedLite(PERESOURCE Resource) {
+    const HeldLock* const held = nt::FindHeld(Self(), Resource);
+    return held != nullptr ? held->count : 0;
+}
+
+NTKERNELAPI ULONG NTAPI ExGetExclusiveWaiterCount(PERESOURCE Resource) {
+    return __atomic_load_n(&Resource->NumberOfExclusiveWaiters, __ATOMIC_RELAXED);
+}
+
+NTKERNELAPI ULONG NTAPI ExGetSharedWaiterCount(PERESOURCE Resource) {
+    return __atomic_load_n(&Resource->NumberOfSharedWaiters, __ATOMIC_RELAXED);
+}

@@ -1,0 +1,102 @@
+// Conveniences over the process interface, the same for every kind of process.
+#include <array>
+#include <cstring>
+
+#include "host/process.h"
+
+namespace host {
+namespace {
+
+constexpr std::uint32_t kFileDirectoryInformation = 1;
+constexpr std::uint32_t kFileBasicInformation = 4;
+constexpr std::uint32_t kFileStandardInformation = 5;
+constexpr std::uint32_t kFileDispositionInformation = 13;
+
+// The fixed part of one FILE_DIRECTORY_INFORMATION.
+constexpr std::size_t kEntryFixed = 64;
+constexpr std::size_t kNextOffset = 0;
+constexpr std::size_t kFileIndex = 4;
+constexpr std::size_t kLastWriteTime = 24;
+constexpr std::size_t kEndOfFile = 40;
+constexpr std::size_t kAttributes = 56;
+constexpr std::size_t kNameLength = 60;
+
+template <typename Value>
+Value At(std::span<const std::byte> bytes, std::size_t offset) {
+    Value value{};
+    std::memcpy(&value, bytes.data() + offset, sizeof(value));
+    return value;
+}
+
+// Appends the entries of one filled buffer; false when it does not hold together.
+bool ParseEntries(std::span<const std::byte> bytes, std::vector<DirectoryEntry>& entries) {
+    std::size_t place = 0;
+    while (true) {
+        if (bytes.size() < kEntryFixed || place > bytes.size() - kEntryFixed) {
+            return false;
+        }
+        const auto entry = bytes.subspan(place);
+        const auto nameBytes = At<std::uint32_t>(entry, kNameLength);
+        if (nameBytes > entry.size() - kEntryFixed) {
+            return false;
+        }
+        DirectoryEntry& found = entries.emplace_back();
+        found.index = At<std::uint32_t>(entry, kFileIndex);
+        found.lastWriteTime = At<std::int64_t>(entry, kLastWriteTime);
+        found.size = At<std::uint64_t>(entry, kEndOfFile);
+        found.attributes = At<std::uint32_t>(entry, kAttributes);
+        found.name.resize(nameBytes / sizeof(char16_t));
+        std::memcpy(found.name.data(), entry.data() + kEntryFixed, found.name.size() * sizeof(char16_t));
+
+        const auto next = At<std::uint32_t>(entry, kNextOffset);
+        if (next == 0) {
+            return true;
+        }
+        place += next;
+    }
+}
+
+}  // namespace
+
+Status ListDirectory(Process& process, Handle directory, std::vector<DirectoryEntry>& entries) {
+    std::vector<std::byte> buffer(64 << 10);
+    Process::DirectoryQuery query;
+    query.informationClass = kFileDirectoryInformation;
+    query.pattern = u"*";
+    query.restart = true;
+    while (true) {
+        const IoResult result = process.QueryDirectory(directory, query, buffer);
+        if (result.status == status::kNoMoreFiles || result.status == status::kNoSuchFile) {
+            return status::kSuccess;
+        }
+        if (!result.status.Ok()) {
+            return result.status;
+        }
+        if (!ParseEntries(std::span(buffer).first(result.information), entries)) {
+            return status::kUnsuccessful;
+        }
+        query.restart = false;
+    }
+}
+
+Status QueryFacts(Process& process, Handle handle, FileFacts& facts) {
+    std::array<std::byte, 40> basic{};
+    std::array<std::byte, 24> standard{};
+    IoResult result = process.QueryInformation(handle, kFileBasicInformation, basic);
+    if (result.status.Ok()) {
+        facts.lastWriteTime = At<std::int64_t>(basic, 16);
+        result = process.QueryInformation(handle, kFileStandardInformation, standard);
+    }
+    if (result.status.Ok()) {
+        facts.size = At<std::uint64_t>(standard, 8);
+        facts.isDirectory = At<std::uint8_t>(standard, 21) != 0;
+    }
+    return result.status;
+}
+
+Status SetDeleteOnCleanup(Process& process, Handle handle, bool deleteIt) {
+    const std::array<std::byte, 1> disposition{std::byte{deleteIt}};
+    return process.SetInformation(handle, kFileDispositionInformation, disposition).status;
+}
+
+}  // namespace host

@@ -1,0 +1,66 @@
+// The kind of process that lives in this one: its calls go straight into the kernel.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <shared_mutex>
+#include <string>
+
+#include "host/process.h"
+#include "nt/system.h"
+
+namespace host {
+
+class LocalProcess final : public Process {
+  public:
+    explicit LocalProcess(const std::string& name, KPROCESSOR_MODE mode = UserMode) : process_(name, mode) {}
+    ~LocalProcess() override;
+
+    OpenResult Create(const OpenRequest& request) override;
+    Status Close(Handle handle) override;
+    IoResult Read(Handle handle, std::span<std::byte> buffer, std::optional<std::uint64_t> offset) override;
+    IoResult Write(Handle handle, std::span<const std::byte> buffer, std::optional<std::uint64_t> offset) override;
+    IoResult QueryInformation(Handle handle, std::uint32_t informationClass, std::span<std::byte> buffer) override;
+    IoResult SetInformation(Handle handle, std::uint32_t informationClass, std::span<const std::byte> buffer) override;
+    IoResult QueryVolumeInformation(Handle handle, std::uint32_t informationClass,
+                                    std::span<std::byte> buffer) override;
+    IoResult SetVolumeInformation(Handle handle, std::uint32_t informationClass,
+                                  std::span<const std::byte> buffer) override;
+    IoResult QueryDirectory(Handle handle, const DirectoryQuery& query, std::span<std::byte> buffer) override;
+    IoResult DeviceControl(Handle handle, std::uint32_t code, std::span<const std::byte> in,
+                           std::span<std::byte> out) override;
+    IoResult FileSystemControl(Handle handle, std::uint32_t code, std::span<const std::byte> in,
+                               std::span<std::byte> out) override;
+    Status Flush(Handle handle) override;
+    Status ReadOverlapped(Handle handle, std::span<std::byte> buffer, std::uint64_t offset, Completion done,
+                          RequestId* id) override;
+    Status WriteOverlapped(Handle handle, std::span<const std::byte> buffer, std::uint64_t offset, Completion done,
+                           RequestId* id) override;
+    Status DeviceControlOverlapped(Handle handle, std::uint32_t code, std::span<const std::byte> in,
+                                   std::span<std::byte> out, Completion done, RequestId* id) override;
+    Status NotifyChangeDirectory(Handle handle, std::uint32_t filter, bool tree, std::span<std::byte> buffer,
+                                 Completion done, RequestId* id) override;
+    void Cancel(RequestId id) override;
+    void CancelAll(Handle handle) override;
+
+  private:
+    struct PendingRequest;
+
+    template <typename Call>
+    IoResult Wait(Handle handle, Call call);
+    template <typename Call>
+    Status Begin(Completion done, RequestId* id, Call call);
+    static void Finished(void* context, const IO_STATUS_BLOCK& status);
+    bool IsOverlapped(Handle handle);
+
+    nt::Process process_;
+    std::shared_mutex handlesLock_;
+    std::set<Handle> overlapped_;  // handles whose requests do not wait by themselves
+    std::mutex pendingLock_;       // guards the two below
+    std::map<RequestId, std::shared_ptr<PendingRequest>> pending_;
+    RequestId nextId_ = 1;
+};
+
+}  // namespace host

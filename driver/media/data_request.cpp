@@ -1,0 +1,136 @@
+#include "media/data_request.h"
+
+#include "control/service_channel.h"
+#include "core/card_instance.h"
+#include "core/device_ext.h"
+#include "core/strings.h"
+#include "fsd/ccb.h"
+#include "fsd/fcb.h"
+#include "fsd/fcb_common.h"
+#include "fsd/irp_context.h"
+#include "fsd/name_tree.h"
+#include "media/frame_name.h"
+
+namespace {
+
+// The letter before the colon of the drive's link name.
+WCHAR DriveLetter(const CardInstance* Card) {
+    const UNICODE_STRING& link = Card->DriveLetterLinkName;
+    const ULONG chars = link.Length / sizeof(WCHAR);
+    return chars >= 2 ? link.Buffer[chars - 2] : WCHAR{0};
+}
+
+// A private copy of the media file's path: while the service is waited for, a rename may drop the cached one.
+NTSTATUS CopyMediaName(const DataRequest* Request, PUNICODE_STRING Name) {
+    VCB* vcb = Request->Common->Vcb;
+    ResourceGuard vcbLock;
+    vcbLock.Shared(&vcb->Resource);
+    const NTSTATUS status = VrkFsFCBCommonSetupFullName(vcb, Request->Fcb->Parent, Request->Common);
+    return NT_SUCCESS(status) ? VrkFsRtlCopyUnicodeString(Name, &Request->Common->FullName) : status;
+}
+
+ULONG LookUpServiceHandle(FCB* Fcb) {
+    ResourceGuard lock;
+    lock.Shared(Fcb->Resource);
+    return Fcb->ServiceHandle;
+}
+
+// Two transfers may both find the file unopened and both ask the service; the first answer stays.
+ULONG PublishServiceHandle(FCB* Fcb, ULONG Handle) {
+    ResourceGuard lock;
+    lock.Exclusive(Fcb->Resource);
+    if (Fcb->ServiceHandle == 0) {
+        Fcb->ServiceHandle = Handle;
+    }
+    return Fcb->ServiceHandle;
+}
+
+NTSTATUS OpenServiceHandle(const DataRequest* Request, PULONG Handle) {
+    *Handle = LookUpServiceHandle(Request->Fcb);
+    if (*Handle != 0) {
+        return STATUS_SUCCESS;
+    }
+    UNICODE_STRING name = {};
+    NTSTATUS status = CopyMediaName(Request, &name);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    ServiceChannel* channel = &Request->Ext->ServiceChannel;
+    ULONG opened = 0;
+    status = VrkFsSReqOpen(channel, DriveLetter(Request->Card), &name, &opened);
+    VrkFsRtlFreeUnicodeString(&name);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    *Handle = PublishServiceHandle(Request->Fcb, opened);
+    if (*Handle != opened) {
+        static_cast<void>(VrkFsSReqClose(channel, opened));
+    }
+    return STATUS_SUCCESS;
+}
+
+}  // namespace
+
+BOOLEAN VrkFsIsCommandPort(const DataRequest* Request) {
+    return (Request->Fcb->Flags & kFcbCommandPort) != 0;
+}
+
+BOOLEAN VrkFsIsMediaPath(const DataRequest* Request) {
+    return Request->Fcb->Level == kLevelFile && !VrkFsIsCommandPort(Request) &&
+           Request->Type->TypeCode == VRKFS_FILE_TYPE_BUILT_IN;
+}
+
+NTSTATUS VrkFsBeginDataRequest(IRPContext* Context, ULONG Length, LARGE_INTEGER Offset, DataRequest* Request) {
+    Request->Context = Context;
+    Request->FileObject = IoGetCurrentIrpStackLocation(Context->Irp)->FileObject;
+    if (Request->FileObject == nullptr) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    VCB* vcb = nullptr;
+    PVOID fcb = nullptr;
+    if (VrkFsGetRequestType(Request->FileObject, &vcb, &fcb, &Request->Ccb) != kVrkFsFileOpen) {
+        return STATUS_ACCESS_DENIED;
+    }
+    Request->Fcb = static_cast<FCB*>(fcb);
+    Request->Common = Request->Fcb->Common;
+    Request->Ext = VrkFsDiskExtOfDevice(Context->DeviceObject);
+    Request->Card = Request->Ext->Instance;
+    Request->Type = VrkFsFileTypeRow(Request->Fcb->TypeIndex);
+    Request->Length = Length;
+    Request->Offset = static_cast<ULONGLONG>(Offset.QuadPart);
+    Request->CommonLock.Exclusive(Request->Common->Resource);
+    const bool isDeleted = (Request->Common->Flags & kFcbCommonDeleted) != 0 && !VrkFsIsCommandPort(Request);
+    return Length != 0 && isDeleted ? STATUS_FILE_DELETED : STATUS_SUCCESS;
+}
+
+NTSTATUS VrkFsMapDataRequest(DataRequest* Request) {
+    Request->Buffer = static_cast<PUCHAR>(VrkFsIRPContextGetRequestBuffer(Request->Context));
+    return Request->Buffer != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+}
+
+VOID VrkFsFinishDataRequest(DataRequest* Request) {
+    Request->CommonLock.Release();
+    Request->FileObject->CurrentByteOffset.QuadPart = static_cast<LONGLONG>(Request->Offset + Request->Count);
+}
+
+VOID VrkFsLockCommandPort(DataRequest* Request, ResourceGuard* PortLock) {
+    Request->CommonLock.Release();
+    PortLock->Exclusive(Request->Fcb->Resource);
+}
+
+NTSTATUS VrkFsMoveThroughService(DataRequest* Request, ServiceDirection Direction) {
+    Request->CommonLock.Release();
+    ULONG handle = 0;
+    const NTSTATUS status = OpenServiceHandle(Request, &handle);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    ServiceChannel* channel = &Request->Ext->ServiceChannel;
+    const ULONG low = static_cast<ULONG>(Request->Offset);
+    const ULONG high = static_cast<ULONG>(Request->Offset >> 32);
+    return Direction == ServiceDirection::Read
+               ? VrkFsSReqRead(channel, handle, Request->Type->TypeCode, low, high, Request->Count,
+                               Request->Fcb->EntryIndex, Request->Buffer)
+               : VrkFsSReqWrite(channel, handle, Request->Type->TypeCode, low, high, Request->Count,
+                                Request->Fcb->EntryIndex, Request->Buffer);
+}

@@ -1,0 +1,133 @@
+// The way of a device-control request: by device, then by code. Posted codes come through twice: on the caller's
+// thread, where their handler checks and posts them, and on a worker's, where it does the work.
+#include "control/ioctl.h"
+#include "core/device_ext.h"
+#include "core/driver_entry.h"
+#include "core/global_data.h"
+#include "core/guards.h"
+#include "fsd/common.h"
+#include "fsd/irp_context.h"
+
+namespace {
+
+// A code whose work is still to be written accepts and refuses the same buffers as it will then.
+NTSTATUS VrkFsIoctlLaterCode(PIRP Irp) {
+    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
+    if (NT_SUCCESS(status)) {
+        status = VrkFsIoctlCheckContentLength(Irp);
+    }
+    return NT_SUCCESS(status) ? STATUS_NOT_IMPLEMENTED : status;
+}
+
+// The same for a posted code: a first pass that fails gives its context back itself.
+NTSTATUS VrkFsIoctlLaterPostedCode(IRPContext* Context) {
+    const NTSTATUS status = VrkFsIoctlLaterCode(Context->Irp);
+    if ((Context->Flags & kIrpContextPosted) == 0) {
+        VrkFsIRPContextFree(&pVrkFsGlobalData->IrpContextLookaside, Context);
+    }
+    return status;
+}
+
+// Either pass of a posted code.
+NTSTATUS VrkFsIoctlCallPosted(ULONG Code, IRPContext* Context) {
+    switch (Code) {
+        case IOCTL_VRKFS_REFERENCE_BODY_TABLE:
+        case IOCTL_VRKFS_DEREFERENCE_BODY_TABLE:
+        case IOCTL_VRKFS_CREATE_NEW_BODY_TABLE:
+        case IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE:
+        case IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE:
+        case IOCTL_VRKFS_MOVE_FILE_SEGMENTS:
+            return VrkFsIoctlLaterPostedCode(Context);
+        default:
+            return STATUS_UNSUCCESSFUL;
+    }
+}
+
+NTSTATUS VrkFsIoctlStartPosted(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    IRPContext* context = nullptr;
+    const NTSTATUS status =
+        VrkFsIRPContextAllocate(&pVrkFsGlobalData->IrpContextLookaside, &context, Irp, DeviceObject);
+    return NT_SUCCESS(status) ? VrkFsIoctlCallPosted(VrkFsIoctlCodeOf(Irp), context) : status;
+}
+
+}  // namespace
+
+extern "C" NTSTATUS NTAPI VrkFsDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    CriticalRegionGuard region;
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    Irp->IoStatus.Information = 0;
+    switch (VrkFsExtTypeOfDevice(DeviceObject)) {
+        case kExtTypeControl:
+            status = VrkFsGenericDeviceIOCTL(DeviceObject, Irp);
+            break;
+        case kExtTypeDisk:
+            status = VrkFsDiskDeviceIOCTL(DeviceObject, Irp);
+            break;
+        default:
+            break;
+    }
+    // A pending request belongs to whoever completes it, and may be gone by now.
+    if (status != STATUS_PENDING) {
+        Irp->IoStatus.Status = status;
+        IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    }
+    return status;
+}
+
+NTSTATUS VrkFsGenericDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    switch (VrkFsIoctlCodeOf(Irp)) {
+        case IOCTL_VRKFS_FORMAT_VOLUME:
+            return VrkFsIoctlFormatVolume(DeviceObject, Irp);
+        case IOCTL_VRKFS_QUERY_VOLUME_INFO:
+            return VrkFsIoctlQueryVolumeInfo(DeviceObject, Irp);
+        case IOCTL_VRKFS_GET_VOLUME_SPACE_INFO:
+            return VrkFsIoctlGetVolumeSpaceInfo(DeviceObject, Irp);
+
+        case IOCTL_VRKFS_REFERENCE_BODY_TABLE:
+        case IOCTL_VRKFS_DEREFERENCE_BODY_TABLE:
+        case IOCTL_VRKFS_CREATE_NEW_BODY_TABLE:
+        case IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE:
+        case IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE:
+        case IOCTL_VRKFS_MOVE_FILE_SEGMENTS:
+            return VrkFsIoctlStartPosted(DeviceObject, Irp);
+
+        case IOCTL_VRKFS_DISMOUNT_VOLUME:
+        case IOCTL_VRKFS_ALLOCATE_VIDEO_SPACE:
+        case IOCTL_VRKFS_UPDATE_VIDEO_FILE:
+        case IOCTL_VRKFS_GET_FILE_INFO:
+        case IOCTL_VRKFS_REGISTER_FILE_TYPES:
+        case IOCTL_VRKFS_UNREGISTER_FILE_TYPES:
+        case IOCTL_VRKFS_SEND_SERVICE_REQUEST:
+        case IOCTL_VRKFS_SEND_SERVICE_RESPONSE:
+        case IOCTL_VRKFS_GET_PREFERENCES:
+        case IOCTL_VRKFS_SET_PREFERENCES:
+        case IOCTL_VRKFS_GET_FILE_ENTRY:
+        case IOCTL_VRKFS_SET_APP_FILE_ENTRY_INFO:
+        case IOCTL_VRKFS_GET_FILE_LOCATION_INFO:
+        case IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_SUSPEND:
+        case IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_RESUME:
+        case IOCTL_VRKFS_GET_SCSI_PREFS:
+        case IOCTL_VRKFS_SET_SCSI_PREFS:
+        case IOCTL_VRKFS_SET_SDTI_TYPE:
+        case IOCTL_VRKFS_REGISTER_SDTI_FLAGS:
+        case IOCTL_VRKFS_LOCK_FILE_SYSTEM:
+        case IOCTL_VRKFS_UNLOCK_FILE_SYSTEM:
+            return VrkFsIoctlLaterCode(Irp);
+
+        default:
+            return STATUS_INVALID_DEVICE_REQUEST;
+    }
+}
+
+NTSTATUS VrkFsDiskDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    UNREFERENCED_PARAMETER(DeviceObject);
+    Irp->IoStatus.Information = 0;
+    return STATUS_INVALID_DEVICE_REQUEST;
+}
+
+NTSTATUS VrkFsCommonDeviceIOCTL(IRPContext* Context) {
+    const ULONG code = VrkFsIoctlCodeOf(Context->Irp);
+    const NTSTATUS status = VrkFsIoctlCallPosted(code, Context);
+    const bool moved = code == IOCTL_VRKFS_MOVE_FILE_SEGMENTS && NT_SUCCESS(status);
+    return VrkFsCompleteRequest(Context, status, moved ? sizeof(VrkFsSegmentMove) : 0);
+}

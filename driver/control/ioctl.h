@@ -1,0 +1,64 @@
+// Device-control requests: the private control codes of the control device, their dispatch and their handlers.
+#pragma once
+
+#include "nt.h"
+
+#include <vrkfs/control.h>
+
+struct CardInstance;
+struct FCB;
+struct IRPContext;
+
+// ---- Codes and lengths (control_codes.cpp) ----
+
+// What a code demands of its buffers before its handler changes anything.
+struct ControlCodeRule {
+    ULONG Code;
+    USHORT InLength;   // smallest input in bytes
+    USHORT OutLength;  // smallest output in bytes
+    BOOLEAN Posted;    // its work is done on a worker thread
+};
+
+// The rule of a code, or null for a code that does not exist.
+[[nodiscard]] const ControlCodeRule* VrkFsIoctlFindRule(ULONG Code);
+// STATUS_BUFFER_TOO_SMALL when the request's buffers are shorter than its code demands. Any code that has a rule.
+[[nodiscard]] NTSTATUS VrkFsIoctlCheckLengths(PIRP Irp);
+// The same for the two codes whose buffers must also be as long as the input says (a list of file types, a service
+// response). After VrkFsIoctlCheckLengths; the other codes pass.
+[[nodiscard]] NTSTATUS VrkFsIoctlCheckContentLength(PIRP Irp);
+
+// ---- Dispatch (dispatch.cpp); VrkFsDeviceIOCTL, the entry point, and VrkFsCommonDeviceIOCTL, the worker's pass of a
+// posted code, are declared with their kind ----
+
+[[nodiscard]] NTSTATUS VrkFsGenericDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// The file-system device accepts no code at all.
+[[nodiscard]] NTSTATUS VrkFsDiskDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+
+[[nodiscard]] inline ULONG VrkFsIoctlCodeOf(PIRP Irp) {
+    return IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceIoControl.IoControlCode;
+}
+template <typename Record>
+[[nodiscard]] inline Record* VrkFsIoctlSystemBuffer(PIRP Irp) {
+    return static_cast<Record*>(Irp->AssociatedIrp.SystemBuffer);
+}
+
+// ---- Handles (file_handle.cpp) ----
+
+// What a code takes: one or both.
+inline constexpr ULONG kIoctlWantFolder = 0x1;
+inline constexpr ULONG kIoctlWantFile = 0x2;
+
+// Resolves a handle of the calling process to an open folder or file of the card's drive. The look-up's failure as it
+// is; STATUS_UNSUCCESSFUL for an object of another kind, card or driver. On success *FileObject is referenced: the
+// caller dereferences it when it holds none of the driver's locks any more, since the last reference closes the file.
+// The caller holds the card's VCB resource, so the file is not cleaned up meanwhile.
+[[nodiscard]] NTSTATUS VrkFsIoctlReferenceFile(const CardInstance* Card, ULONG Handle, ULONG Wanted,
+                                               PFILE_OBJECT* FileObject, FCB** Fcb);
+
+// ---- Handlers: they set IoStatus.Information and leave status and completion to the dispatch ----
+
+// volume_codes.cpp
+[[nodiscard]] NTSTATUS VrkFsIoctlFormatVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlQueryVolumeInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// space_estimate.cpp
+[[nodiscard]] NTSTATUS VrkFsIoctlGetVolumeSpaceInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp);

@@ -1,0 +1,65 @@
+#include <algorithm>
+
+#include "control/ioctl.h"
+#include "core/card_instance.h"
+#include "core/device_ext.h"
+#include "core/guards.h"
+#include "fsd/irp_context.h"
+#include "volume/format.h"
+#include "volume/hw_volume.h"
+
+NTSTATUS VrkFsIoctlFormatVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    CardInstance* card = VrkFsCardOfDevice(DeviceObject);
+    VCB* vcb = &VrkFsDiskExtOfDevice(card->DiskDevice)->Vcb;
+    ResourceGuard lock;
+    lock.Exclusive(&vcb->Resource);
+    // A table that is still to be written back would be written over the new volume.
+    VrkFsBTFlushUnrefObjects(&card->BodyTableCache);
+
+    LONG result = VRKFS_RESULT_DONE;
+    status = VrkFsHwFormatVolume(&card->Hw, vcb, VrkFsIoctlSystemBuffer<const VrkFsVolumeInfoRecord>(Irp), &result);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    *VrkFsIoctlSystemBuffer<LONG>(Irp) = result;
+    Irp->IoStatus.Information = sizeof(result);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS VrkFsIoctlQueryVolumeInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    const NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    const ULONG outLength = IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceIoControl.OutputBufferLength;
+    const ULONG capacity = (outLength - offsetof(VrkFsVolumeList, Volumes)) / sizeof(VrkFsVolumeInfoRecord);
+    auto* list = VrkFsIoctlSystemBuffer<VrkFsVolumeList>(Irp);
+    VrkFsVolumeInfoRecord* records = list->Volumes;
+
+    CardInstance* card = VrkFsCardOfDevice(DeviceObject);
+    ResourceGuard lock;
+    lock.Shared(&VrkFsDiskExtOfDevice(card->DiskDevice)->Vcb.Resource);
+    ULONG count = 0;
+    ListIterator iterator;
+    PLIST_ENTRY entry;
+    VrkFsInitializeListIterator(&iterator, &card->Hw.Volumes);
+    while (VrkFsIterateList(&iterator, &entry)) {
+        const HwVolume* volume = CONTAINING_RECORD(entry, HwVolume, Link);
+        if (count < capacity) {
+            RtlCopyMemory(&records[count], volume, sizeof(VrkFsVolumeInfoRecord));
+        }
+        ++count;
+    }
+    lock.Release();
+
+    // The whole capacity goes back to the caller, who must not see what else the buffer held.
+    const ULONG filled = std::min<ULONG>(count, capacity);
+    RtlZeroMemory(records + filled, (capacity - filled) * sizeof(VrkFsVolumeInfoRecord));
+    list->Count = count;
+    Irp->IoStatus.Information = offsetof(VrkFsVolumeList, Volumes) + capacity * sizeof(VrkFsVolumeInfoRecord);
+    return STATUS_SUCCESS;
+}

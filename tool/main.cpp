@@ -1,0 +1,5 @@
+#include "tool/cli/commands.h"
+
+int main(int count, char** arguments) {
+    return tool::RunProgram(count, arguments);
+}

@@ -1,0 +1,244 @@
+#include <thread>
+
+#include "core/device_ext.h"
+#include "tests/driver/core_rig.h"
+
+namespace tests {
+namespace {
+
+using board::Misbehaviour;
+using board::Operation;
+using board::Wrong;
+
+constexpr LONGLONG kSecond = 10'000'000;
+
+class StartUp : public DriverRig {
+  protected:
+    // Links of other programs that occupy drive letters.
+    void TakeLetters(const std::string& letters) {
+        const std::u16string device = u"\\Device\\Elsewhere";
+        for (const char letter : letters) {
+            const std::u16string name = DriveLink(letter);
+            UNICODE_STRING link = Counted(name);
+            UNICODE_STRING target = Counted(device);
+            ASSERT_EQ(IoCreateSymbolicLink(&link, &target), STATUS_SUCCESS);
+        }
+        taken_ = letters;
+    }
+    void TearDown() override {
+        Unload();
+        for (const char letter : taken_) {
+            const std::u16string name = DriveLink(letter);
+            UNICODE_STRING link = Counted(name);
+            EXPECT_EQ(IoDeleteSymbolicLink(&link), STATUS_SUCCESS);
+        }
+        DriverRig::TearDown();
+    }
+    static std::u16string DriveLink(char letter) {
+        return u"\\DosDevices\\" + std::u16string(1, static_cast<char16_t>(letter)) + u":";
+    }
+    static bool CardNamesTaken(char digit) {
+        const std::u16string text(1, static_cast<char16_t>(digit));
+        const bool device = NameIsTaken(u"\\Device\\VrkFsDevice" + text);
+        EXPECT_EQ(NameIsTaken(u"\\Device\\VrkFsDiskDevice" + text), device);
+        EXPECT_EQ(NameIsTaken(u"\\DosDevices\\VrkFsDevice" + text), device);
+        return device;
+    }
+
+    std::string taken_;
+};
+
+TEST_F(StartUp, WithoutACardTheDriverDoesNotLoadAndSaysSoOnce) {
+    Boot();
+    EXPECT_EQ(Load(), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(Events(), std::vector<std::string>{"C0050001 Main driver connect failure"});
+    EXPECT_FALSE(CardNamesTaken('0'));
+}
+
+TEST_F(StartUp, CardsAfterAGapAreFoundInOrder) {
+    Boot();
+    Plug(2);
+    Plug(0, {1});
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    const auto cards = Cards();
+    ASSERT_EQ(cards.size(), 2u);
+    for (const auto& [card, index, letter] : {std::tuple{cards[0], 0u, 'P'}, std::tuple{cards[1], 2u, 'R'}}) {
+        EXPECT_EQ(card->CardIndex, index);
+        EXPECT_EQ(card->Hw.CardIndex, index);
+        EXPECT_EQ(card->Prefs.DriveLetter, letter);
+        EXPECT_EQ(VrkFsCardOfDevice(card->ControlDevice), card);
+        EXPECT_EQ(VrkFsCardOfDevice(card->DiskDevice), card);
+        EXPECT_TRUE(CardNamesTaken(static_cast<char>('0' + index)));
+        EXPECT_TRUE(NameIsTaken(DriveLink(letter)));
+    }
+    EXPECT_FALSE(CardNamesTaken('1'));
+    EXPECT_EQ(BoardOf(0).Count().Of(Operation::kDeviceQuery), 16u);
+    EXPECT_EQ(BoardOf(0).Count().Of(Operation::kRead), 1u);  // one disk, one volume entry
+    EXPECT_EQ(BoardOf(2).Count().Of(Operation::kRead), 0u);
+    Unload();
+    EXPECT_FALSE(CardNamesTaken('0'));
+    EXPECT_FALSE(NameIsTaken(DriveLink('P')));
+    ASSERT_EQ(Load(), STATUS_SUCCESS) << "again after an unload";
+}
+
+TEST_F(StartUp, TheDriveLetterIsTheFirstFreeOneFromTheConfiguredOn) {
+    const std::string all = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    const struct {
+        const char* what;
+        std::u16string configured;
+        std::string taken;
+        char used;  // 0: the card does not start
+    } cases[] = {
+        {"default", u"", "", 'P'},
+        {"configured", u"R", "", 'R'},
+        {"only the first character counts", u"K:", "", 'K'},
+        {"taken", u"P", "PQ", 'R'},
+        {"wraps behind Z", u"Z", "ZA", 'B'},
+        {"one letter left, just before the configured one", u"P", "ABCDEFGHIJKLMNPQRSTUVWXYZ", 'O'},
+        {"none left", u"P", all, 0},
+        {"a small letter", u"q", "", 'Q'},
+        {"a backslash", u"\\", "", 'P'},
+        {"a byte beyond every letter, all taken", u"\u00FF", all, 0},
+        {"a digit, default taken", u"7", "P", 'Q'},
+        {"only the low byte counts", u"\u0152", "", 'R'},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Boot();
+        Plug(0);
+        if (!c.configured.empty()) {
+            ASSERT_EQ(VrkFsRtlRegWriteStringW(kServiceKey, u"Parameters", u"DriveLetter0", c.configured.c_str()),
+                      STATUS_SUCCESS);
+        }
+        TakeLetters(c.taken);
+        const NTSTATUS status = Load();
+        if (c.used != 0) {
+            EXPECT_EQ(status, STATUS_SUCCESS);
+            EXPECT_EQ(Cards().at(0)->Prefs.DriveLetter, c.used);
+            EXPECT_TRUE(NameIsTaken(DriveLink(c.used)));
+        } else {
+            EXPECT_FALSE(NT_SUCCESS(status));
+            EXPECT_EQ(Events().at(0), "C0050001 Create disk device symb. link failed");
+        }
+        TearDown();
+        taken_.clear();
+        SetUp();
+    }
+}
+
+TEST_F(StartUp, ABoardThatFailsIsLoggedAndLeavesNothing) {
+    const struct {
+        Operation operation;
+        std::uint64_t skip;
+        const char* event;
+    } cases[] = {
+        {Operation::kInitFlex, 0, "C0050001 Main driver FLEX init. failure"},
+        {Operation::kInitBoard, 0, "C0050001 Main board init. failed"},
+        {Operation::kScan, 0, "C0050001 Main board SCSI scan failed"},
+        {Operation::kDeviceQuery, 9, "C0050001 SCSI device query failed [4]"},
+        {Operation::kRead, 0, "C0050001 SCSI volume info. read failed [4]"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.event);
+        Boot();
+        Misbehaviour rule;
+        rule.operation = c.operation;
+        rule.skip = c.skip;
+        rule.status = STATUS_IO_DEVICE_ERROR;
+        Plug(9, {3}).Misbehave().Add(rule);  // the last index: its status is the driver's
+        EXPECT_EQ(Load(), STATUS_IO_DEVICE_ERROR);
+        EXPECT_EQ(Events().at(1), c.event);
+        EXPECT_FALSE(CardNamesTaken('9'));
+        TearDown();
+        SetUp();
+    }
+}
+
+TEST_F(StartUp, ABoardThatDoesNotAnswerCostsItsCardOnlyAndMayAnswerLater) {
+    const struct {
+        Operation operation;
+        LONGLONG seconds;
+        const char* event;
+    } cases[] = {
+        {Operation::kInitFlex, 30, "C0050001 Main driver FLEX init. timeout"},
+        {Operation::kInitBoard, 30, "C0050001 Main board init. timed out"},
+        {Operation::kScan, 10, "C0050001 Main board SCSI scan timed out"},
+        {Operation::kDeviceQuery, 1, "C0050001 SCSI device query timed out [4]"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.event);
+        Boot(true);
+        Misbehaviour rule;
+        rule.what = Wrong::kHold;
+        rule.operation = c.operation;
+        rule.count = 1;
+        Plug(0, {1}).Misbehave().Add(rule);
+        Plug(1, {1});
+        NTSTATUS status = STATUS_UNSUCCESSFUL;
+        std::thread loader([&] { status = Load(); });
+        EXPECT_TRUE(nt::ClockAwaitTimedWaits(1));
+        nt::ClockAdvance(c.seconds * kSecond - 1);
+        EXPECT_EQ(nt::ClockTimedWaits(), 1u) << "gave up early";
+        nt::ClockAdvance(1);
+        loader.join();
+        EXPECT_EQ(status, STATUS_SUCCESS);
+        EXPECT_EQ(Cards().at(0)->CardIndex, 1u);
+        EXPECT_EQ(Events().at(0), c.event);
+        BoardOf(0).ReleaseHeld();  // long after its sender has gone
+        TearDown();
+        SetUp();
+    }
+}
+
+TEST_F(StartUp, ALateAnswerWithinTheLimitIsAnAnswer) {
+    Boot();
+    Misbehaviour rule;
+    rule.what = Wrong::kLate;
+    Plug(0, {1, 2}).Misbehave().Add(rule);
+    EXPECT_EQ(Load(), STATUS_SUCCESS);
+    EXPECT_EQ(Cards().at(0)->Hw.Devices[2].DeviceInfo.LastLba, kRigDiskBlocks - 1);
+}
+
+TEST_F(StartUp, OnlyUsableDisksAreRead) {
+    Boot();
+    board::Board& board = Plug(0, {0, 5, 7, 15});
+    board.OverrideDeviceState(5, 0xFE);
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    EXPECT_EQ(board.Count().Of(Operation::kRead), 2u);  // 0 and 15; never 7
+}
+
+TEST_F(StartUp, EveryFailureOfMemoryIsUndone) {
+    Boot();
+    Plug(0, {1});
+    Plug(1);
+    std::uint64_t points = 0;
+    for (std::uint64_t n = 1;; ++n) {
+        SCOPED_TRACE("failure at allocation " + std::to_string(n));
+        nt::FaultPlan plan;
+        plan.failAt = n;
+        nt::ArmFaults(plan);
+        const NTSTATUS status = Load();
+        const std::uint64_t fired = nt::FaultsFired();
+        nt::DisarmFaults();
+        EXPECT_TRUE(NT_SUCCESS(status) || status == STATUS_INSUFFICIENT_RESOURCES || status == STATUS_UNSUCCESSFUL);
+        Unload();
+        EXPECT_FALSE(CardNamesTaken('0') || CardNamesTaken('1'));
+        if (fired == 0 || HasFatalFailure()) {
+            break;
+        }
+        ++points;
+    }
+    EXPECT_GT(points, 20u);
+}
+
+TEST_F(StartUp, ShutdownIsAnsweredOnceAndNotUnregisteredAgain) {
+    Boot();
+    Plug(0);
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    EXPECT_EQ(ulInitFlags, kInitGlobalAllocated | kInitGlobalInitialized | kInitShutdownRegistered);
+    nt::SendShutdown();
+    EXPECT_EQ(ulInitFlags, kInitGlobalAllocated | kInitGlobalInitialized);
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,124 @@
+// The packets that VrkFsGlobLogEvent writes, and the message table that they are rendered with.
+#include "core/event_log.h"
+
+#include <cstring>
+#include <set>
+
+#include "tests/driver/core_rig.h"
+
+namespace tests {
+namespace {
+
+class EventLogTest : public DriverRig {
+  protected:
+    void SetUp() override {
+        DriverRig::SetUp();
+        Boot();
+        Plug(0);
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+        inside_ = std::make_unique<nt::DriverScope>(driver_);
+    }
+    void TearDown() override {
+        inside_.reset();
+        DriverRig::TearDown();
+    }
+    std::vector<nt::EventLogEntry> Entries() const { return nt::ReadEventLog(EventLog()).entries; }
+
+    std::unique_ptr<nt::DriverScope> inside_;
+};
+
+TEST_F(EventLogTest, PacketsAreAsLongAsWhatTheyCarry) {
+    UCHAR dump[40];
+    for (UCHAR& byte : dump) {
+        byte = static_cast<UCHAR>(&byte - dump + 1);
+    }
+    const PSTR none = nullptr;
+    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, none), STATUS_SUCCESS);
+    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventBodyTableRecovered, 0, dump, 40, none), STATUS_SUCCESS);
+    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventChecksumFailed, 0, dump, 40, "1", "", "a\xE9", none),
+              STATUS_SUCCESS);
+    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 4, none), STATUS_SUCCESS);
+
+    const std::vector<nt::EventLogEntry> entries = Entries();
+    ASSERT_EQ(entries.size(), 4u);
+    struct {
+        std::uint32_t id;
+        std::size_t size;
+        USHORT dumpSize;
+        USHORT stringOffset;
+        std::vector<std::u16string> strings;
+    } const wanted[] = {
+        {0xC0050003, 48, 0, 44, {}},
+        {0x4005000B, 88, 40, 84, {}},
+        {0xC0050008, 88 + 4 + 2 + 6, 40, 84, {u"1", u"", u"a\u00E9"}},
+        {0xC0050003, 52, 4, 48, {}},
+    };
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        const nt::EventLogEntry& entry = entries[index];
+        ASSERT_EQ(entry.packet.size(), wanted[index].size) << index;
+        IO_ERROR_LOG_PACKET packet;
+        std::memcpy(&packet, entry.packet.data(), sizeof(packet));
+        EXPECT_EQ(static_cast<std::uint32_t>(packet.ErrorCode), wanted[index].id);
+        EXPECT_EQ(packet.DumpDataSize, wanted[index].dumpSize);
+        EXPECT_EQ(packet.StringOffset, wanted[index].stringOffset);
+        EXPECT_EQ(packet.NumberOfStrings, wanted[index].strings.size());
+        EXPECT_EQ(entry.strings, wanted[index].strings);
+        EXPECT_EQ(packet.MajorFunctionCode | packet.RetryCount | packet.EventCategory, 0);
+        EXPECT_EQ(packet.UniqueErrorValue | packet.SequenceNumber | packet.IoControlCode, 0u);
+        EXPECT_EQ(packet.FinalStatus, 0);
+    }
+    EXPECT_EQ(entries[1].dumpData, std::vector<std::uint8_t>(dump, dump + 40));
+    EXPECT_EQ(entries[3].dumpData, std::vector<std::uint8_t>(4));  // room, but no data
+}
+
+TEST_F(EventLogTest, WhatDoesNotFitAnEntryIsDropped) {
+    const PSTR none = nullptr;
+    const std::string fits(51, 'x');  // 48 + 104 bytes
+    const std::string exceeds(52, 'x');
+    const std::string huge(100'000, 'x');
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, fits.c_str(), none), STATUS_SUCCESS);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, exceeds.c_str(), none), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, huge.c_str(), none), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 2, fits.c_str(), none), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0xFFFFFFF0, none), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Entries().size(), 1u);
+
+    nt::FaultPlan plan;
+    plan.kinds = nt::FaultBit(nt::FaultKind::kErrorLog);
+    plan.failAt = 1;
+    nt::ArmFaults(plan);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, none), STATUS_UNSUCCESSFUL);
+    nt::DisarmFaults();
+    EXPECT_EQ(Entries().size(), 1u);
+}
+
+TEST(Messages, EveryIdHasItsTextAndSeverity) {
+    struct {
+        std::uint32_t id;
+        const char* severity;
+        const char* text;
+    } const wanted[] = {
+        {0xC0050001, "error", "The following error occured during initialization: %2."},
+        {0xC0050002, "error", "Virtual File error: %2."},
+        {0xC0050003, "error", "File error: %2."},
+        {0xC0050004, "error",
+         "A timeout occurred waiting for a response from the service while doing the following request: %2."},
+        {0x80050005, "warning", "SCSI %2 failed. ID=%3 LBA=%4 Type=%5 Retries=%6."},
+        {0xC0050006, "error", "SCSI %2 failed. ID=%3 LBA=%4 Type=%5 Retries=%6."},
+        {0x80050007, "warning", "Checksum error. ID=%2 LBA=%3 Type=%4 Retries=%5."},
+        {0xC0050008, "error", "Checksum error. ID=%2 LBA=%3 Type=%4 Retries=%5."},
+        {0x80050009, "warning", "Write verify error. ID=%2 LBA=%3 Type=%4 Retries=%5."},
+        {0xC005000A, "error", "Write verify error. ID=%2 LBA=%3 Type=%4 Retries=%5."},
+        {0x4005000B, "information", "Body table recovered for RZV file."},
+    };
+    for (const auto& message : wanted) {
+        ASSERT_NE(VrkFsMessageText(message.id), nullptr) << std::hex << message.id;
+        EXPECT_STREQ(VrkFsMessageText(message.id), message.text);
+        EXPECT_STREQ(VrkFsMessageSeverity(message.id), message.severity);
+    }
+    EXPECT_EQ(VrkFsMessageText(0x80050006), nullptr);
+    EXPECT_EQ(VrkFsMessageText(0), nullptr);
+}
+
+}  // namespace
+}  // namespace tests

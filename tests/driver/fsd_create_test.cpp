@@ -1,0 +1,289 @@
+// What a create answers, and that a create that fails leaves nothing behind.
+#include "tests/driver/fsd_fixture.h"
+
+namespace tests {
+namespace {
+
+using host::Disposition;
+namespace option = host::option;
+
+class FsdCreate : public FsdTest {};
+
+struct CreateCase {
+    const char16_t* path;
+    std::uint32_t options;
+    Disposition disposition;
+    const char* status;
+    std::uint32_t action;
+};
+
+constexpr std::uint32_t kReadDelete = host::access::kReadData | host::access::kDelete;
+constexpr std::uint32_t kOpened = 1;
+constexpr std::uint32_t kCreated = 2;
+constexpr const char* kOk = "STATUS_SUCCESS";
+
+const CreateCase kCases[] = {
+    // the volume itself
+    {u"", 0, Disposition::kOpen, kOk, kOpened},
+    {u"", 0, Disposition::kOpenIf, kOk, kOpened},
+    {u"", 0, Disposition::kCreate, "STATUS_ACCESS_DENIED", 0},
+    {u"", option::kDirectoryFile, Disposition::kOpen, "STATUS_NOT_A_DIRECTORY", 0},
+    // the root folder
+    {u"\\", 0, Disposition::kOpen, kOk, kOpened},
+    {u"\\", option::kDirectoryFile, Disposition::kOpenIf, kOk, kOpened},
+    {u"\\", 0, Disposition::kOverwrite, "STATUS_ACCESS_DENIED", 0},
+    {u"\\", option::kNonDirectoryFile, Disposition::kOpen, "STATUS_FILE_IS_A_DIRECTORY", 0},
+    {u"\\", option::kDeleteOnClose, Disposition::kOpen, "STATUS_CANNOT_DELETE", 0},
+    // backslashes
+    {u"\\\\RZV", 0, Disposition::kOpen, kOk, kOpened},
+    {u"\\\\\\RZV", 0, Disposition::kOpen, "STATUS_OBJECT_NAME_INVALID", 0},
+    {u"\\RZV\\\\VolA", 0, Disposition::kOpen, "STATUS_OBJECT_NAME_INVALID", 0},
+    {u"\\RZV\\VolA\\", 0, Disposition::kOpen, kOk, kOpened},
+    // names that cannot be
+    {u"\\RZV\\VolA\\a?b", 0, Disposition::kOpen, "STATUS_OBJECT_NAME_INVALID", 0},
+    {u"\\RZV\\VolA\\a|b\\c", 0, Disposition::kOpen, "STATUS_OBJECT_NAME_INVALID", 0},
+    // folders
+    {u"\\rzv\\VOLA\\clips", 0, Disposition::kOpen, kOk, kOpened},
+    {u"\\RZV\\VolA\\Clips", option::kNonDirectoryFile, Disposition::kOpen, "STATUS_FILE_IS_A_DIRECTORY", 0},
+    {u"\\RZV\\VolA\\Clips", option::kDirectoryFile, Disposition::kCreate, "STATUS_OBJECT_NAME_COLLISION", 0},
+    {u"\\RZV\\VolA\\Made", option::kDirectoryFile, Disposition::kCreate, kOk, kCreated},
+    {u"\\RZV\\VolA\\Made2", option::kDirectoryFile, Disposition::kOpenIf, kOk, kCreated},
+    {u"\\RZV\\VolA\\None", option::kDirectoryFile, Disposition::kOpen, "STATUS_OBJECT_NAME_NOT_FOUND", 0},
+    {u"\\RZV\\Made", option::kDirectoryFile, Disposition::kCreate, "STATUS_ACCESS_DENIED", 0},
+    {u"\\Made", option::kDirectoryFile, Disposition::kCreate, "STATUS_ACCESS_DENIED", 0},
+    {u"\\RZV\\VolA\\Clips\\Made", option::kDirectoryFile, Disposition::kCreate, "STATUS_ACCESS_DENIED", 0},
+    // files
+    {u"\\RZV\\VolA\\CLIPS\\take1", 0, Disposition::kOpen, kOk, kOpened},
+    {u"\\XYZ\\VolA\\CLIPS\\take1", 0, Disposition::kOpenIf, kOk, kOpened},
+    {u"\\RZV\\VolA\\Clips\\Take1", option::kDirectoryFile, Disposition::kOpen, "STATUS_NOT_A_DIRECTORY", 0},
+    {u"\\RZV\\VolA\\Clips\\Take1", option::kDirectoryFile, Disposition::kCreate, "STATUS_OBJECT_NAME_COLLISION", 0},
+    {u"\\RZV\\VolA\\Clips\\Take1", 0, Disposition::kCreate, "STATUS_OBJECT_NAME_COLLISION", 0},
+    {u"\\RZV\\VolA\\Clips\\Take1", 0, Disposition::kOverwriteIf, "STATUS_OBJECT_NAME_COLLISION", 0},
+    {u"\\RZV\\VolA\\Clips\\New", 0, Disposition::kOpen, "STATUS_OBJECT_NAME_NOT_FOUND", 0},
+    {u"\\RZV\\VolA\\Clips\\New", 0, Disposition::kOverwrite, "STATUS_OBJECT_NAME_NOT_FOUND", 0},
+    {u"\\RZV\\VolA\\Clips\\New", 0, Disposition::kCreate, kOk, kCreated},
+    {u"\\XYZ\\VolA\\Clips\\New2", 0, Disposition::kSupersede, kOk, kCreated},
+    {u"\\RZV\\VolA\\Clips\\New3", 0, Disposition::kOverwriteIf, kOk, kCreated},
+    {u"\\RZV\\VolA\\New", 0, Disposition::kCreate, "STATUS_ACCESS_DENIED", 0},
+    {u"\\FRM\\VolA\\Clips\\New4", 0, Disposition::kCreate, "STATUS_ACCESS_DENIED", 0},
+    // below a file
+    {u"\\RZV\\VolA\\Clips\\Take1\\x", 0, Disposition::kOpen, "STATUS_OBJECT_PATH_NOT_FOUND", 0},
+    {u"\\FRM\\VolA\\Clips\\Take1", option::kNonDirectoryFile, Disposition::kOpen, "STATUS_FILE_IS_A_DIRECTORY", 0},
+    {u"\\FRM\\VolA\\Clips\\Take1", option::kDirectoryFile, Disposition::kOpen, kOk, kOpened},
+    {u"\\FRM\\VolA\\Clips\\Take1\\Note", 0, Disposition::kCreate, kOk, kCreated},
+    {u"\\FRM\\VolA\\Clips\\Take1\\note", 0, Disposition::kOpen, kOk, kOpened},
+    {u"\\FRM\\VolA\\Clips\\Take1\\note", 0, Disposition::kOverwriteIf, kOk, kOpened},
+    {u"\\FRM\\VolA\\Clips\\Take1\\Note\\x", 0, Disposition::kCreate, "STATUS_OBJECT_PATH_NOT_FOUND", 0},
+    {u"\\FRM\\VolA\\Clips\\Take1\\Note\\x\\y\\z", 0, Disposition::kOpen, "STATUS_OBJECT_PATH_NOT_FOUND", 0},
+    {u"\\FRM\\VolA\\Clips\\Take1\\Made", option::kDirectoryFile, Disposition::kCreate, "STATUS_ACCESS_DENIED", 0},
+    // ways that end
+    {u"\\RZV\\NoSuchVol\\Clips\\x", 0, Disposition::kOpen, "STATUS_OBJECT_PATH_NOT_FOUND", 0},
+    {u"\\RZV\\VolA\\Nowhere\\x", 0, Disposition::kCreate, "STATUS_OBJECT_PATH_NOT_FOUND", 0},
+    {u"\\Nothing\\VolA\\Clips\\x", 0, Disposition::kCreate, "STATUS_OBJECT_PATH_NOT_FOUND", 0},
+    {u"\\RZV\\NoSuchVol", 0, Disposition::kOpen, "STATUS_OBJECT_NAME_NOT_FOUND", 0},
+    // the command port, everywhere and nowhere else
+    {u"\\___Port0___", 0, Disposition::kOpen, kOk, kOpened},
+    {u"\\RZV\\___Port0___", 0, Disposition::kOpen, kOk, kOpened},
+    {u"\\RZV\\VolA\\___Port0___", 0, Disposition::kOverwrite, kOk, kOpened},
+    {u"\\RZV\\VolA\\Clips\\___port0___", 0, Disposition::kCreate, kOk, kOpened},
+    {u"\\FRM\\VolA\\Clips\\___PORT0___", 0, Disposition::kSupersede, kOk, kOpened},
+    {u"\\FRM\\VolA\\Clips\\Take1\\___Port0___", 0, Disposition::kOpenIf, kOk, kOpened},
+    {u"\\RZV\\VolA\\___Port0___", option::kDirectoryFile, Disposition::kCreate, "STATUS_OBJECT_NAME_COLLISION", 0},
+    {u"\\RZV\\VolA\\___Port0___", option::kDirectoryFile, Disposition::kOpen, "STATUS_OBJECT_NAME_NOT_FOUND", 0},
+    {u"\\RZV\\VolA\\___Port0___\\x", 0, Disposition::kOpen, "STATUS_OBJECT_PATH_NOT_FOUND", 0},
+};
+
+TEST_F(FsdCreate, AnswersEachNameAndDisposition) {
+    for (const CreateCase& test : kCases) {
+        const std::u16string path = test.path;
+        SCOPED_TRACE(std::string(path.begin(), path.end()) + " options " + std::to_string(test.options) +
+                     " disposition " + std::to_string(static_cast<int>(test.disposition)));
+        const host::OpenResult opened = Open(path, test.disposition, kReadDelete, test.options);
+        EXPECT_EQ(host::StatusName(opened.status), test.status);
+        if (opened.status.Ok()) {
+            EXPECT_EQ(opened.action, test.action);
+            EXPECT_TRUE(User().Close(opened.handle).Ok());
+        }
+        ExpectIdle("after the case");
+    }
+    RestartWithTypes();
+    for (const char16_t* path : {u"\\RZV\\VolA\\Clips\\New", u"\\RZV\\VolA\\Clips\\New2", u"\\RZV\\VolA\\Made"}) {
+        EXPECT_EQ(TryOpen(path), kOk);
+    }
+    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Made"), "STATUS_OBJECT_NAME_NOT_FOUND");
+}
+
+TEST_F(FsdCreate, NamesOf255CharactersAreLookedUpAndLongerOnesAreInvalid) {
+    const std::u16string folder = u"\\RZV\\VolA\\Clips\\";
+    const struct {
+        std::u16string name;
+        Disposition disposition;
+        const char* status;
+    } cases[] = {
+        {std::u16string(255, u'n'), Disposition::kOpen, "STATUS_OBJECT_NAME_NOT_FOUND"},
+        {std::u16string(255, u'n'), Disposition::kCreate, kOk},
+        {std::u16string(255, u'N'), Disposition::kOpen, kOk},
+        {std::u16string(256, u'n'), Disposition::kOpen, "STATUS_OBJECT_NAME_INVALID"},
+        {std::u16string(256, u'n'), Disposition::kCreate, "STATUS_OBJECT_NAME_INVALID"},
+        // The disk would end the name at the NUL, and there is a Take1.
+        {std::u16string(u"Take1\0tail", 10), Disposition::kCreate, "STATUS_OBJECT_NAME_INVALID"},
+    };
+    for (const auto& test : cases) {
+        const host::OpenResult opened = Open(folder + test.name, test.disposition);
+        const host::ScopedHandle handle(User(), opened.handle);
+        EXPECT_EQ(host::StatusName(opened.status), test.status) << test.name.size() << " characters";
+    }
+    ExpectIdle("at the end");
+}
+
+TEST_F(FsdCreate, OpensRelativeToAHandle) {
+    const host::ScopedHandle volume = Hold(u"");
+    const host::ScopedHandle folder = Hold(u"\\RZV\\VolA\\Clips");
+    const host::ScopedHandle file = Hold(u"\\RZV\\VolA\\Clips\\Take1");
+    const host::ScopedHandle media = Hold(u"\\FRM\\VolA\\Clips\\Take1");
+    const struct {
+        host::Handle root;
+        const char16_t* path;
+        const char* status;
+    } cases[] = {
+        {volume.Get(), u"", kOk},
+        {volume.Get(), u"RZV", "STATUS_OBJECT_PATH_NOT_FOUND"},
+        {folder.Get(), u"", kOk},
+        {folder.Get(), u"take1", kOk},
+        {folder.Get(), u"take1\\", kOk},
+        {folder.Get(), u"None", "STATUS_OBJECT_NAME_NOT_FOUND"},
+        {folder.Get(), u"a\\b", "STATUS_OBJECT_PATH_NOT_FOUND"},
+        {file.Get(), u"", kOk},
+        {file.Get(), u"x", "STATUS_OBJECT_PATH_NOT_FOUND"},
+        {media.Get(), u"x", "STATUS_OBJECT_NAME_NOT_FOUND"},
+    };
+    for (const auto& test : cases) {
+        host::OpenRequest request;
+        request.path = test.path;
+        request.root = test.root;
+        const host::OpenResult opened = User().Create(request);
+        const host::ScopedHandle handle(User(), opened.handle);
+        const std::u16string path = test.path;
+        EXPECT_EQ(host::StatusName(opened.status), test.status) << std::string(path.begin(), path.end());
+    }
+}
+
+TEST_F(FsdCreate, NamesThatAreOpenShareOneRecordUnderTheirFirstSpelling) {
+    const host::ScopedHandle first = Hold(u"\\rzv\\vola\\clips\\TAKE1");
+    const host::ScopedHandle second = Hold(u"\\RZV\\VolA\\Clips\\take1");
+    const FCB* fcb = Find({u"RZV", u"VolA", u"Clips", u"Take1"});
+    ASSERT_NE(fcb, nullptr);
+    EXPECT_EQ(fcb->ReferenceCount, 2u);
+    EXPECT_EQ(fcb->HandleCount, 2u);
+    EXPECT_EQ(Vcb()->FileOpenCount, 2u);
+    // An open name takes only the two dispositions that open.
+    for (const Disposition disposition :
+         {Disposition::kSupersede, Disposition::kCreate, Disposition::kOverwrite, Disposition::kOverwriteIf}) {
+        EXPECT_EQ(host::StatusName(Open(u"\\RZV\\VolA\\Clips\\Take1", disposition).status),
+                  "STATUS_OBJECT_NAME_COLLISION");
+    }
+    EXPECT_EQ(fcb->ReferenceCount, 2u);
+}
+
+TEST_F(FsdCreate, NothingOpensWhileTheFileSystemIsLocked) {
+    FILE_OBJECT holder{};  // stands for a control handle, only compared
+    ASSERT_EQ(Locked([&] { return VrkFsVCBLockVolume(Vcb(), &holder); }), STATUS_SUCCESS);
+    for (const char16_t* path : {u"", u"\\", u"\\RZV\\VolA\\Clips\\Take1", u"\\___Port0___"}) {
+        EXPECT_EQ(TryOpen(path), "STATUS_ACCESS_DENIED");
+    }
+    ASSERT_EQ(Locked([&] { return VrkFsVCBUnlockVolume(Vcb()); }), STATUS_SUCCESS);
+    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take1"), kOk);
+}
+
+// ---- Failed creates ----
+
+struct FailingCreate {
+    const char* what;
+    const char16_t* path;
+    Disposition disposition;
+    std::uint32_t options;
+    bool makesSomething;
+};
+
+const FailingCreate kFailing[] = {
+    {"open of a file", u"\\RZV\\VolA\\Clips\\Take1", Disposition::kOpen, 0, false},
+    {"open of a file below a media folder", u"\\FRM\\VolA\\Clips\\Take1\\None", Disposition::kOpen, 0, false},
+    {"open of the volume", u"", Disposition::kOpen, 0, false},
+    {"open of the root", u"\\", Disposition::kOpen, 0, false},
+    {"a new folder", u"\\RZV\\VolA\\Made", Disposition::kCreate, option::kDirectoryFile, true},
+    {"a new file", u"\\RZV\\VolA\\Clips\\Made", Disposition::kCreate, 0, true},
+    {"an existing file created", u"\\RZV\\VolA\\Clips\\Take1", Disposition::kCreate, 0, false},
+    {"an existing folder created", u"\\RZV\\VolA\\Clips", Disposition::kCreate, option::kDirectoryFile, false},
+    {"a new RAM file", u"\\FRM\\VolA\\Clips\\Take1\\Made", Disposition::kCreate, 0, true},
+    {"the command port", u"\\RZV\\VolA\\Clips\\___Port0___", Disposition::kOpenIf, 0, false},
+};
+
+TEST_F(FsdCreate, AFailedAllocationLeavesNothingBehind) {
+    for (const FailingCreate& test : kFailing) {
+        const ULONGLONG freeBefore = FreeBlocks();
+        std::uint64_t points = 0;
+        for (std::uint64_t n = 1;; ++n) {
+            SCOPED_TRACE(std::string(test.what) + ", allocation " + std::to_string(n));
+            nt::FaultPlan plan;
+            plan.failAt = n;
+            plan.driver = pVrkFsGlobalData->DriverObject;
+            nt::ArmFaults(plan);
+            const host::OpenResult opened = Open(test.path, test.disposition, kReadDelete, test.options);
+            const bool fired = nt::FaultsFired() != 0;
+            nt::DisarmFaults();
+            if (opened.status.Ok()) {  // it can do without that memory, or there was no n-th allocation
+                const host::ScopedHandle handle(User(), opened.handle);
+                if (test.makesSomething) {
+                    EXPECT_EQ(opened.action, kCreated);
+                    EXPECT_TRUE(host::SetDeleteOnCleanup(User(), handle.Get(), true).Ok());
+                }
+            }
+            ExpectIdle("after the attempt");
+            EXPECT_EQ(FreeBlocks(), freeBefore);
+            if (test.makesSomething) {
+                EXPECT_EQ(TryOpen(test.path), "STATUS_OBJECT_NAME_NOT_FOUND");
+            }
+            if (!fired) {
+                break;
+            }
+            ++points;
+        }
+        EXPECT_GT(points, 0u) << test.what;
+    }
+    // Not one of them has become a real file of the port's name, nor a second file of a name that was there.
+    std::vector<host::DirectoryEntry> entries;
+    const host::ScopedHandle folder = Hold(u"\\RZV\\VolA\\Clips");
+    ASSERT_TRUE(host::ListDirectory(User(), folder.Get(), entries).Ok());
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].name, u"Take1");
+}
+
+TEST_F(FsdCreate, AFailedDiskWriteLeavesNothingBehind) {
+    const struct {
+        const char16_t* path;
+        std::uint32_t options;
+    } cases[] = {{u"\\RZV\\VolA\\Made", option::kDirectoryFile}, {u"\\RZV\\VolA\\Clips\\Made", 0}};
+    for (const auto& test : cases) {
+        for (std::uint64_t skip = 0;; ++skip) {
+            const ULONGLONG freeBefore = FreeBlocks();
+            board::Misbehaviour rule;
+            rule.operation = board::Operation::kWrite;
+            rule.skip = skip;
+            Board().Misbehave().Add(rule);
+            const host::OpenResult opened = Open(test.path, Disposition::kCreate, kReadWrite, test.options);
+            Board().Misbehave().Clear();
+            if (opened.status.Ok()) {
+                EXPECT_TRUE(User().Close(opened.handle).Ok());
+                EXPECT_GT(skip, 0u);
+                break;
+            }
+            ExpectIdle("after the failed write");
+            EXPECT_EQ(TryOpen(test.path), "STATUS_OBJECT_NAME_NOT_FOUND");
+            EXPECT_LE(freeBefore - FreeBlocks(),
+                      2u);  // a record that the disk may name stays taken until the next mount
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tests

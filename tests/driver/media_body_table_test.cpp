@@ -1,0 +1,223 @@
+// Shared body tables: when they are written back, who is dropped from the cache, and that a table never reaches blocks
+// that are no longer its file's. Objects are made by hand here, with real sections.
+
+#include "core/guards.h"
+#include "core/strings.h"
+#include "fsd/ccb.h"
+#include "media/body_table_cache.h"
+#include "media/handle_context.h"
+#include "nt/kernel.h"
+#include "tests/driver/media_rig.h"
+
+namespace tests {
+namespace {
+
+constexpr LONGLONG kSecond = 10000000;
+
+class MediaBodyTables : public MediaTest {
+  protected:
+    void SetUp() override {
+        host::MachineOptions options;
+        options.manualClock = true;
+        StartVolume(1, options);
+        clip_.frames = 4;
+        clip_.videoFields = {1, 2, 3, 4, 5, 6, 7, 8};
+        PutClip(u"a.RZV", clip_);
+        entry_ = RawFile(u"a.RZV");
+    }
+
+    CardInstance* Card() { return CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link); }
+    BodyTableCache* Cache() { return &Card()->BodyTableCache; }
+
+    // An object over the clip's table, on the referenced list, as if an application were using it.
+    BodyTableObject* Attach(const std::u16string& name) {
+        const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
+        auto* object = static_cast<BodyTableObject*>(ExAllocateFromPagedLookasideList(&Cache()->Objects));
+        *object = {};
+        const UNICODE_STRING counted = Counted(name);
+        EXPECT_EQ(VrkFsRtlCopyUnicodeString(&object->Name, &counted), STATUS_SUCCESS);
+        object->CardInstance = Card();
+        object->Volume = Volume();
+        object->Frames = clip_.frames;
+        object->VideoLba = entry_.VideoBodyTableLba;
+        object->VideoBytes = entry_.VideoBodyTableBlockCount * 512;
+        object->VideoSectionBytes = clip_.frames * 24;
+        object->Cache = Cache();
+        MapSection(object);
+        object->Flags |= kBodyTableName;
+        object->FlushDeadline = nt::ClockNow() + kBodyTableFlushDelay;
+        MutexGuard lock(&Cache()->Mutex);
+        InsertHeadList(&Cache()->Referenced, &object->Link);
+        ++Cache()->ReferencedCount;
+        return object;
+    }
+    static UNICODE_STRING Counted(const std::u16string& text) {
+        UNICODE_STRING string;
+        string.Buffer = const_cast<PWSTR>(text.c_str());
+        string.Length = static_cast<USHORT>(text.size() * 2);
+        string.MaximumLength = static_cast<USHORT>(string.Length + 2);
+        return string;
+    }
+    // What an application writes: every field's first count becomes `first`.
+    static void Scribble(BodyTableObject* object, USHORT first) {
+        auto* nodes = static_cast<PlacedBodyTableNode*>(object->VideoView);
+        for (ULONG k = 0; k < object->Frames * 2; ++k) {
+            nodes[k].Node = {first, 0};
+        }
+    }
+    // The first count in the table on the disk.
+    int OnDisk() {
+        const Bytes table = RawBlocks(0, entry_.VideoBodyTableLba, 1);
+        std::uint16_t first;
+        std::memcpy(&first, table.data(), 2);
+        return first;
+    }
+    // Lets the clock run in small steps, the flush thread keeping up.
+    void Pass(int seconds) {
+        for (int i = 0; i < seconds; ++i) {
+            ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
+            nt::ClockAdvance(kSecond);
+        }
+        ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
+    }
+
+    ClipSpec clip_;
+    FileEntry entry_{};
+
+  private:
+    static void MapSection(BodyTableObject* object) {
+        OBJECT_ATTRIBUTES attributes;
+        InitializeObjectAttributes(&attributes, nullptr, 0, nullptr, nullptr);
+        LARGE_INTEGER size;
+        size.QuadPart = object->VideoSectionBytes;
+        ASSERT_EQ(ZwCreateSection(&object->VideoSection, SECTION_ALL_ACCESS, &attributes, &size, PAGE_READWRITE,
+                                  SEC_COMMIT, nullptr),
+                  STATUS_SUCCESS);
+        SIZE_T bytes = 0;
+        ASSERT_EQ(ZwMapViewOfSection(object->VideoSection, NtCurrentProcess(), &object->VideoView, 0, 0, nullptr,
+                                     &bytes, ViewShare, 0, PAGE_READWRITE),
+                  STATUS_SUCCESS);
+        object->Flags |= kBodyTableVideoSection | kBodyTableVideoView;
+    }
+};
+
+TEST_F(MediaBodyTables, TheThreadWritesWhatIsDue) {
+    BodyTableObject* object = Attach(u"\\RZV\\VOL\\F\\a.RZV");
+    Scribble(object, 77);
+    Pass(14);
+    EXPECT_NE(OnDisk(), 77) << "nobody wrote through a write reference";
+    {
+        MutexGuard lock(&Cache()->Mutex);
+        object->WriteReferences = 1;
+        object->Flags |= kBodyTableWritten;
+        object->FlushDeadline = nt::ClockNow() + kBodyTableFlushDelay;
+    }
+    Pass(9);
+    EXPECT_NE(OnDisk(), 77);
+    Pass(4);
+    EXPECT_EQ(OnDisk(), 77);
+    // And again for as long as the reference lasts; not while it is held off.
+    VrkFsBTRequestFlushSuspend(Cache());
+    VrkFsBTRequestFlushSuspend(Cache());
+    Scribble(object, 78);
+    Pass(14);
+    EXPECT_EQ(OnDisk(), 77);
+    const std::u16string otherName = u"\\RZV\\VOL\\F\\b.RZV";
+    const UNICODE_STRING other = Counted(otherName);
+    VrkFsBTFlushObjectByName(Cache(), &other);
+    EXPECT_EQ(OnDisk(), 77);
+    const std::u16string lowerName = u"\\rzv\\vol\\f\\A.rzv";
+    const UNICODE_STRING name = Counted(lowerName);
+    VrkFsBTFlushObjectByName(Cache(), &name);
+    EXPECT_EQ(OnDisk(), 78) << "a flush by name does not wait";
+    Scribble(object, 79);
+    VrkFsBTRequestFlushResume(Cache(), 5);
+    EXPECT_EQ(Cache()->SuspendCount, 0u);
+    Pass(14);
+    EXPECT_EQ(OnDisk(), 79);
+    VrkFsBTDereferenceObject(Cache(), object);
+    EXPECT_EQ(Cache()->UnreferencedCount, 1u);
+}
+
+TEST_F(MediaBodyTables, TheOldestOfThirtyThreeGoesAndIsWrittenBack) {
+    BodyTableObject* oldest = Attach(u"\\RZV\\VOL\\F\\0");
+    Scribble(oldest, 50);
+    VrkFsBTDereferenceObject(Cache(), oldest);
+    for (int i = 1; i <= 31; ++i) {
+        BodyTableObject* object = Attach(u"\\RZV\\VOL\\F\\" + std::u16string(1, static_cast<char16_t>(u'0' + i)));
+        Scribble(object, 60);
+        VrkFsBTDereferenceObject(Cache(), object);
+    }
+    EXPECT_EQ(Cache()->UnreferencedCount, 32u);
+    EXPECT_NE(OnDisk(), 50);
+    VrkFsBTDereferenceObject(Cache(), Attach(u"\\RZV\\VOL\\F\\last"));
+    EXPECT_EQ(Cache()->UnreferencedCount, 32u);
+    EXPECT_EQ(OnDisk(), 50);
+    VrkFsBTFlushUnrefObjects(Cache());
+    EXPECT_EQ(Cache()->UnreferencedCount, 0u);
+}
+
+TEST_F(MediaBodyTables, ATableDoesNotOutliveItsBlocks) {
+    BodyTableObject* object = Attach(u"\\RZV\\VOL\\F\\a.RZV");
+    Scribble(object, 55);
+    ClipSpec fresh = clip_;
+    fresh.seed = 2;
+    {
+        const host::ScopedHandle handle = OpenClip(u"a.RZV");
+        const Bytes image = BuildImage(fresh, true);
+        ASSERT_TRUE(WriteAt(handle, image, 0, image.size()).status.Ok());
+    }
+    // What lay in the old table's blocks is the business of whoever gets them now.
+    const Bytes before = RawBlocks(0, entry_.VideoBodyTableLba, 1);
+    const std::u16string clipName = u"\\RZV\\VOL\\F\\a.RZV";
+    const UNICODE_STRING name = Counted(clipName);
+    VrkFsBTFlushObjectByName(Cache(), &name);
+    VrkFsBTDereferenceObject(Cache(), object);
+    EXPECT_EQ(Cache()->UnreferencedCount, 0u);
+    EXPECT_TRUE(RawBlocks(0, entry_.VideoBodyTableLba, 1) == before);
+    ExpectImage(u"a.RZV", fresh);
+}
+
+TEST_F(MediaBodyTables, AReadSeesWhatApplicationsWroteToTheTable) {
+    BodyTableObject* object = Attach(u"\\RZV\\VOL\\F\\a.RZV");
+    auto* nodes = static_cast<PlacedBodyTableNode*>(object->VideoView);
+    for (ULONG k = 0; k < 8; ++k) {
+        nodes[k].Node = {static_cast<USHORT>(k), 1};
+    }
+    // The request comes from another process than the one that owns the view.
+    const host::ScopedHandle handle = OpenClip(u"a.RZV");
+    const Bytes table = ReadRange(handle, 344, 32);
+    std::uint16_t halves[16];
+    std::memcpy(halves, table.data(), 32);
+    EXPECT_EQ(halves[14], 7);
+    EXPECT_EQ(halves[15], 1);
+    VrkFsBTDereferenceObject(Cache(), object);
+}
+
+TEST_F(MediaBodyTables, AControlHandleGivesItsSuspensionsBack) {
+    FILE_OBJECT fileObject{};
+    const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
+    ASSERT_EQ(VrkFsHCAllocateContext(&fileObject), STATUS_SUCCESS);
+    HandleContext* context = VrkFsHCGetContext(&fileObject);
+    for (int i = 0; i < 3; ++i) {
+        VrkFsHCBodyTableFlushSuspend(context);
+        VrkFsBTRequestFlushSuspend(Cache());
+    }
+    VrkFsBTRequestFlushSuspend(Cache());  // another handle's
+    VrkFsHCBodyTableFlushResume(context);
+    VrkFsBTRequestFlushResume(Cache(), 1);
+    VrkFsHCBodyTableFlushSync(context, Cache());
+    EXPECT_EQ(Cache()->SuspendCount, 1u);
+    VrkFsHCBodyTableFlushResume(context);  // none left to give
+    VrkFsHCBodyTableFlushSync(context, Cache());
+    EXPECT_EQ(Cache()->SuspendCount, 1u);
+    context->Signature = kCcbType;  // not ours: left alone
+    EXPECT_EQ(VrkFsHCGetContext(&fileObject), nullptr);
+    context->Signature = kHandleContextSignature;
+    VrkFsHCFreeContext(&fileObject);
+    EXPECT_EQ(fileObject.FsContext2, nullptr);
+    VrkFsHCFreeContext(&fileObject);
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,365 @@
+// Images that contradict themselves, and commits that something goes wrong in: nothing is taken, nothing changes, and
+// the same file can be written properly afterwards. A clip that is written again survives whatever happens to the new
+// one.
+#include <algorithm>
+#include <functional>
+
+#include "media/media_file.h"
+#include "nt/kernel.h"
+#include "tests/driver/media_rig.h"
+
+namespace tests {
+namespace {
+
+class MediaHostile : public MediaTest {
+  protected:
+    // Everything that a refused commit must leave alone.
+    struct State {
+        std::uint64_t freeBlocks;
+        FileEntry onDisk;
+        std::uint64_t size;
+    };
+    State StateOf(const host::ScopedHandle& handle, const std::u16string& name) {
+        host::FileFacts facts;
+        EXPECT_TRUE(host::QueryFacts(User(), handle.Get(), facts).Ok());
+        return {FreeBlocks(), RawFile(name), facts.size};
+    }
+    void ExpectSame(const State& before, const State& after) {
+        EXPECT_EQ(after.freeBlocks, before.freeBlocks);
+        EXPECT_EQ(std::memcmp(&after.onDisk, &before.onDisk, sizeof(FileEntry)), 0) << "the record on the disk";
+        EXPECT_EQ(after.size, before.size);
+    }
+    void ExpectStillWritable(const host::ScopedHandle& handle, const ClipSpec& clip) {
+        const Bytes image = BuildImage(clip, true);
+        const host::IoResult result = WriteAt(handle, image, 0, image.size());
+        EXPECT_EQ(host::StatusName(result.status), "STATUS_SUCCESS");
+        EXPECT_TRUE(ReadRange(handle, 0, image.size()) == BuildImage(clip, false));
+    }
+    static void Poke(Bytes& image, std::size_t offset, std::uint64_t value, std::size_t size) {
+        if (image.size() < offset + size) {
+            image.resize(offset + size);
+        }
+        std::memcpy(image.data() + offset, &value, size);
+    }
+};
+
+TEST_F(MediaHostile, ImagesThatContradictThemselvesAreRefused) {
+    StartVolume(2);
+    std::mt19937 random(1);
+    const ClipSpec plain = RandomClip(random, 3, false, false, 2, 5);
+    const ClipSpec alpha = RandomClip(random, 3, true, false, 2, 5);
+    struct {
+        const char* what;
+        bool withAlpha;
+        std::size_t offset;
+        std::uint64_t value;
+        std::size_t size;
+    } const cases[] = {
+        {"magic", false, 0, 0x31565A52, 4},
+        {"chunk count 0", false, 8, 0, 4},
+        {"chunk count 5", false, 8, 5, 4},
+        {"chunk count 7 without alpha", false, 8, 7, 4},
+        {"chunk count 4 with alpha", true, 8, 4, 4},
+        {"chunk count beyond all", false, 8, 0xFFFFFFFF, 4},
+        {"header of 0 bytes", false, 12, 0, 4},
+        {"header of 16 bytes", false, 12, 16, 4},
+        {"header without a table", false, 12, 344, 4},
+        {"header one short", false, 12, 344 + 511, 4},
+        {"header one block long", false, 12, 344 + 1024, 4},
+        {"header of 4 GiB", false, 12, 0xFFFFFFF8, 4},
+        {"header at the driver's limit", false, 12, kMediaMaxHeaderBytes + 344, 4},
+        {"application chunk type", false, 24, 2, 4},
+        {"application chunk size", false, 16, 271, 8},
+        {"application chunk size, high half", false, 20, 1, 4},
+        {"video parameters type", false, 296, 1, 4},
+        {"video parameters size", false, 288, 39, 8},
+        {"video parameters stream", false, 300, 1, 4},
+        {"video parameters marked alpha", false, 324, 6, 4},
+        {"rate 30 without its flag", false, 324, 0, 4},
+        {"height", false, 306, 480, 2},
+        {"SDTI type 2", false, 316, 2, 4},
+        {"frames that the table does not hold", false, 320, 65, 4},
+        {"frames whose entries wrap", false, 320, 0x20000003, 4},
+        {"frames beyond all", false, 320, 0xFFFFFFFF, 4},
+        {"table chunk size 0", false, 328, 0, 8},
+        {"table chunk size 15", false, 328, 15, 8},
+        {"table chunk size, high half", false, 332, 1, 4},
+        {"table chunk beyond the header", false, 328, 1024 + 16, 8},
+        {"table chunk size wraps", false, 328, ~std::uint64_t{0}, 8},
+        {"table chunk type", false, 336, 3, 4},
+        {"field of 65536 sectors", false, 344, 0x80008000, 4},
+        {"field of 131070 sectors", false, 344 + 8, 0xFFFFFFFF, 4},
+        {"alpha parameters not marked", true, 364, 4, 4},
+        {"alpha parameters stream", true, 340, 0, 4},
+        {"alpha frame count", true, 360, 2, 4},
+        {"alpha table chunk size", true, 384 + 512, 511 + 16, 8},
+        {"alpha table chunk stream", true, 384 + 512 + 12, 0, 4},
+        {"alpha field of 65536 sectors", true, 400 + 512 + 20, 0xFFFF0001, 4},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        const ClipSpec& clip = test.withAlpha ? alpha : plain;
+        const std::u16string name = u"bad.RZV";
+        {
+            const host::ScopedHandle handle = OpenClip(name, host::Disposition::kCreate);
+            const State before = StateOf(handle, name);
+            Bytes image = BuildImage(clip, true);
+            // The rate of the specimen must be 30 for its flag to matter.
+            Poke(image, 314, 30, 2);
+            Poke(image, 324, 4, 4);
+            Poke(image, test.offset, test.value, test.size);
+            const host::IoResult result = WriteAt(handle, image, 0, image.size());
+            EXPECT_EQ(host::StatusName(result.status), "STATUS_FILE_INVALID");
+            EXPECT_EQ(result.information, 0u);
+            ExpectSame(before, StateOf(handle, name));
+            ExpectStillWritable(handle, clip);
+        }
+        const host::ScopedHandle handle = OpenClip(name);
+        ASSERT_TRUE(host::SetDeleteOnCleanup(User(), handle.Get(), true).Ok());
+    }
+}
+
+TEST_F(MediaHostile, AnAlphaStreamWithoutFramesIsNotKept) {
+    StartVolume(2);
+    std::mt19937 random(4);
+    ClipSpec clip = RandomClip(random, 3, true, true, 2, 5);
+    Bytes image = BuildImage(clip, true);
+    Poke(image, 360, 0, 4);                 // alpha frames
+    Poke(image, 400 + 512, 0xFFFFFFFF, 4);  // its table is not looked at
+    {
+        const host::ScopedHandle handle = OpenClip(u"a.RZV", host::Disposition::kCreate);
+        const std::uint64_t before = FreeBlocks();
+        ASSERT_TRUE(WriteAt(handle, image, 0, HeaderBytes(clip) + 16).status.Ok());
+        std::uint32_t sums[2] = {};
+        for (std::uint32_t field = 0; field < clip.videoFields.size(); ++field) {
+            sums[field % 2] += clip.videoFields[field];
+        }
+        EXPECT_EQ(FreeBlocks(), before - std::max(sums[0], sums[1]) - 1);
+        // The fields are all video: nothing is interleaved.
+        clip.alpha = clip.interleaved = false;
+        const Bytes plain = BuildImage(clip, true);
+        const Bytes data(plain.begin() + static_cast<std::ptrdiff_t>(HeaderBytes(clip)) + 16, plain.end());
+        const host::IoResult result = User().Write(handle.Get(), data, 2 * 512 + 400 + 16);
+        EXPECT_EQ(host::StatusName(result.status), "STATUS_SUCCESS");
+    }
+    const FileEntry entry = RawFile(u"a.RZV");
+    EXPECT_EQ(entry.Flags & kFileHasAlpha, 0u);
+    EXPECT_EQ(entry.AlphaDataStartLba + entry.AlphaDataBlockCount + entry.AlphaBodyTableLba, 0u);
+    ExpectFieldsOnDisk(clip, 0, entry.DataStartLba, entry.DataBlockCount);
+}
+
+TEST_F(MediaHostile, AFullVolumeGivesEverythingBack) {
+    StartVolume(1);
+    ClipSpec filler;
+    filler.frames = 1;
+    const std::uint32_t space = static_cast<std::uint32_t>(FreeBlocks());
+    filler.videoFields = {space / 2, 0};
+    PutClip(u"filler.RZV", filler);
+    const std::uint32_t left = static_cast<std::uint32_t>(FreeBlocks());
+    struct {
+        const char* what;
+        std::uint32_t video, alpha;
+        bool withAlpha;
+    } const cases[] = {
+        {"video", left, 0, false},
+        {"table", left - 2, 0, false},  // the record of the new file takes 2
+        {"alpha", left / 2, left / 2 + 1, true},
+        {"more than any disk", 60000, 60000, true},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        ClipSpec clip;
+        clip.frames = 1;
+        clip.alpha = test.withAlpha;
+        clip.videoFields = {test.video, 0};
+        clip.alphaFields = {test.alpha, 0};
+        if (!test.withAlpha) {
+            clip.alphaFields.clear();
+        }
+        ImageWriter header;
+        const Bytes whole =
+            BuildImage({.frames = 1, .alpha = clip.alpha, .videoFields = {0, 0}, .alphaFields = {0, 0}}, true);
+        header.Append(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(HeaderBytes(clip))));
+        const std::size_t table = clip.alpha ? 384 : 344;
+        Poke(header.bytes, table, test.video, 2);
+        if (clip.alpha) {
+            Poke(header.bytes, table + 512 + 16, test.alpha, 2);
+        }
+        const host::ScopedHandle handle = OpenClip(u"new.RZV", host::Disposition::kOpenIf);
+        const State before = StateOf(handle, u"new.RZV");
+        const host::IoResult result = WriteAt(handle, header.bytes, 0, header.bytes.size());
+        EXPECT_EQ(host::StatusName(result.status), "STATUS_DISK_FULL");
+        ExpectSame(before, StateOf(handle, u"new.RZV"));
+    }
+    ClipSpec fits;
+    fits.frames = 2;
+    fits.videoFields = {1, 2, 3, 4};
+    const host::ScopedHandle handle = OpenClip(u"new.RZV");
+    ExpectStillWritable(handle, fits);
+}
+
+// A clip is written over an old one, and the board fails in one place after the other.
+TEST_F(MediaHostile, AFailedSecondCommitLeavesTheOldClip) {
+    StartVolume(2);
+    std::mt19937 random(13);
+    const ClipSpec old = RandomClip(random, 5, true, false, 2, 5);
+    const ClipSpec fresh = RandomClip(random, 9, true, false, 2, 5);
+    PutClip(u"a.RZV", old);
+    const Bytes image = BuildImage(fresh, true);
+    const DirEntry folder = RawRecord<DirEntry>(kLastLba - 4607);
+    const std::uint32_t recordLba = folder.FileTable[0];
+    Board().ResetCounters();
+    struct {
+        const char* what;
+        board::Wrong wrong;
+        std::uint64_t skip, count;
+        bool tablesOnly;
+    } const cases[] = {
+        {"first table", board::Wrong::kFail, 0, 100, true},
+        {"second table", board::Wrong::kFail, 1, 100, true},
+        {"record, once", board::Wrong::kFail, 0, 1, false},
+        {"record, for ever", board::Wrong::kFail, 0, 1000, false},
+        {"record, torn and reported", board::Wrong::kTearFail, 0, 1, false},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        const host::ScopedHandle handle = OpenClip(u"a.RZV");
+        const State before = StateOf(handle, u"a.RZV");
+        board::Misbehaviour rule;
+        rule.what = test.wrong;
+        rule.operation = board::Operation::kWrite;
+        rule.skip = test.skip;
+        rule.count = test.count;
+        rule.blocks = 1;
+        if (!test.tablesOnly) {
+            rule.firstLba = rule.lastLba = recordLba;
+        }
+        CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link)->ScsiPrefs = {0, 0};
+        Board().Misbehave().Add(rule);
+        const host::IoResult result = WriteAt(handle, image, 0, HeaderBytes(fresh));
+        Board().Misbehave().Clear();
+        EXPECT_FALSE(result.status.Ok());
+        ExpectSame(before, StateOf(handle, u"a.RZV"));
+        EXPECT_TRUE(ReadRange(handle, 0, BuildImage(old, false).size()) == BuildImage(old, false));
+    }
+    const std::uint64_t before = FreeBlocks();
+    {
+        const host::ScopedHandle handle = OpenClip(u"a.RZV");
+        ExpectStillWritable(handle, fresh);
+    }
+    ExpectImage(u"a.RZV", fresh);
+    // The old clip's space is free again, and a mount agrees with what is left.
+    const auto taken = [](const ClipSpec& clip) {
+        std::uint64_t blocks = 2 * TableBytes(clip.frames) / 512;
+        for (const auto* fields : {&clip.videoFields, &clip.alphaFields}) {
+            std::uint32_t sums[2] = {};
+            for (std::uint32_t field = 0; field < fields->size(); ++field) {
+                sums[field % 2] += (*fields)[field];
+            }
+            blocks += std::max(sums[0], sums[1]);
+        }
+        return blocks;
+    };
+    EXPECT_EQ(FreeBlocks(), before + taken(old) - taken(fresh));
+    const std::uint64_t freeNow = FreeBlocks();
+    Restart();
+    EXPECT_EQ(FreeBlocks(), freeNow);
+    ExpectImage(u"a.RZV", fresh);
+}
+
+// The power goes at each write of a second recording: after the next mount the clip is the old one, whole, or the new
+// one as far as it was written; and the clip beside it is untouched.
+TEST_F(MediaHostile, PowerGoesWhileAClipIsWrittenAgain) {
+    std::mt19937 random(17);
+    const ClipSpec old = RandomClip(random, 4, true, false, 2, 4);
+    const ClipSpec fresh = RandomClip(random, 4, true, false, 2, 4);
+    const ClipSpec beside = RandomClip(random, 4, false, false, 2, 4);
+    const Bytes image = BuildImage(fresh, true);
+    std::uint32_t sawOld = 0;
+    std::uint32_t sawNew = 0;
+    bool done = false;
+    for (std::uint64_t cut = 1; !done; ++cut) {
+        SCOPED_TRACE(cut);
+        Stop();
+        std::filesystem::remove_all(StationPath());
+        StartVolume(2);
+        PutClip(u"a.RZV", old);
+        PutClip(u"b.RZV", beside);
+        Board().CutPowerAtWrite(cut, 0, board::AfterPowerLoss::kSilent);
+        {
+            const host::ScopedHandle handle = OpenClip(u"a.RZV");
+            static_cast<void>(WriteAt(handle, image, 0, image.size()));
+            ClipSpec other = beside;
+            other.seed = 99;
+            const host::OpenResult third = Open(u"\\RZV\\VOL\\F\\c.RZV", host::Disposition::kCreate,
+                                                host::access::kReadData | host::access::kWriteData);
+            const host::ScopedHandle created(User(), third.handle);
+            const Bytes bytes = BuildImage(other, true);
+            if (third.status.Ok()) {
+                static_cast<void>(WriteAt(created, bytes, 0, bytes.size()));
+            }
+        }
+        done = !Board().PowerIsCut();
+        Restart();
+        ExpectImage(u"b.RZV", beside);
+        const FileEntry entry = RawFile(u"a.RZV");
+        const host::ScopedHandle handle = OpenClip(u"a.RZV");
+        const Bytes oldImage = BuildImage(old, false);
+        const Bytes newImage = BuildImage(fresh, false);
+        if (VrkFsHwCalcFileChecksum(&entry) != entry.Checksum) {
+            continue;  // the record itself was torn: nothing is known of the clip
+        }
+        if (std::memcmp(entry.ApplicationInfo, oldImage.data() + 32, 256) == 0) {
+            EXPECT_TRUE(ReadRange(handle, 0, oldImage.size()) == oldImage);
+            ++sawOld;
+        } else {
+            EXPECT_TRUE(ReadRange(handle, 0, HeaderBytes(fresh)) ==
+                        Bytes(newImage.begin(), newImage.begin() + static_cast<std::ptrdiff_t>(HeaderBytes(fresh))));
+            ++sawNew;
+        }
+    }
+    EXPECT_GE(sawOld, 2u);
+    EXPECT_GE(sawNew, 2u);
+}
+
+TEST_F(MediaHostile, NoMemoryAtAnyPointOfACommit) {
+    StartVolume(2);
+    std::mt19937 random(19);
+    const ClipSpec old = RandomClip(random, 4, true, false, 2, 4);
+    const ClipSpec fresh = RandomClip(random, 6, true, false, 2, 4);
+    PutClip(u"a.RZV", old);
+    const Bytes image = BuildImage(fresh, true);
+    std::uint64_t fired = 1;
+    std::uint64_t refused = 0;
+    for (std::uint64_t point = 1; fired != 0 && point < 200; ++point) {
+        SCOPED_TRACE(point);
+        bool written = false;
+        {
+            const host::ScopedHandle handle = OpenClip(u"a.RZV");
+            const State before = StateOf(handle, u"a.RZV");
+            nt::FaultPlan plan;
+            plan.failAt = point;
+            nt::ArmFaults(plan);
+            const host::IoResult result = WriteAt(handle, image, 0, HeaderBytes(fresh));
+            fired = nt::FaultsFired();
+            nt::DisarmFaults();
+            written = result.status.Ok();
+            if (!written) {
+                EXPECT_EQ(host::StatusName(result.status), "STATUS_INSUFFICIENT_RESOURCES");
+                ExpectSame(before, StateOf(handle, u"a.RZV"));
+                EXPECT_TRUE(ReadRange(handle, 0, BuildImage(old, false).size()) == BuildImage(old, false));
+                ++refused;
+            }
+        }
+        if (written) {  // for the next round
+            const host::ScopedHandle handle = OpenClip(u"a.RZV");
+            const Bytes again = BuildImage(old, true);
+            ASSERT_TRUE(WriteAt(handle, again, 0, again.size()).status.Ok());
+        }
+    }
+    EXPECT_EQ(fired, 0u) << "every point was run";
+    EXPECT_GE(refused, 2u);
+}
+
+}  // namespace
+}  // namespace tests

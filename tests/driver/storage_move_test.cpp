@@ -1,0 +1,116 @@
+#include <cstring>
+
+#include "tests/driver/core_rig.h"
+
+namespace tests {
+namespace {
+
+using board::Misbehaviour;
+using board::Operation;
+
+constexpr ULONG kId = 1;
+constexpr ULONG kAreaBlocks = 4096;
+
+class BlockMove : public DriverRig {
+  protected:
+    void SetUp() override {
+        DriverRig::SetUp();
+        Boot();
+        Plug(0, {kId});
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+    }
+    HwContext* Hw() { return &Cards().at(0)->Hw; }
+    // Every block of the area names itself.
+    void Fill() {
+        std::vector<ULONG> area(kAreaBlocks * 128);
+        for (ULONG i = 0; i < area.size(); ++i) {
+            area[i] = i / 128;
+        }
+        ASSERT_EQ(VrkFsHwSCSIWrite(Hw(), kId, 0, kAreaBlocks, area.data(), 0), STATUS_SUCCESS);
+        BoardOf(0).ResetCounters();
+    }
+    // Which block's content lies at each place.
+    std::vector<ULONG> Contents() {
+        std::vector<ULONG> area(kAreaBlocks * 128);
+        EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 0, kAreaBlocks, area.data(), 0), STATUS_SUCCESS);
+        std::vector<ULONG> blocks(kAreaBlocks);
+        for (ULONG i = 0; i < kAreaBlocks; ++i) {
+            blocks[i] = area[i * 128];
+            EXPECT_EQ(area[i * 128 + 127], blocks[i]);
+        }
+        return blocks;
+    }
+    static std::vector<ULONG> Moved(ULONG source, ULONG count, ULONG destination) {
+        std::vector<ULONG> blocks(kAreaBlocks);
+        for (ULONG i = 0; i < kAreaBlocks; ++i) {
+            blocks[i] = i - destination < count ? source + (i - destination) : i;
+        }
+        return blocks;
+    }
+};
+
+TEST_F(BlockMove, OverlappingRangesArriveWhole) {
+    const struct {
+        ULONG source, count, destination;
+        std::uint64_t chunks;
+    } cases[] = {{1000, 600, 1100, 3}, {1100, 600, 1000, 3}, {1000, 257, 1001, 2}, {1001, 256, 1000, 1},
+                 {0, 1, 4095, 1},      {3000, 512, 0, 2},    {1000, 0, 1000, 0},   {1000, 600, 1000, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.source << " + " << c.count << " to " << c.destination);
+        Fill();
+        EXPECT_EQ(VrkFsHwMoveBlocks(Hw(), kId, c.source, c.count, c.destination, nullptr, 1, 1, nullptr),
+                  STATUS_SUCCESS);
+        const board::Counters counted = BoardOf(0).Count();
+        for (const Operation operation :
+             {Operation::kAcquire, Operation::kRead, Operation::kWrite, Operation::kRelease}) {
+            EXPECT_EQ(counted.Of(operation), c.chunks);
+        }
+        EXPECT_EQ(Contents(), c.chunks == 0 ? Moved(0, 0, 0) : Moved(c.source, c.count, c.destination));
+    }
+}
+
+TEST_F(BlockMove, GoesFromTheEndWhereTheDestinationIsHigher) {
+    const struct {
+        ULONG source, destination;
+        ULONG firstSource, firstDestination;  // of the one chunk that is moved before the board fails
+    } cases[] = {{1000, 1100, 1344, 1444}, {1100, 1000, 1100, 1000}};
+    for (const auto& c : cases) {
+        for (const Operation failing : {Operation::kRead, Operation::kWrite, Operation::kAcquire}) {
+            Fill();
+            Misbehaviour rule;
+            rule.operation = failing;
+            rule.skip = 1;
+            BoardOf(0).Misbehave().Add(rule);
+            ULONGLONG progress = 10;
+            ULONG shown = 99;
+            EXPECT_EQ(VrkFsHwMoveBlocks(Hw(), kId, c.source, 600, c.destination, &progress, 3, 2, &shown),
+                      STATUS_IO_DEVICE_ERROR);
+            BoardOf(0).Misbehave().Clear();
+            EXPECT_EQ(progress, 10u + 256 * 3);
+            EXPECT_EQ(shown, (10u + 256 * 3) / 2);
+            EXPECT_EQ(Contents(), Moved(c.firstSource, 256, c.firstDestination));
+            // The path was given back: it can be claimed without waiting.
+            EXPECT_EQ(VrkFsHwAcquireSCSI(Hw()), STATUS_SUCCESS);
+            EXPECT_EQ(VrkFsHwReleaseSCSI(Hw()), STATUS_SUCCESS);
+        }
+    }
+}
+
+TEST_F(BlockMove, RefusesWhatWouldWrapAndSurvivesADivisorOfZero) {
+    const struct {
+        ULONG source, count, destination;
+    } cases[] = {{1, 0, 2}, {0xFFFFFF00, 0x101, 0}, {0, 0x101, 0xFFFFFF00}, {1, 0xFFFFFFFF, 3}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(VrkFsHwMoveBlocks(Hw(), kId, c.source, c.count, c.destination, nullptr, 1, 1, nullptr),
+                  STATUS_UNSUCCESSFUL);
+    }
+    BoardOf(0).ResetCounters();
+    ULONGLONG progress = 0;
+    ULONG shown = 99;
+    EXPECT_EQ(VrkFsHwMoveBlocks(Hw(), kId, 10, 4, 20, &progress, 0xFFFFFFFF, 0, &shown), STATUS_SUCCESS);
+    EXPECT_EQ(progress, 4ull * 0xFFFFFFFF);
+    EXPECT_EQ(shown, 99u);
+}
+
+}  // namespace
+}  // namespace tests

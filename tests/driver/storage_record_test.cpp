@@ -1,0 +1,276 @@
+#include <cstring>
+#include <numeric>
+
+#include "tests/driver/core_rig.h"
+#include "volume/records.h"
+
+namespace tests {
+namespace {
+
+using board::Misbehaviour;
+using board::Operation;
+using board::Wrong;
+
+constexpr ULONG kId = 3;
+constexpr ULONG kLba = 2048;
+
+// A loaded driver with one card and one empty disk; the test speaks to the card's link.
+class Storage : public DriverRig {
+  protected:
+    void SetUp() override {
+        DriverRig::SetUp();
+        Boot();
+        Plug(0, {kId});
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+        Reset(4, 1);
+    }
+    // A board that behaves, no events, nothing counted.
+    void Reset(ULONG retries, ULONG verify) {
+        BoardOf(0).Misbehave().Clear();
+        BoardOf(0).ResetCounters();
+        Card().ScsiPrefs = {retries, verify};
+        Hw()->ErrorsLogged = 0;
+        ForgetEvents();
+    }
+    CardInstance& Card() { return *Cards().at(0); }
+    HwContext* Hw() { return &Card().Hw; }
+    std::uint64_t Reads() { return BoardOf(0).Count().Of(Operation::kRead); }
+    std::uint64_t Writes() { return BoardOf(0).Count().Of(Operation::kWrite); }
+    // At this record: skip so many fitting requests, then go wrong for so many.
+    void GoWrong(Operation operation, Wrong what, std::uint64_t count, std::uint64_t skip = 0) {
+        Misbehaviour rule;
+        rule.what = what;
+        rule.operation = operation;
+        rule.scsiId = kId;
+        rule.skip = skip;
+        rule.count = count;
+        BoardOf(0).Misbehave().Add(rule);
+    }
+    static FileEntry GoodFile() {
+        FileEntry entry{};
+        entry.Magic = kFileEntryMagic;
+        entry.FrameCount = 7;
+        entry.Name[0] = 'F';
+        entry.Checksum = VrkFsHwCalcFileChecksum(&entry);
+        return entry;
+    }
+    template <typename Record>
+    static std::u16string NameOf(const Record& record) {
+        return std::u16string(record.Name, VrkFsRtlBoundedLength(record.Name, kRecordNameChars));
+    }
+    static ULONG VrkFsRtlBoundedLength(const WCHAR* text, ULONG most) {
+        return static_cast<ULONG>(std::find(text, text + most, u'\0') - text);
+    }
+};
+
+constexpr std::uint64_t kAlways = ~std::uint64_t{0};
+
+TEST_F(Storage, RecordReadsRepeatTestReportAndSubstitute) {
+    const struct {
+        const char* what;
+        ULONG retries;
+        std::uint64_t boardErrors;  // so many reads fail first ...
+        std::uint64_t badContents;  // ... and then so many deliver flipped bits
+        std::uint64_t attempts;
+        const char* event;  // null: none
+        bool substituted;
+    } cases[] = {
+        {"good at once", 4, 0, 0, 1, nullptr, false},
+        {"second attempt", 4, 1, 0, 2, "80050005 read 3 2048 FileEntry 0", false},
+        {"last attempt", 4, 4, 0, 5, "80050005 read 3 2048 FileEntry 3", false},
+        {"never", 4, kAlways, 0, 5, "C0050006 read 3 2048 FileEntry 4", true},
+        {"no retries", 0, kAlways, 0, 1, "C0050006 read 3 2048 FileEntry 0", true},
+        {"checksum once", 4, 0, 1, 2, "80050007 3 2048 FileEntry 0 [40]", false},
+        {"checksum always", 4, 0, kAlways, 5, "C0050008 3 2048 FileEntry 4 [40]", true},
+        {"one board error outweighs checksum errors", 4, 1, kAlways, 5, "C0050006 read 3 2048 FileEntry 4", true},
+        {"a limit without reason", 0xFFFFFFFF, kAlways, 0, kMaxRetriesUsed + 1, "C0050006 read 3 2048 FileEntry 100",
+         true},
+    };
+    const FileEntry good = GoodFile();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Reset(c.retries, 0);
+        FileEntry entry = good;
+        ASSERT_EQ(VrkFsHwSCSIWrite(Hw(), kId, kLba, 2, &entry, 0), STATUS_SUCCESS);
+        if (c.boardErrors != 0) {
+            GoWrong(Operation::kRead, Wrong::kFail, c.boardErrors);
+        }
+        GoWrong(Operation::kRead, Wrong::kFlipBits, c.badContents, c.boardErrors == kAlways ? 0 : c.boardErrors);
+        BOOLEAN substituted = 0xCC;
+        std::memset(&entry, 0xCC, sizeof(entry));
+        EXPECT_EQ(VrkFsHwSCSIReadEx(Hw(), kId, kLba, 2, &entry, 0, kHwRecordFileEntry, FALSE, &substituted),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(Reads(), c.attempts);
+        EXPECT_EQ(Events(), c.event != nullptr ? std::vector<std::string>{c.event} : std::vector<std::string>{});
+        EXPECT_EQ(substituted, c.substituted ? TRUE : FALSE);
+        if (c.substituted) {
+            EXPECT_EQ(NameOf(entry), u"BAD_FILE_2048");
+            EXPECT_EQ(entry.Magic, kFileEntryMagic);
+            EXPECT_EQ(entry.DataBlockCount + entry.DataStartLba + entry.FrameCount, 0u);
+        } else {
+            EXPECT_EQ(std::memcmp(&entry, &good, sizeof(entry)), 0);
+        }
+    }
+}
+
+TEST_F(Storage, EachKindOfRecordHasItsSubstitute) {
+    std::vector<UCHAR> buffer(sizeof(DirEntry));
+    const struct {
+        ULONG type, blocks, magic;
+        const char* name;
+    } cases[] = {{kHwRecordVolumeEntry, 2, 0, "VolumeEntry"},
+                 {kHwRecordDirEntry, 18, kDirEntryMagic, "DirEntry"},
+                 {kHwRecordFileEntry, 2, kFileEntryMagic, "FileEntry"},
+                 {kHwRecordBodyTable, 1, 0, "BodyTable"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Reset(0, 0);
+        GoWrong(Operation::kRead, Wrong::kFail, kAlways);
+        std::fill(buffer.begin(), buffer.end(), UCHAR{0xCC});
+        BOOLEAN substituted = FALSE;
+        EXPECT_EQ(VrkFsHwSCSIReadEx(Hw(), kId, 16000, c.blocks, buffer.data(), 0, c.type, TRUE, &substituted),
+                  STATUS_SUCCESS);
+        EXPECT_TRUE(substituted);
+        ULONG magic = 1;
+        std::memcpy(&magic, buffer.data(), sizeof(magic));
+        EXPECT_EQ(magic, c.magic);
+        EXPECT_EQ(Events(), std::vector<std::string>{"C0050006 read 3 16000 " + std::string(c.name) + " 0"});
+        if (c.type == kHwRecordDirEntry) {
+            const auto* folder = reinterpret_cast<const DirEntry*>(buffer.data());
+            EXPECT_EQ(folder->InUse, 1u);
+            EXPECT_EQ(folder->FileCount, 0u);
+            EXPECT_EQ(NameOf(*folder), u"BAD_DIR_16000");
+        } else if (c.magic == 0) {
+            EXPECT_EQ(std::accumulate(buffer.begin(), buffer.begin() + c.blocks * 512, 0u), 0u);
+        }
+    }
+}
+
+TEST_F(Storage, AnEmptySlotPassesOnlyWhereAsked) {
+    std::vector<UCHAR> buffer(sizeof(DirEntry));
+    for (const BOOLEAN allowEmpty : {TRUE, FALSE}) {
+        Reset(2, 0);
+        BOOLEAN substituted = 0xCC;
+        EXPECT_EQ(VrkFsHwSCSIReadEx(Hw(), kId, 9000, 18, buffer.data(), 0, kHwRecordDirEntry, allowEmpty, &substituted),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(substituted, !allowEmpty);
+        EXPECT_EQ(Reads(), allowEmpty ? 1u : 3u);
+    }
+}
+
+TEST_F(Storage, RecordWritesAreReadBackAndRepeated) {
+    const struct {
+        const char* what;
+        ULONG retries, verify;
+        std::uint64_t failedWrites, flippedWrites, failedReads;
+        std::uint64_t writes, reads;
+        NTSTATUS status;
+        const char* event;
+    } cases[] = {
+        {"without read-back", 4, 0, 0, 0, 0, 1, 0, STATUS_SUCCESS, nullptr},
+        {"without read-back there is no retry", 4, 0, kAlways, 0, 0, 1, 0, STATUS_IO_DEVICE_ERROR, nullptr},
+        {"with read-back", 4, 1, 0, 0, 0, 1, 1, STATUS_SUCCESS, nullptr},
+        {"write fails once", 4, 1, 1, 0, 0, 2, 1, STATUS_SUCCESS, "80050005 write 3 2048 FileEntry 0"},
+        {"write fails always", 4, 1, kAlways, 0, 0, 5, 0, STATUS_IO_DEVICE_ERROR, "C0050006 write 3 2048 FileEntry 4"},
+        {"differs twice", 4, 7, 0, 2, 0, 3, 3, STATUS_SUCCESS, "80050009 3 2048 FileEntry 1 [40]"},
+        {"differs always", 2, 1, 0, kAlways, 0, 3, 3, STATUS_UNSUCCESSFUL, "C005000A 3 2048 FileEntry 2 [40]"},
+        {"read-back fails", 1, 1, 0, 0, kAlways, 2, 2, STATUS_UNSUCCESSFUL, "C005000A 3 2048 FileEntry 1 [40]"},
+        {"one board error outweighs", 2, 1, 1, kAlways, 0, 3, 2, STATUS_UNSUCCESSFUL,
+         "C0050006 write 3 2048 FileEntry 2"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Reset(c.retries, c.verify);
+        if (c.failedWrites != 0) {
+            GoWrong(Operation::kWrite, Wrong::kFail, c.failedWrites);
+        }
+        GoWrong(Operation::kWrite, Wrong::kFlipBits, c.flippedWrites, c.failedWrites == kAlways ? 0 : c.failedWrites);
+        GoWrong(Operation::kRead, Wrong::kFail, c.failedReads);
+        FileEntry entry = GoodFile();
+        EXPECT_EQ(VrkFsHwSCSIWriteEx(Hw(), kId, kLba, 2, &entry, 0, kHwRecordFileEntry), c.status);
+        EXPECT_EQ(Writes(), c.writes);
+        EXPECT_EQ(Reads(), c.reads);
+        EXPECT_EQ(Events(), c.event != nullptr ? std::vector<std::string>{c.event} : std::vector<std::string>{});
+    }
+}
+
+TEST_F(Storage, LongRecordsAreReadBackIntoMemoryOfTheirOwn) {
+    for (const ULONG blocks : {256u, 257u, 300u}) {
+        SCOPED_TRACE(blocks);
+        Reset(1, 1);
+        std::vector<UCHAR> data(blocks * 512, 0x5A);
+        EXPECT_EQ(VrkFsHwSCSIWriteEx(Hw(), kId, kLba, blocks, data.data(), 0, kHwRecordBodyTable), STATUS_SUCCESS);
+        EXPECT_EQ(Reads(), 1u);
+        std::vector<UCHAR> read(data.size());
+        EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, kLba, blocks, read.data(), 0), STATUS_SUCCESS);
+        EXPECT_EQ(read, data);
+    }
+}
+
+TEST_F(Storage, AtMostTwentyEventsAreLogged) {
+    GoWrong(Operation::kRead, Wrong::kFail, kAlways);
+    FileEntry entry;
+    for (ULONG i = 0; i < 25; ++i) {
+        EXPECT_EQ(VrkFsHwSCSIReadEx(Hw(), kId, kLba + 2 * i, 2, &entry, 0, kHwRecordFileEntry, FALSE, nullptr),
+                  STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Events().size(), 20u);
+    EXPECT_EQ(Events().back(), "C0050006 read 3 2086 FileEntry 4");
+}
+
+TEST_F(Storage, ImpossibleTransfersNeverReachTheBoard) {
+    UCHAR block[512] = {};
+    const struct {
+        ULONG id, lba, count;
+        NTSTATUS status;
+    } cases[] = {{kId, 0, 0, STATUS_SUCCESS},
+                 {16, 0, 1, STATUS_INVALID_PARAMETER},
+                 {0xFFFFFFFF, 0, 1, STATUS_INVALID_PARAMETER},
+                 {kId, 0xFFFFFFFF, 2, STATUS_INVALID_PARAMETER},
+                 {kId, 0, 0x800000, STATUS_INVALID_PARAMETER}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.lba);
+        EXPECT_EQ(VrkFsHwSCSIRead(Hw(), c.id, c.lba, c.count, block, 0), c.status);
+        EXPECT_EQ(VrkFsHwSCSIWrite(Hw(), c.id, c.lba, c.count, block, 0), c.status);
+    }
+    EXPECT_EQ(BoardOf(0).Count().Total(), 0u);
+    // The last block of the address space can be asked for; this disk does not have it.
+    EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 0xFFFFFFFF, 1, block, 0), STATUS_IO_DEVICE_ERROR);
+    // A board that says "timed out" has failed.
+    Misbehaviour rule;
+    rule.status = STATUS_TIMEOUT;
+    BoardOf(0).Misbehave().Add(rule);
+    EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 0, 1, block, 0), STATUS_DEVICE_CONFIGURATION_ERROR);
+    EXPECT_EQ(VrkFsHwAcquireSCSI(Hw()), STATUS_DEVICE_CONFIGURATION_ERROR);
+}
+
+TEST_F(Storage, TransfersGetThroughWithoutMemoryForARequest) {
+    std::vector<UCHAR> data(512, 0x77);
+    for (const bool late : {false, true}) {
+        Reset(0, 0);
+        if (late) {
+            GoWrong(Operation::kWrite, Wrong::kLate, kAlways);
+        }
+        nt::FaultPlan plan;
+        plan.failAt = 1;
+        plan.forEver = true;
+        plan.kinds = nt::kAllFaults;
+        NTSTATUS status = STATUS_UNSUCCESSFUL;
+        std::uint64_t fired = 0;
+        RunInDriver([&] {
+            nt::ArmFaults(plan);
+            status = VrkFsHwSCSIWrite(Hw(), kId, 5000, 1, data.data(), 0);
+            fired = nt::FaultsFired();
+            nt::DisarmFaults();
+        });
+        EXPECT_EQ(status, STATUS_SUCCESS);
+        EXPECT_EQ(fired, 1u);
+        UCHAR read[512] = {};
+        EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 5000, 1, read, 0), STATUS_SUCCESS);
+        EXPECT_EQ(std::memcmp(read, data.data(), sizeof(read)), 0);
+        data.assign(512, 0x78);
+    }
+}
+
+}  // namespace
+}  // namespace tests

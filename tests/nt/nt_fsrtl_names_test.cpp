@@ -1,0 +1,237 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "nt/fsrtl.h"
+#include "nt/text.h"
+
+namespace {
+
+using nt::CountedString;
+
+TEST(DissectName, SplitsWithoutCopying) {
+    struct Case {
+        std::u16string_view name;
+        std::u16string_view first;
+        const char16_t* remaining;  // Null: there is none.
+    };
+    const Case cases[] = {
+        {u"", u"", nullptr},       {u"a", u"a", nullptr},         {u"a\\b", u"a", u"b"},     {u"a\\", u"a", u""},
+        {u"\\b", u"b", nullptr},   {u"\\", u"", nullptr},         {u"a\\\\b", u"a", u"\\b"}, {u"\\\\b", u"", u"b"},
+        {u"a/b\\c", u"a/b", u"c"}, {u"\\a\\b\\c", u"a", u"b\\c"},
+    };
+    for (const Case& c : cases) {
+        const UNICODE_STRING name = CountedString(c.name);
+        UNICODE_STRING first;
+        UNICODE_STRING remaining;
+        FsRtlDissectName(name, &first, &remaining);
+        EXPECT_EQ(nt::View(&first), c.first) << nt::Utf8FromWide(c.name);
+        EXPECT_EQ(remaining.Buffer == nullptr, c.remaining == nullptr) << nt::Utf8FromWide(c.name);
+        EXPECT_EQ(nt::View(&remaining), c.remaining == nullptr ? u"" : c.remaining) << nt::Utf8FromWide(c.name);
+        if (remaining.Buffer != nullptr) {
+            EXPECT_GE(remaining.Buffer, name.Buffer);
+            EXPECT_LE(remaining.Buffer, name.Buffer + c.name.size());
+        }
+    }
+}
+
+TEST(WildCards, AreTheFive) {
+    for (const char16_t character : std::u16string(u"*?<>\"")) {
+        const std::u16string text = std::u16string(u"ab") + character;
+        UNICODE_STRING name = CountedString(text);
+        EXPECT_TRUE(FsRtlDoesNameContainWildCards(&name)) << static_cast<char>(character);
+    }
+    for (const std::u16string_view text : {u"", u"take.1", u"a|b:c\\d/e", u"[a]"}) {
+        UNICODE_STRING name = CountedString(text);
+        EXPECT_FALSE(FsRtlDoesNameContainWildCards(&name)) << nt::Utf8FromWide(text);
+    }
+}
+
+bool Matches(std::u16string_view expression, std::u16string_view name, bool ignoreCase = false) {
+    UNICODE_STRING expressionString = CountedString(expression);
+    UNICODE_STRING nameString = CountedString(name);
+    return FsRtlIsNameInExpression(&expressionString, &nameString, ignoreCase, nullptr) != FALSE;
+}
+
+TEST(NameInExpression, Table) {
+    struct Case {
+        std::u16string_view expression;
+        std::u16string_view name;
+        bool matches;
+    };
+    const Case cases[] = {
+        {u"", u"", true},
+        {u"*", u"", false},
+        {u"", u"a", false},
+        {u"<", u"", false},
+        {u"*", u"a", true},
+        {u"*", u"a.b.c", true},
+        {u"**", u"a", true},
+        {u"*.*", u"a", false},
+        {u"*.*", u"a.", true},
+        {u"f_*.*", u"f_1", false},
+        {u"f_*.*", u"f_.x", true},
+        {u"abc", u"abc", true},
+        {u"abc", u"abcd", false},
+        {u"abcd", u"abc", false},
+        {u"ABC", u"abc", false},
+        {u"*b", u"ab.b", true},
+        {u"*b*", u"aac", false},
+        {u"*a*ab*abc", u"aabaabcdadabdabc", true},
+        {u"*a*ab*abd", u"aabaabcdadabdabc", false},
+        {u"*abc", u"ababc", true},
+        {u"a*a", u"a", false},
+        // One character each, dots included.
+        {u"?", u"a", true},
+        {u"?", u"ab", false},
+        {u"??", u"a", false},
+        {u"a?b", u"a.b", true},
+        {u"*?", u"a", true},
+        {u"?*", u"a", true},
+        {u"*.???", u"take.rzv", true},
+        {u"*.???", u"take.rz", false},
+        // DOS star: any run up to the last dot and, if needed, including it.
+        {u"<", u"a", true},
+        {u"<", u"abc", true},
+        {u"<.b", u"a.b", true},
+        {u"<b", u"a.b", true},
+        {u"<.c", u"a.b.c", true},
+        {u"<.b.c", u"a.b.c", true},
+        {u"<c", u"a.b.c", true},
+        {u"<d", u"a.b.c", false},
+        {u"<b.c", u"a.b.c", true},
+        {u"<", u"a.b", false},  // The run ends with the last dot.
+        {u"<", u"a.", true},
+        {u"<.", u"a.", true},
+        {u"ab<exe", u"abcd.exe", true},
+        {u"ab<exe", u"ab.exe", true},
+        {u"<b", u"ab", true},  // No dot: like *.
+        {u"<<", u"a", true},
+        // DOS question mark: one character, or the end of its run at a dot or the end.
+        {u">", u"a", true},
+        {u">>>", u"a", true},
+        {u">", u"ab", false},
+        {u">>>.c", u"a.c", true},
+        {u">>>.c", u"abc.c", true},
+        {u">>>.c", u"abcd.c", false},
+        {u"a>", u"a", true},
+        {u"a>b", u"ab", false},
+        {u"a>b", u"acb", true},
+        {u"a>.b", u"a.b", true},
+        {u"a>b", u"a.b", false},
+        {u">a", u".a", false},
+        // DOS dot: a dot, or nothing at the end.
+        {u"a\"", u"a", true},
+        {u"a\"", u"a.", true},
+        {u"a\"b", u"a.b", true},
+        {u"a\"b", u"ab", false},
+        {u"a\"\"", u"a", true},
+        {u"a\">", u"a", true},
+        {u"<\"*", u"a.b", true},
+        {u"<\"*", u"a", true},
+        {u"*\"*", u"a", true},
+        {u"\"", u"a", false},
+        // Nothing but the wildcards is special.
+        {u"[ab]", u"a", false},
+        {std::u16string_view(u"a\0b", 3), std::u16string_view(u"a\0b", 3), true},
+        {std::u16string_view(u"a*\0b", 4), std::u16string_view(u"axx\0b", 5), true},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(Matches(c.expression, c.name), c.matches)
+            << nt::Utf8FromWide(c.expression) << " on " << nt::Utf8FromWide(c.name);
+    }
+}
+
+TEST(NameInExpression, IgnoringCaseUpcasesTheNameOnly) {
+    EXPECT_TRUE(Matches(u"T*1", u"take1", true));
+    EXPECT_FALSE(Matches(u"t*1", u"TAKE1", true));
+    EXPECT_TRUE(Matches(u"\u0178", u"\u00FF", true));
+    std::u16string toX(0x10000, u'x');
+    UNICODE_STRING expression = CountedString(u"xx");
+    UNICODE_STRING name = CountedString(u"ab");
+    EXPECT_TRUE(FsRtlIsNameInExpression(&expression, &name, TRUE, toX.data()));
+    EXPECT_FALSE(FsRtlIsNameInExpression(&expression, &name, FALSE, toX.data()));
+}
+
+// The answer of every short pattern on every short name, against a matcher that tries everything.
+bool Slow(std::u16string_view expression, std::u16string_view name, size_t at, size_t lastDot) {
+    if (expression.empty()) {
+        return at == name.size();
+    }
+    const char16_t first = expression[0];
+    const std::u16string_view rest = expression.substr(1);
+    const bool end = at == name.size();
+    const bool dot = !end && name[at] == u'.';
+    switch (first) {
+        case u'*':
+            return Slow(rest, name, at, lastDot) || (!end && Slow(expression, name, at + 1, lastDot));
+        case u'<':
+            return Slow(rest, name, at, lastDot) ||
+                   (!end && Slow(at == lastDot ? rest : expression, name, at + 1, lastDot));
+        case u'>':
+            return end || dot ? Slow(rest, name, at, lastDot) : Slow(rest, name, at + 1, lastDot);
+        case u'"':
+            return dot ? Slow(rest, name, at + 1, lastDot) : end && Slow(rest, name, at, lastDot);
+        default:
+            return !end && (first == u'?' || first == name[at]) && Slow(rest, name, at + 1, lastDot);
+    }
+}
+
+void ForEachText(std::u16string_view alphabet, size_t length, const std::function<void(const std::u16string&)>& visit) {
+    std::u16string text(length, alphabet[0]);
+    std::vector<size_t> digits(length, 0);
+    while (true) {
+        visit(text);
+        size_t place = 0;
+        while (place < length && ++digits[place] == alphabet.size()) {
+            digits[place] = 0;
+            text[place] = alphabet[0];
+            ++place;
+        }
+        if (place == length) {
+            return;
+        }
+        text[place] = alphabet[digits[place]];
+    }
+}
+
+TEST(NameInExpression, AgreesWithExhaustiveSearch) {
+    std::vector<std::u16string> names;
+    for (size_t length = 1; length <= 4; ++length) {
+        ForEachText(u"ab.", length, [&names](const std::u16string& name) { names.push_back(name); });
+    }
+    for (size_t length = 1; length <= 4; ++length) {
+        ForEachText(u"a.*?<>\"", length, [&names](const std::u16string& expression) {
+            for (const std::u16string& name : names) {
+                ASSERT_EQ(Matches(expression, name), Slow(expression, name, 0, name.rfind(u'.')))
+                    << nt::Utf8FromWide(expression) << " on " << nt::Utf8FromWide(name);
+            }
+        });
+    }
+}
+
+TEST(NameInExpression, HostilePatternsEndSoon) {
+    std::u16string expression;
+    for (int i = 0; i < 120; ++i) {
+        expression += u"*a<";
+    }
+    const std::u16string name(255, u'a');
+    EXPECT_FALSE(Matches(expression + u"b", name));
+    EXPECT_TRUE(Matches(expression, name));
+    // The longest strings there are.
+    EXPECT_FALSE(Matches(std::u16string(2000, u'*') + u"b", std::u16string(32767, u'a')));
+    EXPECT_FALSE(Matches(std::u16string(32767, u'a'), std::u16string(32766, u'a')));
+}
+
+TEST(AreNamesEqual, WithAndWithoutCase) {
+    const UNICODE_STRING left = CountedString(u"Take1");
+    const UNICODE_STRING right = CountedString(u"tAKE1");
+    const UNICODE_STRING longer = CountedString(u"Take10");
+    EXPECT_TRUE(FsRtlAreNamesEqual(&left, &right, TRUE, nullptr));
+    EXPECT_FALSE(FsRtlAreNamesEqual(&left, &right, FALSE, nullptr));
+    EXPECT_FALSE(FsRtlAreNamesEqual(&left, &longer, TRUE, nullptr));
+}
+
+}  // namespace

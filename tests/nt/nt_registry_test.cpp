@@ -1,0 +1,390 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+#include "nt/registry_store.h"
+#include "station_fixture.h"
+
+namespace {
+
+using tests::Attributes;
+
+constexpr std::u16string_view kService = u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\VrkFs";
+constexpr std::u16string_view kParameters =
+    u"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\VrkFs\\Parameters";
+
+std::string Bytes(std::u16string_view text) {
+    return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(WCHAR)};
+}
+
+std::string Bytes(ULONG number) {
+    return {reinterpret_cast<const char*>(&number), sizeof(number)};
+}
+
+// ---- the file's form ----
+
+TEST(RegistryStore, EveryValueSurvivesTheFile) {
+    struct Case {
+        ULONG type;
+        std::string data;
+        const char* text;  // What a person sees.
+    };
+    const Case cases[] = {
+        {REG_DWORD, Bytes(4294967295u), R"("type": "REG_DWORD",
+                "value": 4294967295)"},
+        {REG_DWORD, "abc", R"("bytes": "616263")"},
+        {REG_DWORD, "", R"("bytes": "")"},
+        {REG_SZ, Bytes(std::u16string_view(u"P\0", 2)), R"("value": "P")"},
+        {REG_SZ, Bytes(std::u16string_view(u"\0", 1)), R"("value": "")"},
+        {REG_SZ, Bytes(u"P"), R"("bytes": "5000")"},
+        {REG_SZ, Bytes(std::u16string_view(u"a\0b\0", 4)), R"("bytes": "6100000062000000")"},
+        {REG_SZ, std::string("P\0\0", 3), R"("bytes": "500000")"},
+        {REG_SZ, Bytes(std::u16string{0xD800, 0}), R"("bytes": "00d80000")"},
+        {REG_EXPAND_SZ, Bytes(std::u16string_view(u"\u00E9\"\\\U0001F3AC\0", 6)), "\u00E9\\\"\\\\"},
+        {REG_MULTI_SZ, Bytes(std::u16string_view(u"a\0bc\0\0", 6)), R"("type": "REG_MULTI_SZ")"},
+        {REG_MULTI_SZ, Bytes(std::u16string_view(u"\0", 1)), R"("value": [])"},
+        {REG_MULTI_SZ, Bytes(std::u16string_view(u"a\0", 2)), R"("bytes": "61000000")"},
+        {REG_QWORD, std::string(8, '\xFF'), R"("value": 18446744073709551615)"},
+        {REG_BINARY, std::string("\0\x01\xFF", 3), R"("bytes": "0001ff")"},
+        {REG_NONE, "", R"("type": "REG_NONE")"},
+        {4711, "x", R"("type": 4711)"},
+    };
+    for (const Case& c : cases) {
+        nt::RegistryTree tree;
+        nt::AddRegistryKey(&tree, kParameters).values[u"NAME"] = {u"Name", c.type, c.data};
+        const std::string text = nt::FormatRegistry(tree);
+        EXPECT_NE(text.find(c.text), std::string::npos) << text;
+        auto parsed = nt::ParseRegistry(text);
+        ASSERT_TRUE(std::holds_alternative<nt::RegistryTree>(parsed)) << std::get<std::string>(parsed);
+        const nt::RegistryKey& key = std::get<nt::RegistryTree>(parsed)[nt::Upcased(kParameters)];
+        EXPECT_EQ(key.path, kParameters);
+        ASSERT_EQ(key.values.count(u"NAME"), 1u) << text;
+        EXPECT_EQ(key.values.at(u"NAME").type, c.type) << text;
+        EXPECT_EQ(key.values.at(u"NAME").data, c.data) << text;
+        EXPECT_EQ(std::get<nt::RegistryTree>(parsed).count(nt::Upcased(kService)), 1u);
+    }
+}
+
+TEST(RegistryStore, BadFilesAreExplained) {
+    const std::string key = R"({"format":1,"keys":{"\\Registry\\K":)";
+    struct Case {
+        std::string text;
+        const char* complaint;
+    };
+    const Case cases[] = {
+        {"", "parse error"},
+        {"{", "parse error"},
+        {"[]", "the file: wanted"},
+        {"{\"format\":1}", "the file: wanted"},
+        {R"({"format":1,"keys":[]})", "the file: wanted"},
+        {R"({"format":1,"keys":{},"more":0})", "the file: wanted"},
+        {R"({"format":2,"keys":{}})", "format 1"},
+        {R"({"format":"1","keys":{}})", "format 1"},
+        {R"({"format":1,"keys":{"K":{}}})", "the path does not lead"},
+        {R"({"format":1,"keys":{"\\Registry\\":{}}})", "the path does not lead"},
+        {R"({"format":1,"keys":{"\\Registry\\a\\\\b":{}}})", "the path does not lead"},
+        {R"({"format":1,"keys":{"\\RegistryX\\a":{}}})", "the path does not lead"},
+        {R"({"format":1,"keys":{"\\Registry\\\ud800":{}}})", "parse error"},
+        {"{\"format\":1,\"keys\":{\"\\\\Registry\\\\\xFF\":{}}}", "parse error"},
+        {key + "0}}", "wanted: an object of values"},
+        {key + R"({"V":4}}})", "value \"V\": wanted"},
+        {key + R"({"V":{"type":"REG_DWORD"}}}})", "value \"V\": wanted"},
+        {key + R"({"V":{"type":"REG_DWORD","value":4,"bytes":""}}}})", "value \"V\": wanted"},
+        {key + R"({"V":{"type":"DWORD","value":4}}}})", "\"type\""},
+        {key + R"({"V":{"type":-1,"value":4}}}})", "\"type\""},
+        {key + R"({"V":{"type":4294967296,"bytes":""}}}})", "\"type\""},
+        {key + R"({"V":{"type":"REG_DWORD","value":-1}}}})", "from 0 to 4294967295"},
+        {key + R"({"V":{"type":"REG_DWORD","value":4294967296}}}})", "from 0 to 4294967295"},
+        {key + R"({"V":{"type":"REG_DWORD","value":4.0}}}})", "from 0 to 4294967295"},
+        {key + R"({"V":{"type":"REG_DWORD","value":"4"}}}})", "from 0 to 4294967295"},
+        {key + R"({"V":{"type":"REG_QWORD","value":18446744073709551616}}}})", "18446744073709551615"},
+        {key + R"({"V":{"type":"REG_SZ","value":4}}}})", "not a string"},
+        {key + R"({"V":{"type":"REG_SZ","value":"a\u0000b"}}}})", "not a string"},
+        {key + R"({"V":{"type":"REG_MULTI_SZ","value":["a",1]}}}})", "not a string"},
+        {key + R"({"V":{"type":"REG_MULTI_SZ","value":"a"}}}})", "not a list"},
+        {key + R"({"V":{"type":"REG_BINARY","value":"00"}}}})", "given as \"bytes\""},
+        {key + R"({"V":{"type":"REG_BINARY","bytes":"0"}}}})", "hexadecimal"},
+        {key + R"({"V":{"type":"REG_BINARY","bytes":"0g"}}}})", "hexadecimal"},
+        {key + R"({"V":{"type":"REG_BINARY","bytes":[0]}}}})", "hexadecimal"},
+        {key + R"({"V":{"type":4,"bytes":""},"V":{"type":4,"bytes":""}}}})", "stands twice"},
+        {key + R"({"V":{"type":4,"bytes":""},"v":{"type":4,"bytes":""}}}})", "different case"},
+        {key + R"({"V":{"type":4,"bytes":""}},"\\registry\\k":{}}})", "the key stands twice"},
+        {key + std::string(100000, '[') + std::string(100000, ']') + "}}", "nested too deeply"},
+        {std::string(17 << 20, ' '), "longer than 16 MiB"},
+        {key + R"({"V":{"type":3,"bytes":")" + std::string((2 << 20) + 2, '0') + R"("}}}})", "longer than 1 MiB"},
+        {key + "{\"" + std::string(16384, 'n') + R"(":{"type":3,"bytes":""}}}})", "name is too long"},
+    };
+    for (const Case& c : cases) {
+        const auto parsed = nt::ParseRegistry(c.text);
+        const std::string shown = c.text.substr(0, 120);
+        ASSERT_TRUE(std::holds_alternative<std::string>(parsed)) << shown;
+        EXPECT_NE(std::get<std::string>(parsed).find(c.complaint), std::string::npos) << shown << "\n"
+                                                                                      << std::get<std::string>(parsed);
+    }
+}
+
+TEST(RegistryStore, DamagedFilesNeverCrash) {
+    nt::RegistryTree tree;
+    nt::RegistryKey& key = nt::AddRegistryKey(&tree, kParameters);
+    key.values[u"A"] = {u"A", REG_DWORD, Bytes(4u)};
+    key.values[u"B"] = {u"B", REG_MULTI_SZ, Bytes(std::u16string_view(u"a\0b\0\0", 5))};
+    key.values[u"C"] = {u"C", REG_BINARY, "xyz"};
+    const std::string good = nt::FormatRegistry(tree);
+    std::mt19937 random(7);
+    for (int round = 0; round < 3000; ++round) {
+        std::string text = good;
+        for (unsigned change = random() % 4; change != ~0u; --change) {
+            const size_t at = random() % text.size();
+            switch (random() % 3) {
+                case 0:
+                    text[at] = static_cast<char>(random());
+                    break;
+                case 1:
+                    text.erase(at, random() % 8);
+                    break;
+                default:
+                    text.insert(at, text.substr(random() % text.size(), random() % 40));
+                    break;
+            }
+        }
+        const auto parsed = nt::ParseRegistry(text);
+        if (const auto* const read = std::get_if<nt::RegistryTree>(&parsed)) {
+            // What was accepted can be written and read again.
+            ASSERT_TRUE(std::holds_alternative<nt::RegistryTree>(nt::ParseRegistry(nt::FormatRegistry(*read)))) << text;
+        }
+    }
+}
+
+// ---- the calls ----
+
+class RegistryTest : public tests::StationTest {
+  protected:
+    void SetUp() override {
+        StationTest::SetUp();
+        ASSERT_EQ(nt::AttachStation(files_), "");
+    }
+
+    static HANDLE Open(std::u16string_view path, ACCESS_MASK access = KEY_ALL_ACCESS) {
+        HANDLE key = nullptr;
+        EXPECT_EQ(ZwOpenKey(&key, access, Attributes(path)), STATUS_SUCCESS) << nt::Utf8FromWide(path);
+        return key;
+    }
+
+    static NTSTATUS Set(HANDLE key, std::u16string_view name, ULONG type, std::string data) {
+        UNICODE_STRING valueName = nt::CountedString(name);
+        return ZwSetValueKey(key, &valueName, 0, type, data.data(), static_cast<ULONG>(data.size()));
+    }
+
+    static NTSTATUS Query(HANDLE key, std::u16string_view name, KEY_VALUE_INFORMATION_CLASS informationClass,
+                          std::string* buffer, ULONG* needed) {
+        UNICODE_STRING valueName = nt::CountedString(name);
+        return ZwQueryValueKey(key, &valueName, informationClass, buffer->data(), static_cast<ULONG>(buffer->size()),
+                               needed);
+    }
+
+    // The data of a value, through the partial information.
+    static std::string Data(HANDLE key, std::u16string_view name) {
+        std::string buffer(512, '\0');
+        ULONG needed = 0;
+        const NTSTATUS status = Query(key, name, KeyValuePartialInformation, &buffer, &needed);
+        return NT_SUCCESS(status) ? buffer.substr(12, needed - 12) : "status";
+    }
+};
+
+TEST_F(RegistryTest, ValuesLiveOnTheDisk) {
+    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
+    const HANDLE key = Open(kParameters);
+    EXPECT_EQ(Set(key, u"BaseFrameNumber", REG_DWORD, Bytes(7u)), STATUS_SUCCESS);
+    EXPECT_EQ(Set(key, u"DriveLetter0", REG_SZ, Bytes(std::u16string_view(u"R\0", 2))), STATUS_SUCCESS);
+    EXPECT_EQ(Set(key, u"baseframenumber", REG_DWORD, Bytes(8u)), STATUS_SUCCESS);
+    EXPECT_EQ(Data(key, u"BASEFRAMENUMBER"), Bytes(8u));
+    ZwClose(key);
+
+    EXPECT_NE(tests::ReadFile(files_.registry).find("\"BaseFrameNumber\""), std::string::npos);
+    ASSERT_EQ(Reboot(), "");
+    const HANDLE again = Open(u"\\REGISTRY\\machine\\SYSTEM\\CurrentControlSet\\services\\vrkfs\\parameters");
+    EXPECT_EQ(Data(again, u"BaseFrameNumber"), Bytes(8u));
+    EXPECT_EQ(Data(again, u"DriveLetter0"), Bytes(std::u16string_view(u"R\0", 2)));
+    EXPECT_EQ(Data(again, u"Missing"), "status");
+    ZwClose(again);
+}
+
+TEST_F(RegistryTest, QueryAnswersByLength) {
+    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
+    const HANDLE key = Open(kParameters);
+    ASSERT_EQ(Set(key, u"Odd", REG_BINARY, "data!"), STATUS_SUCCESS);
+    struct Case {
+        KEY_VALUE_INFORMATION_CLASS informationClass;
+        ULONG length;
+        NTSTATUS status;
+        std::string tail;  // What follows the fixed part, as far as it is stored.
+    };
+    const std::string name = Bytes(u"Odd");
+    const Case cases[] = {
+        {KeyValueFullInformation, 0, STATUS_BUFFER_TOO_SMALL, ""},
+        {KeyValueFullInformation, 19, STATUS_BUFFER_TOO_SMALL, ""},
+        {KeyValueFullInformation, 20, STATUS_BUFFER_OVERFLOW, ""},
+        {KeyValueFullInformation, 23, STATUS_BUFFER_OVERFLOW, name.substr(0, 3)},
+        {KeyValueFullInformation, 30, STATUS_BUFFER_OVERFLOW, name + std::string("\xEE\xEE") + "da"},
+        {KeyValueFullInformation, 33, STATUS_SUCCESS, name + std::string("\xEE\xEE") + "data!"},
+        {KeyValuePartialInformation, 11, STATUS_BUFFER_TOO_SMALL, ""},
+        {KeyValuePartialInformation, 12, STATUS_BUFFER_OVERFLOW, ""},
+        {KeyValuePartialInformation, 16, STATUS_BUFFER_OVERFLOW, "data"},
+        {KeyValuePartialInformation, 17, STATUS_SUCCESS, "data!"},
+    };
+    for (const Case& c : cases) {
+        const bool full = c.informationClass == KeyValueFullInformation;
+        std::string buffer(c.length, '\xEE');
+        ULONG needed = 0;
+        EXPECT_EQ(Query(key, u"odd", c.informationClass, &buffer, &needed), c.status) << c.length;
+        EXPECT_EQ(needed, full ? 33u : 17u);
+        if (c.status == STATUS_BUFFER_TOO_SMALL) {
+            EXPECT_EQ(buffer, std::string(c.length, '\xEE'));
+            continue;
+        }
+        EXPECT_EQ(buffer.substr(full ? 20 : 12), c.tail) << c.length;
+        if (full) {
+            KEY_VALUE_FULL_INFORMATION fixed = {};
+            std::memcpy(&fixed, buffer.data(), 20);
+            EXPECT_EQ(fixed.Type, REG_BINARY);
+            EXPECT_EQ(fixed.DataOffset, 28u);
+            EXPECT_EQ(fixed.DataLength, 5u);
+            EXPECT_EQ(fixed.NameLength, 6u);
+        }
+    }
+    ZwClose(key);
+}
+
+TEST_F(RegistryTest, PathsAndRights) {
+    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
+    struct Case {
+        std::u16string_view path;
+        NTSTATUS status;
+    };
+    const Case absolute[] = {
+        {kService, STATUS_SUCCESS},
+        {u"\\Registry", STATUS_SUCCESS},
+        {u"\\Registry\\Machine\\Nothing", STATUS_OBJECT_NAME_NOT_FOUND},
+        {u"\\Registry\\", STATUS_OBJECT_NAME_INVALID},
+        {u"\\Registry\\Machine\\\\System", STATUS_OBJECT_NAME_INVALID},
+        {u"\\RegistryMachine", STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"\\Device\\Vrk0", STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"Registry\\Machine", STATUS_OBJECT_PATH_SYNTAX_BAD},
+    };
+    for (const Case& c : absolute) {
+        HANDLE key = nullptr;
+        EXPECT_EQ(ZwOpenKey(&key, KEY_READ, Attributes(c.path)), c.status) << nt::Utf8FromWide(c.path);
+        EXPECT_EQ(key == nullptr, !NT_SUCCESS(c.status));
+        if (key != nullptr) {
+            ZwClose(key);
+        }
+    }
+    const HANDLE service = Open(kService);
+    const Case relative[] = {
+        {u"parameters", STATUS_SUCCESS},
+        {u"", STATUS_SUCCESS},
+        {u"Parameters1", STATUS_OBJECT_NAME_NOT_FOUND},
+        {u"\\Parameters", STATUS_OBJECT_PATH_SYNTAX_BAD},
+        {u"..\\VrkFs", STATUS_OBJECT_NAME_NOT_FOUND},
+    };
+    for (const Case& c : relative) {
+        HANDLE key = nullptr;
+        EXPECT_EQ(ZwOpenKey(&key, KEY_READ, Attributes(c.path, OBJ_CASE_INSENSITIVE, service)), c.status)
+            << nt::Utf8FromWide(c.path);
+        if (key != nullptr) {
+            EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(1u)), STATUS_ACCESS_DENIED);
+            ZwClose(key);
+        }
+    }
+    ZwClose(service);
+    HANDLE key = nullptr;
+    EXPECT_EQ(ZwOpenKey(&key, KEY_READ, Attributes(u"x", 0, service)), STATUS_INVALID_HANDLE);
+
+    const HANDLE writeOnly = Open(kParameters, KEY_WRITE);
+    EXPECT_EQ(Set(writeOnly, u"X", REG_DWORD, Bytes(1u)), STATUS_SUCCESS);
+    std::string buffer(64, '\0');
+    ULONG needed = 0;
+    EXPECT_EQ(Query(writeOnly, u"X", KeyValueFullInformation, &buffer, &needed), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Set(writeOnly, u"big", REG_BINARY, std::string((1 << 20) + 1, 'x')), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Set(writeOnly, std::u16string(1, 0xD800), REG_DWORD, Bytes(1u)), STATUS_OBJECT_NAME_INVALID);
+    ZwClose(writeOnly);
+}
+
+TEST_F(RegistryTest, CreateMakesOneLevel) {
+    HANDLE key = nullptr;
+    ULONG disposition = 0;
+    EXPECT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, Attributes(kParameters), 0, nullptr, 0, &disposition),
+              STATUS_OBJECT_NAME_NOT_FOUND);
+    ASSERT_EQ(nt::CreateRegistryKey(kService), STATUS_SUCCESS);
+    ASSERT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, Attributes(kParameters), 0, nullptr, 0, &disposition), STATUS_SUCCESS);
+    EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
+    ZwClose(key);
+    ASSERT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, Attributes(kParameters), 0, nullptr, 0, &disposition), STATUS_SUCCESS);
+    EXPECT_EQ(disposition, REG_OPENED_EXISTING_KEY);
+    ZwClose(key);
+    ASSERT_EQ(Reboot(), "");
+    ZwClose(Open(kParameters));
+}
+
+TEST_F(RegistryTest, ReadOnlyChangesNothing) {
+    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
+    HANDLE key = Open(kParameters);
+    ASSERT_EQ(Set(key, u"X", REG_DWORD, Bytes(1u)), STATUS_SUCCESS);
+    ZwClose(key);
+    const std::string before = tests::ReadFile(files_.registry);
+    files_.readOnly = true;
+    ASSERT_EQ(Reboot(), "");
+    key = Open(kParameters);
+    EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(2u)), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(Set(key, u"Y", REG_DWORD, Bytes(2u)), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(Data(key, u"X"), Bytes(1u));
+    ZwClose(key);
+    EXPECT_EQ(nt::CreateRegistryKey(u"\\Registry\\New"), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(tests::ReadFile(files_.registry), before);
+}
+
+TEST_F(RegistryTest, AFailedWriteLeavesTheOldValue) {
+    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
+    const HANDLE key = Open(kParameters);
+    ASSERT_EQ(Set(key, u"X", REG_DWORD, Bytes(1u)), STATUS_SUCCESS);
+    const std::string before = tests::ReadFile(files_.registry);
+    // A directory where the new contents would be written aside.
+    std::filesystem::create_directory(files_.registry + ".new");
+    EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(2u)), STATUS_REGISTRY_IO_FAILED);
+    EXPECT_EQ(Set(key, u"Y", REG_DWORD, Bytes(2u)), STATUS_REGISTRY_IO_FAILED);
+    EXPECT_EQ(Data(key, u"X"), Bytes(1u));
+    EXPECT_EQ(Data(key, u"Y"), "status");
+    EXPECT_EQ(tests::ReadFile(files_.registry), before);
+    std::filesystem::remove(files_.registry + ".new");
+    // What a crash left aside is not followed nor kept.
+    tests::WriteFile(directory_ / "victim", "safe");
+    std::filesystem::create_symlink(directory_ / "victim", files_.registry + ".new");
+    EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(3u)), STATUS_SUCCESS);
+    EXPECT_EQ(tests::ReadFile(directory_ / "victim"), "safe");
+    EXPECT_FALSE(std::filesystem::exists(files_.registry + ".new"));
+    ZwClose(key);
+}
+
+TEST_F(RegistryTest, ALinkedRegistryStaysLinked) {
+    const std::filesystem::path real = directory_ / "shared" / "settings.json";
+    tests::WriteFile(real, R"({"format":1,"keys":{}})");
+    std::filesystem::create_symlink(real, files_.registry);
+    ASSERT_EQ(Reboot(), "");
+    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
+    EXPECT_TRUE(std::filesystem::is_symlink(files_.registry));
+    EXPECT_NE(tests::ReadFile(real).find("Parameters"), std::string::npos);
+}
+
+TEST_F(RegistryTest, ABadFileIsRefusedAtBoot) {
+    tests::WriteFile(files_.registry, "{\"format\":1,\"keys\":{\"\\\\Registry\\\\K\":{\"V\":4}}}");
+    const std::string wrong = Reboot();
+    EXPECT_NE(wrong.find(files_.registry), std::string::npos);
+    EXPECT_NE(wrong.find("value \"V\""), std::string::npos);
+    std::filesystem::remove(files_.registry);
+    std::filesystem::create_directory(files_.registry);
+    EXPECT_NE(Reboot().find("is not a file"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,199 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "nt/object_internal.h"
+#include "nt/system.h"
+#include "station_fixture.h"
+
+namespace {
+
+using tests::Attributes;
+
+constexpr std::u16string_view kName = u"\\BaseNamedObjects\\P:/RZV/VOL1/CLIPS/CLIP.RZV";
+
+class SectionTest : public tests::StationTest {
+  protected:
+    static NTSTATUS Create(HANDLE* section, std::u16string_view name, LONGLONG size, ULONG flags = OBJ_OPENIF,
+                           ACCESS_MASK access = SECTION_ALL_ACCESS, ULONG protection = PAGE_READWRITE) {
+        LARGE_INTEGER maximum;
+        maximum.QuadPart = size;
+        return ZwCreateSection(section, access, Attributes(name, flags), &maximum, protection, SEC_COMMIT, nullptr);
+    }
+
+    static NTSTATUS Map(HANDLE section, void** address, SIZE_T* size, LONGLONG offset = 0,
+                        ULONG protect = PAGE_READWRITE) {
+        LARGE_INTEGER start;
+        start.QuadPart = offset;
+        *address = nullptr;
+        return ZwMapViewOfSection(section, NtCurrentProcess(), address, 0, 0, &start, size, ViewShare, 0, protect);
+    }
+};
+
+TEST_F(SectionTest, NamesAndSizes) {
+    struct Case {
+        std::u16string_view name;
+        LONGLONG size;
+        NTSTATUS status;
+    };
+    const Case cases[] = {
+        {kName, 24, STATUS_SUCCESS},
+        {kName, 0, STATUS_INVALID_PARAMETER_4},
+        {kName, -1, STATUS_INVALID_PARAMETER_4},
+        {kName, (LONGLONG{1} << 31) + 1, STATUS_SECTION_TOO_BIG},
+        {u"\\BaseNamedObjects\\", 24, STATUS_OBJECT_NAME_INVALID},
+        {u"\\BaseNamedObjects\\a\\b", 24, STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"\\BaseNamedObject\\a", 24, STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"\\Device\\a", 24, STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"BaseNamedObjects\\a", 24, STATUS_OBJECT_PATH_SYNTAX_BAD},
+    };
+    for (const Case& c : cases) {
+        HANDLE section = nullptr;
+        EXPECT_EQ(Create(&section, c.name, c.size), c.status) << nt::Utf8FromWide(c.name) << c.size;
+        EXPECT_EQ(section == nullptr, !NT_SUCCESS(c.status));
+        if (section != nullptr) {
+            ZwClose(section);
+        }
+    }
+    HANDLE section = nullptr;
+    EXPECT_EQ(ZwOpenSection(&section, SECTION_ALL_ACCESS, Attributes(kName)), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+TEST_F(SectionTest, OneNameIsOneMemory) {
+    HANDLE first = nullptr;
+    HANDLE second = nullptr;
+    ASSERT_EQ(Create(&first, kName, 24 * 300), STATUS_SUCCESS);
+    EXPECT_EQ(Create(&second, kName, 24 * 300, 0), STATUS_OBJECT_NAME_COLLISION);
+    // The existing one is opened as it is, whatever size was asked for.
+    ASSERT_EQ(Create(&second, kName, 24), STATUS_OBJECT_NAME_EXISTS);
+    void* firstView = nullptr;
+    void* secondView = nullptr;
+    SIZE_T firstSize = 0;
+    SIZE_T secondSize = 0;
+    ASSERT_EQ(Map(first, &firstView, &firstSize), STATUS_SUCCESS);
+    ASSERT_EQ(Map(second, &secondView, &secondSize), STATUS_SUCCESS);
+    EXPECT_EQ(firstSize, 8192u);
+    EXPECT_EQ(secondSize, 8192u);
+    EXPECT_EQ(static_cast<char*>(firstView)[7199], 0);
+    std::memset(firstView, 0x5A, 7200);
+    EXPECT_EQ(std::memcmp(secondView, firstView, 7200), 0);
+    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), static_cast<char*>(firstView) + 5000), STATUS_SUCCESS);
+    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), firstView), STATUS_NOT_MAPPED_VIEW);
+    ZwClose(first);
+    ZwClose(second);
+    // The view keeps the memory.
+    EXPECT_EQ(static_cast<char*>(secondView)[7199], 0x5A);
+    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), secondView), STATUS_SUCCESS);
+    // Made anew it is zeroed.
+    ASSERT_EQ(Create(&first, kName, 24), STATUS_SUCCESS);
+    ASSERT_EQ(Map(first, &firstView, &(firstSize = 0)), STATUS_SUCCESS);
+    EXPECT_EQ(*static_cast<char*>(firstView), 0);
+    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), firstView), STATUS_SUCCESS);
+    ZwClose(first);
+}
+
+TEST_F(SectionTest, ViewsKeepToTheSectionAndItsRights) {
+    HANDLE section = nullptr;
+    ASSERT_EQ(Create(&section, kName, 0x30001), STATUS_SUCCESS);
+    struct Case {
+        SIZE_T size;
+        LONGLONG offset;
+        NTSTATUS status;
+        SIZE_T mapped;
+    };
+    const Case cases[] = {
+        {0, 0, STATUS_SUCCESS, 0x31000},
+        {1, 0, STATUS_SUCCESS, 0x1000},
+        {0x31000, 0, STATUS_SUCCESS, 0x31000},
+        {0x31001, 0, STATUS_INVALID_VIEW_SIZE, 0},
+        {~SIZE_T{0}, 0, STATUS_INVALID_VIEW_SIZE, 0},
+        {0, 0x10000, STATUS_SUCCESS, 0x21000},
+        {0, 0x30000, STATUS_SUCCESS, 0x1000},
+        {0x2000, 0x30000, STATUS_INVALID_VIEW_SIZE, 0},
+        {0, 0x40000, STATUS_INVALID_VIEW_SIZE, 0},
+        {0, 0x1000, STATUS_INVALID_PARAMETER, 0},
+        {0, -0x10000, STATUS_INVALID_PARAMETER, 0},
+    };
+    for (const Case& c : cases) {
+        void* view = nullptr;
+        SIZE_T size = c.size;
+        EXPECT_EQ(Map(section, &view, &size, c.offset), c.status) << c.size << " at " << c.offset;
+        if (view != nullptr) {
+            EXPECT_EQ(size, c.mapped);
+            EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), view), STATUS_SUCCESS);
+        }
+    }
+    HANDLE readOnly = nullptr;
+    ASSERT_EQ(ZwOpenSection(&readOnly, SECTION_MAP_READ, Attributes(kName)), STATUS_SUCCESS);
+    void* view = nullptr;
+    SIZE_T size = 0;
+    EXPECT_EQ(Map(readOnly, &view, &size), STATUS_ACCESS_DENIED);
+    ASSERT_EQ(Map(readOnly, &view, &size, 0, PAGE_READONLY), STATUS_SUCCESS);
+    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), view), STATUS_SUCCESS);
+    EXPECT_EQ(Map(section, &view, &(size = 0), 0, PAGE_NOACCESS), STATUS_INVALID_PAGE_PROTECTION);
+    ZwClose(readOnly);
+    ZwClose(section);
+}
+
+TEST_F(SectionTest, AProgramSharesItButCannotResizeIt) {
+    HANDLE section = nullptr;
+    ASSERT_EQ(Create(&section, kName, 24 * 10), STATUS_SUCCESS);
+    void* view = nullptr;
+    SIZE_T viewSize = 0;
+    ASSERT_EQ(Map(section, &view, &viewSize), STATUS_SUCCESS);
+    {
+        nt::Process program("player");
+        uint32_t handle = 0;
+        nt::SectionDescriptor descriptor;
+        EXPECT_EQ(nt::OpenSectionFor(program.Object(), u"P:/OTHER", SECTION_ALL_ACCESS, &handle, &descriptor),
+                  STATUS_OBJECT_NAME_NOT_FOUND);
+        ASSERT_EQ(nt::OpenSectionFor(program.Object(), u"p:/rzv/vol1/clips/clip.rzv", SECTION_ALL_ACCESS, &handle,
+                                     &descriptor),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(descriptor.size, 240u);
+        struct stat status;
+        ASSERT_EQ(fstat(descriptor.descriptor, &status), 0);
+        EXPECT_EQ(status.st_size, 240);
+        EXPECT_NE(ftruncate(descriptor.descriptor, 0), 0);
+        EXPECT_NE(ftruncate(descriptor.descriptor, 1 << 20), 0);
+        EXPECT_NE(fcntl(descriptor.descriptor, F_ADD_SEALS, F_SEAL_WRITE), 0);
+        ASSERT_EQ(pwrite(descriptor.descriptor, "frame", 5, 24), 5);
+        close(descriptor.descriptor);
+        EXPECT_EQ(std::memcmp(static_cast<char*>(view) + 24, "frame", 5), 0);
+
+        // The program's handle keeps section and name when the driver's go.
+        EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), view), STATUS_SUCCESS);
+        ZwClose(section);
+        ASSERT_EQ(Create(&section, kName, 24 * 10), STATUS_OBJECT_NAME_EXISTS);
+        ZwClose(section);
+        EXPECT_EQ(program.Close(handle), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(ZwOpenSection(&section, SECTION_ALL_ACCESS, Attributes(kName)), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+TEST_F(SectionTest, ViewsBelongToOneProcess) {
+    HANDLE section = nullptr;
+    ASSERT_EQ(Create(&section, kName, 24), STATUS_SUCCESS);
+    void* view = nullptr;
+    SIZE_T size = 0;
+    ASSERT_EQ(Map(section, &view, &size), STATUS_SUCCESS);
+    nt::Process program("player");
+    {
+        const nt::AttachProcess attached(program.Object());
+        EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), view), STATUS_NOT_MAPPED_VIEW);
+        HANDLE own = nullptr;
+        ASSERT_EQ(ZwOpenSection(&own, SECTION_ALL_ACCESS, Attributes(kName)), STATUS_SUCCESS);
+        void* ownView = nullptr;
+        ASSERT_EQ(Map(own, &ownView, &(size = 0)), STATUS_SUCCESS);
+        EXPECT_NE(ownView, view);
+    }
+    program.Exit();
+    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), view), STATUS_SUCCESS);
+    ZwClose(section);
+}
+
+}  // namespace

@@ -1,0 +1,473 @@
+#include <atomic>
+
+#include "tests/nt/nt_kernel_fixture.h"
+
+// What the verifier must find: each misdeed, and the words that its message must hold. Whatever a misdeed leaves behind
+// is tidied up by it.
+
+namespace {
+
+using namespace nt_test;
+
+constexpr ULONG kTag = 0x74736554;  // "Test"
+
+NTSTATUS Poll(PVOID object) {
+    LARGE_INTEGER now{};
+    return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, &now);
+}
+
+struct Misdeed {
+    const char* name;
+    const char* message;
+    void (*commit)();
+};
+
+void InPagedPool(void (*initialise)(PVOID)) {
+    PVOID const memory = ExAllocatePoolWithTag(PagedPool, 512, kTag);
+    initialise(static_cast<char*>(memory) + 64);  // embedded somewhere in a record
+    ExFreePool(memory);
+}
+
+VOID NTAPI DoNothing(PVOID) {}
+
+// On another thread, inside the same driver.
+void Elsewhere(const std::function<void()>& work) {
+    std::thread([&, driver = nt::CurrentDriver()] {
+        const nt::DriverScope scope(driver);
+        work();
+    }).join();
+}
+
+const Misdeed kMisdeeds[] = {
+    {"an event in paged pool", "an event at", [] {
+         InPagedPool([](PVOID at) { KeInitializeEvent(static_cast<PKEVENT>(at), NotificationEvent, FALSE); });
+     }},
+    {"a mutex in paged pool", "paged pool 'Test' of 512 bytes",
+     [] { InPagedPool([](PVOID at) { KeInitializeMutex(static_cast<PKMUTEX>(at), 0); }); }},
+    {"a resource in paged pool", "a resource at", [] {
+         InPagedPool([](PVOID at) {
+             ExInitializeResourceLite(static_cast<PERESOURCE>(at));
+             ExDeleteResourceLite(static_cast<PERESOURCE>(at));
+         });
+     }},
+    {"a fast mutex in paged pool", "a fast mutex at",
+     [] { InPagedPool([](PVOID at) { ExInitializeFastMutex(static_cast<PFAST_MUTEX>(at)); }); }},
+    {"a lookaside list in paged pool", "a lookaside list at", [] {
+         InPagedPool([](PVOID at) {
+             auto* const list = static_cast<PPAGED_LOOKASIDE_LIST>(at);
+             ExInitializePagedLookasideList(list, nullptr, nullptr, 0, 32, kTag, 4);
+             ExDeletePagedLookasideList(list);
+         });
+     }},
+    {"a work item in paged pool", "a work item at", [] {
+         InPagedPool([](PVOID at) {
+             auto* const item = static_cast<PWORK_QUEUE_ITEM>(at);
+             ExInitializeWorkItem(item, DoNothing, nullptr);
+             ExQueueWorkItem(item, CriticalWorkQueue);
+         });
+     }},
+    {"freeing what is not allocated", "no allocated pool block", [] {
+         int onStack = 0;
+         ExFreePool(&onStack);
+     }},
+    {"freeing twice", "no allocated pool block", [] {
+         PVOID const memory = ExAllocatePoolWithTag(PagedPool, 16, kTag);
+         ExFreePool(memory);
+         ExFreePool(memory);
+     }},
+    {"freeing the middle of a block", "no allocated pool block", [] {
+         PVOID const memory = ExAllocatePoolWithTag(PagedPool, 64, kTag);
+         ExFreePool(static_cast<char*>(memory) + 16);
+         ExFreePool(memory);
+     }},
+    {"freeing with another tag", "with the tag 'Else'",
+     [] { ExFreePoolWithTag(ExAllocatePoolWithTag(PagedPool, 16, kTag), 0x65736C45); }},
+    {"freeing memory with a live resource in it", "with a live resource", [] {
+         PVOID const memory = ExAllocatePoolWithTag(NonPagedPool, sizeof(ERESOURCE) + 32, kTag);
+         auto* const resource = reinterpret_cast<PERESOURCE>(static_cast<char*>(memory) + 16);
+         ExInitializeResourceLite(resource);
+         ExFreePool(memory);
+         ExDeleteResourceLite(resource);
+         ExFreePool(memory);
+     }},
+    {"freeing a lookaside entry that is none", "is no entry of it", [] {
+         NPAGED_LOOKASIDE_LIST list;
+         ExInitializeNPagedLookasideList(&list, nullptr, nullptr, 0, 32, kTag, 4);
+         PVOID const other = ExAllocatePoolWithTag(NonPagedPool, 48, kTag);
+         ExFreeToNPagedLookasideList(&list, other);
+         ExFreePool(other);
+         ExDeleteNPagedLookasideList(&list);
+     }},
+    {"releasing a resource that another thread holds", "by a thread that does not hold it", [] {
+         ERESOURCE resource;
+         ExInitializeResourceLite(&resource);
+         ExAcquireResourceExclusiveLite(&resource, TRUE);
+         Elsewhere([&] { ExReleaseResourceLite(&resource); });
+         ExReleaseResourceLite(&resource);
+         ExDeleteResourceLite(&resource);
+     }},
+    {"wanting exclusively what one shares", "would wait for itself", [] {
+         ERESOURCE resource;
+         ExInitializeResourceLite(&resource);
+         ExAcquireResourceSharedLite(&resource, TRUE);
+         EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource, TRUE));
+         ExReleaseResourceLite(&resource);
+         ExDeleteResourceLite(&resource);
+     }},
+    {"deleting a held resource", "deleted while it is acquired 1 times", [] {
+         ERESOURCE resource;
+         ExInitializeResourceLite(&resource);
+         ExAcquireResourceSharedLite(&resource, TRUE);
+         ExDeleteResourceLite(&resource);
+         ExReleaseResourceLite(&resource);
+     }},
+    {"a resource that was never initialised", "no initialised resource", [] {
+         ERESOURCE resource{};
+         EXPECT_FALSE(ExAcquireResourceSharedLite(&resource, TRUE));
+     }},
+    {"releasing a mutex that another thread owns", "by a thread that does not own it", [] {
+         KMUTEX mutex;
+         KeInitializeMutex(&mutex, 0);
+         Poll(&mutex);
+         Elsewhere([&] { KeReleaseMutex(&mutex, FALSE); });
+         KeReleaseMutex(&mutex, FALSE);
+     }},
+    {"acquiring a fast mutex twice", "by a thread that holds it", [] {
+         FAST_MUTEX mutex;
+         ExInitializeFastMutex(&mutex);
+         ExAcquireFastMutex(&mutex);
+         ExAcquireFastMutex(&mutex);
+         ExReleaseFastMutex(&mutex);
+     }},
+    {"acquiring a spin lock twice", "spin for ever", [] {
+         KSPIN_LOCK lock;
+         KIRQL irql;
+         KIRQL again;
+         KeInitializeSpinLock(&lock);
+         KeAcquireSpinLock(&lock, &irql);
+         KeAcquireSpinLock(&lock, &again);
+         KeReleaseSpinLock(&lock, irql);
+     }},
+    {"paged pool with a spin lock held", "allocating pool at IRQL 2", [] {
+         KSPIN_LOCK lock;
+         KIRQL irql;
+         KeInitializeSpinLock(&lock);
+         KeAcquireSpinLock(&lock, &irql);
+         ExFreePool(ExAllocatePoolWithTag(NonPagedPool, 16, kTag));  // allowed
+         EXPECT_EQ(Violations::Count(), 0u);
+         ExFreePool(ExAllocatePoolWithTag(PagedPool, 16, kTag));
+         KeReleaseSpinLock(&lock, irql);
+     }},
+    {"any pool with the cancel lock held", "allocating pool with the cancel lock held", [] {
+         KIRQL irql;
+         IoAcquireCancelSpinLock(&irql);
+         PVOID const memory = ExAllocatePoolWithTag(NonPagedPool, 16, kTag);
+         IoReleaseCancelSpinLock(irql);
+         ExFreePool(memory);
+     }},
+    {"a wait with the cancel lock held", "a wait with the cancel lock held", [] {
+         KEVENT event;
+         KeInitializeEvent(&event, NotificationEvent, TRUE);
+         KIRQL irql;
+         IoAcquireCancelSpinLock(&irql);
+         EXPECT_EQ(Poll(&event), STATUS_SUCCESS);  // a poll is allowed
+         EXPECT_EQ(Violations::Count(), 0u);
+         KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+         IoReleaseCancelSpinLock(irql);
+     }},
+    {"leaving a critical region that was not entered", "in none", [] { KeLeaveCriticalRegion(); }},
+    {"waiting for something else", "no dispatcher object", [] {
+         DISPATCHER_HEADER header{};
+         header.Type = 77;
+         Poll(&header);
+     }},
+    {"closing a handle that is not open", "invalid handle 0x1230",
+     [] { ZwClose(reinterpret_cast<HANDLE>(uintptr_t{0x1230})); }},
+    {"releasing a token twice", "not live", [] {
+         int target = 0;
+         const ULONG token = NtTokenCreate(&target);
+         NtTokenRelease(token);
+         NtTokenRelease(token);
+     }},
+    {"freeing a locked descriptor list", "whose pages are locked", [] {
+         char buffer[64];
+         PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
+         MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
+         IoFreeMdl(mdl);
+         MmUnlockPages(mdl);
+         IoFreeMdl(mdl);
+     }},
+    {"mapping what is not locked", "not locked", [] {
+         char buffer[64];
+         PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
+         EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), nullptr);
+         IoFreeMdl(mdl);
+     }},
+    {"mapping that may not fail", "MDL_MAPPING_CAN_FAIL", [] {
+         char buffer[64];
+         PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
+         MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
+         MmMapLockedPages(mdl, KernelMode);
+         MmUnlockPages(mdl);
+         IoFreeMdl(mdl);
+     }},
+    {"freeing a descriptor list twice", "not allocated", [] {
+         char buffer[64];
+         PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
+         IoFreeMdl(mdl);
+         IoFreeMdl(mdl);
+     }},
+    {"an uncaught probe of a bad address", "exception that nobody catches", [] {
+         PMDL const mdl = IoAllocateMdl(reinterpret_cast<PVOID>(uintptr_t{64}), 16, FALSE, FALSE, nullptr);
+         MmProbeAndLockPages(mdl, UserMode, IoReadAccess);
+         IoFreeMdl(mdl);
+     }},
+    {"queueing a work item twice", "a second time", [] {
+         struct Gate {
+             KEVENT open;
+             std::atomic<bool> left{false};
+         } gate;
+         KeInitializeEvent(&gate.open, NotificationEvent, FALSE);
+         WORK_QUEUE_ITEM blockers[4];  // keep all four threads busy, so that the item stays queued
+         for (WORK_QUEUE_ITEM& blocker : blockers) {
+             ExInitializeWorkItem(
+                 &blocker,
+                 [](PVOID g) {
+                     KeWaitForSingleObject(&static_cast<Gate*>(g)->open, Executive, KernelMode, FALSE, nullptr);
+                 },
+                 &gate);
+             ExQueueWorkItem(&blocker, CriticalWorkQueue);
+         }
+         WORK_QUEUE_ITEM item;
+         ExInitializeWorkItem(&item, [](PVOID g) { static_cast<Gate*>(g)->left = true; }, &gate);
+         ExQueueWorkItem(&item, CriticalWorkQueue);
+         ExQueueWorkItem(&item, CriticalWorkQueue);
+         KeSetEvent(&gate.open, 0, FALSE);
+         EXPECT_TRUE(Eventually([&] { return gate.left.load(); }));
+         KEVENT done;  // the blockers use the gate until their threads take another item
+         KeInitializeEvent(&done, NotificationEvent, FALSE);
+         EXPECT_TRUE(Eventually([] { return nt::DescribeThreads().find("for 0x") == std::string::npos; }));
+     }},
+    {"a work routine that keeps a lock", "returned in 1 critical regions", [] {
+         static std::atomic<bool> over;
+         over = false;
+         WORK_QUEUE_ITEM item;
+         ExInitializeWorkItem(&item, [](PVOID) { KeEnterCriticalRegion(); }, nullptr);
+         ExQueueWorkItem(&item, HyperCriticalWorkQueue);
+         EXPECT_TRUE(Eventually([] { return Violations::Count() == 1; }));
+         WORK_QUEUE_ITEM undo;  // there is one such thread
+         ExInitializeWorkItem(
+             &undo,
+             [](PVOID) {
+                 KeLeaveCriticalRegion();
+                 over = true;
+             },
+             nullptr);
+         ExQueueWorkItem(&undo, HyperCriticalWorkQueue);
+         EXPECT_TRUE(Eventually([] { return over.load(); }));
+     }},
+};
+
+class VerifierTest : public KernelTest {};
+
+TEST_F(VerifierTest, FindsEachMisdeed) {
+    const nt::DriverImage image{[](PDRIVER_OBJECT driver, PUNICODE_STRING) {
+                                    driver->DriverUnload = [](PDRIVER_OBJECT) {};
+                                    return STATUS_SUCCESS;
+                                },
+                                u"Evil", u""};
+    PDRIVER_OBJECT driver = nullptr;
+    ASSERT_EQ(nt::LoadDriver(image, &driver), STATUS_SUCCESS);
+    for (const Misdeed& misdeed : kMisdeeds) {
+        SCOPED_TRACE(misdeed.name);
+        {
+            const nt::DriverScope scope(driver);
+            Violations violations;
+            misdeed.commit();
+            const size_t count = Violations::Count();
+            const std::string said = Violations::Take();
+            EXPECT_NE(said.find(misdeed.message), std::string::npos) << said;
+            EXPECT_GE(count, 1u);
+            EXPECT_NE(said.find("[in driver Evil]"), std::string::npos) << said;
+        }
+        EXPECT_EQ(nt::ToString(nt::Holdings(driver)), "");
+    }
+    EXPECT_EQ(nt::UnloadDriver(driver, nullptr), STATUS_SUCCESS);
+}
+
+// ---- the order of acquires ----
+
+struct Locks {
+    ERESOURCE outer;
+    KMUTEX inner;
+    FAST_MUTEX innermost;
+    PERESOURCE files[2];  // in pool, like the locks of records that come and go
+
+    [[gnu::noinline]] Locks() {
+        ExInitializeResourceLite(&outer);
+        KeInitializeMutex(&inner, 0);
+        ExInitializeFastMutex(&innermost);
+        for (PERESOURCE& file : files) {
+            file = static_cast<PERESOURCE>(ExAllocatePoolWithTag(NonPagedPool, sizeof(ERESOURCE), kTag));
+            ExInitializeResourceLite(file);
+        }
+    }
+    ~Locks() {
+        ExDeleteResourceLite(&outer);
+        for (PERESOURCE const file : files) {
+            ExDeleteResourceLite(file);
+            ExFreePool(file);
+        }
+    }
+    bool Outer(BOOLEAN wait = TRUE) { return ExAcquireResourceSharedLite(&outer, wait) != FALSE; }
+    bool File(int i, BOOLEAN wait = TRUE) { return ExAcquireResourceExclusiveLite(files[i], wait) != FALSE; }
+    bool Inner() { return KeWaitForSingleObject(&inner, Executive, KernelMode, FALSE, nullptr) == STATUS_SUCCESS; }
+    void ReleaseAll() {
+        for (PERESOURCE const resource : {&outer, files[0], files[1]}) {
+            if (ExIsResourceAcquiredLite(resource) != 0) {
+                ExReleaseResourceLite(resource);
+            }
+        }
+        if (KeReadStateMutex(&inner) <= 0) {
+            KeReleaseMutex(&inner, FALSE);
+        }
+    }
+};
+
+TEST_F(VerifierTest, AnAcquireOrderThatContradictsOneSeenBeforeIsRefused) {
+    struct Case {
+        const char* name;
+        void (*first)(Locks&);
+        void (*then)(Locks&);
+        bool refused;
+    };
+    const Case cases[] = {
+        {"the same order", [](Locks& l) { l.Outer() && l.Inner(); }, [](Locks& l) { l.Outer() && l.Inner(); }, false},
+        {"the opposite", [](Locks& l) { l.Outer() && l.Inner(); }, [](Locks& l) { l.Inner() && l.Outer(); }, true},
+        {"a circle of three",
+         [](Locks& l) {
+             l.Outer() && l.File(0);
+             l.ReleaseAll();
+             l.File(0) && l.Inner();
+         },
+         [](Locks& l) { l.Inner() && l.Outer(); }, true},
+        {"two locks of one class both ways", [](Locks& l) { l.File(0) && l.File(1); },
+         [](Locks& l) { l.File(1) && l.File(0); }, false},
+        {"classes, not instances: another file the other way round", [](Locks& l) { l.Outer() && l.File(0); },
+         [](Locks& l) { l.File(1) && l.Outer(); }, true},
+        {"an attempt that does not wait cannot deadlock", [](Locks& l) { l.Outer() && l.File(0); },
+         [](Locks& l) { l.File(1) && l.Outer(FALSE); }, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        {
+            Violations violations;
+            Locks before;
+            c.first(before);
+            before.ReleaseAll();
+            Locks later;  // other instances of the same classes
+            c.then(later);
+            later.ReleaseAll();
+            EXPECT_EQ(Violations::Take().find("acquire order") != std::string::npos, c.refused);
+        }
+        EXPECT_EQ(nt::ToString(nt::Shutdown()), "");
+        nt::Boot();  // forgets the orders seen
+    }
+}
+
+TEST_F(VerifierTest, AUsersRequestMustAcquireInsideACriticalRegion) {
+    Violations violations;
+    ERESOURCE resource;
+    ExInitializeResourceLite(&resource);
+    EXPECT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));  // a thread of the system
+    ExReleaseResourceLite(&resource);
+    nt::Process process("app");
+    {
+        TestDriver driver;
+        ASSERT_EQ(driver.Load(), STATUS_SUCCESS);
+        driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
+            KeEnterCriticalRegion();
+            EXPECT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));
+            ExReleaseResourceLite(&resource);
+            KeLeaveCriticalRegion();
+            EXPECT_EQ(Violations::Count(), 0u);
+            EXPECT_FALSE(ExAcquireResourceSharedLite(&resource, TRUE));
+            return Complete(irp, STATUS_SUCCESS);
+        };
+        nt::Handle handle = 0;
+        ASSERT_EQ(process.Open({.name = u"\\??\\T:\\f"}, &handle), STATUS_SUCCESS);
+        EXPECT_EQ(process.Read(handle, nullptr, nullptr, 0), STATUS_SUCCESS);
+        EXPECT_NE(Violations::Take().find("outside a critical region"), std::string::npos);
+        process.Exit();
+        EXPECT_EQ(driver.Unload(), "");
+    }
+    ExDeleteResourceLite(&resource);
+}
+
+// ---- what is left over ----
+
+TEST_F(VerifierTest, AnUnloadListsWhatTheDriverLeft) {
+    static PAGED_LOOKASIDE_LIST list;
+    static ERESOURCE resource;
+    static KEVENT stop;
+    static HANDLE thread;
+    static PDEVICE_OBJECT device;
+    const nt::DriverImage image{
+        [](PDRIVER_OBJECT driver, PUNICODE_STRING) {
+            driver->DriverUnload = [](PDRIVER_OBJECT) {};
+            PVOID const memory = ExAllocatePoolWithTag(PagedPool, 100, kTag);
+            ExInitializePagedLookasideList(&list, nullptr, nullptr, 0, 32, kTag, 4);
+            ExInitializeResourceLite(&resource);
+            KeInitializeEvent(&stop, NotificationEvent, FALSE);
+            PsCreateSystemThread(
+                &thread, 0, nullptr, nullptr, nullptr,
+                [](PVOID) { KeWaitForSingleObject(&stop, Executive, KernelMode, FALSE, nullptr); }, nullptr);
+            IoAllocateMdl(memory, 100, FALSE, FALSE, nullptr);
+            IoAllocateIrp(1, FALSE);
+            IoCreateDevice(driver, 0, Name(u"\\Device\\Left"), FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
+            IoCreateSymbolicLink(Name(u"\\??\\Left"), Name(u"\\Device\\Left"));
+            IoRegisterFileSystem(device);
+            return IoRegisterShutdownNotification(device);
+        },
+        u"Messy", u""};
+    PDRIVER_OBJECT driver = nullptr;
+    ASSERT_EQ(nt::LoadDriver(image, &driver), STATUS_SUCCESS);
+    nt::LeakList leaks;
+    ASSERT_EQ(nt::UnloadDriver(driver, &leaks), STATUS_SUCCESS);
+    const std::string text = nt::ToString(leaks);
+    for (const char* const expected :
+         {"paged pool Test, 100 bytes", "lookaside list 'Test'", "resource ", "running thread Messy thread",
+          "descriptor list ", "request ", "device \\Device\\Left", "link \\??\\Left", "file system registration",
+          "shutdown registration", "handle of thread object"}) {
+        EXPECT_NE(text.find(expected), std::string::npos) << expected << " is not in:\n" << text;
+    }
+    const auto endThread = [] {
+        KeSetEvent(&stop, 0, FALSE);
+        EXPECT_TRUE(Eventually([] { return nt::DescribeThreads().find("Messy") == std::string::npos; }));
+    };
+    endThread();
+    // At shutdown what is left is nobody's, and the next kernel starts clean: the names are free.
+    EXPECT_NE(nt::ToString(nt::Shutdown()), "");
+    nt::Boot();
+    EXPECT_EQ(nt::LoadDriver(image, &driver), STATUS_SUCCESS);
+    EXPECT_EQ(nt::UnloadDriver(driver, nullptr), STATUS_SUCCESS);
+    endThread();
+    EXPECT_NE(nt::ToString(nt::Shutdown()), "");
+    nt::Boot();
+}
+
+TEST_F(VerifierTest, AFailedEntryReportsWhatItLeft) {
+    const nt::DriverImage image{[](PDRIVER_OBJECT, PUNICODE_STRING) {
+                                    ExAllocatePoolWithTag(NonPagedPool, 24, kTag);
+                                    return STATUS_NO_SUCH_DEVICE;
+                                },
+                                u"Failing", u""};
+    PDRIVER_OBJECT driver = nullptr;
+    nt::LeakList leaks;
+    EXPECT_EQ(nt::LoadDriver(image, &driver, &leaks), STATUS_NO_SUCH_DEVICE);
+    EXPECT_EQ(nt::ToString(leaks), "non-paged pool Test, 24 bytes\n");
+    EXPECT_NE(nt::ToString(nt::Shutdown()), "");
+    nt::Boot();
+}
+
+}  // namespace

@@ -1,0 +1,169 @@
+// Runs the real `vrkfs` program on a station of its own.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <span>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/machine_fixture.h"
+
+namespace tests {
+
+struct Outcome {
+    int status = -1;
+    std::string out;
+    std::string err;
+
+    // The one JSON object a line of `out`.
+    [[nodiscard]] std::vector<nlohmann::json> Objects() const {
+        std::vector<nlohmann::json> objects;
+        std::istringstream lines(out);
+        for (std::string line; std::getline(lines, line);) {
+            objects.push_back(nlohmann::json::parse(line, nullptr, false));
+            EXPECT_TRUE(objects.back().is_object()) << line;
+        }
+        return objects;
+    }
+};
+
+class ProgramTest : public testing::Test {
+  protected:
+    static constexpr const char* kStationName = "station";
+
+    [[nodiscard]] std::filesystem::path Path(const std::string& name) const { return directory_.Path() / name; }
+    [[nodiscard]] std::filesystem::path Image(std::uint32_t disk, std::uint32_t card = 0) const {
+        return Path(kStationName) / ("card" + std::to_string(card)) / ("scsi" + std::to_string(disk) + ".img");
+    }
+
+    // A station that the program finds by itself.
+    void MakeStation(const std::string& layout = "--disks 4 --size 16M") {
+        ASSERT_EQ(Run("create-station @/station " + layout).status, 0);
+    }
+    // With volumes ONE (disk 0) and TWO (disks 1, 2), a folder A in each, and the clip @/clip.
+    void MakeVolumes() {
+        MakeStation();
+        ASSERT_EQ(Run("format --name ONE --disks 0").status, 0);
+        ASSERT_EQ(Run("format --name TWO --disks 1,2").status, 0);
+        ASSERT_EQ(Run("mkdir P:/RZV/ONE/A").status, 0);
+        ASSERT_EQ(Run("mkdir P:/RZV/TWO/A").status, 0);
+        ASSERT_EQ(Run("clip make @/clip --frames 9 --alpha --fields 0..40 --seed 5").status, 0);
+    }
+
+    // "ls -l P:/", split at spaces, with @ for the test's directory and | for a space inside a word. Standard input is
+    // the file `input`, else /dev/null.
+    Outcome Run(const std::string& line, const std::string& input = "/dev/null") const {
+        const pid_t child = Start(line, input);
+        return Finish(child);
+    }
+
+    // The same in two steps, for what happens meanwhile. Only one program at a time.
+    pid_t Start(const std::string& line, const std::string& input) const {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            Redirect(input, O_RDONLY, STDIN_FILENO);
+            Redirect(Path("out"), O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
+            Redirect(Path("err"), O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
+            Execute(line);
+        }
+        return child;
+    }
+    Outcome Finish(pid_t child) const { return {Await(child), Contents(Path("out")), Contents(Path("err"))}; }
+
+    // On a terminal, where `typed` waits to be read; everything it shows is in `out`.
+    Outcome RunOnTerminal(const std::string& line, const std::string& typed) const {
+        int terminal = -1;
+        const pid_t child = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (child == 0) {
+            Execute(line);
+        }
+        EXPECT_EQ(::write(terminal, typed.data(), typed.size()), static_cast<ssize_t>(typed.size()));
+        Outcome outcome;
+        char piece[4096];
+        for (ssize_t got; (got = ::read(terminal, piece, sizeof(piece))) > 0;) {
+            outcome.out.append(piece, static_cast<std::size_t>(got));
+        }
+        outcome.status = Await(child);
+        ::close(terminal);
+        return outcome;
+    }
+
+    static std::string Contents(const std::filesystem::path& path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    static void WriteAt(const std::filesystem::path& path, std::uint64_t offset, const std::string& bytes) {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(offset));
+        file << bytes;
+        ASSERT_TRUE(file.flush());
+    }
+
+    // A failure: that status, nothing reported, one line that holds `text`.
+    static void ExpectFailure(const Outcome& outcome, int status, const std::string& text) {
+        EXPECT_EQ(outcome.status, status) << outcome.err;
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(std::ranges::count(outcome.err, '\n'), 1) << outcome.err;
+        EXPECT_NE(outcome.err.find(text), std::string::npos) << outcome.err << "lacks: " << text;
+    }
+
+    TemporaryDirectory directory_;
+
+  private:
+    static void Redirect(const std::filesystem::path& path, int flags, int descriptor) {
+        const int opened = ::open(path.c_str(), flags, 0600);
+        if (opened < 0 || ::dup2(opened, descriptor) < 0) {
+            ::_exit(99);
+        }
+        ::close(opened);
+    }
+
+    [[noreturn]] void Execute(const std::string& line) const {
+        std::vector<std::string> words{VRKFS_PROGRAM};
+        std::istringstream split(line);
+        for (std::string word; split >> word;) {
+            for (std::size_t at = word.find('@'); at != std::string::npos; at = word.find('@')) {
+                word.replace(at, 1, directory_.Path().string());
+            }
+            std::ranges::replace(word, '|', ' ');
+            words.push_back(word == "''" ? "" : word);
+        }
+        std::vector<char*> arguments;
+        for (std::string& word : words) {
+            arguments.push_back(word.data());
+        }
+        arguments.push_back(nullptr);
+        if (!noStation_) {
+            ::setenv("VRKFS_STATION", Path(kStationName).c_str(), 1);
+        } else {
+            ::unsetenv("VRKFS_STATION");
+        }
+        ::signal(SIGPIPE, SIG_DFL);
+        ::execv(VRKFS_PROGRAM, arguments.data());
+        ::_exit(98);
+    }
+
+    static int Await(pid_t child) {
+        int status = 0;
+        while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+  protected:
+    bool noStation_ = false;  // the environment names none
+};
+
+}  // namespace tests

@@ -1,0 +1,95 @@
+// Names, sizes and times on their way between the drive and a person.
+#include "tool/text.h"
+
+#include <gtest/gtest.h>
+
+#include "tool/paths.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+TEST(Text, EveryNameCanBeShownAndTypedBack) {
+    struct Case {
+        std::u16string name;
+        std::string shown;
+    };
+    const Case cases[] = {
+        {u"Clip 1.rzv", "Clip 1.rzv"},
+        {u"\u00DC\u4E16\u754C", "\u00DC\u4E16\u754C"},
+        {{0xD83C, 0xDFAC}, "\U0001F3AC"},
+        {{0xDBFF, 0xDFFF}, "\U0010FFFF"},
+        {{0xD83C}, "<D83C>"},                       // half a pair at the end
+        {{0xDFAC, 0xD83C, u'a'}, "<DFAC><D83C>a"},  // the halves in the wrong order
+        {{0xD83C, 0xD83C, 0xDFAC}, "<D83C>\U0001F3AC"},
+        {u"a\nb\x1B[2J\x7F"s + u'\0', "a<000A>b<001B>[2J<007F><0000>"},
+        {u"a/b\\c:d<e>|", "a<002F>b<005C>c<003A>d<003C>e<003E><007C>"},
+        {u"<0041>", "<003C>0041<003E>"},  // a name that looks like an escape is not taken for one
+    };
+    for (const Case& test : cases) {
+        EXPECT_EQ(tool::DisplayName(test.name), test.shown);
+        EXPECT_EQ(tool::ParseName(test.shown), test.name) << test.shown;
+    }
+    for (char32_t unit = 0; unit < 0x10000; ++unit) {
+        const std::u16string name(1, static_cast<char16_t>(unit));
+        EXPECT_EQ(tool::ParseName(tool::DisplayName(name)), name) << std::uint32_t{unit};
+    }
+    for (const char* broken : {"\xFF", "\xC0\x80", "\xE2\x82", "\xED\xA0\x80", "\xF4\x90\x80\x80", "a\x80"}) {
+        EXPECT_FALSE(tool::ParseName(broken)) << broken;
+    }
+    for (const char* plain : {"<D8>", "<D80G>", "<D8000", "<", "<D800"}) {
+        EXPECT_EQ(tool::ParseName(plain), std::u16string(plain, plain + std::string(plain).size()));
+    }
+}
+
+TEST(Text, SizesAndTimes) {
+    EXPECT_EQ(tool::ParseBytes("2G"), 2ull << 30);
+    EXPECT_EQ(tool::ParseBytes("512k"), 512ull << 10);
+    EXPECT_EQ(tool::ParseBytes("4096"), 4096u);
+    EXPECT_EQ(tool::ParseBytes("8388607T"), 8388607ull << 40);
+    for (const char* wrong : {"", "G", "-1", "1.5G", "2GB", "2 G", "8388608T", "99999999999999999999"}) {
+        EXPECT_FALSE(tool::ParseBytes(wrong)) << wrong;
+    }
+    EXPECT_EQ(tool::FormatBytes(1023), "1023 B");
+    EXPECT_EQ(tool::FormatBytes(1024 * 1024 - 1), "1.0 MiB");
+    EXPECT_EQ(tool::FormatBytes(~0ull), "16.0 EiB");
+
+    EXPECT_EQ(tool::FormatTime(0), "-");
+    EXPECT_EQ(tool::FormatTime(-5), "-");
+    EXPECT_EQ(tool::FormatTime(133'536'855'590'000'000), "2024-02-29 13:05:59");
+    EXPECT_EQ(tool::FormatTime(133'536'855'590'000'000, true), "2024-02-29T13:05:59Z");
+    EXPECT_EQ(tool::FormatTime(0x7FFFFFFFFFFFFFFF).substr(0, 6), "30828-");
+}
+
+TEST(Text, PathsAsTyped) {
+    struct Case {
+        const char* typed;
+        std::optional<char> drive;
+        std::vector<std::u16string> names;
+    };
+    const Case cases[] = {
+        {"P:", 'P', {}},
+        {"q:/", 'Q', {}},
+        {"/", std::nullopt, {}},
+        {"P:/RZV\\A//B/", 'P', {u"RZV", u"A", u"B"}},
+        {"RZV", std::nullopt, {u"RZV"}},
+        {"/1:/x", std::nullopt, {u"1:", u"x"}},
+        {"1:/x", std::nullopt, {u"1:", u"x"}},
+    };
+    std::string error;
+    for (const Case& test : cases) {
+        SCOPED_TRACE(test.typed);
+        const auto path = tool::ParsePath(test.typed, error);
+        ASSERT_TRUE(path) << error;
+        EXPECT_EQ(path->drive, test.drive);
+        EXPECT_EQ(path->names, test.names);
+    }
+    for (const char* wrong : {"", "P:/a<005C>b", "P:/<0000>", "P:/\xFF"}) {
+        EXPECT_FALSE(tool::ParsePath(wrong, error)) << wrong;
+    }
+    EXPECT_EQ((tool::DrivePath{'P', 0, {}}).Open(), u"P:\\");
+    EXPECT_EQ((tool::DrivePath{'P', 0, {u"RZV", u"a"}}).Open(), u"P:\\RZV\\a");
+    EXPECT_EQ((tool::DrivePath{'P', 0, {u"RZV", u"a|"}}).Display(), "P:/RZV/a<007C>");
+}
+
+}  // namespace

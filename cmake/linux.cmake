@@ -48,7 +48,6 @@ target_compile_options(vrkfs_driver PRIVATE -fno-exceptions -fno-rtti -fno-threa
 if(VRKFS_SANITIZE STREQUAL "none")
     target_compile_options(vrkfs_driver PRIVATE -Wframe-larger-than=1024)
 endif()
-target_precompile_headers(vrkfs_driver PRIVATE <nt.h>)
 target_link_libraries(vrkfs_driver PUBLIC nt)
 
 vrkfs_room(board "board/*.cpp")

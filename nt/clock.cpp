@@ -13,7 +13,7 @@ std::atomic<bool> g_manual{false};
 std::atomic<LONGLONG> g_manualNow{0};  // written under the dispatcher lock
 LIST_ENTRY g_timedWaits = {&g_timedWaits, &g_timedWaits};
 size_t g_timedWaitCount = 0;
-uint32_t g_timedWaitWord = 0;     // bumped when a timed wait begins, for ClockAwaitTimedWaits
+uint32_t g_timedWaitWord = 0;      // bumped when a timed wait begins, for ClockAwaitTimedWaits
 uint32_t g_timedWaitWatchers = 0;  // threads in there; only then is anybody woken
 
 LONGLONG RealNow() {
@@ -85,7 +85,8 @@ void RemoveTimedWait(PETHREAD thread) {
 
 void ClockAdvance(LONGLONG ticks) {
     if (!ClockIsManual() || ticks < 0) {
-        Violation("ClockAdvance of %lld on a %s clock", static_cast<long long>(ticks), ClockIsManual() ? "manual" : "real");
+        Violation("ClockAdvance of %lld on a %s clock", static_cast<long long>(ticks),
+                  ClockIsManual() ? "manual" : "real");
         return;
     }
     const LONGLONG target = g_manualNow.load(std::memory_order_relaxed) + ticks;

@@ -289,9 +289,9 @@ using nt::WordGuard;
 
 NTKERNELAPI VOID NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
     nt::RequireResident(Event, "an event");
-    nt::InitializeHeader(
-        &Event->Header,
-        Type == NotificationEvent ? nt::kNotificationEventObject : nt::kSynchronizationEventObject, State != FALSE);
+    nt::InitializeHeader(&Event->Header,
+                         Type == NotificationEvent ? nt::kNotificationEventObject : nt::kSynchronizationEventObject,
+                         State != FALSE);
 }
 
 NTKERNELAPI LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) {
@@ -383,8 +383,8 @@ NTKERNELAPI LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LON
     WordGuard guard(g_dispatcherLock);
     const LONG before = Semaphore->Header.SignalState;
     if (Adjustment <= 0 || before > Semaphore->Limit - Adjustment) {
-        nt::Violation("semaphore %p: %d released at %d of at most %d", static_cast<void*>(Semaphore), Adjustment, before,
-                      Semaphore->Limit);
+        nt::Violation("semaphore %p: %d released at %d of at most %d", static_cast<void*>(Semaphore), Adjustment,
+                      before, Semaphore->Limit);
         return before;
     }
     Semaphore->Header.SignalState = before + Adjustment;

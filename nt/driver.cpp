@@ -15,8 +15,8 @@ namespace {
 struct DriverMemory {
     DRIVER_OBJECT driver;
     DRIVER_EXTENSION extension;
-    std::u16string* name;          // "\Driver\VrkFs"
-    std::u16string* serviceName;   // "VrkFs"
+    std::u16string* name;         // "\Driver\VrkFs"
+    std::u16string* serviceName;  // "VrkFs"
     std::u16string* registryPath;
 };
 

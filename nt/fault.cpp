@@ -8,21 +8,30 @@ namespace nt {
 namespace {
 
 std::atomic<bool> g_armed{false};
-FaultPlan g_plan;  // written while disarmed
+// The plan, piece by piece: a driver's threads may look while a test arms anew.
+std::atomic<uint32_t> g_kinds{0};
+std::atomic<uint64_t> g_failAt{0};
+std::atomic<bool> g_forEver{false};
+std::atomic<PDRIVER_OBJECT> g_driver{nullptr};
 std::atomic<uint64_t> g_seen{0};
 std::atomic<uint64_t> g_fired{0};
 std::atomic<bool> g_recycling{!kSanitized};
 
 bool Concerns(PETHREAD self, FaultKind kind) {
-    return self->driver != nullptr && self->faultExemptions == 0 && (g_plan.kinds & FaultBit(kind)) != 0 &&
-           (g_plan.driver == nullptr || g_plan.driver == self->driver);
+    const PDRIVER_OBJECT only = g_driver.load(std::memory_order_relaxed);
+    return self->driver != nullptr && self->faultExemptions == 0 &&
+           (g_kinds.load(std::memory_order_relaxed) & FaultBit(kind)) != 0 &&
+           (only == nullptr || only == self->driver);
 }
 
 }  // namespace
 
 void ArmFaults(const FaultPlan& plan) {
     g_armed = false;
-    g_plan = plan;
+    g_kinds = plan.kinds;
+    g_failAt = plan.failAt;
+    g_forEver = plan.forEver;
+    g_driver = plan.driver;
     g_seen = 0;
     g_fired = 0;
     g_armed = true;
@@ -46,7 +55,8 @@ bool FaultPoint(FaultKind kind) {
         return false;
     }
     const uint64_t n = g_seen.fetch_add(1) + 1;
-    const bool fail = g_plan.failAt != 0 && (n == g_plan.failAt || (g_plan.forEver && n > g_plan.failAt));
+    const uint64_t failAt = g_failAt.load();
+    const bool fail = failAt != 0 && (n == failAt || (g_forEver && n > failAt));
     if (fail) {
         g_fired.fetch_add(1);
     }

@@ -12,22 +12,21 @@ namespace {
 
 constexpr ULONG kNameTag = 0x6D4E6F49;  // "IoNm"
 
-// Kept behind the file object, for the I/O manager.
 struct FileMemory {
     FILE_OBJECT file;
-    bool opened;  // the driver has accepted it, so it must hear of its end
-    PVPB vpb;     // counted for this file
+    FileExtension extension;
 };
 
 WordLock g_vpbLock;  // guards the reference counts of volume parameter blocks
 
-FileMemory* MemoryOf(PFILE_OBJECT file) {
-    return CONTAINING_RECORD(file, FileMemory, file);
+FileExtension* ExtensionOf(PFILE_OBJECT file) {
+    return static_cast<FileExtension*>(file->FileObjectExtension);
 }
 
 ULONG FlagsOfOptions(const OpenRequest& request) {
     ULONG flags = 0;
-    flags |= (request.options & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT)) != 0 ? FO_SYNCHRONOUS_IO : 0;
+    flags |=
+        (request.options & (FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT)) != 0 ? FO_SYNCHRONOUS_IO : 0;
     flags |= (request.options & FILE_SYNCHRONOUS_IO_ALERT) != 0 ? FO_ALERTABLE_IO : 0;
     flags |= (request.options & FILE_NO_INTERMEDIATE_BUFFERING) != 0 ? FO_NO_INTERMEDIATE_BUFFERING : 0;
     flags |= (request.options & FILE_WRITE_THROUGH) != 0 ? FO_WRITE_THROUGH : 0;
@@ -81,6 +80,8 @@ PFILE_OBJECT NewFile(const OpenRequest& request, PDEVICE_OBJECT device, std::u16
     file->DeviceObject = device;
     file->Flags = FlagsOfOptions(request);
     file->RelatedFileObject = request.related;
+    file->FileObjectExtension = &memory->extension;
+    memory->extension.synchronous = (file->Flags & FO_SYNCHRONOUS_IO) != 0;
     if (name.empty() && (request.related == nullptr || (request.related->Flags & FO_VOLUME_OPEN) != 0)) {
         file->Flags |= FO_VOLUME_OPEN;
     }
@@ -88,8 +89,8 @@ PFILE_OBJECT NewFile(const OpenRequest& request, PDEVICE_OBJECT device, std::u16
     InitializeHeader(&file->Event.Header, kNotificationEventObject, 0);
     InitializeListHead(&file->IrpList);
     __atomic_add_fetch(&device->ReferenceCount, 1, __ATOMIC_ACQ_REL);
-    memory->vpb = ReferenceVpb(device);
-    file->Vpb = memory->vpb;
+    memory->extension.vpb = ReferenceVpb(device);
+    file->Vpb = memory->extension.vpb;
     if (!SetName(file, name)) {
         ObfDereferenceObject(file);
         return nullptr;
@@ -177,9 +178,9 @@ NTSTATUS SendCreate(const OpenRequest& request, PFILE_OBJECT file, ULONG_PTR* in
     NTSTATUS status = STATUS_SUCCESS;
     if (request.eaLength != 0) {
         PVOID const buffer = AllocateSystemBuffer(record, request.eaLength);
-        status = buffer == nullptr                                                       ? STATUS_INSUFFICIENT_RESOURCES
+        status = buffer == nullptr ? STATUS_INSUFFICIENT_RESOURCES
                  : !CopyFromUser(request.mode, buffer, request.eaBuffer, request.eaLength) ? STATUS_ACCESS_VIOLATION
-                                                                                         : STATUS_SUCCESS;
+                                                                                           : STATUS_SUCCESS;
     }
     if (NT_SUCCESS(status)) {
         status = IssueAndWait(record, device);
@@ -210,14 +211,14 @@ NTSTATUS OpenFile(const OpenRequest& request, PFILE_OBJECT* file, ULONG_PTR* inf
         return status;
     }
     opened->Flags |= FO_FILE_OPEN;
-    MemoryOf(opened)->opened = true;
+    ExtensionOf(opened)->opened = true;
     *file = opened;
     return status;
 }
 
 void CleanupFileObject(PVOID object) {
     auto* const file = static_cast<PFILE_OBJECT>(object);
-    if (!MemoryOf(file)->opened) {
+    if (!ExtensionOf(file)->opened) {
         return;
     }
     // As on the real kernel the last handle waits for its turn behind synchronous requests in progress.
@@ -233,13 +234,13 @@ void CleanupFileObject(PVOID object) {
 
 void DeleteFileObject(PVOID object) {
     auto* const file = static_cast<PFILE_OBJECT>(object);
-    FileMemory* const memory = MemoryOf(file);
+    const FileExtension* const extension = ExtensionOf(file);
     PDEVICE_OBJECT const device = file->DeviceObject;
-    if (memory->opened) {
+    if (extension->opened) {
         SendEnd(file, IRP_MJ_CLOSE);
     }
-    if (memory->vpb != nullptr) {
-        DereferenceVpb(memory->vpb);
+    if (extension->vpb != nullptr) {
+        DereferenceVpb(extension->vpb);
     }
     if (file->FileName.Buffer != nullptr) {
         KernelFree(file->FileName.Buffer);

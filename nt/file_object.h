@@ -32,8 +32,15 @@ NTSTATUS OpenFile(const OpenRequest& request, PFILE_OBJECT* file, ULONG_PTR* inf
 // The turn of synchronous requests on one file object. False: the process is going away (never, at present).
 void LockFile(PFILE_OBJECT file);
 void UnlockFile(PFILE_OBJECT file);
+// Fixed at the open; the flags, which drivers change, are asked only of a file object that somebody else made up.
+struct FileExtension {
+    bool synchronous;
+    bool opened;  // the driver has accepted it, so it must hear of its end
+    PVPB vpb;     // counted for this file
+};
 inline bool IsSynchronous(const FILE_OBJECT* file) {
-    return (file->Flags & FO_SYNCHRONOUS_IO) != 0;
+    const auto* const extension = static_cast<const FileExtension*>(file->FileObjectExtension);
+    return extension != nullptr ? extension->synchronous : (file->Flags & FO_SYNCHRONOUS_IO) != 0;
 }
 
 // Devices, for the loading of drivers.

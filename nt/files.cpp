@@ -96,14 +96,16 @@ void FreeFile(PVOID object) {
     delete static_cast<FileBody*>(object)->open;
 }
 
-OBJECT_TYPE g_rootFileType = {.name = "file of \\SystemRoot", .lastHandleClosed = CleanupFile, .deleteObject = FreeFile};
+OBJECT_TYPE g_rootFileType = {
+    .name = "file of \\SystemRoot", .lastHandleClosed = CleanupFile, .deleteObject = FreeFile};
 
 class FileReference {
   public:
     NTSTATUS Open(HANDLE handle, ACCESS_MASK wanted) {
         OBJECT_HANDLE_INFORMATION information = {};
         PVOID object = nullptr;
-        const NTSTATUS status = ObReferenceObjectByHandle(handle, 0, &g_rootFileType, KernelMode, &object, &information);
+        const NTSTATUS status =
+            ObReferenceObjectByHandle(handle, 0, &g_rootFileType, KernelMode, &object, &information);
         if (!NT_SUCCESS(status)) {
             return status;
         }

@@ -134,8 +134,8 @@ NTSTATUS ObCreateHandle(PVOID object, ACCESS_MASK granted, ULONG attributes, PHA
     return CreateHandleIn(process, object, granted, attributes, handle);
 }
 
-NTSTATUS ReferenceHandle(PEPROCESS process, HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type,
-                         KPROCESSOR_MODE mode, PVOID* object, ACCESS_MASK* granted) {
+NTSTATUS ReferenceHandle(PEPROCESS process, HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode,
+                         PVOID* object, ACCESS_MASK* granted) {
     if (mode != KernelMode && (HandleValue(handle) & kKernelHandleBit) != 0) {
         return STATUS_INVALID_HANDLE;
     }
@@ -190,8 +190,7 @@ NTSTATUS DuplicateHandle(PEPROCESS from, HANDLE handle, PEPROCESS to, ACCESS_MAS
 }
 
 void CloseAllHandles(PEPROCESS process) {
-    for (HANDLE handle = FirstHandle(*process->handles); handle != nullptr;
-         handle = FirstHandle(*process->handles)) {
+    for (HANDLE handle = FirstHandle(*process->handles); handle != nullptr; handle = FirstHandle(*process->handles)) {
         CloseHandle(process, handle);
     }
 }

@@ -287,8 +287,8 @@ void CloseAllHandles(PEPROCESS process);
 size_t CountHandles(PEPROCESS process);
 NTSTATUS DuplicateHandle(PEPROCESS from, HANDLE handle, PEPROCESS to, ACCESS_MASK access, PHANDLE copy);
 NTSTATUS CloseHandle(PEPROCESS process, HANDLE handle);
-NTSTATUS ReferenceHandle(PEPROCESS process, HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type,
-                         KPROCESSOR_MODE mode, PVOID* object, ACCESS_MASK* granted);
+NTSTATUS ReferenceHandle(PEPROCESS process, HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode,
+                         PVOID* object, ACCESS_MASK* granted);
 
 extern OBJECT_TYPE g_fileType;
 extern OBJECT_TYPE g_deviceType;

@@ -506,6 +506,7 @@ NTKERNELAPI VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
 NTKERNELAPI BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp);
 
 NTKERNELAPI PIRP NTAPI IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
+// Makes a request of IoAllocateIrp, once it has come back, fit to be sent again.
 NTKERNELAPI VOID NTAPI IoInitializeIrp(PIRP Irp, USHORT PacketSize, CCHAR StackSize);
 // Makes a request of IoAllocateIrp ready to be sent again, once its completion routine has stopped its completion.
 NTKERNELAPI VOID NTAPI IoReuseIrp(PIRP Irp, NTSTATUS Status);

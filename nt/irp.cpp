@@ -125,7 +125,8 @@ IrpRecord* NewIrp(CCHAR stacks, IrpKind kind) {
     if (record->irp != nullptr && record->stacks < stacks) {
         DetachMemory(record);
     }
-    if (record->irp == nullptr && !AttachMemory(record, kSanitized || stacks > kRecycledStacks ? stacks : kRecycledStacks)) {
+    if (record->irp == nullptr &&
+        !AttachMemory(record, kSanitized || stacks > kRecycledStacks ? stacks : kRecycledStacks)) {
         KeepRecord(record);
         return nullptr;
     }

@@ -100,6 +100,7 @@ void GiveBackMdlRecords(PETHREAD self);
 void ForgetIrpOwner(PDRIVER_OBJECT driver);
 void ForgetMdlOwner(PDRIVER_OBJECT driver);
 uint64_t IrpsSent();
+void ResetIrpsSent();
 uint64_t LiveIrps();
 uint64_t LiveMdls();
 

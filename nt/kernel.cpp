@@ -35,6 +35,7 @@ void Boot(const BootOptions& options) {
         return;
     }
     SetRecycling(options.recycle);
+    ResetIrpsSent();
     ClockBoot(options);
     LockOrderBoot();
     ProcessesBoot();

@@ -131,8 +131,8 @@ std::string LockClassName(uint32_t lockClass) {
     }
     const LockClass& c = g_classes[lockClass];
     if (c.site == nullptr) {
-        return std::string(KindName(c.kind)) + " at " + std::to_string(c.place.offset) + " of '" + TagText(c.place.tag) +
-               "' (" + std::to_string(c.place.size) + " bytes)";
+        return std::string(KindName(c.kind)) + " at " + std::to_string(c.place.offset) + " of '" +
+               TagText(c.place.tag) + "' (" + std::to_string(c.place.size) + " bytes)";
     }
     std::string name = std::string(KindName(c.kind)) + " of ";
     Dl_info info{};
@@ -162,8 +162,7 @@ bool LockOrderCheck(PETHREAD self, uint32_t lockClass, const void* object) {
     }
     for (unsigned i = 0; i < self->heldCount; i++) {
         const uint32_t held = self->held[i].lockClass;
-        if (held != lockClass && held != 0 && !HasEdge(held, lockClass) &&
-            !AddEdge(self, held, lockClass, object)) {
+        if (held != lockClass && held != 0 && !HasEdge(held, lockClass) && !AddEdge(self, held, lockClass, object)) {
             return false;
         }
     }
@@ -200,7 +199,8 @@ std::string DescribeHeld(PETHREAD self) {
     for (unsigned i = 0; i < self->heldCount; i++) {
         const HeldLock& held = self->held[i];
         char line[64];
-        std::snprintf(line, sizeof(line), "%p %s x%u", held.object, held.exclusive ? "exclusive" : "shared", held.count);
+        std::snprintf(line, sizeof(line), "%p %s x%u", held.object, held.exclusive ? "exclusive" : "shared",
+                      held.count);
         text += (text.empty() ? "" : "; ") + LockClassName(held.lockClass) + " " + line;
     }
     return text.empty() ? "nothing" : text;

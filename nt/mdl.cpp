@@ -75,7 +75,7 @@ MdlRecord* RecordOfMdl(PMDL mdl) {
     const auto* const prefix =
         reinterpret_cast<const MdlPrefix*>(reinterpret_cast<const char*>(mdl) - sizeof(MdlPrefix));
     return prefix->magic == kMagic && prefix->record->mdl == mdl && prefix->record->live.load() ? prefix->record
-                                                                                                  : nullptr;
+                                                                                                : nullptr;
 }
 
 // The record of a live list; null, after a violation that names the operation, otherwise.

@@ -17,8 +17,8 @@ constexpr int kMaximumReparses = 32;
 constexpr size_t kMaximumPath = 32'766;
 constexpr std::u16string_view kLinksFolder = u"\\??";
 constexpr std::u16string_view kLinksFolderAlias = u"\\DOSDEVICES";
-constexpr std::array<std::u16string_view, 8> kFolders = {u"",          u"\\??",               u"\\DEVICE",   u"\\DRIVER",
-                                                         u"\\FILESYSTEM", u"\\BASENAMEDOBJECTS", u"\\REGISTRY", u"\\SYSTEMROOT"};
+constexpr std::array<std::u16string_view, 8> kFolders = {
+    u"", u"\\??", u"\\DEVICE", u"\\DRIVER", u"\\FILESYSTEM", u"\\BASENAMEDOBJECTS", u"\\REGISTRY", u"\\SYSTEMROOT"};
 
 std::mutex g_lock;  // guards the names
 

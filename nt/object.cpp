@@ -133,6 +133,12 @@ std::string ObDescribe(PVOID object) {
     if (ObTypeOf(object) == &g_fileType) {
         return "file object " + DescribeFile(static_cast<PFILE_OBJECT>(object));
     }
+    if (ObTypeOf(object) == &g_processType) {
+        return std::string("process ") + static_cast<PEPROCESS>(object)->name;
+    }
+    if (ObTypeOf(object) == &g_threadType) {
+        return std::string("thread object ") + static_cast<PETHREAD>(object)->name;
+    }
     const std::u16string name = ObNameOf(object);
     return std::string(ObTypeOf(object)->name) + (name.empty() ? "" : " " + Utf8FromWide(name));
 }

@@ -157,9 +157,9 @@ void Free(PVOID address, const ULONG* tag) {
     }
     const bool cached = block->cached.load(std::memory_order_relaxed);
     if (cached || block->pins.load(std::memory_order_relaxed) != 0) {
-        Violation("free of pool %s %s", DescribeBlock(block).c_str(),
-                  cached ? "that a lookaside list keeps"
-                         : "with a live resource, lookaside list or queued work item inside");
+        Violation(
+            "free of pool %s %s", DescribeBlock(block).c_str(),
+            cached ? "that a lookaside list keeps" : "with a live resource, lookaside list or queued work item inside");
         Insert(block);
         return;
     }
@@ -334,8 +334,7 @@ NTKERNELAPI PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberO
     if (nt::FaultPoint(nt::FaultKind::kPool)) {
         return nullptr;
     }
-    nt::PoolBlock* const block =
-        nt::NewPoolBlock(NumberOfBytes, Tag, nt::IsPagedType(PoolType), nt::CurrentDriver());
+    nt::PoolBlock* const block = nt::NewPoolBlock(NumberOfBytes, Tag, nt::IsPagedType(PoolType), nt::CurrentDriver());
     return block != nullptr ? block + 1 : nullptr;
 }
 

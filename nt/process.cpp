@@ -14,7 +14,8 @@ PEPROCESS g_system = nullptr;
 }  // namespace
 
 PEPROCESS NewProcess(const char* name, KPROCESSOR_MODE mode, bool isSystem) {
-    PVOID const memory = ObAllocateUnlisted(&g_processType, sizeof(_EPROCESS));
+    PVOID const memory = isSystem ? ObAllocateUnlisted(&g_processType, sizeof(_EPROCESS))
+                                  : ObAllocate(&g_processType, sizeof(_EPROCESS));
     auto* const process = new (memory) _EPROCESS{};
     InitializeHeader(&process->header, kProcessObject, 0);
     process->mode = mode;

@@ -1,3 +1,4 @@
+#include "nt/file_object.h"
 #include "nt/irp.h"
 
 #include <cstdio>
@@ -116,9 +117,9 @@ bool WantsCall(const IO_STACK_LOCATION* stack, const IRP* irp) {
     if (stack->CompletionRoutine == nullptr) {
         return false;
     }
-    const UCHAR wanted = static_cast<UCHAR>(NT_SUCCESS(irp->IoStatus.Status) ? SL_INVOKE_ON_SUCCESS
-                                                                            : SL_INVOKE_ON_ERROR) |
-                         (irp->Cancel != FALSE ? SL_INVOKE_ON_CANCEL : 0);
+    const UCHAR wanted =
+        static_cast<UCHAR>(NT_SUCCESS(irp->IoStatus.Status) ? SL_INVOKE_ON_SUCCESS : SL_INVOKE_ON_ERROR) |
+        (irp->Cancel != FALSE ? SL_INVOKE_ON_CANCEL : 0);
     return (stack->Control & wanted) != 0;
 }
 
@@ -191,6 +192,7 @@ void FinishOverlapped(IrpRecord* record) {
         KeSetEvent(completion.event, 0, FALSE);
     }
     if (completion.routine != nullptr) {
+        const DriverScope none(nullptr);
         completion.routine(completion.context, result);
     }
     LockWord(&process->requestLock.word);
@@ -228,6 +230,10 @@ void Finish(IrpRecord* record) {
 }
 
 }  // namespace
+
+void ResetIrpsSent() {
+    g_sent = 0;
+}
 
 uint64_t IrpsSent() {
     return g_sent.load(std::memory_order_relaxed);
@@ -335,8 +341,8 @@ NTKERNELAPI VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR) {
 
 NTKERNELAPI BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp) {
     const PFILE_OBJECT file = IoGetCurrentIrpStackLocation(Irp)->FileObject;
-    const bool synchronous = (Irp->Flags & IRP_SYNCHRONOUS_API) != 0 ||
-                             (file != nullptr && (file->Flags & FO_SYNCHRONOUS_IO) != 0);
+    const bool synchronous =
+        (Irp->Flags & IRP_SYNCHRONOUS_API) != 0 || (file != nullptr && nt::IsSynchronous(file));
     return synchronous ? TRUE : FALSE;
 }
 

@@ -183,8 +183,8 @@ NTKERNELAPI NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource) {
     const ULONG waiting = Resource->NumberOfSharedWaiters + Resource->NumberOfExclusiveWaiters;
     nt::UnlockWord(&Resource->Lock);
     if (active != 0 || waiting != 0) {
-        Violation("%s deleted while it is acquired %d times and %u threads wait for it",
-                  nt::Describe(Resource).c_str(), active, waiting);
+        Violation("%s deleted while it is acquired %d times and %u threads wait for it", nt::Describe(Resource).c_str(),
+                  active, waiting);
     }
     {
         nt::WordGuard guard(nt::g_listLock);
@@ -250,8 +250,8 @@ NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLE
         return FALSE;
     }
     nt::LockWord(&Resource->Lock);
-    const bool admitted = Resource->ActiveCount == 0 || ((Resource->Flag & ResourceOwnedExclusive) == 0 &&
-                                                         Resource->NumberOfExclusiveWaiters == 0);
+    const bool admitted = Resource->ActiveCount == 0 ||
+                          ((Resource->Flag & ResourceOwnedExclusive) == 0 && Resource->NumberOfExclusiveWaiters == 0);
     if (admitted) {
         Resource->ActiveCount++;
         nt::UnlockWord(&Resource->Lock);

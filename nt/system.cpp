@@ -53,8 +53,10 @@ NTSTATUS CheckOpen(const OpenParameters& p) {
         p.disposition > FILE_MAXIMUM_DISPOSITION || (p.options & ~FILE_VALID_OPTION_FLAGS) != 0 ||
         (p.options & kSynchronous) == kSynchronous ||
         ((p.options & kSynchronous) != 0 && (p.desiredAccess & SYNCHRONIZE) == 0) ||
-        ((p.options & FILE_DELETE_ON_CLOSE) != 0 && (p.desiredAccess & (DELETE | GENERIC_ALL | MAXIMUM_ALLOWED)) == 0) ||
-        (directory && (p.options & FILE_NON_DIRECTORY_FILE) != 0) || (directory && (p.options & ~kWithDirectory) != 0) ||
+        ((p.options & FILE_DELETE_ON_CLOSE) != 0 &&
+         (p.desiredAccess & (DELETE | GENERIC_ALL | MAXIMUM_ALLOWED)) == 0) ||
+        (directory && (p.options & FILE_NON_DIRECTORY_FILE) != 0) ||
+        (directory && (p.options & ~kWithDirectory) != 0) ||
         (directory && p.disposition != FILE_CREATE && p.disposition != FILE_OPEN && p.disposition != FILE_OPEN_IF) ||
         ((p.options & FILE_NO_INTERMEDIATE_BUFFERING) != 0 && (p.desiredAccess & FILE_APPEND_DATA) != 0 &&
          (p.desiredAccess & FILE_WRITE_DATA) == 0);

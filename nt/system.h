@@ -32,6 +32,7 @@ struct Overlapped {
 // Requests on a handle opened with FILE_SYNCHRONOUS_IO_NONALERT wait for their end, one at a time per file object, and
 // take no Overlapped record. On other handles (overlapped ones) a request that needs an Overlapped record may return
 // STATUS_PENDING: then the routine is called, and the event set, exactly once, possibly before the call has returned.
+// (A last handle's close waits for the requests in progress on a synchronous file object, a watch included.)
 // Any other status is final: the status block is filled and the routine is not called (the event is set). Without
 // an Overlapped record the end of a pending request on an overlapped handle can be awaited with WaitForFile.
 //

@@ -73,8 +73,8 @@ void SystemRequest::LetGoOfFile() {
 
 NTSTATUS SystemRequest::TakeFile(Handle handle, ACCESS_MASK access, ACCESS_MASK anyOf) {
     PVOID object = nullptr;
-    const NTSTATUS status = ReferenceHandle(process_, HandleFromValue(handle), access, &g_fileType, process_->mode,
-                                            &object, &granted_);
+    const NTSTATUS status =
+        ReferenceHandle(process_, HandleFromValue(handle), access, &g_fileType, process_->mode, &object, &granted_);
     if (!NT_SUCCESS(status)) {
         return Answer(status);
     }
@@ -133,10 +133,11 @@ NTSTATUS SystemRequest::End() {
     }
     const IO_STATUS_BLOCK result = record_->irp->IoStatus;
     const PKEVENT event = record_->completion.event;
+    const bool overlapped = record_->overlapped;
     FreeIrp(record_);
     record_ = nullptr;
     *status_ = result;
-    if (!locked_) {
+    if (overlapped) {
         KeSetEvent(&file_->Event, 0, FALSE);
     }
     if (event != nullptr) {

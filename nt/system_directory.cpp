@@ -60,9 +60,9 @@ NTSTATUS SendQuery(SystemRequest& request, void* buffer, ULONG length, const Pro
     stack->Parameters.QueryDirectory.Length = length;
     stack->Parameters.QueryDirectory.FileInformationClass = query.informationClass;
     stack->Parameters.QueryDirectory.FileIndex = query.fileIndex != nullptr ? *query.fileIndex : 0;
-    stack->Flags = static_cast<UCHAR>((query.restart ? SL_RESTART_SCAN : 0) |
-                                      (query.singleEntry ? SL_RETURN_SINGLE_ENTRY : 0) |
-                                      (query.fileIndex != nullptr ? SL_INDEX_SPECIFIED : 0));
+    stack->Flags =
+        static_cast<UCHAR>((query.restart ? SL_RESTART_SCAN : 0) | (query.singleEntry ? SL_RETURN_SINGLE_ENTRY : 0) |
+                           (query.fileIndex != nullptr ? SL_INDEX_SPECIFIED : 0));
     if (query.pattern != nullptr) {
         stack->Parameters.QueryDirectory.FileName = AttachPattern(request.Irp(), *query.pattern);
         if (stack->Parameters.QueryDirectory.FileName == nullptr) {

@@ -52,9 +52,12 @@ constexpr std::array kSetRules = {
 };
 
 constexpr std::array kQueryVolumeRules = {
-    ClassRule{FileFsVolumeInformation, 24, 0},     ClassRule{FileFsSizeInformation, 24, 0},
-    ClassRule{FileFsDeviceInformation, 8, 0},      ClassRule{FileFsAttributeInformation, 16, 0},
-    ClassRule{FileFsControlInformation, 48, FILE_READ_DATA}, ClassRule{FileFsFullSizeInformation, 32, 0},
+    ClassRule{FileFsVolumeInformation, 24, 0},
+    ClassRule{FileFsSizeInformation, 24, 0},
+    ClassRule{FileFsDeviceInformation, 8, 0},
+    ClassRule{FileFsAttributeInformation, 16, 0},
+    ClassRule{FileFsControlInformation, 48, FILE_READ_DATA},
+    ClassRule{FileFsFullSizeInformation, 32, 0},
     ClassRule{FileFsObjectIdInformation, 64, 0},
 };
 
@@ -146,7 +149,7 @@ bool AnswerQuery(SystemRequest& request, void* buffer, FILE_INFORMATION_CLASS in
         return false;
     }
     *status = CopyToUser(request.Mode(), buffer, &answer, length) ? request.Answer(STATUS_SUCCESS, length)
-                                                                 : request.Answer(STATUS_ACCESS_VIOLATION);
+                                                                  : request.Answer(STATUS_ACCESS_VIOLATION);
     return true;
 }
 
@@ -249,8 +252,7 @@ NTSTATUS CheckRename(const SystemRequest& request, ULONG length) {
     if (!request.IsUser()) {
         return STATUS_SUCCESS;
     }
-    const auto* const rename =
-        static_cast<const FILE_RENAME_INFORMATION*>(request.Irp()->AssociatedIrp.SystemBuffer);
+    const auto* const rename = static_cast<const FILE_RENAME_INFORMATION*>(request.Irp()->AssociatedIrp.SystemBuffer);
     const ULONG room = length - static_cast<ULONG>(offsetof(FILE_RENAME_INFORMATION, FileName));
     const ULONG bytes = rename->FileNameLength;
     return bytes == 0 || bytes % sizeof(WCHAR) != 0 || bytes > room || bytes > UNICODE_STRING_MAX_BYTES
@@ -260,8 +262,7 @@ NTSTATUS CheckRename(const SystemRequest& request, ULONG length) {
 
 // A name with a path in it leads to another folder, perhaps: the driver gets that folder as an open file.
 bool NamesAPath(const FILE_RENAME_INFORMATION* rename) {
-    return rename->RootDirectory != 0 ||
-           (rename->FileNameLength >= sizeof(WCHAR) && rename->FileName[0] == u'\\');
+    return rename->RootDirectory != 0 || (rename->FileNameLength >= sizeof(WCHAR) && rename->FileName[0] == u'\\');
 }
 
 }  // namespace

@@ -150,18 +150,18 @@ NTSTATUS Process::DeviceControl(Handle handle, IO_STATUS_BLOCK* status, ULONG co
                                 ULONG inputLength, void* output, ULONG outputLength, const Overlapped* overlapped) {
     const SystemCall call(object_);
     SystemRequest request(object_, status, overlapped, false);
-    return call.Entered() ? Control(request, IRP_MJ_DEVICE_CONTROL, handle, code,
-                                    {input, inputLength, output, outputLength})
-                          : request.Answer(STATUS_PROCESS_IS_TERMINATING);
+    return call.Entered()
+               ? Control(request, IRP_MJ_DEVICE_CONTROL, handle, code, {input, inputLength, output, outputLength})
+               : request.Answer(STATUS_PROCESS_IS_TERMINATING);
 }
 
 NTSTATUS Process::FsControl(Handle handle, IO_STATUS_BLOCK* status, ULONG code, const void* input, ULONG inputLength,
                             void* output, ULONG outputLength, const Overlapped* overlapped) {
     const SystemCall call(object_);
     SystemRequest request(object_, status, overlapped, false);
-    return call.Entered() ? Control(request, IRP_MJ_FILE_SYSTEM_CONTROL, handle, code,
-                                    {input, inputLength, output, outputLength})
-                          : request.Answer(STATUS_PROCESS_IS_TERMINATING);
+    return call.Entered()
+               ? Control(request, IRP_MJ_FILE_SYSTEM_CONTROL, handle, code, {input, inputLength, output, outputLength})
+               : request.Answer(STATUS_PROCESS_IS_TERMINATING);
 }
 
 }  // namespace nt

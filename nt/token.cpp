@@ -21,8 +21,8 @@ struct Slot {
 };
 
 Slot g_slots[kSlots];
-std::atomic<uint64_t> g_freeHead{0};       // counter (high half), index (low half); 0 ends the stack
-std::atomic<uint32_t> g_nextUnused{1};     // slots from here on were never used
+std::atomic<uint64_t> g_freeHead{0};    // counter (high half), index (low half); 0 ends the stack
+std::atomic<uint32_t> g_nextUnused{1};  // slots from here on were never used
 
 uint32_t PopFree() {
     uint64_t head = g_freeHead.load(std::memory_order_acquire);

@@ -4,6 +4,7 @@
 set -euo pipefail
 seconds=${1:?usage: $0 SECONDS}
 cd "$(dirname "$0")/.."
+. scripts/env.sh
 cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" -DVRKFS_SANITIZE=fuzzer \
     -DVRKFS_TESTS=OFF -DVRKFS_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_C_COMPILER=clang >/dev/null
 cmake --build build/fuzz

@@ -80,6 +80,9 @@ host::Status ListVolumes(host::Process& process, std::uint32_t card, std::vector
 
 host::Status MeasureVolume(host::Process& process, std::uint32_t card, char drive, const std::u16string& name,
                            VolumeSpace& space) {
+    if (name.find(u'\\') != name.npos) {
+        return host::status::kObjectNameInvalid;  // it would be the path of something else
+    }
     host::OpenRequest request;
     request.path = DrivePath{drive, card, {u"RZV", name}}.Open();
     request.access = host::access::kReadAttributes;

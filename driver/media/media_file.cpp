@@ -46,8 +46,8 @@ ULONGLONG VrkFsRZVGetTotalFileSize(const FileEntry* Entry) {
     if ((Entry->Flags & kFileHasAlpha) == 0) {
         return video * VRKFS_SECTOR_SIZE + VrkFsMediaTotalSize(0, 0, 0, false);
     }
-    const ULONGLONG alpha =
-        Entry->AlphaBodyTableBlockCount + std::min<ULONGLONG>(Entry->AlphaDataLength, kMediaMaxDataBlocks);
+    const ULONGLONG alphaData = Entry->AlphaDataLength;  // lies at 4 modulo 8: no reference may be bound to it
+    const ULONGLONG alpha = Entry->AlphaBodyTableBlockCount + std::min<ULONGLONG>(alphaData, kMediaMaxDataBlocks);
     return (video + alpha) * VRKFS_SECTOR_SIZE + VrkFsMediaTotalSize(0, 0, 0, true);
 }
 

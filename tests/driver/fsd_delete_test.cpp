@@ -9,7 +9,32 @@ using host::Disposition;
 constexpr const char* kOk = "STATUS_SUCCESS";
 constexpr std::uint32_t kReadWriteDelete = kReadWrite | host::access::kDelete;
 
-class FsdDelete : public FsdTest {};
+class FsdDelete : public FsdTest {
+  protected:
+    // As a recording that reserved its space and never used it.
+    static void Reserve(FCB* fcb, bool alpha) {
+        Locked([&] {
+            FileEntry* entry = fcb->Common->FileEntry;
+            DualAllocation dual{};
+            ASSERT_EQ(VrkFsVolAllocAllocateDualSpace(&FirstVolume()->Allocator, 40, 3, &dual), STATUS_SUCCESS);
+            entry->Kind = kFileKindMedia;
+            if (alpha) {
+                entry->AlphaDataStartLba = dual.LowerStart;
+                entry->AlphaDataBlockCount = dual.LowerCount;
+                entry->AlphaBodyTableLba = dual.UpperStart;
+                entry->AlphaBodyTableBlockCount = dual.UpperCount;
+                entry->Flags |= kFileAlphaReserved | kFileHasAlpha;
+            } else {
+                entry->DataStartLba = dual.LowerStart;
+                entry->DataBlockCount = dual.LowerCount;
+                entry->VideoBodyTableLba = dual.UpperStart;
+                entry->VideoBodyTableBlockCount = dual.UpperCount;
+                entry->FrameCount = 5;
+                entry->Flags |= kFileVideoReserved;
+            }
+        });
+    }
+};
 
 TEST_F(FsdDelete, HappensWhenTheLastHandleOfThePathGoes) {
     const ULONGLONG freeBefore = FreeBlocks();
@@ -100,6 +125,19 @@ TEST_F(FsdDelete, OfOnePathIsSeenByTheOther) {
     EXPECT_EQ(Find({u"RZV", u"VolA", u"Clips", u"Take1"})->Common->FileEntry->CreationTime, created);
 }
 
+TEST_F(FsdDelete, ThatTheDiskRefusesLeavesAFolderThatOthersStillStandOnOpenable) {
+    Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
+    const host::ScopedHandle port = Hold(u"\\RZV\\VolA\\Empty\\___Port0___");
+    host::ScopedHandle folder = Hold(u"\\RZV\\VolA\\Empty", host::access::kDelete);
+    EXPECT_EQ(SetDelete(folder, true), kOk);
+    board::Misbehaviour rule;
+    rule.operation = board::Operation::kWrite;
+    Board().Misbehave().Add(rule);
+    folder.Reset();
+    Board().Misbehave().Clear();
+    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Empty"), kOk);
+}
+
 TEST_F(FsdDelete, OfOneFolderPathIsSeenByTheOther) {
     Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
     host::ScopedHandle deleter = Hold(u"\\RZV\\VolA\\Empty", host::access::kDelete);
@@ -121,10 +159,24 @@ TEST_F(FsdDelete, OfOneFolderPathIsSeenByTheOther) {
 
 TEST_F(FsdDelete, NeedsNoMemoryOnceItIsPending) {
     const ULONGLONG freeBefore = FreeBlocks();
+    std::vector<DualAllocation> between;
+    const auto takeSome = [&] {
+        Locked([&] {
+            DualAllocation dual{};
+            EXPECT_EQ(VrkFsVolAllocAllocateDualSpace(&FirstVolume()->Allocator, 7, 2, &dual), STATUS_SUCCESS);
+            between.push_back(dual);
+        });
+    };
     for (const char16_t* path : {u"\\RZV\\VolA\\Clips\\Doomed", u"\\RZV\\VolA\\Doomed"}) {
         const bool folder = std::u16string(path) == u"\\RZV\\VolA\\Doomed";
         Make(path, folder ? host::option::kDirectoryFile : 0);
         host::ScopedHandle handle = Hold(path, kReadWriteDelete);
+        if (!folder) {  // with ranges that meet no other free space, so that each becomes a segment of its own
+            for (const bool alpha : {false, true}) {
+                Reserve(Find({u"RZV", u"VolA", u"Clips", u"Doomed"}), alpha);
+                takeSome();
+            }
+        }
         EXPECT_EQ(SetDelete(handle, true), kOk);
         nt::FaultPlan plan;
         plan.failAt = 1;
@@ -135,6 +187,13 @@ TEST_F(FsdDelete, NeedsNoMemoryOnceItIsPending) {
         nt::DisarmFaults();
         EXPECT_EQ(TryOpen(path), "STATUS_OBJECT_NAME_NOT_FOUND");
     }
+    Locked([&] {
+        for (const DualAllocation& dual : between) {
+            AllocObject* allocator = &FirstVolume()->Allocator;
+            EXPECT_EQ(VrkFsVolAllocReleaseSpace(allocator, dual.LowerStart, dual.LowerCount), STATUS_SUCCESS);
+            EXPECT_EQ(VrkFsVolAllocReleaseSpace(allocator, dual.UpperStart, dual.UpperCount), STATUS_SUCCESS);
+        }
+    });
     EXPECT_EQ(FreeBlocks(), freeBefore);
     EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
     ExpectIdle("at the end");
@@ -195,31 +254,8 @@ TEST_F(FsdDelete, ThatTheDiskRefusesLeavesAnOrdinaryFile) {
 
 // ---- Cleanup of handles that could write ----
 
-class FsdSettle : public FsdTest {
+class FsdSettle : public FsdDelete {
   protected:
-    // As a recording that reserved its space and never used it.
-    static void Reserve(FCB* fcb, bool alpha) {
-        Locked([&] {
-            FileEntry* entry = fcb->Common->FileEntry;
-            DualAllocation dual{};
-            ASSERT_EQ(VrkFsVolAllocAllocateDualSpace(&FirstVolume()->Allocator, 40, 3, &dual), STATUS_SUCCESS);
-            entry->Kind = kFileKindMedia;
-            if (alpha) {
-                entry->AlphaDataStartLba = dual.LowerStart;
-                entry->AlphaDataBlockCount = dual.LowerCount;
-                entry->AlphaBodyTableLba = dual.UpperStart;
-                entry->AlphaBodyTableBlockCount = dual.UpperCount;
-                entry->Flags |= kFileAlphaReserved | kFileHasAlpha;
-            } else {
-                entry->DataStartLba = dual.LowerStart;
-                entry->DataBlockCount = dual.LowerCount;
-                entry->VideoBodyTableLba = dual.UpperStart;
-                entry->VideoBodyTableBlockCount = dual.UpperCount;
-                entry->FrameCount = 5;
-                entry->Flags |= kFileVideoReserved;
-            }
-        });
-    }
     static void ExpectPlain(const FileEntry* entry) {
         EXPECT_EQ(entry->Kind, kFileKindPlain);
         EXPECT_EQ(entry->FrameCount, 0u);

@@ -85,7 +85,8 @@ host::Status PutClip(Process& user, const std::u16string& path, const Bytes& ima
 }
 
 host::Status GetClip(Process& user, const std::u16string& path, Bytes& image) {
-    const auto opened = OpenPath(user, path, Disposition::kOpen, host::access::kReadData);
+    const auto opened =
+        OpenPath(user, path, Disposition::kOpen, host::access::kReadData | host::access::kReadAttributes);
     if (!opened.status.Ok()) {
         return opened.status;
     }

@@ -38,14 +38,14 @@ TEST_F(ExecutiveTest, ShareAccessFollowsTheTwoSidedRule) {
     };
     const Case cases[] = {
         {kR, kRead, kR, kRead, true},
-        {kR, 0, kR, kRead, false},               // the first shares nothing
-        {kR, kRead, kR, 0, false},               // the second does not share what the first holds
-        {kX, kRead, kX, kRead, true},            // executing is reading
+        {kR, 0, kR, kRead, false},     // the first shares nothing
+        {kR, kRead, kR, 0, false},     // the second does not share what the first holds
+        {kX, kRead, kX, kRead, true},  // executing is reading
         {kX, kWrite, kR, kAll, false},
         {kR, kRead, kW, kRead, false},
         {kR, kRead | kWrite, kW, kRead, true},
         {kW, kAll, kW, kRead, false},
-        {kA, kAll, kR, kRead, false},            // appending is writing
+        {kA, kAll, kR, kRead, false},  // appending is writing
         {kA, kRead, kR, kWrite, true},
         {kR, kRead, DELETE, kAll, false},
         {kR, kRead | kDelete, DELETE, kRead, true},
@@ -104,7 +104,7 @@ TEST_F(ExecutiveTest, TokensResolveWhileTheyLiveAndNeverAfter) {
     NtTokenRelease(a);
     EXPECT_EQ(NtTokenResolve(a), nullptr);
     EXPECT_EQ(NtTokenResolve(again), &targets[0]);
-    for (const ULONG wrong : {b + 1, b ^ 0x10000, b ^ 0x80000000, 0xFFFFFFFFu, 1u << 31}) {
+    for (const ULONG wrong : {b + 7, b ^ 0x10000, b ^ 0x80000000, 0xFFFFFFFFu, 1u << 31}) {
         EXPECT_EQ(NtTokenResolve(wrong), nullptr);
     }
     // The slot is used again and again; the old token stays dead.

@@ -133,9 +133,9 @@ class TestDriver {
         }
     }
     static NTSTATUS NTAPI Dispatch(PDEVICE_OBJECT device, PIRP irp) {
-        static const char* const kNames[] = {"create",  "pipe",    "close",    "read",    "write",    "query",  "set",
-                                             "queryea", "setea",   "flush",    "queryvol", "setvol",   "dir",    "fsctl",
-                                             "ioctl",   "iioctl",  "shutdown", "lock",    "cleanup"};
+        static const char* const kNames[] = {"create",  "pipe",   "close",    "read",     "write",  "query", "set",
+                                             "queryea", "setea",  "flush",    "queryvol", "setvol", "dir",   "fsctl",
+                                             "ioctl",   "iioctl", "shutdown", "lock",     "cleanup"};
         TestDriver& self = *Current();
         const UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
         {

@@ -48,8 +48,10 @@ TEST_F(RequestTest, AControlRequestReportsWhenItSucceededOrWasPending) {
         bool reported;
     };
     // A failure that the dispatch routine itself returns leaves status block and event alone.
-    const Case cases[] = {{STATUS_SUCCESS, false, true},          {STATUS_BUFFER_OVERFLOW, false, true},
-                          {STATUS_IO_DEVICE_ERROR, false, false}, {STATUS_SUCCESS, true, true},
+    const Case cases[] = {{STATUS_SUCCESS, false, true},
+                          {STATUS_BUFFER_OVERFLOW, false, true},
+                          {STATUS_IO_DEVICE_ERROR, false, false},
+                          {STATUS_SUCCESS, true, true},
                           {STATUS_IO_DEVICE_ERROR, true, true}};
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.status) + (c.pend ? " pending" : ""));
@@ -177,9 +179,10 @@ TEST_F(RequestTest, CompletionRoutinesRunUpwardsAsTheyAsked) {
         bool pend;
         int calls;
     };
-    const Case cases[] = {{STATUS_SUCCESS, true, false, false, 1},        {STATUS_SUCCESS, false, true, false, 0},
-                          {STATUS_IO_DEVICE_ERROR, false, true, false, 1}, {STATUS_IO_DEVICE_ERROR, true, false, false, 0},
-                          {STATUS_SUCCESS, true, true, true, 1},           {STATUS_SUCCESS, false, false, true, 0}};
+    const Case cases[] = {
+        {STATUS_SUCCESS, true, false, false, 1},         {STATUS_SUCCESS, false, true, false, 0},
+        {STATUS_IO_DEVICE_ERROR, false, true, false, 1}, {STATUS_IO_DEVICE_ERROR, true, false, false, 0},
+        {STATUS_SUCCESS, true, true, true, 1},           {STATUS_SUCCESS, false, false, true, 0}};
     for (const Case& c : cases) {
         int calls = 0;
         Answer([&](PDEVICE_OBJECT device, PIRP irp) {
@@ -314,7 +317,8 @@ TEST_F(RequestTest, TheVerifierHoldsDispatchRoutinesToTheirWord) {
         {"completes twice", "does not exist or has been completed",
          [](PIRP irp) {
              Complete(irp, STATUS_SUCCESS);
-             return Complete(irp, STATUS_SUCCESS);
+             IofCompleteRequest(irp, IO_NO_INCREMENT);
+             return STATUS_SUCCESS;
          }},
         {"never completes", "never completed request",
          [](PIRP irp) {

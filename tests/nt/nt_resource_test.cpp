@@ -125,9 +125,8 @@ TEST_F(ResourceTest, AnExclusiveReleaseLetsAllSharersInTogether) {
         EXPECT_FALSE(stay);
         Release();
     });
-    EXPECT_TRUE(Eventually([&] {
-        return ExGetSharedWaiterCount(&resource) == 3 && ExGetExclusiveWaiterCount(&resource) == 1;
-    }));
+    EXPECT_TRUE(Eventually(
+        [&] { return ExGetSharedWaiterCount(&resource) == 3 && ExGetExclusiveWaiterCount(&resource) == 1; }));
     Release();
     EXPECT_TRUE(Eventually([&] { return inside == 3; }));
     stay = false;

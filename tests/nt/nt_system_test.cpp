@@ -207,8 +207,9 @@ TEST_F(SystemTest, CleanupComesWithTheLastHandleAndCloseWithTheLastReference) {
     PVOID file = nullptr;
     {
         const nt::AttachProcess attach(other.Object());
-        ASSERT_EQ(ObReferenceObjectByHandle(nt::HandleFromValue(second), 0, *IoFileObjectType, UserMode, &file, nullptr),
-                  STATUS_SUCCESS);
+        ASSERT_EQ(
+            ObReferenceObjectByHandle(nt::HandleFromValue(second), 0, *IoFileObjectType, UserMode, &file, nullptr),
+            STATUS_SUCCESS);
     }
     EXPECT_EQ(process->Close(first), STATUS_SUCCESS);
     EXPECT_EQ(driver.Seen(), "");
@@ -291,12 +292,11 @@ TEST_F(SystemTest, TheEndOfAProcessCancelsAwaitsThenClosesInOrder) {
     IO_STATUS_BLOCK status{};
     const LONGLONG offset = 0;
     std::atomic<int> routineCalls{0};
-    const nt::Overlapped overlapped{
-        [](void* context, const IO_STATUS_BLOCK& result) {
-            EXPECT_EQ(result.Status, STATUS_CANCELLED);
-            ++*static_cast<std::atomic<int>*>(context);
-        },
-        &routineCalls, nullptr};
+    const nt::Overlapped overlapped{[](void* context, const IO_STATUS_BLOCK& result) {
+                                        EXPECT_EQ(result.Status, STATUS_CANCELLED);
+                                        ++*static_cast<std::atomic<int>*>(context);
+                                    },
+                                    &routineCalls, nullptr};
     ASSERT_EQ(process->Read(handle, &status, nullptr, 0, &offset, &overlapped), STATUS_PENDING);
     std::thread blocked([&] { EXPECT_EQ(process->Read(waiting, nullptr, nullptr, 0), STATUS_CANCELLED); });
     EXPECT_TRUE(Eventually([&] { return process->OutstandingRequests() == 2; }));
@@ -448,9 +448,9 @@ TEST_F(SystemTest, ControlBuffersOfUsersAreCheckedNotTrusted) {
     char* const wrapping = reinterpret_cast<char*>(~uintptr_t{0} - 7);
     driver.on[IRP_MJ_DEVICE_CONTROL] = [&](PDEVICE_OBJECT, PIRP irp) {
         const auto& control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
-        return Complete(irp, STATUS_SUCCESS, METHOD_FROM_CTL_CODE(control.IoControlCode) == METHOD_BUFFERED
-                                                 ? control.OutputBufferLength
-                                                 : 0);
+        return Complete(
+            irp, STATUS_SUCCESS,
+            METHOD_FROM_CTL_CODE(control.IoControlCode) == METHOD_BUFFERED ? control.OutputBufferLength : 0);
     };
     struct Case {
         const char* name;
@@ -504,8 +504,8 @@ TEST_F(SystemTest, LengthsAndRightsAreCheckedForUsersOnly) {
     struct Case {
         Kind kind;
         int informationClass;
-        ULONG least;         // 0: no such class
-        NTSTATUS withPoor;   // with hardly any right
+        ULONG least;        // 0: no such class
+        NTSTATUS withPoor;  // with hardly any right
     };
     const Case cases[] = {
         {kQuery, FileBasicInformation, 40, STATUS_ACCESS_DENIED},
@@ -606,7 +606,8 @@ TEST_F(SystemTest, ARenameWithAPathOpensTheTargetsParentFirst) {
         {"a full path", u"\\??\\T:\\dir2\\new", false, 0, STATUS_SUCCESS, "create set cleanup close", u"\\dir2\\new"},
         {"below an open folder", u"sub\\new", true, 0, STATUS_SUCCESS, "create set cleanup close", u"sub\\new"},
         {"a path to nowhere", u"\\??\\X:\\new", false, 0, STATUS_OBJECT_PATH_NOT_FOUND, "", {}},
-        {"another device", u"\\Device\\Second\\new", false, 0, STATUS_NOT_SAME_DEVICE, "create cleanup close", u"\\new"},
+        {"another device", u"\\Device\\Second\\new", false, 0, STATUS_NOT_SAME_DEVICE, "create cleanup close",
+         u"\\new"},
         {"no name", u"", false, 0, STATUS_INVALID_PARAMETER, "", {}},
         {"half a character", u"new", false, 3, STATUS_INVALID_PARAMETER, "", {}},
         {"a name beyond the buffer", u"new", false, 600, STATUS_INVALID_PARAMETER, "", {}},
@@ -738,7 +739,8 @@ TEST_F(SystemTest, HandlesAreOfTheirProcessTypeAndAccess) {
                               KPROCESSOR_MODE mode) {
         const nt::AttachProcess attach(p.Object());
         PVOID object = nullptr;
-        const NTSTATUS status = ObReferenceObjectByHandle(nt::HandleFromValue(value), access, type, mode, &object, nullptr);
+        const NTSTATUS status =
+            ObReferenceObjectByHandle(nt::HandleFromValue(value), access, type, mode, &object, nullptr);
         if (NT_SUCCESS(status)) {
             ObfDereferenceObject(object);
         }
@@ -748,7 +750,7 @@ TEST_F(SystemTest, HandlesAreOfTheirProcessTypeAndAccess) {
     EXPECT_EQ(reference(*process, handle, FILE_WRITE_DATA, *IoFileObjectType, UserMode), STATUS_ACCESS_DENIED);
     EXPECT_EQ(reference(*process, handle, FILE_WRITE_DATA, *IoFileObjectType, KernelMode), STATUS_SUCCESS);
     EXPECT_EQ(reference(*process, handle, 0, *PsThreadType, UserMode), STATUS_OBJECT_TYPE_MISMATCH);
-    EXPECT_EQ(reference(*process, handle, 0, nullptr, UserMode), STATUS_SUCCESS);  // without a type, anything
+    EXPECT_EQ(reference(*process, handle, 0, nullptr, UserMode), STATUS_SUCCESS);      // without a type, anything
     EXPECT_EQ(reference(*process, 0xFFFFFFFF, 0, nullptr, UserMode), STATUS_SUCCESS);  // even the process itself
     EXPECT_EQ(reference(*process, 0xFFFFFFFF, 0, *IoFileObjectType, UserMode), STATUS_OBJECT_TYPE_MISMATCH);
     EXPECT_EQ(reference(other, handle, 0, nullptr, UserMode), STATUS_INVALID_HANDLE);

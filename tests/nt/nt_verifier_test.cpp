@@ -39,12 +39,12 @@ void Elsewhere(const std::function<void()>& work) {
 }
 
 const Misdeed kMisdeeds[] = {
-    {"an event in paged pool", "an event at", [] {
-         InPagedPool([](PVOID at) { KeInitializeEvent(static_cast<PKEVENT>(at), NotificationEvent, FALSE); });
-     }},
+    {"an event in paged pool", "an event at",
+     [] { InPagedPool([](PVOID at) { KeInitializeEvent(static_cast<PKEVENT>(at), NotificationEvent, FALSE); }); }},
     {"a mutex in paged pool", "paged pool 'Test' of 512 bytes",
      [] { InPagedPool([](PVOID at) { KeInitializeMutex(static_cast<PKMUTEX>(at), 0); }); }},
-    {"a resource in paged pool", "a resource at", [] {
+    {"a resource in paged pool", "a resource at",
+     [] {
          InPagedPool([](PVOID at) {
              ExInitializeResourceLite(static_cast<PERESOURCE>(at));
              ExDeleteResourceLite(static_cast<PERESOURCE>(at));
@@ -52,37 +52,43 @@ const Misdeed kMisdeeds[] = {
      }},
     {"a fast mutex in paged pool", "a fast mutex at",
      [] { InPagedPool([](PVOID at) { ExInitializeFastMutex(static_cast<PFAST_MUTEX>(at)); }); }},
-    {"a lookaside list in paged pool", "a lookaside list at", [] {
+    {"a lookaside list in paged pool", "a lookaside list at",
+     [] {
          InPagedPool([](PVOID at) {
              auto* const list = static_cast<PPAGED_LOOKASIDE_LIST>(at);
              ExInitializePagedLookasideList(list, nullptr, nullptr, 0, 32, kTag, 4);
              ExDeletePagedLookasideList(list);
          });
      }},
-    {"a work item in paged pool", "a work item at", [] {
+    {"a work item in paged pool", "a work item at",
+     [] {
          InPagedPool([](PVOID at) {
              auto* const item = static_cast<PWORK_QUEUE_ITEM>(at);
              ExInitializeWorkItem(item, DoNothing, nullptr);
              ExQueueWorkItem(item, CriticalWorkQueue);
          });
      }},
-    {"freeing what is not allocated", "no allocated pool block", [] {
+    {"freeing what is not allocated", "no allocated pool block",
+     [] {
          int onStack = 0;
          ExFreePool(&onStack);
      }},
-    {"freeing twice", "no allocated pool block", [] {
+    {"freeing twice", "no allocated pool block",
+     [] {
          PVOID const memory = ExAllocatePoolWithTag(PagedPool, 16, kTag);
          ExFreePool(memory);
          ExFreePool(memory);
      }},
-    {"freeing the middle of a block", "no allocated pool block", [] {
+    {"freeing the middle of a block", "no allocated pool block",
+     [] {
          PVOID const memory = ExAllocatePoolWithTag(PagedPool, 64, kTag);
          ExFreePool(static_cast<char*>(memory) + 16);
          ExFreePool(memory);
      }},
     {"freeing with another tag", "with the tag 'Else'",
      [] { ExFreePoolWithTag(ExAllocatePoolWithTag(PagedPool, 16, kTag), 0x65736C45); }},
-    {"freeing memory with a live resource in it", "with a live resource", [] {
+    {"freeing memory with a live resource in it", "with a live resource",
+     [] {
          PVOID const memory = ExAllocatePoolWithTag(NonPagedPool, sizeof(ERESOURCE) + 32, kTag);
          auto* const resource = reinterpret_cast<PERESOURCE>(static_cast<char*>(memory) + 16);
          ExInitializeResourceLite(resource);
@@ -90,7 +96,8 @@ const Misdeed kMisdeeds[] = {
          ExDeleteResourceLite(resource);
          ExFreePool(memory);
      }},
-    {"freeing a lookaside entry that is none", "is no entry of it", [] {
+    {"freeing a lookaside entry that is none", "is no entry of it",
+     [] {
          NPAGED_LOOKASIDE_LIST list;
          ExInitializeNPagedLookasideList(&list, nullptr, nullptr, 0, 32, kTag, 4);
          PVOID const other = ExAllocatePoolWithTag(NonPagedPool, 48, kTag);
@@ -98,7 +105,8 @@ const Misdeed kMisdeeds[] = {
          ExFreePool(other);
          ExDeleteNPagedLookasideList(&list);
      }},
-    {"releasing a resource that another thread holds", "by a thread that does not hold it", [] {
+    {"releasing a resource that another thread holds", "by a thread that does not hold it",
+     [] {
          ERESOURCE resource;
          ExInitializeResourceLite(&resource);
          ExAcquireResourceExclusiveLite(&resource, TRUE);
@@ -106,7 +114,8 @@ const Misdeed kMisdeeds[] = {
          ExReleaseResourceLite(&resource);
          ExDeleteResourceLite(&resource);
      }},
-    {"wanting exclusively what one shares", "would wait for itself", [] {
+    {"wanting exclusively what one shares", "would wait for itself",
+     [] {
          ERESOURCE resource;
          ExInitializeResourceLite(&resource);
          ExAcquireResourceSharedLite(&resource, TRUE);
@@ -114,32 +123,37 @@ const Misdeed kMisdeeds[] = {
          ExReleaseResourceLite(&resource);
          ExDeleteResourceLite(&resource);
      }},
-    {"deleting a held resource", "deleted while it is acquired 1 times", [] {
+    {"deleting a held resource", "deleted while it is acquired 1 times",
+     [] {
          ERESOURCE resource;
          ExInitializeResourceLite(&resource);
          ExAcquireResourceSharedLite(&resource, TRUE);
          ExDeleteResourceLite(&resource);
          ExReleaseResourceLite(&resource);
      }},
-    {"a resource that was never initialised", "no initialised resource", [] {
+    {"a resource that was never initialised", "no initialised resource",
+     [] {
          ERESOURCE resource{};
          EXPECT_FALSE(ExAcquireResourceSharedLite(&resource, TRUE));
      }},
-    {"releasing a mutex that another thread owns", "by a thread that does not own it", [] {
+    {"releasing a mutex that another thread owns", "by a thread that does not own it",
+     [] {
          KMUTEX mutex;
          KeInitializeMutex(&mutex, 0);
          Poll(&mutex);
          Elsewhere([&] { KeReleaseMutex(&mutex, FALSE); });
          KeReleaseMutex(&mutex, FALSE);
      }},
-    {"acquiring a fast mutex twice", "by a thread that holds it", [] {
+    {"acquiring a fast mutex twice", "by a thread that holds it",
+     [] {
          FAST_MUTEX mutex;
          ExInitializeFastMutex(&mutex);
          ExAcquireFastMutex(&mutex);
          ExAcquireFastMutex(&mutex);
          ExReleaseFastMutex(&mutex);
      }},
-    {"acquiring a spin lock twice", "spin for ever", [] {
+    {"acquiring a spin lock twice", "spin for ever",
+     [] {
          KSPIN_LOCK lock;
          KIRQL irql;
          KIRQL again;
@@ -148,7 +162,8 @@ const Misdeed kMisdeeds[] = {
          KeAcquireSpinLock(&lock, &again);
          KeReleaseSpinLock(&lock, irql);
      }},
-    {"paged pool with a spin lock held", "allocating pool at IRQL 2", [] {
+    {"paged pool with a spin lock held", "allocating pool at IRQL 2",
+     [] {
          KSPIN_LOCK lock;
          KIRQL irql;
          KeInitializeSpinLock(&lock);
@@ -158,14 +173,16 @@ const Misdeed kMisdeeds[] = {
          ExFreePool(ExAllocatePoolWithTag(PagedPool, 16, kTag));
          KeReleaseSpinLock(&lock, irql);
      }},
-    {"any pool with the cancel lock held", "allocating pool with the cancel lock held", [] {
+    {"any pool with the cancel lock held", "allocating pool with the cancel lock held",
+     [] {
          KIRQL irql;
          IoAcquireCancelSpinLock(&irql);
          PVOID const memory = ExAllocatePoolWithTag(NonPagedPool, 16, kTag);
          IoReleaseCancelSpinLock(irql);
          ExFreePool(memory);
      }},
-    {"a wait with the cancel lock held", "a wait with the cancel lock held", [] {
+    {"a wait with the cancel lock held", "a wait with the cancel lock held",
+     [] {
          KEVENT event;
          KeInitializeEvent(&event, NotificationEvent, TRUE);
          KIRQL irql;
@@ -176,20 +193,23 @@ const Misdeed kMisdeeds[] = {
          IoReleaseCancelSpinLock(irql);
      }},
     {"leaving a critical region that was not entered", "in none", [] { KeLeaveCriticalRegion(); }},
-    {"waiting for something else", "no dispatcher object", [] {
+    {"waiting for something else", "no dispatcher object",
+     [] {
          DISPATCHER_HEADER header{};
          header.Type = 77;
          Poll(&header);
      }},
     {"closing a handle that is not open", "invalid handle 0x1230",
      [] { ZwClose(reinterpret_cast<HANDLE>(uintptr_t{0x1230})); }},
-    {"releasing a token twice", "not live", [] {
+    {"releasing a token twice", "not live",
+     [] {
          int target = 0;
          const ULONG token = NtTokenCreate(&target);
          NtTokenRelease(token);
          NtTokenRelease(token);
      }},
-    {"freeing a locked descriptor list", "whose pages are locked", [] {
+    {"freeing a locked descriptor list", "whose pages are locked",
+     [] {
          char buffer[64];
          PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
          MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
@@ -197,13 +217,15 @@ const Misdeed kMisdeeds[] = {
          MmUnlockPages(mdl);
          IoFreeMdl(mdl);
      }},
-    {"mapping what is not locked", "not locked", [] {
+    {"mapping what is not locked", "not locked",
+     [] {
          char buffer[64];
          PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
          EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), nullptr);
          IoFreeMdl(mdl);
      }},
-    {"mapping that may not fail", "MDL_MAPPING_CAN_FAIL", [] {
+    {"mapping that may not fail", "MDL_MAPPING_CAN_FAIL",
+     [] {
          char buffer[64];
          PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
          MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
@@ -211,18 +233,21 @@ const Misdeed kMisdeeds[] = {
          MmUnlockPages(mdl);
          IoFreeMdl(mdl);
      }},
-    {"freeing a descriptor list twice", "not allocated", [] {
+    {"freeing a descriptor list twice", "not allocated",
+     [] {
          char buffer[64];
          PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
          IoFreeMdl(mdl);
          IoFreeMdl(mdl);
      }},
-    {"an uncaught probe of a bad address", "exception that nobody catches", [] {
+    {"an uncaught probe of a bad address", "exception that nobody catches",
+     [] {
          PMDL const mdl = IoAllocateMdl(reinterpret_cast<PVOID>(uintptr_t{64}), 16, FALSE, FALSE, nullptr);
          MmProbeAndLockPages(mdl, UserMode, IoReadAccess);
          IoFreeMdl(mdl);
      }},
-    {"queueing a work item twice", "a second time", [] {
+    {"queueing a work item twice", "a second time",
+     [] {
          struct Gate {
              KEVENT open;
              std::atomic<bool> left{false};
@@ -239,7 +264,8 @@ const Misdeed kMisdeeds[] = {
              ExQueueWorkItem(&blocker, CriticalWorkQueue);
          }
          WORK_QUEUE_ITEM item;
-         ExInitializeWorkItem(&item, [](PVOID g) { static_cast<Gate*>(g)->left = true; }, &gate);
+         ExInitializeWorkItem(
+             &item, [](PVOID g) { static_cast<Gate*>(g)->left = true; }, &gate);
          ExQueueWorkItem(&item, CriticalWorkQueue);
          ExQueueWorkItem(&item, CriticalWorkQueue);
          KeSetEvent(&gate.open, 0, FALSE);
@@ -248,11 +274,13 @@ const Misdeed kMisdeeds[] = {
          KeInitializeEvent(&done, NotificationEvent, FALSE);
          EXPECT_TRUE(Eventually([] { return nt::DescribeThreads().find("for 0x") == std::string::npos; }));
      }},
-    {"a work routine that keeps a lock", "returned in 1 critical regions", [] {
+    {"a work routine that keeps a lock", "returned in 1 critical regions",
+     [] {
          static std::atomic<bool> over;
          over = false;
          WORK_QUEUE_ITEM item;
-         ExInitializeWorkItem(&item, [](PVOID) { KeEnterCriticalRegion(); }, nullptr);
+         ExInitializeWorkItem(
+             &item, [](PVOID) { KeEnterCriticalRegion(); }, nullptr);
          ExQueueWorkItem(&item, HyperCriticalWorkQueue);
          EXPECT_TRUE(Eventually([] { return Violations::Count() == 1; }));
          WORK_QUEUE_ITEM undo;  // there is one such thread

@@ -16,16 +16,23 @@ struct Row {
     std::uint32_t card = 0;
     Volume volume;
     VolumeSpace space;
-    bool measured = false;
+    host::Status measured = host::status::kSuccess;  // how the measuring went
+
+    [[nodiscard]] bool IsHidden() const { return (volume.flags & VRKFS_VOLUME_HIDDEN) != 0; }
+    [[nodiscard]] bool HasSpace() const { return !IsHidden() && measured.Ok(); }
 };
 
-std::string StateOf(const Volume& volume) {
+std::string StateOf(const Row& row) {
+    const Volume& volume = row.volume;
     std::string state;
     if ((volume.flags & VRKFS_VOLUME_INCOMPLETE) != 0) {
         state = "incomplete: a disk is missing";
     }
     if ((volume.flags & VRKFS_VOLUME_NAME_CONFLICT) != 0) {
         state += std::string(state.empty() ? "" : ", ") + "name conflict: another volume has the name";
+    }
+    if (!row.IsHidden() && !row.measured.Ok()) {
+        state = "cannot be opened: " + host::StatusName(row.measured);
     }
     return state;
 }
@@ -39,13 +46,17 @@ Json JsonOf(const Row& row) {
                 {"card", row.card},
                 {"name", DisplayName(row.volume.name)},
                 {"disks", devices},
-                {"total_bytes", row.measured ? Json(row.space.totalBytes) : Json(nullptr)},
-                {"free_bytes", row.measured ? Json(row.space.freeBytes) : Json(nullptr)},
+                {"total_bytes", row.HasSpace() ? Json(row.space.totalBytes) : Json(nullptr)},
+                {"free_bytes", row.HasSpace() ? Json(row.space.freeBytes) : Json(nullptr)},
                 {"incomplete", (row.volume.flags & VRKFS_VOLUME_INCOMPLETE) != 0},
                 {"name_conflict", (row.volume.flags & VRKFS_VOLUME_NAME_CONFLICT) != 0}};
+    if (!row.IsHidden() && !row.measured.Ok()) {
+        fields["status"] = host::StatusName(row.measured);
+    }
     return fields;
 }
 
+// A volume that cannot be measured must not hide the others: a disk may come with any name on it.
 Result ReadCard(Session& session, const host::CardFacts& card, std::vector<Row>& rows) {
     std::vector<Volume> volumes;
     const host::Status status = ListVolumes(session.Process(), card.index, volumes);
@@ -54,17 +65,10 @@ Result ReadCard(Session& session, const host::CardFacts& card, std::vector<Row>&
                              status);
     }
     for (Volume& volume : volumes) {
-        Row& row = rows.emplace_back(Row{card.driveLetter, card.index, std::move(volume), {}, false});
-        if ((row.volume.flags & VRKFS_VOLUME_HIDDEN) != 0) {
-            continue;
+        Row& row = rows.emplace_back(Row{card.driveLetter, card.index, std::move(volume), {}});
+        if (!row.IsHidden()) {
+            row.measured = MeasureVolume(session.Process(), card.index, card.driveLetter, row.volume.name, row.space);
         }
-        const host::Status measured =
-            MeasureVolume(session.Process(), card.index, card.driveLetter, row.volume.name, row.space);
-        if (!measured.Ok()) {
-            return DriverFailure(Operation::kListVolumes,
-                                 "cannot measure volume '" + DisplayName(row.volume.name) + "'", measured);
-        }
-        row.measured = true;
     }
     return std::nullopt;
 }
@@ -87,8 +91,8 @@ void ReportRows(const Output& output, const std::vector<Row>& rows) {
     }
     for (const Row& row : rows) {
         output.Report(line({row.drive, ':'}, DisplayName(row.volume.name), row.volume.Disks(),
-                           row.measured ? FormatBytes(row.space.totalBytes) : "-",
-                           row.measured ? FormatBytes(row.space.freeBytes) : "-", StateOf(row.volume)),
+                           row.HasSpace() ? FormatBytes(row.space.totalBytes) : "-",
+                           row.HasSpace() ? FormatBytes(row.space.freeBytes) : "-", StateOf(row)),
                       JsonOf(row));
     }
 }

@@ -1,0 +1,153 @@
+// The entry cache: which record is found, which one goes when it is full, and what happens without memory.
+#include <gtest/gtest.h>
+
+#include <list>
+#include <memory>
+#include <random>
+#include <utility>
+
+#include "nt/kernel.h"
+#include "volume/entry_cache.h"
+
+namespace {
+
+class VolumeCache : public testing::Test {
+  protected:
+    void SetUp() override {
+        nt::Boot();
+        ASSERT_EQ(VrkFsVolCacheInitialize(&cache_), STATUS_SUCCESS);
+    }
+    void TearDown() override {
+        VrkFsVolCacheFree(&cache_);
+        VrkFsVolCacheFree(&cache_);
+        EXPECT_EQ(nt::ToString(nt::Shutdown()), "");
+    }
+
+    void Store(ULONG lba, ULONG mark) {
+        FileEntry entry{};
+        entry.FrameCount = mark;
+        entry.Name[255] = static_cast<WCHAR>(mark);
+        VrkFsVolCacheFileEntryCache(&cache_, &entry, lba);
+    }
+    // The mark of the record at lba, or -1.
+    LONG Search(ULONG lba) {
+        FileEntry entry{};
+        if (!VrkFsVolCacheFileEntrySearch(&cache_, lba, &entry)) {
+            return -1;
+        }
+        EXPECT_EQ(entry.Name[255], static_cast<WCHAR>(entry.FrameCount));
+        return static_cast<LONG>(entry.FrameCount);
+    }
+
+    VolCache cache_{};
+};
+
+TEST_F(VolumeCache, KeepsTheMostRecentlyUsed) {
+    for (ULONG i = 0; i < kMaxCachedFiles; ++i) {
+        Store(1024 + 2 * i, i);
+    }
+    EXPECT_EQ(Search(1024), 0);  // used again, so the second is the oldest now
+    Store(1, 77);
+    EXPECT_EQ(Search(1024), 0);
+    EXPECT_EQ(Search(1026), -1);
+    EXPECT_EQ(Search(1028), 2);
+    EXPECT_EQ(Search(1), 77);
+    Store(1, 78);  // a record once stored is overwritten, not doubled
+    EXPECT_EQ(Search(1), 78);
+    EXPECT_EQ(cache_.FileCount, kMaxCachedFiles);
+    VrkFsVolCacheFileEntryRemove(&cache_, 1);
+    VrkFsVolCacheFileEntryRemove(&cache_, 1);
+    EXPECT_EQ(Search(1), -1);
+    EXPECT_EQ(cache_.FileCount, kMaxCachedFiles - 1);
+}
+
+// Against a plain list in order of use, with records that share buckets.
+TEST_F(VolumeCache, AgreesWithAPlainList) {
+    std::mt19937 random(3);
+    std::list<std::pair<ULONG, ULONG>> model;
+    const auto find = [&](ULONG lba) {
+        for (auto at = model.begin(); at != model.end(); ++at) {
+            if (at->first == lba) {
+                model.splice(model.begin(), model, at);
+                return true;
+            }
+        }
+        return false;
+    };
+    for (ULONG step = 0; step < 30000; ++step) {
+        const ULONG lba = random() % 6000 * (random() % 2 == 0 ? 2 : 4096);
+        const ULONG kind = random() % 8;
+        if (kind < 4) {
+            Store(lba, step);
+            if (!find(lba)) {
+                if (model.size() == kMaxCachedFiles) {
+                    model.pop_back();
+                }
+                model.emplace_front(lba, 0);
+            }
+            model.front().second = step;
+        } else if (kind < 7) {
+            const LONG expected = find(lba) ? static_cast<LONG>(model.front().second) : -1;
+            ASSERT_EQ(Search(lba), expected) << "step " << step;
+        } else {
+            if (find(lba)) {
+                model.pop_front();
+            }
+            VrkFsVolCacheFileEntryRemove(&cache_, lba);
+        }
+        ASSERT_EQ(cache_.FileCount, model.size());
+    }
+}
+
+TEST_F(VolumeCache, FoldersAreApart) {
+    auto folder = std::make_unique<DirEntry>();
+    for (ULONG i = 0; i <= kMaxCachedFolders; ++i) {
+        folder->CreationTime = i;
+        folder->Name[255] = static_cast<WCHAR>(i);
+        VrkFsVolCacheFolderEntryCache(&cache_, folder.get(), 2048 + 18 * i);
+    }
+    EXPECT_EQ(cache_.FolderCount, kMaxCachedFolders);
+    EXPECT_FALSE(VrkFsVolCacheFolderEntrySearch(&cache_, 2048, folder.get()));
+    EXPECT_EQ(Search(2048 + 18), -1);
+    ASSERT_TRUE(VrkFsVolCacheFolderEntrySearch(&cache_, 2048 + 18 * 256, folder.get()));
+    EXPECT_EQ(folder->CreationTime, 256u);
+    EXPECT_EQ(folder->Name[255], 256);
+}
+
+// Every allocation of the set-up in turn; stores without memory leave the record out and harm nothing.
+TEST(VolumeCacheMemory, Failures) {
+    nt::Boot();
+    static VolCache cache;
+    static NTSTATUS outcome;
+    const auto setUp = [](PDRIVER_OBJECT, PUNICODE_STRING) -> NTSTATUS {
+        outcome = VrkFsVolCacheInitialize(&cache);
+        if (NT_SUCCESS(outcome)) {
+            FileEntry entry{};
+            VrkFsVolCacheFileEntryCache(&cache, &entry, 1024);
+            VrkFsVolCacheFileEntryCache(&cache, &entry, 1026);
+            const bool first = VrkFsVolCacheFileEntrySearch(&cache, 1024, &entry);
+            const bool second = VrkFsVolCacheFileEntrySearch(&cache, 1026, &entry);
+            EXPECT_EQ(cache.FileCount, ULONG{first} + ULONG{second});
+        }
+        VrkFsVolCacheFree(&cache);
+        return STATUS_UNSUCCESSFUL;
+    };
+    bool succeeded = false;
+    for (std::uint64_t n = 1; n < 20; ++n) {
+        nt::FaultPlan plan;
+        plan.failAt = n;
+        nt::ArmFaults(plan);
+        PDRIVER_OBJECT none = nullptr;
+        nt::LeakList leaks;
+        EXPECT_EQ(nt::LoadDriver({setUp, u"Routine", {}}, &none, &leaks), STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(nt::ToString(leaks), "") << "allocation " << n;
+        nt::DisarmFaults();
+        EXPECT_TRUE(NT_SUCCESS(outcome) || outcome == STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_TRUE(n > 1 || !NT_SUCCESS(outcome));
+        succeeded = NT_SUCCESS(outcome);
+    }
+    EXPECT_TRUE(succeeded);
+    EXPECT_EQ(nt::ToString(nt::Shutdown()), "");
+}
+
+}  // namespace

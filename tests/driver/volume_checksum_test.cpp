@@ -1,0 +1,202 @@
+// The checksum of records, the test of a record as read, names and the record helpers. None of it needs a kernel.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "storage/hw_context.h"
+#include "volume/records.h"
+
+namespace {
+
+// The definition, byte by byte.
+ULONG PlainChecksum(const std::vector<UCHAR>& bytes) {
+    ULONG a = 1;
+    ULONG b = 0;
+    for (const UCHAR byte : bytes) {
+        a += static_cast<ULONG>(static_cast<LONG>(static_cast<signed char>(byte)));
+        b += a;
+    }
+    return (b << 16) + a;
+}
+
+template <typename Record>
+std::vector<UCHAR> BytesWithoutChecksum(Record record) {
+    record.Checksum = 0;
+    std::vector<UCHAR> bytes(sizeof(Record));
+    std::memcpy(bytes.data(), &record, sizeof(Record));
+    return bytes;
+}
+
+template <typename Record>
+Record RandomRecord(std::mt19937& random) {
+    std::vector<UCHAR> bytes(sizeof(Record));
+    for (UCHAR& byte : bytes) {
+        byte = static_cast<UCHAR>(random());
+    }
+    Record record;
+    std::memcpy(&record, bytes.data(), sizeof(Record));
+    return record;
+}
+
+UNICODE_STRING Counted(const std::u16string& text) {
+    UNICODE_STRING string{};
+    string.Buffer = const_cast<PWSTR>(text.data());
+    string.Length = static_cast<USHORT>(text.size() * sizeof(WCHAR));
+    string.MaximumLength = string.Length;
+    return string;
+}
+
+TEST(VolumeChecksum, KnownValues) {
+    const struct {
+        UCHAR fill;
+        ULONG length;
+        ULONG expected;
+    } cases[] = {
+        {0x00, 0, 0x00000001}, {0x00, 1024, 0x04000001}, {0x00, 9216, 0x24000001}, {0xFF, 1, 0x00000000},
+        {0xFF, 2, 0xFFFEFFFF}, {0x7F, 1, 0x00800080},    {0x80, 1, 0xFF80FF81},    {0x80, 9216, 0x23EE0001},
+    };
+    for (const auto& c : cases) {
+        const std::vector<UCHAR> bytes(c.length, c.fill);
+        EXPECT_EQ(VrkFsHwCalcChecksum(bytes.data(), c.length), c.expected) << +c.fill << " x " << c.length;
+    }
+}
+
+// Lengths around the block size of the fast path, odd addresses, and the bytes that load its lanes most.
+TEST(VolumeChecksum, AgreesWithTheDefinition) {
+    std::mt19937 random(7);
+    for (ULONG round = 0; round < 400; ++round) {
+        const ULONG length = round < 300 ? round : random() % 20000;
+        const ULONG offset = random() % 8;
+        std::vector<UCHAR> bytes(length);
+        const int kind = static_cast<int>(random() % 4);
+        for (UCHAR& byte : bytes) {
+            byte = kind == 0 ? 0x7F : kind == 1 ? 0x80 : static_cast<UCHAR>(random());
+        }
+        std::vector<UCHAR> shifted(length + offset);
+        std::copy(bytes.begin(), bytes.end(), shifted.begin() + offset);
+        ASSERT_EQ(VrkFsHwCalcChecksum(shifted.data() + offset, length), PlainChecksum(bytes))
+            << "length " << length << " kind " << kind;
+    }
+}
+
+template <typename Record, typename Checksum>
+void ExpectRecordRules(Checksum checksum, ULONG type, std::mt19937& random) {
+    for (int round = 0; round < 20; ++round) {
+        Record record = RandomRecord<Record>(random);
+        record.Magic |= 1;
+        const Record before = record;
+        record.Checksum = checksum(&record);
+        EXPECT_EQ(record.Checksum, PlainChecksum(BytesWithoutChecksum(before)));
+        EXPECT_TRUE(VrkFsHwVerifyChecksum(&record, type, FALSE));
+        EXPECT_TRUE(VrkFsHwVerifyChecksum(&record, type, TRUE));
+        reinterpret_cast<UCHAR*>(&record)[sizeof(Record) - 1] ^= 1;
+        EXPECT_FALSE(VrkFsHwVerifyChecksum(&record, type, FALSE));
+        EXPECT_FALSE(VrkFsHwVerifyChecksum(&record, type, TRUE));
+        EXPECT_FALSE(VrkFsHwVerifyChecksum(&record, kHwRecordBodyTable, TRUE));
+    }
+    Record empty{};
+    EXPECT_FALSE(VrkFsHwVerifyChecksum(&empty, type, FALSE));
+    EXPECT_TRUE(VrkFsHwVerifyChecksum(&empty, type, TRUE));
+}
+
+TEST(VolumeChecksum, RecordsAsRead) {
+    std::mt19937 random(11);
+    ExpectRecordRules<VolumeEntry>(VrkFsHwCalcVolumeChecksum, kHwRecordVolumeEntry, random);
+    ExpectRecordRules<DirEntry>(VrkFsHwCalcFolderChecksum, kHwRecordDirEntry, random);
+    ExpectRecordRules<FileEntry>(VrkFsHwCalcFileChecksum, kHwRecordFileEntry, random);
+}
+
+// A slot is in use when it says so and can be believed: a record of magic 0 passes the read unchecked.
+TEST(VolumeChecksum, WhoIsInUse) {
+    const struct {
+        ULONG magic;
+        ULONG inUse;
+        bool goodChecksum;
+        bool expected;
+    } cases[] = {
+        {kDirEntryMagic, 1, true, true},
+        {kDirEntryMagic, 0, true, false},
+        {kDirEntryMagic, 77, true, true},
+        {0x12345678, 1, true, true},
+        {0, 1, false, false},
+        {0, 0xFFFFFFFF, false, false},
+        {0, 1, true, true},
+        {0, 0, false, false},
+    };
+    for (const auto& c : cases) {
+        DirEntry entry{};
+        entry.Magic = c.magic;
+        entry.InUse = c.inUse;
+        entry.Checksum = VrkFsHwCalcFolderChecksum(&entry) + (c.goodChecksum ? 0 : 1);
+        EXPECT_EQ(VrkFsHwIsFolderInUse(&entry), c.expected) << c.magic << " " << c.inUse << " " << c.goodChecksum;
+    }
+}
+
+TEST(VolumeNames, Valid) {
+    const struct {
+        std::u16string name;
+        bool valid;
+    } cases[] = {
+        {u"", false},
+        {u"a", true},
+        {std::u16string(u"\0a", 2), false},
+        {std::u16string(u"a\0:", 3), true},  // what follows a NUL does not belong to the name
+        {u"a:b", false},
+        {u"a.b c-d_e", true},
+        {u"<", false},
+        {u"a|", false},
+        {u"a\"", false},
+        {u"\\", false},
+        {u"/", false},
+        {u"*", false},
+        {u"?", false},
+        {u">", false},
+        {std::u16string(255, u'x'), true},
+        {std::u16string(256, u'x'), true},
+        {std::u16string(257, u'x'), false},
+        {std::u16string(300, u'x').replace(100, 1, 1, u'\0'), true},
+    };
+    for (const auto& c : cases) {
+        const UNICODE_STRING name = Counted(c.name);
+        EXPECT_EQ(VrkFsHwIsValidFilename(&name) != FALSE, c.valid) << c.name.size();
+    }
+}
+
+TEST(VolumeNames, FieldIsFilledWhole) {
+    for (const std::size_t length :
+         {std::size_t{0}, std::size_t{1}, std::size_t{255}, std::size_t{256}, std::size_t{900}}) {
+        WCHAR field[kRecordNameChars + 1];
+        std::fill(std::begin(field), std::end(field), u'#');
+        const std::u16string text(length, u'n');
+        const UNICODE_STRING name = Counted(text);
+        VrkFsHwSetRecordName(field, &name);
+        for (std::size_t i = 0; i < kRecordNameChars; ++i) {
+            ASSERT_EQ(field[i], i < length ? u'n' : u'\0') << length << " at " << i;
+        }
+        EXPECT_EQ(field[kRecordNameChars], u'#');
+    }
+}
+
+TEST(VolumeRecords, Sizes) {
+    const struct {
+        ULONG frames;
+        ULONGLONG table;
+        ULONGLONG nodes;
+    } cases[] = {{0, 0, 0}, {1, 512, 24}, {64, 512, 1536}, {65, 1024, 1560}, {0xFFFFFFFF, 34359738368, 103079215080}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(VrkFsHwGetBodyTableSize(c.frames), c.table) << c.frames;
+        EXPECT_EQ(VrkFsHwGetBodyTableNodesSize(c.frames), c.nodes) << c.frames;
+    }
+}
+
+TEST(VolumeRecords, StandIn) {
+    FileEntry entry;
+    VrkFsHwMakeSubstituteFile(&entry, 4294967295);
+    EXPECT_EQ(std::u16string(entry.Name), u"BAD_FILE_4294967295");
+    EXPECT_TRUE(VrkFsHwIsSubstituteFile(&entry));
+    EXPECT_EQ(entry.Kind + entry.DataBlockCount + entry.FrameCount, 0u);
+}
+
+}  // namespace

@@ -1,0 +1,412 @@
+// Folders and files: slots and limits, what is on the disk after each change, and that a change whose write fails
+// leaves memory, disk and allocator as they were.
+#include "tests/driver/volume_rig.h"
+
+namespace tests {
+namespace {
+
+class VolumeEntries : public VolumeTest {
+  protected:
+    void SetUp() override {
+        VolumeTest::SetUp();
+        Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
+    }
+    // Records as they lie on the disk of the running machine.
+    DirEntry FolderOnDisk(ULONG slot) { return OnDisk<DirEntry>(FolderLba(slot)); }
+    FileEntry FileOnDisk(ULONG lba) { return OnDisk<FileEntry>(lba); }
+
+    static NTSTATUS Rename(OpenedFolder& folder, FileEntry& image, ULONG slot, const std::u16string& name) {
+        const UNICODE_STRING counted = CountedName(name);
+        return Locked(
+            [&] { return VrkFsHwRenameFile(Hw(), Vcb(), Volume(), &folder.fcb, &image, slot, &counted, FALSE); });
+    }
+    static NTSTATUS Move(OpenedFolder& to, OpenedFolder& from, FileEntry& image, ULONG& slot,
+                         const std::u16string& name) {
+        const UNICODE_STRING counted = CountedName(name);
+        return Locked([&] { return VrkFsHwMoveFile(Hw(), Vcb(), &to.fcb, &from.fcb, &image, &slot, &counted, FALSE); });
+    }
+
+    // What may be seen of a folder: its own listing, what the disk says, what the cache says, and the free space.
+    std::string Everything(OpenedFolder& folder) {
+        OpenedFolder again;
+        OpenFolder(again, folder.common.FolderEntryIndex);
+        EXPECT_EQ(folder.image.FileCount, again.image.FileCount);
+        const DirEntry disk = FolderOnDisk(folder.common.FolderEntryIndex);
+        EXPECT_EQ(std::memcmp(disk.FileTable, folder.image.FileTable, sizeof(disk.FileTable)), 0);
+        EXPECT_EQ(std::memcmp(disk.Name, folder.image.Name, sizeof(disk.Name)), 0);
+        EXPECT_EQ(disk.Checksum, VrkFsHwCalcFolderChecksum(&disk));
+        EXPECT_EQ(ListFiles(folder), ListFiles(again));
+        return ListFolders() + " / " + ListFiles(folder) + " / " + std::to_string(FreeBlocks());
+    }
+
+  private:
+    template <typename Record>
+    Record OnDisk(ULONG lba) {
+        Record record{};
+        EXPECT_TRUE(Board().DiskAt(0)->Read(lba, sizeof(Record) / 512, &record));
+        return record;
+    }
+};
+
+TEST_F(VolumeEntries, FoldersAndTheirSlots) {
+    Start();
+    std::vector<std::unique_ptr<OpenedFolder>> folders;
+    for (ULONG i = 0; i < kMaxFolders; ++i) {
+        folders.push_back(std::make_unique<OpenedFolder>());
+        ASSERT_EQ(CreateFolder(u"F" + std::u16string(1, static_cast<char16_t>(u'a' + i % 26)), *folders.back()),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(folders.back()->common.FolderEntryIndex, i);
+    }
+    OpenedFolder extra;
+    EXPECT_EQ(CreateFolder(u"TooMany", extra), STATUS_ACCESS_DENIED);
+    const auto remove = [&](ULONG slot) {
+        return Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &folders[slot]->image, slot); });
+    };
+    EXPECT_EQ(remove(200), STATUS_SUCCESS);
+    EXPECT_EQ(remove(3), STATUS_SUCCESS);
+    EXPECT_EQ(FolderOnDisk(3).InUse, 0u);
+    EXPECT_EQ(NameOf(FolderOnDisk(3).Name), u"Fd");
+    EXPECT_EQ(CreateFolder(u"Again", extra), STATUS_SUCCESS);
+    EXPECT_EQ(extra.common.FolderEntryIndex, 3u);
+    EXPECT_EQ(NameOf(FolderOnDisk(3).Name), u"Again");
+    Restart();
+    EXPECT_EQ(Volume()->FolderCount, 255u);
+    EXPECT_NE(ListFolders().find("3:Again"), std::string::npos);
+    EXPECT_EQ(ListFolders().find("200:"), std::string::npos);
+}
+
+TEST_F(VolumeEntries, FilesAndTheirSlots) {
+    Start();
+    OpenedFolder folder;
+    ASSERT_EQ(CreateFolder(u"F", folder), STATUS_SUCCESS);
+    FileEntry image;
+    ULONG slot = 99;
+    for (ULONG i = 0; i < kMaxFilesPerFolder; ++i) {
+        ASSERT_EQ(CreateFile(folder, u"x" + std::u16string(1, static_cast<char16_t>(0x4E00 + i)), image, slot),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(slot, i);
+    }
+    EXPECT_EQ(CreateFile(folder, u"TooMany", image, slot), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(FreeBlocks(), FreeWithout(2 * kMaxFilesPerFolder));
+    for (const ULONG gone : {7u, 0u, 2047u}) {
+        EXPECT_EQ(RemoveFile(folder, ReadFile(folder, gone), gone), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(FreeBlocks(), FreeWithout(2 * (kMaxFilesPerFolder - 3)));
+    EXPECT_EQ(FolderOnDisk(0).FileCount, kMaxFilesPerFolder - 3);
+    Restart();
+    EXPECT_EQ(FreeBlocks(), FreeWithout(2 * (kMaxFilesPerFolder - 3)));
+    OpenFolder(folder, 0);
+    EXPECT_EQ(CreateFile(folder, u"Back", image, slot), STATUS_SUCCESS);
+    EXPECT_EQ(slot, 0u);
+    EXPECT_EQ(folder.image.FileCount, kMaxFilesPerFolder - 2);
+}
+
+TEST_F(VolumeEntries, DiskFull) {
+    ResizeDisk(0, 5634 + 5);  // seven blocks: three files
+    Start();
+    OpenedFolder folder;
+    ASSERT_EQ(CreateFolder(u"F", folder), STATUS_SUCCESS);
+    FileEntry image;
+    ULONG slot;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(CreateFile(folder, u"f", image, slot), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(CreateFile(folder, u"g", image, slot), STATUS_DISK_FULL);
+    EXPECT_EQ(folder.image.FileCount, 3u);
+    EXPECT_EQ(RemoveFile(folder, ReadFile(folder, 1), 1), STATUS_SUCCESS);
+    EXPECT_EQ(CreateFile(folder, u"g", image, slot), STATUS_SUCCESS);
+    EXPECT_EQ(slot, 1u);
+}
+
+TEST_F(VolumeEntries, RecordsOnDiskAreWhole) {
+    Start();
+    OpenedFolder folder;
+    ASSERT_EQ(CreateFolder(u"Folder", folder), STATUS_SUCCESS);
+    FileEntry image;
+    ULONG slot;
+    ASSERT_EQ(CreateFile(folder, std::u16string(200, u'n'), image, slot), STATUS_SUCCESS);
+    const ULONG lba = folder.image.FileTable[slot];
+    EXPECT_EQ(Rename(folder, image, slot, u"x"), STATUS_SUCCESS);
+    const FileEntry disk = FileOnDisk(lba);
+    EXPECT_EQ(std::memcmp(&disk, &image, sizeof(disk)), 0);
+    EXPECT_EQ(disk.Checksum, VrkFsHwCalcFileChecksum(&disk));
+    for (ULONG i = 1; i < kRecordNameChars; ++i) {
+        ASSERT_EQ(disk.Name[i], 0) << "a trace of the old name at " << i;
+    }
+    EXPECT_EQ(ListFiles(folder), "0:x");
+    image.FrameCount = 4711;
+    EXPECT_EQ(Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &image, slot, lba); }), STATUS_SUCCESS);
+    EXPECT_EQ(FileOnDisk(lba).FrameCount, 4711u);
+    EXPECT_EQ(ReadFile(folder, slot).FrameCount, 4711u);
+}
+
+TEST_F(VolumeEntries, MoveAndRepoint) {
+    Start();
+    OpenedFolder source;
+    OpenedFolder target;
+    ASSERT_EQ(CreateFolder(u"S", source), STATUS_SUCCESS);
+    ASSERT_EQ(CreateFolder(u"T", target), STATUS_SUCCESS);
+    FileEntry image;
+    ULONG slot;
+    ASSERT_EQ(CreateFile(target, u"other", image, slot), STATUS_SUCCESS);
+    ASSERT_EQ(CreateFile(source, u"stays", image, slot), STATUS_SUCCESS);
+    ASSERT_EQ(CreateFile(source, u"moves", image, slot), STATUS_SUCCESS);
+    const ULONG lba = source.image.FileTable[slot];
+    EXPECT_EQ(Move(target, source, image, slot, u"moved"), STATUS_SUCCESS);
+    EXPECT_EQ(slot, 1u);
+    EXPECT_EQ(Everything(source), "0:S 1:T / 0:stays / " + std::to_string(FreeWithout(6)));
+    EXPECT_EQ(Everything(target), "0:S 1:T / 0:other 1:moved / " + std::to_string(FreeWithout(6)));
+    EXPECT_EQ(target.image.FileTable[1], lba);
+    // Within one folder it changes its slot.
+    EXPECT_EQ(Move(target, target, image, slot, u"again"), STATUS_SUCCESS);
+    EXPECT_EQ(slot, 2u);
+    EXPECT_EQ(ListFiles(target), "0:other 2:again");
+
+    ULONG newLba = 0;
+    ASSERT_EQ(VrkFsVolAllocAllocateUpperSpace(&Volume()->Allocator, 2, &newLba), STATUS_SUCCESS);
+    ASSERT_TRUE(Board().DiskAt(0)->Write(newLba, 2, &image));
+    FCB file{};
+    FCBCommon common{};
+    file.Parent = &target.fcb;
+    file.Common = &common;
+    common.FileEntryIndex = slot;
+    const auto repoint = [&](ULONG to) {
+        return Locked([&] { return VrkFsHwChangeFileEntryPointer(Hw(), &file, to); });
+    };
+    EXPECT_EQ(repoint(5000), STATUS_UNSUCCESSFUL);  // free blocks
+    EXPECT_EQ(repoint(0), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(repoint(newLba), STATUS_SUCCESS);
+    EXPECT_EQ(VrkFsVolAllocReleaseSpace(&Volume()->Allocator, lba, 2), STATUS_SUCCESS);
+    EXPECT_EQ(ListFiles(target), "0:other 2:again");
+    Restart();
+    OpenFolder(target, 1);
+    EXPECT_EQ(Everything(target), "0:S 1:T / 0:other 2:again / " + std::to_string(FreeWithout(6)));
+}
+
+// A record is written where its object is, and nowhere else.
+TEST_F(VolumeEntries, WhatIsNeverWritten) {
+    Start();
+    OpenedFolder folder;
+    ASSERT_EQ(CreateFolder(u"F", folder), STATUS_SUCCESS);
+    FileEntry first;
+    FileEntry image;
+    ULONG slot;
+    ASSERT_EQ(CreateFile(folder, u"a", first, slot), STATUS_SUCCESS);
+    ASSERT_EQ(CreateFile(folder, u"b", image, slot), STATUS_SUCCESS);
+    const ULONG lba = folder.image.FileTable[1];
+    const std::uint64_t writes = Board().Count().Of(board::Operation::kWrite);
+    const auto write = [&](FileEntry& entry, ULONG at, ULONG expected) {
+        return Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &entry, at, expected); });
+    };
+    FileEntry standIn;
+    VrkFsHwMakeSubstituteFile(&standIn, lba);
+    EXPECT_EQ(write(standIn, 1, lba), STATUS_SUCCESS);  // not written, and that is right
+    EXPECT_EQ(write(image, 1, folder.image.FileTable[0]), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(write(image, 0, lba), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(write(image, 2, 0), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(write(image, 2048, lba), STATUS_UNSUCCESSFUL);
+    for (const ULONG elsewhere : {0u, 2u, 1023u, 5000u, kRigLastData, kRigFirstDir, 0xFFFFFFFFu}) {
+        folder.image.FileTable[1] = elsewhere;
+        EXPECT_EQ(write(image, 1, elsewhere), STATUS_UNSUCCESSFUL) << elsewhere;
+        EXPECT_EQ(Rename(folder, image, 1, u"c"), STATUS_UNSUCCESSFUL) << elsewhere;
+    }
+    folder.image.FileTable[1] = lba;
+    folder.common.Flags = kFcbCommonSubstitute;
+    EXPECT_EQ(write(image, 1, lba), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(CreateFile(folder, u"c", image, slot), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(RemoveFile(folder, image, 1), STATUS_UNSUCCESSFUL);
+    folder.common.Flags = 0;
+    DirEntry standInFolder{};
+    standInFolder.Magic = kDirEntryMagic;
+    standInFolder.InUse = 1;
+    const std::u16string text = u"n";
+    const UNICODE_STRING name = CountedName(text);
+    EXPECT_EQ(Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &standInFolder, 0); }),
+              STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Locked([&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &standInFolder, 0, &name); }),
+              STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Board().Count().Of(board::Operation::kWrite), writes);
+    EXPECT_EQ(Everything(folder), "0:F / 0:a 1:b / " + std::to_string(FreeWithout(4)));
+}
+
+// Each write of each change fails once, cleanly or torn; then nothing has changed, and the change works the next time.
+class VolumeWriteFailures : public VolumeEntries, public testing::WithParamInterface<board::Wrong> {};
+
+TEST_P(VolumeWriteFailures, NothingChanges) {
+    Start();
+    OpenedFolder folder;
+    OpenedFolder other;
+    ASSERT_EQ(CreateFolder(u"F", folder), STATUS_SUCCESS);
+    ASSERT_EQ(CreateFolder(u"G", other), STATUS_SUCCESS);
+    FileEntry image;
+    ULONG slot;
+    ASSERT_EQ(CreateFile(folder, u"good", image, slot), STATUS_SUCCESS);
+    FileEntry victim;
+    ULONG victimSlot;
+    ASSERT_EQ(CreateFile(folder, u"victim", victim, victimSlot), STATUS_SUCCESS);
+    OpenedFolder made;
+    const std::u16string text = u"Renamed";
+    const UNICODE_STRING name = CountedName(text);
+    FCB file{};
+    FCBCommon common{};
+    file.Parent = &folder.fcb;
+    file.Common = &common;
+    common.FileEntryIndex = victimSlot;
+    ULONG spare = 0;
+    ASSERT_EQ(VrkFsVolAllocAllocateUpperSpace(&Volume()->Allocator, 2, &spare), STATUS_SUCCESS);
+
+    const struct {
+        const char* what;
+        std::uint64_t writes;
+        std::function<NTSTATUS()> change;
+    } changes[] = {
+        {"create a folder", 1, [&] { return CreateFolder(u"New", made); }},
+        {"rename a folder", 1,
+         [&] { return Locked([&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &folder.image, 0, &name); }); }},
+        {"delete a folder", 1,
+         [&] { return Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &other.image, 1); }); }},
+        {"create a file", 2, [&] { return CreateFile(folder, u"new", image, slot); }},
+        {"rename a file", 1, [&] { return Rename(folder, victim, victimSlot, u"renamed"); }},
+        {"move a file", 3, [&] { return Move(other, folder, victim, victimSlot, u"moved"); }},
+        {"move a record", 1, [&] { return Locked([&] { return VrkFsHwChangeFileEntryPointer(Hw(), &file, spare); }); }},
+        {"delete a file", 1, [&] { return RemoveFile(folder, victim, victimSlot); }},
+    };
+    const std::string before = Everything(folder);
+    const std::string otherBefore = Everything(other);
+    for (const auto& change : changes) {
+        for (std::uint64_t n = 0; n < change.writes; ++n) {
+            FailWrites(0, 0xFFFFFFFF, n, 1, GetParam(), 1);
+            EXPECT_FALSE(NT_SUCCESS(change.change())) << change.what << ", write " << n;
+            Board().Misbehave().Clear();
+            EXPECT_EQ(Everything(folder), before) << change.what << ", write " << n;
+            EXPECT_EQ(Everything(other), otherBefore) << change.what << ", write " << n;
+            EXPECT_EQ(Volume()->FolderCount, 2u);
+        }
+    }
+    ASSERT_EQ(VrkFsVolAllocReleaseSpace(&Volume()->Allocator, spare, 2), STATUS_SUCCESS);
+    Restart();
+    OpenFolder(folder, 0);
+    EXPECT_EQ(ListFolders() + " / " + ListFiles(folder), "0:F 1:G / 0:good 1:victim");
+    EXPECT_EQ(FreeBlocks(), FreeWithout(4));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, VolumeWriteFailures, testing::Values(board::Wrong::kFail, board::Wrong::kTearFail));
+
+// The disk stops taking writes at each write of a change, after it has taken that one or not: what the next mount finds
+// has every finished file, and no block twice.
+TEST_F(VolumeEntries, DiskDiesDuringAChange) {
+    for (std::uint64_t n = 1; n <= 5; ++n) {
+        for (const std::uint32_t landed : {0u, 18u}) {
+            Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
+            PutFolder(0, 0, MakeFolder(u"S", {{0, 2000}}));
+            PutFolder(0, 1, MakeFolder(u"T"));
+            Put(0, 2000, MakePlainFile(u"clip", 1100, 50));
+            Start();
+            OpenedFolder source;
+            OpenedFolder target;
+            OpenFolder(source, 0);
+            OpenFolder(target, 1);
+            FileEntry image = ReadFile(source, 0);
+            ULONG slot = 0;
+            Board().CutPowerAtWrite(n, landed, board::AfterPowerLoss::kError);
+            static_cast<void>(Move(target, source, image, slot, u"clip2"));
+            ULONG where;
+            FileEntry created;
+            static_cast<void>(CreateFile(source, u"created", created, where));
+            Restart();
+            OpenFolder(source, 0);
+            OpenFolder(target, 1);
+            const std::string names = ListFiles(source) + ListFiles(target);
+            EXPECT_NE(names.find("clip"), std::string::npos) << "write " << n << " landed " << landed << ": " << names;
+            for (const ULONG lba : {2000u, 2001u, 1100u, 1149u}) {
+                EXPECT_FALSE(IsFree(lba)) << lba << ", write " << n << " landed " << landed;
+            }
+            Stop();
+        }
+    }
+}
+
+TEST_F(VolumeEntries, NamesAreFoundLikeAWalkFindsThem) {
+    PutFolder(0, 0, MakeFolder(u"F", {{1, 3000}, {5, 3002}, {6, 3004}, {2047, 3006}}));
+    PutFolder(0, 9, MakeFolder(u"f"));
+    Put(0, 3000, MakePlainFile(u"Clip"));
+    Put(0, 3002, MakePlainFile(u"CLIP"));  // the same name to everybody who looks
+    Put(0, 3004, MakePlainFile(u"other"));
+    Put(0, 3006, MakePlainFile(u"last"));
+    Start();
+    OpenedFolder folder;
+    OpenFolder(folder, 0);
+    const auto find = [&](const std::u16string& upcased, ULONG from) -> LONG {
+        const UNICODE_STRING name = CountedName(upcased);
+        ULONG slot = 0;
+        FoundEntry entry;
+        BOOLEAN found = FALSE;
+        EXPECT_EQ(Locked([&] { return VrkFsHwFindFileByName(Hw(), &folder.fcb, &name, from, &slot, &entry, &found); }),
+                  STATUS_SUCCESS);
+        EXPECT_TRUE(!found || entry.Index == slot);
+        return found ? static_cast<LONG>(slot) : -1;
+    };
+    EXPECT_EQ(find(u"CLIP", 0), 1);
+    EXPECT_EQ(find(u"CLIP", 2), 5);
+    EXPECT_EQ(find(u"CLIP", 6), -1);
+    EXPECT_EQ(find(u"LAST", 0), 2047);
+    EXPECT_EQ(find(u"LAST", 2048), -1);
+    EXPECT_EQ(find(u"CLI", 0), -1);
+    EXPECT_EQ(find(u"", 0), -1);
+    FileEntry image = ReadFile(folder, 6);
+    ASSERT_EQ(Rename(folder, image, 6, u"neu"), STATUS_SUCCESS);
+    EXPECT_EQ(find(u"OTHER", 0), -1);
+    EXPECT_EQ(find(u"NEU", 0), 6);
+    FailWrites(3004, 3005);
+    EXPECT_FALSE(NT_SUCCESS(Rename(folder, image, 6, u"newer")));
+    EXPECT_EQ(find(u"NEU", 0), 6);
+    ASSERT_EQ(RemoveFile(folder, ReadFile(folder, 1), 1), STATUS_SUCCESS);
+    EXPECT_EQ(find(u"CLIP", 0), 5);
+    ULONG slot = 0;
+    ASSERT_EQ(CreateFile(folder, u"first", image, slot), STATUS_SUCCESS);
+    EXPECT_EQ(find(u"FIRST", 0), 0);
+
+    const auto findFolder = [&](const std::u16string& upcased, ULONG from) -> LONG {
+        const UNICODE_STRING name = CountedName(upcased);
+        ULONG at = 0;
+        FoundEntry entry;
+        BOOLEAN found = FALSE;
+        EXPECT_EQ(Locked([&] { return VrkFsHwFindFolderByName(Hw(), Volume(), &name, from, &at, &entry, &found); }),
+                  STATUS_SUCCESS);
+        return found ? static_cast<LONG>(at) : -1;
+    };
+    EXPECT_EQ(findFolder(u"F", 0), 0);
+    EXPECT_EQ(findFolder(u"F", 1), 9);
+    EXPECT_EQ(findFolder(u"F", 10), -1);
+    EXPECT_EQ(findFolder(u"G", 0), -1);
+}
+
+// Once looked at, a file in a full folder is found with one read.
+TEST_F(VolumeEntries, FindingReadsOneRecord) {
+    std::map<ULONG, ULONG> table;
+    for (ULONG i = 0; i < 600; ++i) {
+        table[i] = 4000 + 2 * i;
+        Put(0, 4000 + 2 * i, MakePlainFile(u"f" + std::u16string(1, static_cast<char16_t>(0x4E00 + i))));
+    }
+    PutFolder(0, 0, MakeFolder(u"F", table));
+    Start();
+    OpenedFolder folder;
+    OpenFolder(folder, 0);
+    const std::u16string text = u"F" + std::u16string(1, static_cast<char16_t>(0x4E00 + 599));
+    const UNICODE_STRING name = CountedName(text);
+    for (const ULONG lba : {5198u, 4000u}) {
+        VrkFsVolCacheFileEntryRemove(&Volume()->EntryCache, lba);
+    }
+    Board().ResetCounters();
+    ULONG slot = 0;
+    FoundEntry entry;
+    BOOLEAN found = FALSE;
+    EXPECT_EQ(Locked([&] { return VrkFsHwFindFileByName(Hw(), &folder.fcb, &name, 0, &slot, &entry, &found); }),
+              STATUS_SUCCESS);
+    EXPECT_TRUE(found);
+    EXPECT_EQ(slot, 599u);
+    EXPECT_EQ(Board().Count().Of(board::Operation::kRead), 1u);
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,148 @@
+// Formatting: what is refused, what lies on the disks afterwards, and what a failure leaves.
+#include "tests/driver/volume_rig.h"
+#include "volume/format.h"
+
+namespace tests {
+namespace {
+
+constexpr LONG kNotWritten = 12345;
+
+class VolumeFormat : public VolumeTest {
+  protected:
+    struct Outcome {
+        NTSTATUS status;
+        LONG result;
+        bool operator==(const Outcome&) const = default;
+    };
+    Outcome Run(const std::u16string& name, const std::vector<ULONG>& ids, std::optional<ULONG> count = {}) {
+        VrkFsVolumeInfoRecord request{};
+        SetName(request.Name, name);
+        request.DeviceCount = count.value_or(static_cast<ULONG>(ids.size()));
+        request.Flags = 0xFFFFFFFF;
+        for (std::size_t i = 0; i < 16; ++i) {
+            request.Devices[i] = i < ids.size() ? ids[i] : 0xFFFFFFFF;
+        }
+        LONG result = kNotWritten;
+        const NTSTATUS status = Locked([&] { return VrkFsHwFormatVolume(Hw(), Vcb(), &request, &result); });
+        return {status, result};
+    }
+    static Outcome Result(LONG result) { return {STATUS_SUCCESS, result}; }
+};
+
+TEST_F(VolumeFormat, Refusals) {
+    ResizeDisk(3, 5633);
+    Put(2, 0, MakeVolumeEntry(u"Taken", 1, 0));
+    Start();
+    const VolumeEntry before = Get<VolumeEntry>(2, 0);
+    const struct {
+        const char* what;
+        std::u16string name;
+        std::vector<ULONG> ids;
+        std::optional<ULONG> count;
+        LONG result;
+    } cases[] = {
+        {"no device", u"N", {}, 0, -24},
+        {"three devices", u"N", {0, 1, 2}, 3, -24},
+        {"sixteen", u"N", std::vector<ULONG>(16, 0), 16, -24},
+        {"four thousand million", u"N", {0}, 0xFFFFFFFF, -24},
+        {"no disk there", u"N", {0, 5}, 2, -25},
+        {"beyond the bus", u"N", {0, 16}, 2, -25},
+        {"far beyond it", u"N", {0xFFFFFFFF}, 1, -25},
+        {"the adapter's own ID", u"N", {7}, 1, -25},
+        {"one disk twice", u"N", {1, 1}, 2, -25},
+        {"too small a disk", u"N", {3}, 1, -25},
+        {"the count comes before the devices", u"N", {16, 16, 16}, 3, -24},
+        {"the devices come before the name", u":", {5}, 1, -25},
+        {"no name", u"", {0}, 1, -27},
+        {"not a name", u"a*b", {0}, 1, -27},
+        {"another volume's name", u"TAKEN", {0}, 1, -28},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Run(c.name, c.ids, c.count), Result(c.result)) << c.what;
+    }
+    const std::u16string text = u"taken";
+    const UNICODE_STRING name = CountedName(text);
+    HwVolume* open = nullptr;
+    ASSERT_TRUE(Locked([&] { return VrkFsHwOpenVolume(Hw(), &name, &open); }));
+    EXPECT_EQ(Run(u"N", {0, 2}), Result(-26));
+    VrkFsHwCloseVolume(Hw(), open);
+    EXPECT_EQ(DescribeVolumes(), "Taken(2)");
+    EXPECT_EQ(Board().Count().Of(board::Operation::kWrite), 0u);
+    const VolumeEntry after = Get<VolumeEntry>(2, 0);
+    EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0);
+}
+
+TEST_F(VolumeFormat, NewVolumeInMemoryAndOnDisk) {
+    ResizeDisk(3, 14000);
+    Start();
+    EXPECT_EQ(Run(u"Sport", {3, 1}), Result(0));
+    EXPECT_EQ(DescribeVolumes(), "Sport(3,1)");
+    EXPECT_EQ(FreeBlocks(), 13999u - 5631);
+    EXPECT_EQ(ListFolders(), "");
+    for (const ULONG position : {0u, 1u}) {
+        const VolumeEntry entry = Get<VolumeEntry>(position == 0 ? 3 : 1, 0);
+        EXPECT_EQ(entry.Magic, kVolumeEntryMagic);
+        EXPECT_EQ(entry.Version, 0x00010000u);
+        EXPECT_EQ(entry.DeviceCount, 2u);
+        EXPECT_EQ(entry.Position, position);
+        EXPECT_EQ(NameOf(entry.Name), u"Sport");
+        EXPECT_EQ(entry.Checksum, VrkFsHwCalcVolumeChecksum(&entry));
+        EXPECT_EQ(entry.CreationTime, Get<VolumeEntry>(1, 0).CreationTime);
+    }
+    Restart();
+    EXPECT_EQ(DescribeVolumes(), "Sport(3,1)");
+}
+
+// A 256-character name has no terminator on disk, and is a name like any other.
+TEST_F(VolumeFormat, LongestName) {
+    Start();
+    const std::u16string name(256, u'n');
+    EXPECT_EQ(Run(name, {0}), Result(0));
+    const UNICODE_STRING counted = CountedName(name);
+    HwVolume* volume = nullptr;
+    EXPECT_TRUE(Locked([&] { return VrkFsHwOpenVolume(Hw(), &counted, &volume); }));
+    VrkFsHwCloseVolume(Hw(), volume);
+    OpenedFolder folder;
+    EXPECT_EQ(CreateFolder(std::u16string(256, u'f'), folder), STATUS_SUCCESS);
+    Restart();
+    OpenFolder(folder, 0);
+    EXPECT_EQ(NameOf(folder.image.Name).size(), 256u);
+    EXPECT_EQ(ListFolders(), "0:" + std::string(256, 'f'));
+}
+
+TEST_F(VolumeFormat, OldVolumesLoseTheirDisks) {
+    Start();
+    ASSERT_EQ(Run(u"A", {0, 1}), Result(0));
+    ASSERT_EQ(Run(u"B", {2, 3}), Result(0));
+    OpenedFolder folder;
+    ASSERT_EQ(CreateFolder(u"Gone", folder, Volume(0)), STATUS_SUCCESS);
+    EXPECT_EQ(Run(u"a", {0, 1}), Result(0));  // its own name again
+    EXPECT_EQ(DescribeVolumes(), "B(2,3) a(0,1)");
+    EXPECT_EQ(ListFolders(Volume(1)), "");
+    EXPECT_EQ(Run(u"C", {1, 2}), Result(0));
+    EXPECT_EQ(DescribeVolumes(), "B(-,3)!incomplete a(0,-)!incomplete C(1,2)");
+    EXPECT_EQ(Run(u"C", {3}), Result(-28));
+    EXPECT_EQ(Run(u"D", {3}), Result(0));
+    EXPECT_EQ(DescribeVolumes(), "a(0,-)!incomplete C(1,2) D(3)");
+}
+
+// After any failed write no disk of the request belongs to a volume, the result is not written, and the same request
+// works when the disk does.
+TEST_F(VolumeFormat, EveryWriteCanFail) {
+    Start();
+    const std::uint64_t writes = 2 + 256;
+    for (std::uint64_t n = 0; n < writes; n += n < 3 || n > 250 ? 1 : 50) {
+        FailWrites(0, 0xFFFFFFFF, n);
+        const Outcome outcome = Run(u"V", {0, 1});
+        EXPECT_FALSE(NT_SUCCESS(outcome.status)) << n;
+        EXPECT_EQ(outcome.result, kNotWritten) << n;
+        EXPECT_EQ(DescribeVolumes(), "") << n;
+        EXPECT_EQ(Hw()->Devices[0].Volume, nullptr);
+        Board().Misbehave().Clear();
+    }
+    EXPECT_EQ(Run(u"V", {0, 1}), Result(0));
+    EXPECT_EQ(DescribeVolumes(), "V(0,1)");
+}
+
+}  // namespace
+}  // namespace tests

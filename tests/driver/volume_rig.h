@@ -1,0 +1,293 @@
+// Disks written from outside, record by record, and the volumes that the driver makes of them. Test code calls the
+// entry operations as the driver itself does, with a folder's control block built by hand.
+#pragma once
+
+#include <cstring>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/card_instance.h"
+#include "core/device_ext.h"
+#include "core/global_data.h"
+#include "core/guards.h"
+#include "fsd/fcb.h"
+#include "fsd/fcb_common.h"
+#include "media/directory.h"
+#include "nt/kernel.h"
+#include "storage/hw_context.h"
+#include "tests/support/machine_fixture.h"
+#include "volume/entries.h"
+#include "volume/hw_volume.h"
+#include "volume/records.h"
+
+namespace tests {
+
+inline constexpr ULONG kRigBlocks = 16384;
+inline constexpr ULONG kRigLastLba = kRigBlocks - 1;
+inline constexpr ULONG kRigFirstDir = kRigLastLba - 4607;
+inline constexpr ULONG kRigLastData = kRigFirstDir - 1;
+inline constexpr ULONG kRigDataBlocks = kRigLastLba - 5631;
+inline constexpr ULONGLONG kRigTime = 0x01C0000000000000;
+
+inline UNICODE_STRING CountedName(const std::u16string& text) {
+    UNICODE_STRING string{};
+    string.Buffer = const_cast<PWSTR>(text.data());
+    string.Length = static_cast<USHORT>(text.size() * sizeof(WCHAR));
+    string.MaximumLength = string.Length;
+    return string;
+}
+
+inline void SetName(WCHAR (&field)[kRecordNameChars], const std::u16string& name) {
+    std::memset(field, 0, sizeof(field));
+    std::memcpy(field, name.data(), std::min<std::size_t>(name.size(), kRecordNameChars) * sizeof(WCHAR));
+}
+
+inline std::u16string NameOf(const WCHAR* field) {
+    std::size_t length = 0;
+    while (length < kRecordNameChars && field[length] != 0) {
+        ++length;
+    }
+    return {field, length};
+}
+
+inline VolumeEntry MakeVolumeEntry(const std::u16string& name, ULONG count, ULONG position, ULONGLONG time = kRigTime) {
+    VolumeEntry entry{};
+    entry.Magic = kVolumeEntryMagic;
+    entry.Version = kVolumeEntryVersion;
+    entry.CreationTime = time;
+    entry.DeviceCount = count;
+    entry.Position = position;
+    SetName(entry.Name, name);
+    entry.Checksum = VrkFsHwCalcVolumeChecksum(&entry);
+    return entry;
+}
+
+inline DirEntry MakeFolder(const std::u16string& name, const std::map<ULONG, ULONG>& table = {}) {
+    DirEntry entry{};
+    entry.Magic = kDirEntryMagic;
+    entry.CreationTime = kRigTime;
+    entry.InUse = 1;
+    SetName(entry.Name, name);
+    for (const auto& [slot, lba] : table) {
+        entry.FileTable[slot] = lba;
+    }
+    VrkFsHwRecountFiles(&entry);
+    entry.Checksum = VrkFsHwCalcFolderChecksum(&entry);
+    return entry;
+}
+
+inline FileEntry MakePlainFile(const std::u16string& name, ULONG start = 0, ULONG count = 0) {
+    FileEntry entry{};
+    entry.Magic = kFileEntryMagic;
+    entry.CreationTime = kRigTime;
+    entry.DataStartLba = start;
+    entry.DataBlockCount = count;
+    entry.FileSize = std::uint64_t{count} * 512;
+    SetName(entry.Name, name);
+    entry.Checksum = VrkFsHwCalcFileChecksum(&entry);
+    return entry;
+}
+
+// An open folder as the request frame keeps it.
+struct OpenedFolder {
+    FCB fcb{};
+    FCBCommon common{};
+    DirEntry image{};
+
+    OpenedFolder() {
+        fcb.Common = &common;
+        common.FolderEntry = &image;
+        common.Level = kLevelFolder;
+    }
+    OpenedFolder(const OpenedFolder&) = delete;
+    OpenedFolder& operator=(const OpenedFolder&) = delete;
+};
+
+class VolumeTest : public MachineTest {
+  protected:
+    void SetUp() override { MakeStation(4, std::uint64_t{kRigBlocks} * 512); }
+
+    // ---- disks, from outside, while the machine is off ----
+
+    template <typename Record>
+    void Put(std::uint32_t id, ULONG lba, const Record& record) {
+        board::Disk disk = OpenImage(id);
+        ASSERT_TRUE(disk.Write(lba, sizeof(Record) / 512, &record));
+    }
+    template <typename Record>
+    Record Get(std::uint32_t id, ULONG lba) {
+        Record record{};
+        EXPECT_TRUE(OpenImage(id).Read(lba, sizeof(Record) / 512, &record));
+        return record;
+    }
+    void PutFolder(std::uint32_t id, ULONG slot, const DirEntry& folder) { Put(id, FolderLba(slot), folder); }
+    void ResizeDisk(std::uint32_t id, ULONG blocks) {
+        std::filesystem::resize_file(ImagePath(id), std::uint64_t{blocks} * 512);
+    }
+    board::Disk OpenImage(std::uint32_t id) {
+        std::string error;
+        std::optional<board::Disk> disk = board::Disk::Open(ImagePath(id).string(), {}, error);
+        EXPECT_TRUE(disk) << error;
+        return std::move(*disk);
+    }
+    std::filesystem::path ImagePath(std::uint32_t id) const {
+        return StationPath() / "card0" / ("scsi" + std::to_string(id) + ".img");
+    }
+    static ULONG FolderLba(ULONG slot) { return kRigFirstDir + 18 * slot; }
+
+    // ---- the running driver ----
+
+    // With one attempt for each record, so that an ordered failure is a failure.
+    void Start() {
+        MachineTest::Start();
+        if (machine_) {
+            Card()->ScsiPrefs = {};
+        }
+    }
+    void Restart() {
+        Stop();
+        Start();
+    }
+
+    static CardInstance* Card() { return CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link); }
+    static HwContext* Hw() { return &Card()->Hw; }
+    static VCB* Vcb() { return &VrkFsDiskExtOfDevice(Card()->DiskDevice)->Vcb; }
+    static std::vector<HwVolume*> Volumes() {
+        std::vector<HwVolume*> volumes;
+        for (PLIST_ENTRY link = Hw()->Volumes.Flink; link != &Hw()->Volumes; link = link->Flink) {
+            volumes.push_back(CONTAINING_RECORD(link, HwVolume, Link));
+        }
+        return volumes;
+    }
+    static HwVolume* Volume(std::size_t index = 0) { return Volumes().at(index); }
+    static ULONGLONG FreeBlocks() { return VrkFsVolAllocGetFreeBlocks(&Volume()->Allocator); }
+    // "NEWS(1) OLD(5,-)!incomplete": every volume with its devices and what hides it.
+    static std::string DescribeVolumes() {
+        std::string text;
+        for (const HwVolume* volume : Volumes()) {
+            const std::u16string name = NameOf(volume->Name);
+            text += (text.empty() ? "" : " ") + std::string(name.begin(), name.end()) + "(";
+            for (ULONG i = 0; i < volume->DeviceCount; ++i) {
+                text += i == 0 ? "" : ",";
+                text += volume->Devices[i] == kNoDevice ? "-" : std::to_string(volume->Devices[i]);
+            }
+            text += ")";
+            text += (volume->Flags & kVolumeIncomplete) != 0 ? "!incomplete" : "";
+            text += (volume->Flags & kVolumeNameConflict) != 0 ? "!conflict" : "";
+        }
+        return text;
+    }
+
+    // Runs the routine as the driver's code under the lock that a create or a set request holds.
+    template <typename Routine>
+    static auto Locked(Routine routine) {
+        nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
+        CriticalRegionGuard region;
+        ResourceGuard volume;
+        volume.Exclusive(&Vcb()->Resource);
+        return routine();
+    }
+
+    static void OpenFolder(OpenedFolder& folder, ULONG slot, HwVolume* volume = nullptr) {
+        folder.common.VolumeHandle = volume != nullptr ? volume : Volume();
+        folder.common.FolderEntryIndex = slot;
+        BOOLEAN substituted = FALSE;
+        EXPECT_EQ(Locked([&] {
+                      return VrkFsHwReadDirEntry(Hw(), folder.common.VolumeHandle, slot, &folder.image, &substituted);
+                  }),
+                  STATUS_SUCCESS);
+        if (substituted) {
+            folder.common.Flags |= kFcbCommonSubstitute;
+        }
+    }
+    static NTSTATUS CreateFolder(const std::u16string& name, OpenedFolder& folder, HwVolume* volume = nullptr) {
+        folder.common.VolumeHandle = volume != nullptr ? volume : Volume();
+        const UNICODE_STRING counted = CountedName(name);
+        return Locked([&] {
+            return VrkFsHwCreateDirEntry(Hw(), Vcb(), folder.common.VolumeHandle, &counted, &folder.image,
+                                         &folder.common.FolderEntryIndex);
+        });
+    }
+    static NTSTATUS CreateFile(OpenedFolder& folder, const std::u16string& name, FileEntry& image, ULONG& slot) {
+        const UNICODE_STRING counted = CountedName(name);
+        return Locked([&] { return VrkFsHwCreateFileEntry(Hw(), Vcb(), &folder.fcb, &counted, &image, &slot); });
+    }
+    static NTSTATUS RemoveFile(OpenedFolder& folder, const FileEntry& image, ULONG slot) {
+        return Locked([&] { return VrkFsHwRemoveFileEntry(Hw(), Vcb(), &folder.fcb, &image, slot); });
+    }
+    static FileEntry ReadFile(OpenedFolder& folder, ULONG slot, BOOLEAN* substituted = nullptr) {
+        FileEntry image{};
+        EXPECT_EQ(Locked([&] { return VrkFsHwReadFileEntry(Hw(), &folder.fcb, slot, &image, substituted); }),
+                  STATUS_SUCCESS);
+        return image;
+    }
+    // "0:A 3:BAD_DIR_11830": slot and name of every folder of a volume, as a walk gives them.
+    static std::string ListFolders(HwVolume* volume = nullptr) {
+        std::string text;
+        FoundEntry entry;
+        for (ULONG slot = 0;; ++slot) {
+            BOOLEAN found = FALSE;
+            EXPECT_EQ(Locked([&] {
+                          return VrkFsHwGetNextDirEntry(Hw(), volume != nullptr ? volume : Volume(), &slot, &entry,
+                                                        &found);
+                      }),
+                      STATUS_SUCCESS);
+            if (!found) {
+                return text;
+            }
+            Append(text, entry);
+        }
+    }
+    static std::string ListFiles(OpenedFolder& folder) {
+        std::string text;
+        FoundEntry entry;
+        for (ULONG slot = 0;; ++slot) {
+            BOOLEAN found = FALSE;
+            EXPECT_EQ(Locked([&] { return VrkFsHwGetNextFileEntry(Hw(), &folder.fcb, &slot, &entry, &found); }),
+                      STATUS_SUCCESS);
+            if (!found) {
+                return text;
+            }
+            Append(text, entry);
+        }
+    }
+
+    // What the free count must be when exactly these blocks are taken.
+    static ULONGLONG FreeWithout(ULONG taken) { return kRigDataBlocks - taken; }
+    static bool IsFree(ULONG lba) {
+        return !VrkFsVolAllocIsOwnedSpace(&Volume()->Allocator, lba, 1) && Locked([&] {
+            const NTSTATUS status = VrkFsVolAllocAllocateSpecificAnySpace(&Volume()->Allocator, lba, 1);
+            return NT_SUCCESS(status) && NT_SUCCESS(VrkFsVolAllocReleaseSpace(&Volume()->Allocator, lba, 1));
+        });
+    }
+    void FailWrites(ULONG firstLba, ULONG lastLba, std::uint64_t skip = 0, std::uint64_t count = 1,
+                    board::Wrong what = board::Wrong::kFail, std::uint32_t blocks = 0) {
+        Misbehave(board::Operation::kWrite, firstLba, lastLba, skip, count, what, blocks);
+    }
+    void FailReads(ULONG firstLba, ULONG lastLba, std::uint64_t count = ~std::uint64_t{0}) {
+        Misbehave(board::Operation::kRead, firstLba, lastLba, 0, count, board::Wrong::kFail, 0);
+    }
+    void Misbehave(board::Operation operation, ULONG firstLba, ULONG lastLba, std::uint64_t skip, std::uint64_t count,
+                   board::Wrong what, std::uint32_t blocks) {
+        board::Misbehaviour rule;
+        rule.what = what;
+        rule.operation = operation;
+        rule.firstLba = firstLba;
+        rule.lastLba = lastLba;
+        rule.skip = skip;
+        rule.count = count;
+        rule.blocks = blocks;
+        Board().Misbehave().Add(rule);
+    }
+
+  private:
+    static void Append(std::string& text, const FoundEntry& entry) {
+        const std::u16string name(entry.Name, entry.NameLength / sizeof(WCHAR));
+        text += (text.empty() ? "" : " ") + std::to_string(entry.Index) + ":" + std::string(name.begin(), name.end());
+    }
+};
+
+}  // namespace tests

@@ -1,0 +1,200 @@
+// Records that could not be read when their volume was mounted: they are listed under a stand-in, never written over,
+// and read again before anybody is given space that may be theirs.
+#include "tests/driver/volume_rig.h"
+
+namespace tests {
+namespace {
+
+class VolumeUnread : public VolumeTest {
+  protected:
+    void SetUp() override {
+        VolumeTest::SetUp();
+        Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
+        PutFolder(0, 2, MakeFolder(u"F", {{0, 5000}, {4, 5002}}));
+        PutFolder(0, 3, MakeFolder(u"G", {{1, 5004}}));
+        Put(0, 5000, MakePlainFile(u"a", 1024, 100));
+        Put(0, 5002, MakePlainFile(u"b", 1124, 100));
+        Put(0, 5004, MakePlainFile(u"c", 1224, 100));
+        Start();
+    }
+    static constexpr ULONG kTaken = 306;
+
+    // Mounts again with the board as it has been told to be.
+    void Remount() {
+        ASSERT_EQ(Locked([&] { return VrkFsHwFlushVolumeCache(Hw(), Vcb()); }), STATUS_SUCCESS);
+        ASSERT_EQ(Locked([&] { return VrkFsHwRebuildVolumeCache(Hw(), Vcb()); }), STATUS_SUCCESS);
+        ASSERT_EQ(DescribeVolumes(), "V(0)");
+    }
+    NTSTATUS Retry() {
+        return Locked([&] { return VrkFsHwRetryUnreadRecords(Hw(), Volume()); });
+    }
+    std::uint64_t Reads() { return Board().Count().Of(board::Operation::kRead); }
+};
+
+TEST_F(VolumeUnread, OneErrorLosesNothing) {
+    EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken));
+    const struct {
+        const char* what;
+        ULONG lba;
+        ULONG taken;  // before the record is read again
+        std::string folders;
+        std::string files;  // of folder slot 2
+    } cases[] = {
+        {"a file", 5000, kTaken - 100, "2:F 3:G", "0:BAD_FILE_5000 4:b"},
+        {"a folder", FolderLba(2), kTaken - 204, "2:BAD_DIR_11812 3:G", ""},
+        {"a folder's last block", FolderLba(2) + 17, kTaken - 204, "2:BAD_DIR_11812 3:G", ""},
+    };
+    for (const auto& c : cases) {
+        FailReads(c.lba, c.lba);
+        Remount();
+        EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken)) << c.what;
+        EXPECT_EQ(ListFolders(), c.folders) << c.what;
+        OpenedFolder folder;
+        OpenFolder(folder, 2);
+        EXPECT_EQ(ListFiles(folder), c.files) << c.what;
+        Board().Misbehave().Clear();
+        // The listing was not remembered.
+        EXPECT_EQ(ListFolders(), "2:F 3:G") << c.what;
+        // Space is handed out only after the record was read and claimed.
+        OpenedFolder other;
+        OpenFolder(other, 3);
+        FileEntry image;
+        ULONG slot = 0;
+        ASSERT_EQ(CreateFile(other, u"new", image, slot), STATUS_SUCCESS) << c.what;
+        EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken + 2)) << c.what;
+        ASSERT_EQ(RemoveFile(other, image, slot), STATUS_SUCCESS);
+        OpenedFolder again;
+        OpenFolder(again, 2);
+        EXPECT_EQ(ListFiles(again), "0:a 4:b") << c.what;
+        EXPECT_EQ(RemoveFile(again, ReadFile(again, 4), 4), STATUS_SUCCESS) << c.what;
+        EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102)) << c.what;
+        Stop();
+        PutFolder(0, 2, MakeFolder(u"F", {{0, 5000}, {4, 5002}}));
+        Start();
+    }
+}
+
+// A record that fails again is left alone: neither every allocation nor every listing pays for it.
+TEST_F(VolumeUnread, BadForGoodIsTriedOnce) {
+    FailReads(5000, 5000);
+    Remount();
+    Board().ResetCounters();
+    EXPECT_EQ(Retry(), STATUS_SUCCESS);
+    EXPECT_EQ(Reads(), 1u);
+    EXPECT_EQ(Retry(), STATUS_SUCCESS);
+    EXPECT_EQ(Reads(), 1u);
+    // More retries are another chance.
+    Card()->ScsiPrefs.MaxRetries = 3;
+    EXPECT_EQ(Retry(), STATUS_SUCCESS);
+    EXPECT_EQ(Reads(), 1u + 4);
+    EXPECT_EQ(Retry(), STATUS_SUCCESS);
+    EXPECT_EQ(Reads(), 1u + 4);
+    // And so is a read that succeeds by the way.
+    Board().Misbehave().Clear();
+    OpenedFolder folder;
+    OpenFolder(folder, 2);
+    EXPECT_EQ(ListFiles(folder), "0:a 4:b");
+    EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 100));
+    EXPECT_EQ(Retry(), STATUS_SUCCESS);
+    EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken));
+}
+
+// What was claimed by nobody when space was handed out may lie in somebody's new file when it can be read at last: then
+// it is in doubt, and stays out of everybody's way.
+TEST_F(VolumeUnread, ReadableTooLate) {
+    FailReads(5000, 5000);
+    Remount();
+    EXPECT_EQ(Retry(), STATUS_SUCCESS);
+    ULONG start = 0;
+    ASSERT_TRUE(VrkFsVolAllocAllocateLowerSpace(&Volume()->Allocator, 60, &start));
+    ASSERT_EQ(start, 1024u);
+    Board().Misbehave().Clear();
+    OpenedFolder folder;
+    OpenFolder(folder, 2);
+    const FileEntry image = ReadFile(folder, 0);
+    EXPECT_EQ(RemoveFile(folder, image, 0), STATUS_SUCCESS);
+    EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 2));  // its record is free; its data is not, nor is the new file's
+    ASSERT_EQ(VrkFsVolAllocReleaseSpace(&Volume()->Allocator, start, 60), STATUS_SUCCESS);
+    EXPECT_FALSE(IsFree(1024));
+    EXPECT_FALSE(IsFree(1100));
+}
+
+// An unreadable file that is deleted gives back its record and nothing that it might have held.
+TEST_F(VolumeUnread, DeletedUnread) {
+    FailReads(5000, 5000);
+    Remount();
+    OpenedFolder folder;
+    OpenFolder(folder, 2);
+    BOOLEAN substituted = FALSE;
+    const FileEntry image = ReadFile(folder, 0, &substituted);
+    EXPECT_TRUE(substituted);
+    EXPECT_EQ(RemoveFile(folder, image, 0), STATUS_SUCCESS);
+    EXPECT_EQ(ListFiles(folder), "4:b");
+    EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102));
+    EXPECT_EQ(Volume()->Unread.Count, 0u);
+    Board().Misbehave().Clear();
+    EXPECT_EQ(Retry(), STATUS_SUCCESS);
+    EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102));
+}
+
+// An empty slot that could not be read passes for a folder until it is read; then it can be used.
+TEST_F(VolumeUnread, EmptySlot) {
+    FailReads(FolderLba(0), FolderLba(1) + 17);
+    Remount();
+    EXPECT_EQ(ListFolders(), "0:BAD_DIR_11776 1:BAD_DIR_11794 2:F 3:G");
+    EXPECT_EQ(Volume()->FolderCount, 4u);
+    OpenedFolder made;
+    ASSERT_EQ(CreateFolder(u"new", made), STATUS_SUCCESS);
+    EXPECT_EQ(made.common.FolderEntryIndex, 4u);  // what cannot be read may be in use
+    Board().Misbehave().Clear();
+    EXPECT_EQ(ListFolders(), "2:F 3:G 4:new");
+    OpenedFolder second;
+    ASSERT_EQ(CreateFolder(u"low", second), STATUS_SUCCESS);
+    EXPECT_EQ(second.common.FolderEntryIndex, 0u);
+    EXPECT_EQ(Volume()->FolderCount, 4u);
+}
+
+// Every allocation of a mount fails in turn: the volume is whole, or it is not there; nothing is left over. The other
+// volume that was mounted before stays.
+TEST_F(VolumeUnread, MountWithoutMemory) {
+    Stop();
+    Put(0, 0, MakeVolumeEntry(u"U", 1, 0));
+    PutFolder(0, 2, DirEntry{});
+    PutFolder(0, 3, DirEntry{});
+    Put(1, 0, MakeVolumeEntry(u"V", 1, 0));
+    for (ULONG slot = 0; slot < 3; ++slot) {
+        PutFolder(1, slot, MakeFolder(u"F", {{slot, 5000 + 4 * slot}, {9, 5002 + 4 * slot}}));
+        Put(1, 5000 + 4 * slot, MakePlainFile(u"a", 1024 + 100 * slot, 50));
+        Put(1, 5002 + 4 * slot, MakePlainFile(u"b", 1090 + 100 * slot, 10));
+    }
+    PutFolder(1, 5, MakeFolder(u"conflict", {{0, 5000}, {1, 5001}, {2, 3}}));
+    Start();
+    FailReads(5004, 5004);
+    bool done = false;
+    for (std::uint64_t n = 1; !done; ++n) {
+        ASSERT_LT(n, 2000u);
+        ASSERT_EQ(Locked([&] { return VrkFsHwFlushVolumeCache(Hw(), Vcb()); }), STATUS_SUCCESS);
+        nt::FaultPlan plan;
+        plan.kinds = nt::FaultBit(nt::FaultKind::kPool);
+        plan.failAt = n;
+        nt::ArmFaults(plan);
+        static_cast<void>(Locked([&] { return VrkFsHwRebuildVolumeCache(Hw(), Vcb()); }));
+        done = nt::FaultsFired() == 0;
+        nt::DisarmFaults();
+        const std::string volumes = DescribeVolumes();
+        if (volumes == "U(0) V(1)") {
+            // Without memory for a cached record or a hash the mount goes on.
+            EXPECT_EQ(VrkFsVolAllocGetFreeBlocks(&Volume(1)->Allocator), kRigDataBlocks - (6 * 2 + 130u))
+                << "allocation " << n;
+            EXPECT_EQ(ListFolders(Volume(1)), "0:F 1:F 2:F 5:conflict");
+        } else {
+            EXPECT_TRUE(volumes == "" || volumes == "U(0)!incomplete" || volumes == "U(0)" ||
+                        volumes == "U(0) V(1)!incomplete")
+                << "allocation " << n << ": " << volumes;
+        }
+    }
+    EXPECT_EQ(DescribeVolumes(), "U(0) V(1)");
+}
+
+}  // namespace
+}  // namespace tests

@@ -48,7 +48,7 @@ std::uint64_t Counters::Total() const {
 }
 
 std::unique_ptr<Board> Board::Plug(PDRIVER_OBJECT driver, std::uint32_t cardIndex, std::string& error) {
-    std::unique_ptr<Board> board(new Board(cardIndex));
+    std::unique_ptr<Board> board(new Board());
     board->cardMemory_.resize(std::size_t{kCardMemoryBlocks} * kBlockSize);
 
     WCHAR buffer[] = VRKFS_W("\\Device\\Vrk0");

@@ -78,7 +78,7 @@ class Board {
         ULONG_PTR information;
     };
 
-    explicit Board(std::uint32_t cardIndex) : cardIndex_(cardIndex) {}
+    Board() = default;
 
     NTSTATUS DeviceControl(PIRP irp);
     RequestKind Classify(PIRP irp, NTSTATUS& refusal) const;
@@ -96,7 +96,6 @@ class Board {
     void RunLate();
     void CountRequest(const RequestKind& request);
 
-    std::uint32_t cardIndex_;
     PDEVICE_OBJECT device_ = nullptr;
     std::array<std::unique_ptr<Disk>, kMaxDisks> disks_;
     std::array<std::uint32_t, kMaxDisks> stateOverride_{};  // 0: as attached

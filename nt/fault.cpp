@@ -20,8 +20,7 @@ std::atomic<bool> g_recycling{!kSanitized};
 bool Concerns(PETHREAD self, FaultKind kind) {
     const PDRIVER_OBJECT only = g_driver.load(std::memory_order_relaxed);
     return self->driver != nullptr && self->faultExemptions == 0 &&
-           (g_kinds.load(std::memory_order_relaxed) & FaultBit(kind)) != 0 &&
-           (only == nullptr || only == self->driver);
+           (g_kinds.load(std::memory_order_relaxed) & FaultBit(kind)) != 0 && (only == nullptr || only == self->driver);
 }
 
 }  // namespace

@@ -341,8 +341,7 @@ NTKERNELAPI VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR) {
 
 NTKERNELAPI BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp) {
     const PFILE_OBJECT file = IoGetCurrentIrpStackLocation(Irp)->FileObject;
-    const bool synchronous =
-        (Irp->Flags & IRP_SYNCHRONOUS_API) != 0 || (file != nullptr && nt::IsSynchronous(file));
+    const bool synchronous = (Irp->Flags & IRP_SYNCHRONOUS_API) != 0 || (file != nullptr && nt::IsSynchronous(file));
     return synchronous ? TRUE : FALSE;
 }
 

@@ -1,6 +1,7 @@
 // The file control block: one distinct path that is open or lies on the way to an open path.
 #pragma once
 
+#include "fsd/shared_flags.h"
 #include "media/media_file.h"
 #include "nt.h"
 
@@ -40,7 +41,8 @@ inline constexpr ULONG kFcbDeleteSegments = 6;
 
 // Paged, from GlobalData's list. A create makes it for its path and for every folder on the way; it lives while it is
 // referenced or has children. Everything but the MediaFileObject and the ServiceHandle is guarded by the VCB's
-// Resource; those two by the FCB's own Resource or the FCBCommon's (see the data paths).
+// Resource; those two by the FCB's own Resource or the FCBCommon's (see the data paths), and so are the flags that
+// belong to them.
 struct FCB {
     ULONG NodeType;  // kFcbNodeType
     PERESOURCE Resource;
@@ -55,7 +57,7 @@ struct FCB {
     ULONG TypeIndex;         // row of the file-type table under which the path lies
     LIST_ENTRY SiblingLink;  // in the parent's Children
     ULONG EntryIndex;        // level 5: frame number or RAM-file index
-    ULONG Flags;
+    SharedFlags Flags;
     PRTL_SPLAY_LINKS ChildTree;  // folders: children by Name
     LIST_ENTRY Children;         // folders only
     RTL_SPLAY_LINKS SplayLinks;  // this FCB's node in the parent's ChildTree

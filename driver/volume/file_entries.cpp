@@ -91,6 +91,15 @@ VOID ReleaseFile(const OpenFolder& Folder, const FileEntry* Image, ULONG RecordL
     static_cast<void>(VrkFsVolAllocReleaseSpace(allocator, RecordLba, kFileEntryBlocks));
 }
 
+// A record write that failed may have torn the record: puts the last one that was written back in its place.
+VOID WriteCachedRecord(HwContext* Hw, HwVolume* Volume, ULONG Lba) {
+    const EventLockGuard scratch(&Hw->FileScratchLock);
+    FileEntry* const image = reinterpret_cast<FileEntry*>(Hw->FileScratchBuffer);
+    if (VrkFsVolCacheFileEntrySearch(&Volume->EntryCache, Lba, image)) {
+        static_cast<void>(VrkFsHwWriteFileRecord(Hw, Volume, Lba, image));
+    }
+}
+
 BOOLEAN MayWriteRecord(const OpenFolder& Folder, ULONG Slot, ULONG ExpectedLba) {
     return Folder.Writable && Slot < kMaxFilesPerFolder && ExpectedLba != 0 &&
            Folder.Image->FileTable[Slot] == ExpectedLba &&
@@ -164,16 +173,16 @@ NTSTATUS VrkFsHwWriteFileEntry(HwContext* Hw, FCB* FolderFCB, FileEntry* Image, 
         return STATUS_SUCCESS;
     }
     const OpenFolder folder = VrkFsHwOpenFolderOf(FolderFCB);
-    // The folder of a file that was unreadable at mount may not have been claimed yet, and then no record in it is
-    // owned.
-    const NTSTATUS status = VrkFsHwRetryUnreadRecords(Hw, folder.Volume);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
+    // A folder that was unreadable at mount may not have been claimed yet, and then no record in it is owned.
+    static_cast<void>(VrkFsHwRetryUnreadRecords(Hw, folder.Volume));
     if (!MayWriteRecord(folder, Slot, ExpectedLba)) {
         return STATUS_UNSUCCESSFUL;
     }
-    return VrkFsHwWriteFileRecord(Hw, folder.Volume, ExpectedLba, Image);
+    const NTSTATUS status = VrkFsHwWriteFileRecord(Hw, folder.Volume, ExpectedLba, Image);
+    if (!NT_SUCCESS(status)) {
+        WriteCachedRecord(Hw, folder.Volume, ExpectedLba);
+    }
+    return status;
 }
 
 NTSTATUS VrkFsHwRemoveFileEntry(HwContext* Hw, VCB* Vcb, FCB* FolderFCB, const FileEntry* Image, ULONG Slot) {

@@ -95,16 +95,13 @@ NTSTATUS MoveTableEntry(HwContext* Hw, const OpenFolder& Source, ULONG Slot, con
 NTSTATUS VrkFsHwRenameFile(HwContext* Hw, VCB* Vcb, HwVolume* Volume, FCB* FolderFCB, FileEntry* Image, ULONG Slot,
                            PCUNICODE_STRING NewName, BOOLEAN ReplaceExisting) {
     const OpenFolder folder = VrkFsHwOpenFolderOf(FolderFCB);
-    NTSTATUS status = VrkFsHwRetryUnreadRecords(Hw, Volume);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
+    static_cast<void>(VrkFsHwRetryUnreadRecords(Hw, Volume));
     if (!IsOwnRecord(folder, Slot, Image)) {
         return STATUS_UNSUCCESSFUL;
     }
     ReportOldName(Hw, Vcb, FolderFCB, Image, ReplaceExisting ? FILE_ACTION_REMOVED : FILE_ACTION_RENAMED_OLD_NAME);
     VrkFsHwSetFileHash(Volume, folder.Slot, Slot, kNameHashMustLook);
-    status = WriteNewName(Hw, Volume, folder.Image->FileTable[Slot], Image, NewName);
+    const NTSTATUS status = WriteNewName(Hw, Volume, folder.Image->FileTable[Slot], Image, NewName);
     if (NT_SUCCESS(status)) {
         NoteName(folder, Slot, Image);
         ReportNewName(Hw, Vcb, FolderFCB, Image, ReplaceExisting, FILE_ACTION_RENAMED_NEW_NAME);

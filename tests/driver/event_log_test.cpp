@@ -32,12 +32,11 @@ TEST_F(EventLogTest, PacketsAreAsLongAsWhatTheyCarry) {
     for (UCHAR& byte : dump) {
         byte = static_cast<UCHAR>(&byte - dump + 1);
     }
-    const PSTR none = nullptr;
-    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, none), STATUS_SUCCESS);
-    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventBodyTableRecovered, 0, dump, 40, none), STATUS_SUCCESS);
-    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventChecksumFailed, 0, dump, 40, "1", "", "a\xE9", none),
+    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, nullptr), STATUS_SUCCESS);
+    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventBodyTableRecovered, 0, dump, 40, nullptr), STATUS_SUCCESS);
+    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventChecksumFailed, 0, dump, 40, "1", "", "a\xE9", nullptr),
               STATUS_SUCCESS);
-    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 4, none), STATUS_SUCCESS);
+    ASSERT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 4, nullptr), STATUS_SUCCESS);
 
     const std::vector<nt::EventLogEntry> entries = Entries();
     ASSERT_EQ(entries.size(), 4u);
@@ -72,22 +71,22 @@ TEST_F(EventLogTest, PacketsAreAsLongAsWhatTheyCarry) {
 }
 
 TEST_F(EventLogTest, WhatDoesNotFitAnEntryIsDropped) {
-    const PSTR none = nullptr;
     const std::string fits(51, 'x');  // 48 + 104 bytes
     const std::string exceeds(52, 'x');
     const std::string huge(100'000, 'x');
-    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, fits.c_str(), none), STATUS_SUCCESS);
-    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, exceeds.c_str(), none), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, huge.c_str(), none), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 2, fits.c_str(), none), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0xFFFFFFF0, none), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, fits.c_str(), nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, exceeds.c_str(), nullptr),
+              STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, huge.c_str(), nullptr), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 2, fits.c_str(), nullptr), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0xFFFFFFF0, nullptr), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Entries().size(), 1u);
 
     nt::FaultPlan plan;
     plan.kinds = nt::FaultBit(nt::FaultKind::kErrorLog);
     plan.failAt = 1;
     nt::ArmFaults(plan);
-    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, none), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, nullptr), STATUS_UNSUCCESSFUL);
     nt::DisarmFaults();
     EXPECT_EQ(Entries().size(), 1u);
 }

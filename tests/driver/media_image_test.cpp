@@ -1,6 +1,8 @@
 // Media files through the driver: what is written comes back, in any order and in any pieces, and lies on the disks
 // where the placement rule says.
 #include <algorithm>
+#include <chrono>
+#include <semaphore>
 
 #include "core/file_types.h"
 #include "tests/driver/media_rig.h"
@@ -291,6 +293,48 @@ TEST_F(MediaImage, TwoPathsToOneFileNeverUseAnOldLayout) {
     EXPECT_EQ(WriteAt(there, image, HeaderBytes(clips[1]) + 16, HeaderBytes(clips[1]) + 600).status,
               host::status::kFileInvalid);
     expect(there, clips[2]);
+}
+
+// Overlapped reads run on the few system workers, first reads of every path included, while names come and go.
+TEST_F(MediaImage, PostedReadsAndCreatesDoNotWaitForEachOther) {
+    StartVolume(2);
+    std::mt19937 random(31);
+    const ClipSpec clip = RandomClip(random, 10, true, false, 2, 9);
+    PutClip(u"a.RZV", clip);
+    const Bytes image = BuildImage(clip, false);
+    constexpr std::size_t kReaders = 12;
+    for (int round = 0; round < 20; ++round) {
+        std::vector<host::ScopedHandle> handles;
+        std::array<Bytes, kReaders> buffers;
+        std::array<std::uint64_t, kReaders> offsets{};
+        std::counting_semaphore<> ended(0);
+        for (std::size_t i = 0; i < kReaders; ++i) {
+            host::OpenRequest request;
+            request.path = u"P:\\RZV\\VOL\\F\\a.RZV";
+            request.overlapped = true;
+            const host::OpenResult opened = User().Create(request);
+            ASSERT_TRUE(opened.status.Ok());
+            handles.emplace_back(User(), opened.handle);
+            offsets[i] = random() % (image.size() - 5000);
+            buffers[i].resize(5000);
+        }
+        for (std::size_t i = 0; i < kReaders; ++i) {
+            const host::Status asked = User().ReadOverlapped(
+                handles[i].Get(), buffers[i], offsets[i], [&](host::IoResult) { ended.release(); }, nullptr);
+            ASSERT_TRUE(asked.Ok()) << host::StatusName(asked);
+        }
+        {
+            const host::ScopedHandle other = OpenClip(u"b.RZV", host::Disposition::kCreate);
+            ASSERT_TRUE(host::SetDeleteOnCleanup(User(), other.Get(), true).Ok());
+        }
+        for (std::size_t i = 0; i < kReaders; ++i) {
+            ASSERT_TRUE(ended.try_acquire_for(std::chrono::seconds(30)));
+        }
+        for (std::size_t i = 0; i < kReaders; ++i) {
+            EXPECT_TRUE(std::equal(buffers[i].begin(), buffers[i].end(),
+                                   image.begin() + static_cast<std::ptrdiff_t>(offsets[i])));
+        }
+    }
 }
 
 // Records with the right checksum and numbers that cannot be true: no transfer leaves the clip's space, nothing hangs,

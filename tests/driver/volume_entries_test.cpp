@@ -140,6 +140,24 @@ TEST_F(VolumeEntries, RecordsOnDiskAreWhole) {
     EXPECT_EQ(ReadFile(folder, slot).FrameCount, 4711u);
 }
 
+// A record write that tears leaves the record that was there before, not a torn one.
+TEST_F(VolumeEntries, TornRecordWrite) {
+    Start();
+    OpenedFolder folder;
+    ASSERT_EQ(CreateFolder(u"Folder", folder), STATUS_SUCCESS);
+    FileEntry image;
+    ULONG slot;
+    ASSERT_EQ(CreateFile(folder, u"clip", image, slot), STATUS_SUCCESS);
+    const FileEntry before = image;
+    const ULONG lba = folder.image.FileTable[slot];
+    image.FrameCount = 4711;
+    FailWrites(lba, lba + 1, 0, 1, board::Wrong::kTearFail, 1);
+    EXPECT_FALSE(NT_SUCCESS(Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &image, slot, lba); })));
+    const FileEntry disk = FileOnDisk(lba);
+    EXPECT_EQ(std::memcmp(&disk, &before, sizeof(disk)), 0);
+    EXPECT_EQ(image.FrameCount, 4711u);
+}
+
 TEST_F(VolumeEntries, MoveAndRepoint) {
     Start();
     OpenedFolder source;

@@ -193,6 +193,39 @@ TEST_F(Cli, VolumesAreTold) {
     EXPECT_EQ(std::ranges::count_if(conflict, [](const auto& row) { return row.value("name_conflict", false); }), 1);
 }
 
+// Gives a disk's volume another name, with the checksum that belongs to it.
+void RenameOnDisk(const std::filesystem::path& image, const std::u16string& name) {
+    std::string record = tests::ProgramTest::Contents(image).substr(0, 1024);
+    record.replace(512, 512, 512, '\0');
+    record.replace(512, name.size() * 2, reinterpret_cast<const char*>(name.data()), name.size() * 2);
+    record.replace(16, 4, 4, '\0');
+    std::uint32_t low = 1;
+    std::uint32_t high = 0;
+    for (const char byte : record) {
+        low += static_cast<std::uint32_t>(static_cast<signed char>(byte));
+        high += low;
+    }
+    const std::uint32_t checksum = (high << 16) + low;
+    record.replace(16, 4, reinterpret_cast<const char*>(&checksum), 4);
+    tests::ProgramTest::WriteAt(image, 0, record);
+}
+
+TEST_F(Cli, AVolumeOfAnImpossibleNameHidesNoOther) {
+    MakeVolumes();
+    for (const std::u16string& name : {std::u16string(u"TWO\\A"), std::u16string(u"a/b"), std::u16string()}) {
+        RenameOnDisk(Image(0), name);
+        const auto rows = Run("volumes --json").Objects();
+        ASSERT_EQ(rows.size(), 3u);
+        EXPECT_EQ(rows[0]["free_bytes"], nullptr);
+        EXPECT_FALSE(rows[0].value("status", "").empty());
+        EXPECT_EQ(rows[1]["name"], "TWO");
+        EXPECT_EQ(Run("ls P:/RZV/TWO").out, "A\n");
+        EXPECT_EQ(Run("ls P:/RZV").status, 0);
+    }
+    RenameOnDisk(Image(0), u"ONE again");
+    EXPECT_EQ(Run("ls P:/RZV/ONE|again").out, "A\n");
+}
+
 TEST_F(Cli, FormatDestroysNothingUnasked) {
     MakeVolumes();
     const auto stillThere = [&] { return Run("ls P:/RZV/ONE").out == "A\n"; };

@@ -40,6 +40,18 @@ struct Outcome {
 };
 
 class ProgramTest : public testing::Test {
+  public:
+    static std::string Contents(const std::filesystem::path& path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    static void WriteAt(const std::filesystem::path& path, std::uint64_t offset, const std::string& bytes) {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(offset));
+        file << bytes;
+        ASSERT_TRUE(file.flush());
+    }
+
   protected:
     static constexpr const char* kStationName = "station";
 
@@ -98,17 +110,6 @@ class ProgramTest : public testing::Test {
         outcome.status = Await(child);
         ::close(terminal);
         return outcome;
-    }
-
-    static std::string Contents(const std::filesystem::path& path) {
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
-    static void WriteAt(const std::filesystem::path& path, std::uint64_t offset, const std::string& bytes) {
-        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>(offset));
-        file << bytes;
-        ASSERT_TRUE(file.flush());
     }
 
     // A failure: that status, nothing reported, one line that holds `text`.

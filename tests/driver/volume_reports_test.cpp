@@ -1,0 +1,202 @@
+// Who hears of a change: watchers of the folder that holds the changed name, under every type folder, and nobody else.
+#include <functional>
+#include <future>
+#include <thread>
+
+#include "tests/driver/volume_rig.h"
+#include "volume/format.h"
+
+namespace tests {
+namespace {
+
+constexpr std::uint32_t kFileNames = 1;
+constexpr std::uint32_t kFolderNames = 2;
+constexpr std::uint32_t kAnything = 0xFFF;
+
+class VolumeReports : public VolumeTest {
+  protected:
+    void SetUp() override {
+        VolumeTest::SetUp();
+        Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
+        Put(1, 0, MakeVolumeEntry(u"v", 1, 0, kRigTime + 1));
+        PutFolder(0, 0, MakeFolder(u"F", {{0, 5000}}));
+        PutFolder(0, 1, MakeFolder(u"G"));
+        Put(0, 5000, MakePlainFile(u"a"));
+        Start();
+        nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
+        FileType row{};
+        row.TypeCode = 7;
+        std::memcpy(row.Extension, u"XYZ", sizeof(row.Extension));
+        ASSERT_EQ(VrkFsGlobAddFileType(pVrkFsGlobalData, &row), STATUS_SUCCESS);
+    }
+    void TearDown() override {
+        static_cast<void>(Heard());
+        VolumeTest::TearDown();
+    }
+
+    struct Watch {
+        std::string name;
+        host::ScopedHandle handle;
+        std::promise<std::string> end;  // the status that the request ended with
+        std::array<std::byte, 64> buffer{};
+    };
+    void AddWatch(const std::string& name, const std::u16string& path, std::uint32_t filter) {
+        host::OpenRequest request;
+        request.path = u"P:" + path;
+        request.access = host::access::kReadData;
+        request.options = host::option::kDirectoryFile;
+        request.overlapped = true;
+        const host::OpenResult opened = User().Create(request);
+        ASSERT_TRUE(opened.status.Ok()) << name;
+        watches_.push_back(std::make_unique<Watch>());
+        Watch* watch = watches_.back().get();
+        watch->name = name;
+        watch->handle = host::ScopedHandle(User(), opened.handle);
+        host::RequestId id = 0;
+        const host::Status status = User().NotifyChangeDirectory(
+            opened.handle, filter, false, watch->buffer,
+            [watch](host::IoResult result) { watch->end.set_value(host::StatusName(result.status)); }, &id);
+        ASSERT_EQ(host::StatusName(status), "STATUS_PENDING") << name;
+    }
+    // A watch begins when a worker has taken the request: waits for all of them.
+    void AwaitWatches() {
+        const auto registered = [] {
+            return Locked([] {
+                std::size_t count = 0;
+                for (PLIST_ENTRY link = Vcb()->NotifyList.Flink; link != &Vcb()->NotifyList; link = link->Flink) {
+                    ++count;
+                }
+                return count;
+            });
+        };
+        while (registered() < watches_.size()) {
+            std::this_thread::yield();
+        }
+    }
+    void WatchAll() {
+        AddWatch("type", u"\\RZV", kAnything);
+        AddWatch("type's files", u"\\RZV", kFileNames);
+        AddWatch("volume", u"\\RZV\\V", kFolderNames);
+        AddWatch("volume of XYZ", u"\\XYZ\\V", kAnything);
+        AddWatch("F", u"\\RZV\\V\\F", kFileNames);
+        AddWatch("F of XYZ", u"\\XYZ\\V\\F", kAnything);
+        AddWatch("F's folders", u"\\RZV\\V\\F", kFolderNames);
+        AddWatch("G", u"\\RZV\\V\\G", kAnything);
+        AwaitWatches();
+    }
+    // Ends the watching: a request that no report has ended is ended by the close of its handle.
+    std::string Heard() {
+        std::string text;
+        for (const auto& watch : watches_) {
+            watch->handle.Reset();
+            if (watch->end.get_future().get() == "STATUS_NOTIFY_ENUM_DIR") {
+                text += (text.empty() ? "" : ", ") + watch->name;
+            }
+        }
+        watches_.clear();
+        return text;
+    }
+
+    std::vector<std::unique_ptr<Watch>> watches_;
+};
+
+TEST_F(VolumeReports, WhoHearsWhat) {
+    OpenedFolder f;
+    OpenedFolder g;
+    OpenFolder(f, 0);
+    OpenFolder(g, 1);
+    FileEntry image = ReadFile(f, 0);
+    ULONG slot = 0;
+    const std::u16string newText = u"new";
+    const UNICODE_STRING name = CountedName(newText);
+    OpenedFolder made;
+    FileEntry created;
+    ULONG createdSlot = 0;
+    const struct {
+        const char* what;
+        std::function<NTSTATUS()> change;
+        std::string heard;
+    } cases[] = {
+        {"create a file", [&] { return CreateFile(f, u"created", created, createdSlot); }, "F, F of XYZ"},
+        {"delete it", [&] { return RemoveFile(f, created, createdSlot); }, "F, F of XYZ"},
+        {"rename a file",
+         [&] {
+             return Locked(
+                 [&] { return VrkFsHwRenameFile(Hw(), Vcb(), Volume(), &f.fcb, &image, slot, &name, FALSE); });
+         },
+         "F, F of XYZ"},
+        {"rename over another",
+         [&] {
+             return Locked([&] { return VrkFsHwRenameFile(Hw(), Vcb(), Volume(), &f.fcb, &image, slot, &name, TRUE); });
+         },
+         "F, F of XYZ"},
+        {"write a record",
+         [&] {
+             return Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &f.fcb, &image, slot, f.image.FileTable[slot]); });
+         },
+         ""},
+        {"create a folder", [&] { return CreateFolder(u"H", made); }, "volume, volume of XYZ"},
+        {"delete it",
+         [&] {
+             return Locked([&] {
+                 return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &made.image, made.common.FolderEntryIndex);
+             });
+         },
+         "volume, volume of XYZ"},
+        {"move a file",
+         [&] {
+             return Locked([&] { return VrkFsHwMoveFile(Hw(), Vcb(), &g.fcb, &f.fcb, &image, &slot, &name, FALSE); });
+         },
+         "F, F of XYZ, G"},
+        {"a hidden volume comes back",
+         [&] {
+             const std::u16string freed = u"V";
+             const UNICODE_STRING freedName = CountedName(freed);
+             Locked([&] { VrkFsHwResolveVolumeNameConflicts(Hw(), Vcb(), &freedName); });
+             return STATUS_SUCCESS;
+         },
+         "type"},
+        {"no other is hidden",
+         [&] {
+             const std::u16string freed = u"V";
+             const UNICODE_STRING freedName = CountedName(freed);
+             Locked([&] { VrkFsHwResolveVolumeNameConflicts(Hw(), Vcb(), &freedName); });
+             return STATUS_SUCCESS;
+         },
+         ""},
+        {"rename a folder",
+         [&] { return Locked([&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &g.image, 1, &name); }); },
+         "volume, volume of XYZ"},
+    };
+    for (const auto& c : cases) {
+        WatchAll();
+        ASSERT_FALSE(HasFatalFailure()) << c.what;
+        EXPECT_EQ(c.change(), STATUS_SUCCESS) << c.what;
+        EXPECT_EQ(Heard(), c.heard) << c.what;
+    }
+}
+
+// The volume list changes for the watchers of every type folder.
+TEST_F(VolumeReports, VolumesComeAndGo) {
+    AddWatch("root", u"\\", kAnything);
+    AddWatch("type", u"\\RZV", kFolderNames);
+    AddWatch("XYZ", u"\\XYZ", kFolderNames);
+    AwaitWatches();
+    VrkFsVolumeInfoRecord request{};
+    SetName(request.Name, u"New");
+    request.DeviceCount = 1;
+    request.Devices[0] = 2;
+    LONG result = 1;
+    EXPECT_EQ(Locked([&] { return VrkFsHwFormatVolume(Hw(), Vcb(), &request, &result); }), STATUS_SUCCESS);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(Heard(), "type, XYZ");
+    AddWatch("type", u"\\RZV", kFolderNames);
+    AwaitWatches();
+    const std::u16string text = u"Newer";
+    const UNICODE_STRING name = CountedName(text);
+    EXPECT_EQ(Locked([&] { return VrkFsHwRenameVolume(Hw(), Vcb(), Volumes().back(), &name); }), STATUS_SUCCESS);
+    EXPECT_EQ(Heard(), "type");
+}
+
+}  // namespace
+}  // namespace tests

@@ -170,6 +170,9 @@ NTSTATUS Sleep(PETHREAD self, const Wait& wait) {
             }
         }
     }
+    // Whoever ended the wait may still be looking at the objects, under the lock; once we have had it he has left them,
+    // and our caller may free them.
+    const WordGuard guard(g_dispatcherLock);
     return self->waitStatus;
 }
 

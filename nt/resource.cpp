@@ -49,7 +49,7 @@ NtResourceWaiter* GrantShared(PERESOURCE resource) {
     NtResourceWaiter* const granted = resource->SharedWaiters;
     resource->ActiveCount += static_cast<LONG>(resource->NumberOfSharedWaiters);
     resource->SharedWaiters = nullptr;
-    resource->NumberOfSharedWaiters = 0;
+    __atomic_store_n(&resource->NumberOfSharedWaiters, 0, __ATOMIC_RELAXED);
     return granted;
 }
 
@@ -57,7 +57,7 @@ NtResourceWaiter* GrantShared(PERESOURCE resource) {
 NtResourceWaiter* GrantExclusive(PERESOURCE resource) {
     NtResourceWaiter* const granted = resource->ExclusiveWaiters;
     resource->ExclusiveWaiters = granted->next;
-    resource->NumberOfExclusiveWaiters--;
+    __atomic_sub_fetch(&resource->NumberOfExclusiveWaiters, 1, __ATOMIC_RELAXED);
     granted->next = nullptr;
     resource->ActiveCount = 1;
     resource->Flag |= ResourceOwnedExclusive;
@@ -227,7 +227,7 @@ NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BO
     } else {
         NtResourceWaiter waiter{nullptr, self, 0};
         nt::Append(&Resource->ExclusiveWaiters, &waiter);
-        Resource->NumberOfExclusiveWaiters++;
+        __atomic_add_fetch(&Resource->NumberOfExclusiveWaiters, 1, __ATOMIC_RELAXED);
         Resource->ContentionCount++;
         nt::UnlockWord(&Resource->Lock);
         nt::SleepFor(Resource, &waiter, "a resource, exclusively");
@@ -261,7 +261,7 @@ NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLE
     } else {
         NtResourceWaiter waiter{nullptr, self, 0};
         nt::Append(&Resource->SharedWaiters, &waiter);
-        Resource->NumberOfSharedWaiters++;
+        __atomic_add_fetch(&Resource->NumberOfSharedWaiters, 1, __ATOMIC_RELAXED);
         Resource->ContentionCount++;
         nt::UnlockWord(&Resource->Lock);
         nt::SleepFor(Resource, &waiter, "a resource, shared");

@@ -32,7 +32,7 @@ unsigned TerminalColumns() {
 }
 
 std::string MinutesAndSeconds(double seconds) {
-    const auto whole = static_cast<unsigned long long>(std::min(seconds, 359999.0) + 0.5);
+    const auto whole = static_cast<unsigned long long>(std::lround(std::min(seconds, 359999.0)));
     char text[32];
     if (whole >= 3600) {
         std::snprintf(text, sizeof(text), "%llu:%02llu:%02llu", whole / 3600, whole / 60 % 60, whole % 60);

@@ -74,10 +74,13 @@ NTSTATUS VrkFsChangeNotify(IRPContext* Context) {
         return status;
     }
     commonLock.ConvertToShared();
-    // The request belongs to the notification package from here on, whatever it does with it.
+    // The request belongs to the notification package from here on, whatever it does with it. Once it is over its
+    // handle may be closed and the driver unloaded, so our context goes before.
+    PIRP const irp = Context->Irp;
+    VrkFsIRPContextFree(&pVrkFsGlobalData->IrpContextLookaside, Context);
     FsRtlNotifyFullChangeDirectory(vcb->NotifySync, &vcb->NotifyList, ccb,
                                    static_cast<PSTRING>(static_cast<PVOID>(&ccb->NotifyName)),
                                    (stack->Flags & SL_WATCH_TREE) != 0, TRUE,
-                                   stack->Parameters.NotifyDirectory.CompletionFilter, Context->Irp, nullptr, nullptr);
+                                   stack->Parameters.NotifyDirectory.CompletionFilter, irp, nullptr, nullptr);
     return STATUS_PENDING;
 }

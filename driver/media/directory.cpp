@@ -260,11 +260,7 @@ NTSTATUS VrkFsCommonDirectoryCtrl(IRPContext* Context) {
         }
         case IRP_MN_NOTIFY_CHANGE_DIRECTORY: {
             const NTSTATUS status = VrkFsChangeNotify(Context);
-            if (status != STATUS_PENDING) {
-                return VrkFsCompleteRequest(Context, status, 0);
-            }
-            VrkFsIRPContextFree(&pVrkFsGlobalData->IrpContextLookaside, Context);
-            return status;
+            return status == STATUS_PENDING ? status : VrkFsCompleteRequest(Context, status, 0);
         }
         default:
             return VrkFsCompleteRequest(Context, STATUS_UNSUCCESSFUL, 0);

@@ -135,7 +135,7 @@ VOID VrkFsHwReleaseRequest(HwRequest* Request) {
 }
 
 LONG VrkFsHwLostRequests() {
-    return LostRequests;
+    return InterlockedCompareExchange(&LostRequests, 0, 0);
 }
 
 NTSTATUS VrkFsHwDevIOCTL(HwContext* Hw, ULONG ControlCode, PVOID InBuffer, ULONG InLength, PVOID OutBuffer,

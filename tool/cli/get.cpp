@@ -93,7 +93,7 @@ std::string LocalName(const std::string& given, const DrivePath& path) {
     if (given == kStandardStream) {
         return given;
     }
-    const std::string own = path.names.empty() ? "" : DisplayName(path.names.back());
+    std::string own = path.names.empty() ? "" : DisplayName(path.names.back());
     if (given.empty()) {
         return own;
     }

@@ -25,8 +25,9 @@ namespace {
 
 constexpr uint32_t kMagic = 0x6A624F21;
 
-WordLock g_liveLock;  // guards the list of listed objects
+WordLock g_liveLock;  // guards the two lists
 LIST_ENTRY g_live = {&g_live, &g_live};
+LIST_ENTRY g_graveyard = {&g_graveyard, &g_graveyard};  // what was left at earlier shutdowns
 
 PVOID Allocate(POBJECT_TYPE type, size_t size, bool listed) {
     void* const memory = std::calloc(1, sizeof(ObjectHeader) + size);
@@ -229,13 +230,12 @@ void ReclaimLinks(PDRIVER_OBJECT driver) {
     }
 }
 
-// What is left stays allocated, off the list: whoever left it may still use it.
+// What is left stays allocated, on another list: whoever left it may still use it, and drop it.
 void ObjectsShutdown(LeakList& leaks) {
     AddObjectLeaks(nullptr, leaks);
     WordGuard guard(g_liveLock);
     while (!IsListEmpty(&g_live)) {
-        ObjectHeader* const header = CONTAINING_RECORD(RemoveHeadList(&g_live), ObjectHeader, live);
-        header->listed = false;
+        InsertTailList(&g_graveyard, RemoveHeadList(&g_live));
     }
 }
 

@@ -150,7 +150,11 @@ NTSTATUS VrkFsHwClaimUnreadFile(HwContext* Hw, HwVolume* Volume, ULONG FolderSlo
                                 PBOOLEAN Claimed) {
     *Claimed = FALSE;
     const EventLockGuard scratch(&Hw->FileScratchLock);
-    if (!VrkFsHwIsDataAreaRange(Volume, Lba, kFileEntryBlocks) || !ReadRecord(Hw, Volume, Lba)) {
+    if (!VrkFsHwIsDataAreaRange(Volume, Lba, kFileEntryBlocks)) {
+        return STATUS_SUCCESS;
+    }
+    // An ordinary read may have succeeded where the disk fails now.
+    if (!VrkFsVolCacheFileEntrySearch(&Volume->EntryCache, Lba, FileScratch(Hw)) && !ReadRecord(Hw, Volume, Lba)) {
         return STATUS_SUCCESS;
     }
     const FileEntry* const entry = FileScratch(Hw);

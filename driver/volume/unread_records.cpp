@@ -90,13 +90,22 @@ bool IsDue(HwVolume* Volume, ULONG FolderSlot, ULONG FileSlot) {
     return bits.Unread != nullptr && TestBit(bits.Due, bits.Index);
 }
 
+// Reads a slot, empty or not. An ordinary read may have succeeded where the disk fails now.
+bool ReadSlot(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot, DirEntry* Folder) {
+    const ULONG lba = VrkFsHwFolderLba(Volume, FolderSlot);
+    if (VrkFsVolCacheFolderEntrySearch(&Volume->EntryCache, lba, Folder)) {
+        return true;
+    }
+    BOOLEAN substituted = FALSE;
+    const NTSTATUS status = VrkFsHwSCSIReadEx(Hw, Volume->Devices[0], lba, kDirEntryBlocks, Folder, 0,
+                                              kHwRecordDirEntry, TRUE, &substituted);
+    return NT_SUCCESS(status) && !substituted;
+}
+
 NTSTATUS RetryFolder(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot) {
     const EventLockGuard scratch(&Hw->ScratchLock);
     DirEntry* const folder = reinterpret_cast<DirEntry*>(Hw->ScratchBuffer);
-    BOOLEAN substituted;
-    NTSTATUS status = VrkFsHwSCSIReadEx(Hw, Volume->Devices[0], VrkFsHwFolderLba(Volume, FolderSlot), kDirEntryBlocks,
-                                        folder, 0, kHwRecordDirEntry, TRUE, &substituted);
-    if (!NT_SUCCESS(status) || substituted) {
+    if (!ReadSlot(Hw, Volume, FolderSlot, folder)) {
         SetAside(Volume, FolderSlot, kUnreadFolder);
         return STATUS_SUCCESS;
     }
@@ -105,7 +114,7 @@ NTSTATUS RetryFolder(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot) {
         VrkFsHwNoteEmptyFolder(Volume, FolderSlot);
         return STATUS_SUCCESS;
     }
-    status = VrkFsHwTakeInFolder(Hw, Volume, FolderSlot, folder, nullptr);
+    const NTSTATUS status = VrkFsHwTakeInFolder(Hw, Volume, FolderSlot, folder, nullptr);
     if (NT_SUCCESS(status)) {
         VrkFsHwForgetUnread(Volume, FolderSlot, kUnreadFolder);
     }

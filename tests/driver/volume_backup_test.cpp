@@ -194,6 +194,7 @@ TEST_F(VolumeBodyTables, RecordsThatLie) {
         const char* what;
         std::function<void(FileEntry&)> change;
         NTSTATUS expected;
+        bool tableReadable = expected == STATUS_SUCCESS;
     } cases[] = {
         {"more blocks than the frames need", [](FileEntry& e) { e.VideoBodyTableBlockCount = 900; }, STATUS_SUCCESS},
         {"fewer", [](FileEntry& e) { e.VideoBodyTableBlockCount = 1; }, STATUS_UNSUCCESSFUL},
@@ -207,8 +208,8 @@ TEST_F(VolumeBodyTables, RecordsThatLie) {
          STATUS_UNSUCCESSFUL},
         {"outside the data area", [](FileEntry& e) { e.VideoBodyTableLba = kRigFirstDir; }, STATUS_UNSUCCESSFUL},
         {"beyond the disk", [](FileEntry& e) { e.VideoBodyTableLba = 0xFFFFFFFF; }, STATUS_UNSUCCESSFUL},
-        {"data that runs off the disk", [](FileEntry& e) { e.DataStartLba = kRigLastData; }, STATUS_UNSUCCESSFUL},
-        {"data that wraps", [](FileEntry& e) { e.DataStartLba = 0xFFFFFFFF; }, STATUS_UNSUCCESSFUL},
+        {"data that runs off the disk", [](FileEntry& e) { e.DataStartLba = kRigLastData; }, STATUS_UNSUCCESSFUL, true},
+        {"data that wraps", [](FileEntry& e) { e.DataStartLba = 0xFFFFFFFF; }, STATUS_UNSUCCESSFUL, true},
     };
     PutTable(kTable, std::vector<BodyTableNode>(2 * kFrames, {1, 1}));
     for (const auto& c : cases) {
@@ -217,6 +218,11 @@ TEST_F(VolumeBodyTables, RecordsThatLie) {
         std::vector<PlacedBodyTableNode> nodes(clip_.FrameCount <= kFrames ? 2 * kFrames : 0);
         EXPECT_EQ(Locked([&] { return VrkFsHwReadBodyTableNodes(Hw(), &file_, nodes.data(), nullptr); }), c.expected)
             << c.what;
+        const std::size_t needed = clip_.FrameCount <= kFrames ? VrkFsHwGetBodyTableSize(clip_.FrameCount) : 0;
+        std::vector<UCHAR> raw(needed + 512, 0xEE);
+        const NTSTATUS status = Locked([&] { return VrkFsHwReadBodyTable(Hw(), &file_, raw.data(), nullptr); });
+        EXPECT_EQ(NT_SUCCESS(status), c.tableReadable) << c.what;
+        EXPECT_EQ(raw[needed], 0xEE) << c.what << ": read past the frames";
     }
     // Nothing is written to blocks that are not a file's own.
     std::vector<UCHAR> bytes(1024);

@@ -137,6 +137,41 @@ TEST_F(VolumeUnread, DeletedUnread) {
     EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102));
 }
 
+// A file that was read in between, and is deleted while what it names is still unclaimed: that may be another's by now.
+TEST_F(VolumeUnread, DeletedUnclaimed) {
+    const struct {
+        const char* what;
+        ULONG lba;
+        ULONG taken;  // afterwards, with the 100 blocks of the new file
+    } cases[] = {{"a file", 5000, kTaken - 2}, {"a folder", FolderLba(2), kTaken - 204 + 100}};
+    for (const auto& c : cases) {
+        FailReads(c.lba, c.lba);
+        Remount();
+        EXPECT_EQ(Retry(), STATUS_SUCCESS);
+        ULONG start = 0;
+        ASSERT_TRUE(VrkFsVolAllocAllocateLowerSpace(&Volume()->Allocator, 100, &start));
+        ASSERT_EQ(start, 1024u);
+        Board().Misbehave().Clear();
+        OpenedFolder folder;
+        OpenFolder(folder, 2);
+        const FileEntry image = ReadFile(folder, 0);
+        // The disk fails again, and the copies that were read have been displaced.
+        FailReads(c.lba, c.lba);
+        VrkFsVolCacheFileEntryRemove(&Volume()->EntryCache, 5000);
+        DirEntry other{};
+        for (ULONG i = 0; i < kMaxCachedFolders; ++i) {
+            VrkFsVolCacheFolderEntryCache(&Volume()->EntryCache, &other, 1 + i);
+        }
+        EXPECT_EQ(RemoveFile(folder, image, 0), STATUS_SUCCESS) << c.what;
+        EXPECT_TRUE(VrkFsVolAllocIsOwnedSpace(&Volume()->Allocator, 1024, 100)) << c.what;
+        EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken)) << c.what;
+        Board().Misbehave().Clear();
+        Stop();
+        PutFolder(0, 2, MakeFolder(u"F", {{0, 5000}, {4, 5002}}));
+        Start();
+    }
+}
+
 // An empty slot that could not be read passes for a folder until it is read; then it can be used.
 TEST_F(VolumeUnread, EmptySlot) {
     FailReads(FolderLba(0), FolderLba(1) + 17);

@@ -213,30 +213,43 @@ struct Keeper {
     std::atomic<PIRP> kept{nullptr};
     std::atomic<int> cancelled{0};
 
+    // The cancel lock guards `kept`: whoever takes the request out owns its completion, and until then it cannot go.
     NTSTATUS Keep(PIRP irp) {
         IoMarkIrpPending(irp);
-        kept = irp;
-        IoSetCancelRoutine(irp, Cancel);
-        if (irp->Cancel && IoSetCancelRoutine(irp, nullptr) != nullptr) {
-            kept = nullptr;
+        KIRQL irql;
+        IoAcquireCancelSpinLock(&irql);
+        const bool late = irp->Cancel != FALSE;
+        if (!late) {
+            kept = irp;
+            IoSetCancelRoutine(irp, Cancel);
+        }
+        IoReleaseCancelSpinLock(irql);
+        if (late) {
             Complete(irp, STATUS_CANCELLED);
         }
         return STATUS_PENDING;
     }
     // False: the cancel routine has it.
     bool Finish(NTSTATUS status) {
-        PIRP const irp = kept;
-        if (irp == nullptr || IoSetCancelRoutine(irp, nullptr) == nullptr) {
-            return false;
+        KIRQL irql;
+        IoAcquireCancelSpinLock(&irql);
+        PIRP irp = kept;
+        if (irp != nullptr && IoSetCancelRoutine(irp, nullptr) == nullptr) {
+            irp = nullptr;
         }
-        kept = nullptr;
-        Complete(irp, status);
-        return true;
+        if (irp != nullptr) {
+            kept = nullptr;
+        }
+        IoReleaseCancelSpinLock(irql);
+        if (irp != nullptr) {
+            Complete(irp, status);
+        }
+        return irp != nullptr;
     }
     static VOID NTAPI Cancel(PDEVICE_OBJECT, PIRP irp) {
+        current->kept = nullptr;
         IoReleaseCancelSpinLock(irp->CancelIrql);
         current->cancelled++;
-        current->kept = nullptr;
         Complete(irp, STATUS_CANCELLED);
     }
 };

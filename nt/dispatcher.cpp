@@ -4,7 +4,7 @@
 //
 // A waiter sleeps on a word of its own thread record. Whoever satisfies the wait takes the waiter off every list and
 // sets that word under the dispatcher lock, and touches neither object nor waiter after the lock has been released.
-// So a waiter may free the object it waited for as soon as it runs.
+// The waiter passes through the lock once before it goes on, so it may then free the object that it waited for.
 
 namespace nt {
 

@@ -150,7 +150,7 @@ TEST_F(Sweep, PowerIsCutAtEachWrite) {
             };
             RunPoint(
                 PointName(point, possible, false) + ", " + std::to_string(blocks) + " blocks land", hooks, [] {}, [] {},
-                false);
+                false, blocks != 0);
         }
     }
     Report("power cuts", points.size() * 2, possible * 2);

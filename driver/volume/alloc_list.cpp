@@ -159,6 +159,19 @@ AllocSegment* VrkFsVolAllocGetBestFit(const AllocSegmentList* List, ULONG Count)
     return BySize(VrkFsAllocTreeFindAtMost(&List->BySize, SizeKey(0xFFFFFFFF, Count)));
 }
 
+VOID VrkFsVolAllocQueryTwoLargest(const AllocSegmentList* List, AllocRange* First, AllocRange* Second) {
+    *First = {};
+    *Second = {};
+    const AllocSegment* const largest = List->FirstBySize;
+    if (largest == nullptr) {
+        return;
+    }
+    *First = {largest->Start, largest->Count};
+    if (largest->NextBySize != nullptr) {
+        *Second = {largest->NextBySize->Start, largest->NextBySize->Count};
+    }
+}
+
 VOID VrkFsVolAllocInsertSegment(AllocSegmentList* List, AllocSegment* Segment, AllocSegment* Next) {
     AllocSegment* const previous = Next != nullptr ? Next->PrevByPosition : List->LastByPosition;
     Segment->NextByPosition = Next;

@@ -29,6 +29,11 @@ struct AllocSegmentList {
     AllocTree BySize;
 };
 
+struct AllocRange {
+    ULONG Start;
+    ULONG Count;
+};
+
 // A zeroed record from GlobalData's list, or null.
 [[nodiscard]] AllocSegment* VrkFsVolAllocAllocateSegment();
 VOID VrkFsVolAllocFreeSegment(AllocSegment* Segment);  // null is ignored
@@ -58,6 +63,8 @@ VOID VrkFsVolAllocFreeAllocList(AllocSegmentList* List);
 [[nodiscard]] AllocSegment* VrkFsVolAllocGetFirstFit(const AllocSegmentList* List, ULONG Count);
 // The smallest segment with at least Count blocks, among equals the one with the highest start, or null.
 [[nodiscard]] AllocSegment* VrkFsVolAllocGetBestFit(const AllocSegmentList* List, ULONG Count);
+// The two largest segments, {0, 0} where there is none.
+VOID VrkFsVolAllocQueryTwoLargest(const AllocSegmentList* List, AllocRange* First, AllocRange* Second);
 
 // Links a record whose Start and Count are set before Next by position (null: at the end), and by size.
 VOID VrkFsVolAllocInsertSegment(AllocSegmentList* List, AllocSegment* Segment, AllocSegment* Next);

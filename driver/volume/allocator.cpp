@@ -34,6 +34,15 @@ VOID GiveRecord(AllocObject* Alloc, AllocSegment* Record) {
     ++Alloc->SpareCount;
 }
 
+VOID FreeSparesBeyondReserve(AllocObject* Alloc) {
+    while (Alloc->SpareCount > Alloc->ReservedCount) {
+        AllocSegment* const record = Alloc->Spare;
+        Alloc->Spare = record->NextByPosition;
+        --Alloc->SpareCount;
+        VrkFsVolAllocFreeSegment(record);
+    }
+}
+
 BOOLEAN IsInside(const AllocObject* Alloc, ULONG Start, ULONG Count) {
     return Count != 0 && Start >= Alloc->First && Start <= Alloc->Last && Count - 1 <= Alloc->Last - Start;
 }
@@ -367,6 +376,7 @@ NTSTATUS VrkFsVolAllocReserveSegments(AllocObject* Alloc, ULONG Count) {
         AllocSegment* const record = VrkFsVolAllocAllocateSegment();
         if (record == nullptr) {
             Alloc->ReservedCount -= Count;
+            FreeSparesBeyondReserve(Alloc);
             return STATUS_INSUFFICIENT_RESOURCES;
         }
         GiveRecord(Alloc, record);
@@ -377,12 +387,7 @@ NTSTATUS VrkFsVolAllocReserveSegments(AllocObject* Alloc, ULONG Count) {
 VOID VrkFsVolAllocUnreserveSegments(AllocObject* Alloc, ULONG Count) {
     const FastMutexGuard lock(&Alloc->Lock);
     Alloc->ReservedCount -= std::min<ULONG>(Count, Alloc->ReservedCount);
-    while (Alloc->SpareCount > Alloc->ReservedCount) {
-        AllocSegment* const record = Alloc->Spare;
-        Alloc->Spare = record->NextByPosition;
-        --Alloc->SpareCount;
-        VrkFsVolAllocFreeSegment(record);
-    }
+    FreeSparesBeyondReserve(Alloc);
 }
 
 ULONGLONG VrkFsVolAllocGetFreeBlocks(AllocObject* Alloc) {
@@ -395,15 +400,6 @@ ULONGLONG VrkFsVolAllocGetTotalBlocks(AllocObject* Alloc) {
 }
 
 VOID VrkFsVolAllocGetTwoLargestSegmentsInfo(AllocObject* Alloc, AllocRange* First, AllocRange* Second) {
-    *First = {};
-    *Second = {};
     const FastMutexGuard lock(&Alloc->Lock);
-    const AllocSegment* const largest = Alloc->Lower.FirstBySize;
-    if (largest == nullptr) {
-        return;
-    }
-    *First = {largest->Start, largest->Count};
-    if (largest->NextBySize != nullptr) {
-        *Second = {largest->NextBySize->Start, largest->NextBySize->Count};
-    }
+    VrkFsVolAllocQueryTwoLargest(&Alloc->Lower, First, Second);
 }

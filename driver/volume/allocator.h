@@ -43,11 +43,6 @@ struct DualAllocation {
 };
 static_assert(sizeof(DualAllocation) == 16);
 
-struct AllocRange {
-    ULONG Start;
-    ULONG Count;
-};
-
 // Statuses: STATUS_UNSUCCESSFUL when there is no such space, STATUS_INSUFFICIENT_RESOURCES when no segment record can
 // be had; a failed operation has changed nothing. A count of 0 is never taken or given back: allocations of 0 blocks
 // succeed with a start of 0, claims and releases of 0 blocks succeed and do nothing.
@@ -70,11 +65,12 @@ VOID VrkFsVolAllocFreeAllocObject(AllocObject* Alloc);
 [[nodiscard]] NTSTATUS VrkFsVolAllocAllocateSpecificAnySpace(AllocObject* Alloc, ULONG Start, ULONG Count);
 
 // Gives a range back, except for its contested blocks, which stay taken. STATUS_UNSUCCESSFUL: the range leaves the data
-// area, crosses the boundary or holds a free block.
+// area, crosses the boundary or holds a free block. Without memory the part before a contested block may be free
+// already; the rest stays taken until the next mount.
 [[nodiscard]] NTSTATUS VrkFsVolAllocReleaseSpace(AllocObject* Alloc, ULONG Start, ULONG Count);
 
 // Marks the part of the range that lies in the data area contested, taking what of it is still free. The range may
-// wrap.
+// wrap. Without memory a part may be marked already: whoever asked tries again before space is handed out.
 [[nodiscard]] NTSTATUS VrkFsVolAllocContestSpace(AllocObject* Alloc, ULONG Start, ULONG Count);
 // TRUE when the whole range lies in the data area, is taken and has one owner: it may be written to through a record.
 [[nodiscard]] BOOLEAN VrkFsVolAllocIsOwnedSpace(AllocObject* Alloc, ULONG Start, ULONG Count);

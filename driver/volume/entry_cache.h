@@ -15,15 +15,15 @@ inline constexpr ULONG kMaxCachedFolders = 256;
 struct VolCacheFileNode {
     LIST_ENTRY Link;
     ULONG Lba;
-    VolCacheFileNode* NextInBucket;
     FileEntry Entry;
+    VolCacheFileNode* NextInBucket;
 };
 
 struct VolCacheFolderNode {
     LIST_ENTRY Link;
     ULONG Lba;
-    VolCacheFolderNode* NextInBucket;
     DirEntry Entry;
+    VolCacheFolderNode* NextInBucket;
 };
 
 // Embedded in HwVolume. Lock guards both lists and tables; it is held for one find and copy, no other lock is taken

@@ -92,7 +92,7 @@ typedef struct VrkFsVolumeSpaceInfo {
     uint32_t FrameEstimate;       /* out: frames that can be recorded in one piece */
     uint64_t FreeBlocks;          /* out: over all disks */
     uint64_t TotalBlocks;         /* out: over all disks */
-    uint32_t LastBlock;           /* out: blocks of the data area per disk, minus 1 */
+    uint32_t LastBlock;           /* out: last block of the data area, on every disk */
 } VrkFsVolumeSpaceInfo;
 #pragma pack(pop)
 

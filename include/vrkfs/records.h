@@ -13,7 +13,7 @@ extern "C" {
 
 /* ---- A volume ------------------------------------------------------------------------------------------------ */
 
-#define VRKFS_VOLUME_NAME_CHARS 256u    /* the terminating zero included */
+#define VRKFS_VOLUME_NAME_CHARS 256u    /* a name of so many has no terminating zero */
 #define VRKFS_VOLUME_MAX_DEVICES 16u    /* positions of a volume */
 #define VRKFS_NO_DEVICE 0xFFFFFFFFu     /* a position without a device */
 #define VRKFS_VOLUME_INCOMPLETE 0x1u    /* a member device is missing: hidden, and no space is reported */
@@ -21,7 +21,7 @@ extern "C" {
 #define VRKFS_VOLUME_HIDDEN (VRKFS_VOLUME_INCOMPLETE | VRKFS_VOLUME_NAME_CONFLICT)
 
 typedef struct VrkFsVolumeInfoRecord {
-    VrkFsChar Name[VRKFS_VOLUME_NAME_CHARS];    /* zero-terminated */
+    VrkFsChar Name[VRKFS_VOLUME_NAME_CHARS];    /* zero-terminated if shorter than the field */
     uint32_t DeviceCount;                       /* disks of the volume */
     uint32_t Devices[VRKFS_VOLUME_MAX_DEVICES]; /* SCSI IDs by position, VRKFS_NO_DEVICE where there is none */
     uint32_t Flags;                             /* VRKFS_VOLUME_...; ignored in a format request */

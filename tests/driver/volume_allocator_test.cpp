@@ -7,6 +7,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/global_data.h"
@@ -258,7 +259,7 @@ class VolumeAllocator : public testing::Test {
     }
 };
 
-TEST_F(VolumeAllocator, FreshObjectAndTheTop) {
+TEST_F(VolumeAllocator, TheUpperRegionGrowsAndShrinks) {
     Make(1024, 98977);
     EXPECT_EQ(State(), "1024+98977 |  | 100001 98977");
     EXPECT_EQ(VrkFsVolAllocGetTotalBlocks(&alloc_), 100001u);
@@ -266,10 +267,6 @@ TEST_F(VolumeAllocator, FreshObjectAndTheTop) {
     EXPECT_EQ(State(), "1024+98975 |  | 99999 98975");
     EXPECT_EQ(Release(99999, 2), STATUS_SUCCESS);
     EXPECT_EQ(State(), "1024+98977 |  | 100001 98977");
-}
-
-TEST_F(VolumeAllocator, HolesOfTheUpperRegion) {
-    Make(1024, 98977);
     EXPECT_EQ(Upper(2), 99999u);
     EXPECT_EQ(Upper(2), 99997u);
     EXPECT_EQ(Upper(2), 99995u);
@@ -463,6 +460,33 @@ TEST_F(VolumeAllocator, WithoutMemory) {
     EXPECT_EQ(alloc_.SpareCount, 1u);
     VrkFsVolAllocUnreserveSegments(&alloc_, 2);
     EXPECT_EQ(alloc_.SpareCount + alloc_.ReservedCount, 0u);
+}
+
+// Writers of different files allocate at the same time.
+TEST_F(VolumeAllocator, Threads) {
+    Make(1024, 4000);
+    const std::string before = State();
+    const auto work = [this](unsigned seed) {
+        std::minstd_rand random(seed);
+        for (int step = 0; step < 3000; ++step) {
+            ULONG record = 0;
+            DualAllocation dual;
+            const ULONG count = 1 + random() % 20;
+            const bool hasRecord = NT_SUCCESS(VrkFsVolAllocAllocateUpperSpace(&alloc_, 2, &record));
+            if (NT_SUCCESS(VrkFsVolAllocAllocateDualSpace(&alloc_, count, 3, &dual))) {
+                EXPECT_EQ(Release(dual.LowerStart, count), STATUS_SUCCESS);
+                EXPECT_EQ(Release(dual.UpperStart, 3), STATUS_SUCCESS);
+            }
+            EXPECT_TRUE(hasRecord && Release(record, 2) == STATUS_SUCCESS);
+        }
+    };
+    {
+        std::vector<std::jthread> threads;
+        for (unsigned seed = 1; seed <= 3; ++seed) {
+            threads.emplace_back(work, seed);
+        }
+    }
+    EXPECT_EQ(State(), before);
 }
 
 // Random operations on a small data area, where everything meets everything, compared after each.

@@ -42,29 +42,11 @@ class VolumeCache : public testing::Test {
     VolCache cache_{};
 };
 
-TEST_F(VolumeCache, KeepsTheMostRecentlyUsed) {
-    for (ULONG i = 0; i < kMaxCachedFiles; ++i) {
-        Store(1024 + 2 * i, i);
-    }
-    EXPECT_EQ(Search(1024), 0);  // used again, so the second is the oldest now
-    Store(1, 77);
-    EXPECT_EQ(Search(1024), 0);
-    EXPECT_EQ(Search(1026), -1);
-    EXPECT_EQ(Search(1028), 2);
-    EXPECT_EQ(Search(1), 77);
-    Store(1, 78);  // a record once stored is overwritten, not doubled
-    EXPECT_EQ(Search(1), 78);
-    EXPECT_EQ(cache_.FileCount, kMaxCachedFiles);
-    VrkFsVolCacheFileEntryRemove(&cache_, 1);
-    VrkFsVolCacheFileEntryRemove(&cache_, 1);
-    EXPECT_EQ(Search(1), -1);
-    EXPECT_EQ(cache_.FileCount, kMaxCachedFiles - 1);
-}
-
 // Against a plain list in order of use, with records that share buckets.
 TEST_F(VolumeCache, AgreesWithAPlainList) {
     std::mt19937 random(3);
     std::list<std::pair<ULONG, ULONG>> model;
+    ULONG reused = 0;
     const auto find = [&](ULONG lba) {
         for (auto at = model.begin(); at != model.end(); ++at) {
             if (at->first == lba) {
@@ -82,6 +64,7 @@ TEST_F(VolumeCache, AgreesWithAPlainList) {
             if (!find(lba)) {
                 if (model.size() == kMaxCachedFiles) {
                     model.pop_back();
+                    ++reused;
                 }
                 model.emplace_front(lba, 0);
             }
@@ -97,6 +80,7 @@ TEST_F(VolumeCache, AgreesWithAPlainList) {
         }
         ASSERT_EQ(cache_.FileCount, model.size());
     }
+    EXPECT_GT(reused, 1000u) << "the list was hardly ever full";
 }
 
 TEST_F(VolumeCache, FoldersAreApart) {

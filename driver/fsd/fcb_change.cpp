@@ -62,12 +62,13 @@ NTSTATUS ForgetBodyTable(FCB* Fcb) {
     return status;
 }
 
-VOID DropFullNames(FCB* Fcb) {
-    FCB* at = Fcb;
+// The new name is in the path of everything below the object, through whichever type folder that was opened.
+VOID DropFullNames(VCB* Vcb) {
+    FCB* at = Vcb->RootFcb;
     do {
         VrkFsFCBRemoveFullName(at);
         VrkFsFCBCommonRemoveFullName(at->Common);
-    } while (VrkFsFCBGetNextChild(Fcb, at, &at));
+    } while (VrkFsFCBGetNextChild(Vcb->RootFcb, at, &at));
 }
 
 // The object goes by another name now: paths to it through other type folders are not found by the old one any more.
@@ -168,7 +169,13 @@ NTSTATUS DeleteFile(FCB* Fcb, HwContext* Hw) {
     if (!VrkFsFCBTypeAllowsChanges(Fcb) || !VrkFsFCBIsInPlace(Fcb)) {
         return STATUS_CANNOT_DELETE;
     }
-    static_cast<void>(ForgetBodyTable(Fcb));  // the name was made when the delete was asked for
+    if (!NT_SUCCESS(ForgetBodyTable(Fcb))) {
+        // A rename has dropped the name that was made when the delete was asked for, and now memory is short. The
+        // tables are known by their place as well.
+        BodyTableCache* cache = &VrkFsCardOfVcb(common->Vcb)->BodyTableCache;
+        VrkFsBTForgetTable(cache, common->VolumeHandle, common->FileEntry->VideoBodyTableLba);
+        VrkFsBTForgetTable(cache, common->VolumeHandle, common->FileEntry->AlphaBodyTableLba);
+    }
     return VrkFsHwRemoveFileEntry(Hw, common->Vcb, Fcb->Parent, common->FileEntry, common->FileEntryIndex);
 }
 
@@ -225,7 +232,7 @@ NTSTATUS VrkFsFCBRename(FCB* Fcb, PCUNICODE_STRING NewName, BOOLEAN ReplaceExist
     }
     status = ForgetBodyTable(Fcb);
     if (NT_SUCCESS(status)) {
-        DropFullNames(Fcb);
+        DropFullNames(Fcb->Common->Vcb);
         status = RenameOnDisk(Fcb, NewName, ReplaceExisting, Hw);
     }
     if (NT_SUCCESS(status)) {
@@ -250,7 +257,7 @@ NTSTATUS VrkFsFCBMove(FCB* NewParent, FCB* Fcb, PCUNICODE_STRING NewName, BOOLEA
     FCB* oldParent = Fcb->Parent;
     status = ForgetBodyTable(Fcb);
     if (NT_SUCCESS(status)) {
-        DropFullNames(Fcb);
+        DropFullNames(Fcb->Common->Vcb);
         status = VrkFsHwMoveFile(Hw, common->Vcb, NewParent, oldParent, common->FileEntry, &common->FileEntryIndex,
                                  NewName, ReplaceExisting);
     }

@@ -17,7 +17,7 @@ Node* NodeOf(PRTL_SPLAY_LINKS Links) {
     return CONTAINING_RECORD(Links, Node, SplayLinks);
 }
 
-// Equal names go right, so that a walk finds the oldest of them first.
+// Equal names go right.
 template <typename Node>
 VOID SplayInsert(Node* Parent, Node* Child, ULONG LinkedFlag) {
     RtlInitializeSplayLinks(&Child->SplayLinks);
@@ -68,30 +68,26 @@ BOOLEAN SplayFind(Node* Parent, PCUNICODE_STRING Name, Node** Child) {
     return FALSE;
 }
 
-bool IsBelowRoot(const FCB* Fcb) {
-    return (Fcb->Flags & kFcbRoot) == 0;
-}
-
 constexpr ULONG kTerminatorBytes = sizeof(WCHAR);
 
-// Length of the path in bytes. A component has at most 512 bytes and there are at most five of them.
-USHORT FullNameLength(const FCB* Fcb) {
+// Bytes of the part of a path that lies below level Top, each component with its backslash. A component has at most 512
+// bytes and there are at most five of them.
+template <typename Node>
+USHORT PathLength(const Node* At, ULONG Top) {
     ULONG total = 0;
-    for (const FCB* at = Fcb; IsBelowRoot(at); at = at->Parent) {
-        total += sizeof(WCHAR) + at->Name.Length;
+    for (; At->Level > Top; At = At->Parent) {
+        total += sizeof(WCHAR) + At->Name.Length;
     }
-    return static_cast<USHORT>(total == 0 ? sizeof(WCHAR) : total);
+    return static_cast<USHORT>(total);
 }
 
-// Fills the path from its end; the buffer has the length that FullNameLength says.
-VOID FillFullName(const FCB* Fcb, PWCHAR Buffer, USHORT Length) {
-    Buffer[0] = VRKFS_W('\\');
-    PWCHAR end = Buffer + Length / sizeof(WCHAR);
-    *end = 0;
-    for (const FCB* at = Fcb; IsBelowRoot(at); at = at->Parent) {
-        end -= at->Name.Length / sizeof(WCHAR);
-        RtlCopyMemory(end, at->Name.Buffer, at->Name.Length);
-        *--end = VRKFS_W('\\');
+// Puts that part where it ends at End.
+template <typename Node>
+VOID PutPath(const Node* At, ULONG Top, PWCHAR End) {
+    for (; At->Level > Top; At = At->Parent) {
+        End -= At->Name.Length / sizeof(WCHAR);
+        RtlCopyMemory(End, At->Name.Buffer, At->Name.Length);
+        *--End = VRKFS_W('\\');
     }
 }
 
@@ -102,11 +98,17 @@ bool IsCached(VCB* Vcb, PCUNICODE_STRING Cached) {
     return Cached->Buffer != nullptr;
 }
 
-NTSTATUS AllocateName(PUNICODE_STRING Name, USHORT Length) {
+// A terminated path of that many bytes, of which only the first backslash is there yet.
+NTSTATUS AllocatePath(PUNICODE_STRING Name, USHORT Length) {
     Name->Buffer = static_cast<PWCHAR>(VrkFsAllocatePool(PagedPool, Length + kTerminatorBytes));
     Name->Length = Length;
     Name->MaximumLength = static_cast<USHORT>(Length + kTerminatorBytes);
-    return Name->Buffer != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+    if (Name->Buffer == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    Name->Buffer[0] = VRKFS_W('\\');
+    Name->Buffer[Length / sizeof(WCHAR)] = 0;
+    return STATUS_SUCCESS;
 }
 
 // Whoever comes second drops what it made.
@@ -129,20 +131,6 @@ VOID Drop(VCB* Vcb, PUNICODE_STRING Cached) {
         RtlZeroMemory(Cached, sizeof(*Cached));
     }
     VrkFsRtlFreeUnicodeString(&dropped);
-}
-
-// The part of a path behind its first component, with its backslash; empty for a path of one component.
-UNICODE_STRING BehindFirstComponent(PCUNICODE_STRING Path) {
-    USHORT at = 1;
-    while (at < Path->Length / sizeof(WCHAR) && Path->Buffer[at] != VRKFS_W('\\')) {
-        at++;
-    }
-    const USHORT skipped = static_cast<USHORT>(at * sizeof(WCHAR));
-    UNICODE_STRING rest;
-    rest.Buffer = Path->Buffer + at;
-    rest.Length = static_cast<USHORT>(Path->Length - std::min<USHORT>(skipped, Path->Length));
-    rest.MaximumLength = rest.Length;
-    return rest;
 }
 
 }  // namespace
@@ -191,32 +179,27 @@ NTSTATUS VrkFsFCBSetupFullName(VCB* Vcb, FCB* Fcb) {
         return STATUS_SUCCESS;
     }
     UNICODE_STRING made;
-    const NTSTATUS status = AllocateName(&made, FullNameLength(Fcb));
+    const NTSTATUS status = AllocatePath(&made, std::max<USHORT>(PathLength(Fcb, kLevelRoot), sizeof(WCHAR)));
     if (NT_SUCCESS(status)) {
-        FillFullName(Fcb, made.Buffer, made.Length);
+        PutPath(Fcb, kLevelRoot, made.Buffer + made.Length / sizeof(WCHAR));
         Publish(Vcb, &Fcb->FullName, made);
     }
     return status;
 }
 
-// One name per object: the built-in type's folder takes the place of the type folder that the path leads through.
-NTSTATUS VrkFsFCBCommonSetupFullName(VCB* Vcb, FCB* Fcb, FCBCommon* Common) {
+// One name per object: below the built-in type's folder, whatever type folder a path leads through, and by the names
+// that the objects have now, which a path that was open before a rename does not show.
+NTSTATUS VrkFsFCBCommonSetupFullName(VCB* Vcb, FCB*, FCBCommon* Common) {
     if (IsCached(Vcb, &Common->FullName)) {
         return STATUS_SUCCESS;
     }
-    NTSTATUS status = VrkFsFCBSetupFullName(Vcb, Fcb);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     constexpr ULONG typeBytes = kFileTypeExtensionChars * sizeof(WCHAR);
-    const UNICODE_STRING rest = BehindFirstComponent(&Fcb->FullName);
+    const USHORT length = static_cast<USHORT>(sizeof(WCHAR) + typeBytes + PathLength(Common, kLevelType));
     UNICODE_STRING made;
-    status = AllocateName(&made, static_cast<USHORT>(sizeof(WCHAR) + typeBytes + rest.Length));
+    const NTSTATUS status = AllocatePath(&made, length);
     if (NT_SUCCESS(status)) {
-        made.Buffer[0] = VRKFS_W('\\');
         RtlCopyMemory(made.Buffer + 1, pVrkFsGlobalData->FileTypes[0].Extension, typeBytes);
-        RtlCopyMemory(made.Buffer + 1 + kFileTypeExtensionChars, rest.Buffer, rest.Length);
-        made.Buffer[made.Length / sizeof(WCHAR)] = 0;
+        PutPath(Common, kLevelType, made.Buffer + made.Length / sizeof(WCHAR));
         Publish(Vcb, &Common->FullName, made);
     }
     return status;

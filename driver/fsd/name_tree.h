@@ -21,8 +21,9 @@ VOID VrkFsFCBCommonSplayRemove(FCBCommon* Child);
 // SubtreeRoot, which is not handed out itself.
 [[nodiscard]] BOOLEAN VrkFsFCBGetNextChild(FCB* SubtreeRoot, FCB* Current, FCB** Next);
 
-// Build the cached path name where it is missing. STATUS_INSUFFICIENT_RESOURCES. No lock is needed by who has a handle
-// on the FCB: what it builds from cannot change below an open handle, and the VCB's NameLock lets one build at a time.
+// Build the cached path name where it is missing. STATUS_INSUFFICIENT_RESOURCES. The VCB's Resource is held,
+// exclusively or shared, for as long as the name is used: a rename drops it. The VCB's NameLock settles who of several
+// that share the Resource stores what it has built. Any FCB that leads to the FCBCommon will do.
 [[nodiscard]] NTSTATUS VrkFsFCBSetupFullName(VCB* Vcb, FCB* Fcb);
 [[nodiscard]] NTSTATUS VrkFsFCBCommonSetupFullName(VCB* Vcb, FCB* Fcb, FCBCommon* Common);
 VOID VrkFsFCBRemoveFullName(FCB* Fcb);

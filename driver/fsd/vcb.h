@@ -37,7 +37,7 @@ struct VCB {
     SHARE_ACCESS ShareAccess;        // of the volume opens
     PFILE_OBJECT LockingFileObject;  // the control handle that holds the file-system lock, or null
     ULONG Flags;
-    FAST_MUTEX NameLock;  // innermost: guards the cached full names, which readers build without holding Resource
+    FAST_MUTEX NameLock;  // innermost: who stores a cached full name, among those that share Resource
 };
 
 // Builds the VCB in its zeroed or unused place. A failure leaves nothing behind.

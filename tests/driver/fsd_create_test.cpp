@@ -185,16 +185,6 @@ TEST_F(FsdCreate, NamesThatAreOpenShareOneRecordUnderTheirFirstSpelling) {
     EXPECT_EQ(fcb->ReferenceCount, 2u);
 }
 
-TEST_F(FsdCreate, NothingOpensWhileTheFileSystemIsLocked) {
-    FILE_OBJECT holder{};  // stands for a control handle, only compared
-    ASSERT_EQ(Locked([&] { return VrkFsVCBLockVolume(Vcb(), &holder); }), STATUS_SUCCESS);
-    for (const char16_t* path : {u"", u"\\", u"\\RZV\\VolA\\Clips\\Take1", u"\\___Port0___"}) {
-        EXPECT_EQ(TryOpen(path), "STATUS_ACCESS_DENIED");
-    }
-    ASSERT_EQ(Locked([&] { return VrkFsVCBUnlockVolume(Vcb()); }), STATUS_SUCCESS);
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take1"), kOk);
-}
-
 // ---- Failed creates ----
 
 struct FailingCreate {

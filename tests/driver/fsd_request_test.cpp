@@ -1,4 +1,7 @@
-// Creates that the kernel's own checks keep from ordinary programs but not from other drivers: requests made by hand.
+// Requests as they reach the driver: those that the kernel's own checks keep from ordinary programs but not from other
+// drivers, made by hand, and buffers that no transfer can use.
+#include <sys/mman.h>
+
 #include "tests/driver/fsd_fixture.h"
 
 namespace tests {
@@ -42,9 +45,6 @@ class CraftedOpen {
     ULONG_PTR Information() const { return information_; }
     PFILE_OBJECT File() { return &file_; }
 
-  private:
-    static NTSTATUS NTAPI Keep(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSING_REQUIRED; }
-
     template <typename Fill>
     NTSTATUS Send(UCHAR major, Fill fill) {
         nt::FaultExempt exempt;
@@ -57,10 +57,14 @@ class CraftedOpen {
         IoSetCompletionRoutine(irp, Keep, nullptr, TRUE, TRUE, TRUE);
         static_cast<void>(IofCallDriver(file_.DeviceObject, irp));
         const NTSTATUS status = irp->IoStatus.Status;
+        EXPECT_EQ(irp->MdlAddress, nullptr);
         information_ = irp->IoStatus.Information;
         IoFreeIrp(irp);
         return status;
     }
+
+  private:
+    static NTSTATUS NTAPI Keep(PDEVICE_OBJECT, PIRP, PVOID) { return STATUS_MORE_PROCESSING_REQUIRED; }
 
     std::u16string name_;
     FILE_OBJECT file_{};
@@ -93,6 +97,60 @@ TEST_F(FsdRequest, ParametersThatNoProgramCanSendAreRefused) {
     odd.File()->FileName.Length = 7;
     EXPECT_EQ(odd.Create(), STATUS_OBJECT_NAME_INVALID);
     ExpectIdle("at the end");
+}
+
+TEST_F(FsdRequest, MountsAndTransfersByDescriptorListAreNotServed) {
+    CraftedOpen open(Disk(), u"\\RZV\\VolA\\Clips\\Take1");
+    ASSERT_EQ(open.Create(), STATUS_SUCCESS);
+    const struct {
+        UCHAR major;
+        UCHAR minor;
+        NTSTATUS status;
+    } cases[] = {
+        {IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MN_MOUNT_VOLUME, STATUS_UNRECOGNIZED_VOLUME},
+        {IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MN_LOAD_FILE_SYSTEM, STATUS_INVALID_DEVICE_REQUEST},
+        {IRP_MJ_WRITE, IRP_MN_MDL, STATUS_INSUFFICIENT_RESOURCES},
+    };
+    for (const auto& test : cases) {
+        const NTSTATUS status = open.Send(test.major, [&](PIO_STACK_LOCATION stack) {
+            stack->MinorFunction = test.minor;
+            stack->Parameters.Write.Length = 512;
+        });
+        EXPECT_EQ(status, test.status);
+    }
+}
+
+TEST_F(FsdRequest, ABufferThatCannotBeUsedIsRefusedBeforeTheTransfer) {
+    constexpr const char* kRefused = "STATUS_INVALID_USER_BUFFER";
+    constexpr std::size_t kPage = 4096;
+    void* const memory = ::mmap(nullptr, 2 * kPage, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    ASSERT_EQ(::mprotect(memory, kPage, PROT_NONE), 0);
+    auto* const noAccess = static_cast<std::byte*>(memory);
+    std::byte* const readOnly = noAccess + kPage;
+    const host::ScopedHandle folder = Hold(u"\\RZV\\VolA\\Clips");
+    host::OpenRequest request;
+    request.path = u"P:\\RZV\\VolA\\Clips\\Take1";
+    request.access = kReadWrite;
+    for (const bool overlapped : {false, true}) {
+        request.overlapped = overlapped;
+        const host::ScopedHandle file(User(), User().Create(request).handle);
+        const auto read = [&](std::byte* buffer, std::size_t length) {
+            const std::span<std::byte> span(buffer, length);
+            const auto never = [](host::IoResult) { ADD_FAILURE() << "completed after its refusal"; };
+            return host::StatusName(overlapped ? User().ReadOverlapped(file.Get(), span, 0, never, nullptr)
+                                               : User().Read(file.Get(), span, 0).status);
+        };
+        EXPECT_EQ(read(noAccess, 512), kRefused);
+        EXPECT_EQ(read(readOnly, 512), kRefused);
+        EXPECT_EQ(read(noAccess + kPage - 16, 32), kRefused);
+    }
+    const host::ScopedHandle file = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
+    EXPECT_EQ(host::StatusName(User().Read(file.Get(), {noAccess, 0}, 0).status), "STATUS_SUCCESS");
+    EXPECT_EQ(host::StatusName(User().Write(file.Get(), {noAccess, 512}, 0).status), kRefused);
+    EXPECT_NE(host::StatusName(User().Write(file.Get(), {readOnly, 512}, 0).status), kRefused);
+    EXPECT_EQ(host::StatusName(User().QueryDirectory(folder.Get(), {}, {readOnly, kPage}).status), kRefused);
+    ::munmap(memory, 2 * kPage);
 }
 
 TEST_F(FsdRequest, OnlyOpensOfThisCardAreAPlaceToStartFrom) {

@@ -15,6 +15,11 @@ std::u16string Text(const UNICODE_STRING& name) {
 
 class FsdTree : public FsdTest {
   protected:
+    // The object's path as the body-table cache knows it, asked for through this FCB.
+    static std::u16string ObjectName(FCB* fcb) {
+        Locked([&] { EXPECT_EQ(VrkFsFCBCommonSetupFullName(Vcb(), fcb, fcb->Common), STATUS_SUCCESS); });
+        return Text(fcb->Common->FullName);
+    }
     static NTSTATUS Rename(FCB* fcb, std::u16string_view name) {
         return Locked([&] {
             const UNICODE_STRING counted = Counted(name);
@@ -59,11 +64,10 @@ TEST_F(FsdTree, FullNamesBeginWithTheTypeFolderAndThoseOfObjectsWithTheBuiltInOn
     ASSERT_NE(fcb, nullptr);
     Locked([&] {
         EXPECT_EQ(VrkFsFCBSetupFullName(Vcb(), fcb), STATUS_SUCCESS);
-        EXPECT_EQ(VrkFsFCBCommonSetupFullName(Vcb(), fcb, fcb->Common), STATUS_SUCCESS);
         EXPECT_EQ(VrkFsFCBSetupFullName(Vcb(), Vcb()->RootFcb), STATUS_SUCCESS);
     });
     EXPECT_EQ(Text(fcb->FullName), u"\\XYZ\\VolA\\Clips\\Take1");
-    EXPECT_EQ(Text(fcb->Common->FullName), u"\\RZV\\VolA\\Clips\\Take1");
+    EXPECT_EQ(ObjectName(fcb), u"\\RZV\\VolA\\Clips\\Take1");
     EXPECT_EQ(Text(Vcb()->RootFcb->FullName), u"\\");
     for (const UNICODE_STRING* name : {&fcb->FullName, &fcb->Common->FullName}) {
         EXPECT_EQ(name->Buffer[name->Length / sizeof(WCHAR)], u'\0');
@@ -90,6 +94,7 @@ TEST_F(FsdTree, ARenamedFileIsFoundByItsNewNameOnEveryPath) {
     host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
     host::ScopedHandle other = Hold(u"\\XYZ\\VolA\\Clips\\Take1", kReadWrite);
     FCB* fcb = Find({u"RZV", u"VolA", u"Clips", u"Take1"});
+    FCB* staleFcb = Find({u"XYZ", u"VolA", u"Clips", u"Take1"});
     Locked([&] { EXPECT_EQ(VrkFsFCBSetupFullName(Vcb(), fcb), STATUS_SUCCESS); });
     const struct {
         std::u16string_view name;
@@ -111,6 +116,7 @@ TEST_F(FsdTree, ARenamedFileIsFoundByItsNewNameOnEveryPath) {
     }
     Locked([&] { EXPECT_EQ(VrkFsFCBSetupFullName(Vcb(), fcb), STATUS_SUCCESS); });
     EXPECT_EQ(Text(fcb->FullName), u"\\RZV\\VolA\\Clips\\Final");
+    EXPECT_EQ(ObjectName(staleFcb), u"\\RZV\\VolA\\Clips\\Final");
 
     // A new file of the old name is another file, also for the handle that came by the old name.
     Make(u"\\RZV\\VolA\\Clips\\Take1");
@@ -123,12 +129,17 @@ TEST_F(FsdTree, ARenamedFileIsFoundByItsNewNameOnEveryPath) {
 }
 
 TEST_F(FsdTree, RenamedFoldersAndVolumesKeepWhatTheyHold) {
+    host::ScopedHandle below = Hold(u"\\XYZ\\VolA\\Clips\\Take1");
+    FCB* belowFcb = Find({u"XYZ", u"VolA", u"Clips", u"Take1"});
+    EXPECT_EQ(ObjectName(belowFcb), u"\\RZV\\VolA\\Clips\\Take1");
     for (const bool volume : {false, true}) {
         host::ScopedHandle handle = Hold(volume ? u"\\RZV\\VolA" : u"\\RZV\\VolA\\Clips");
         FCB* fcb = volume ? Find({u"RZV", u"VolA"}) : Find({u"RZV", u"VolA", u"Clips"});
         ASSERT_EQ(Rename(fcb, volume ? u"Store" : u"Takes"), STATUS_SUCCESS);
         EXPECT_EQ(TryOpen(volume ? u"\\XYZ\\Store\\Takes\\Take1" : u"\\XYZ\\VolA\\Takes\\Take1"), kOk);
+        EXPECT_EQ(ObjectName(belowFcb), volume ? u"\\RZV\\Store\\Takes\\Take1" : u"\\RZV\\VolA\\Takes\\Take1");
     }
+    below.Reset();
     EXPECT_EQ(TryOpen(u"\\RZV\\VolA"), "STATUS_OBJECT_NAME_NOT_FOUND");
     ExpectIdle("at the end");
     RestartWithTypes();
@@ -179,6 +190,9 @@ TEST_F(FsdTree, LockingAndUnforcedDismountingNeedAnIdleVolume) {
     EXPECT_EQ(lock(), STATUS_ACCESS_DENIED);
     EXPECT_TRUE(VrkFsVCBIsVolumeLocked(Vcb(), &locker));
     EXPECT_FALSE(VrkFsVCBIsVolumeLocked(Vcb(), &stranger));
+    for (const char16_t* path : {u"", u"\\", u"\\RZV\\VolA\\Clips\\Take1", u"\\___Port0___"}) {
+        EXPECT_EQ(TryOpen(path), "STATUS_ACCESS_DENIED");
+    }
     EXPECT_EQ(Locked([] { return VrkFsVCBUnlockVolume(Vcb()); }), STATUS_SUCCESS);
     EXPECT_EQ(Locked([] { return VrkFsVCBUnlockVolume(Vcb()); }), STATUS_SUCCESS);
     EXPECT_FALSE(VrkFsVCBIsVolumeLocked(Vcb(), &locker));

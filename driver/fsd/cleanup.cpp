@@ -103,6 +103,7 @@ NTSTATUS VrkFsCommonCleanup(IRPContext* Context) {
             FCB* fcb = static_cast<FCB*>(fcbOrVcb);
             common.Exclusive(fcb->Common->Resource);
             FsRtlNotifyCleanup(vcb->NotifySync, &vcb->NotifyList, ccb);
+            ccb->Flags |= kCcbCleanedUp;
             status = CleanupFcbOpen(fcb, type, fileObject, &notice);
         }
         static_cast<void>(VrkFsCompleteRequest(Context, status, 0));

@@ -69,6 +69,10 @@ NTSTATUS VrkFsChangeNotify(IRPContext* Context) {
     vcbLock.Shared(&vcb->Resource);
     // Exclusively only while the handle's first request stores the name.
     commonLock.Exclusive(fcb->Common->Resource);
+    // A posted request may come after the handle's cleanup, which marks the file object only when it succeeds.
+    if ((ccb->Flags & kCcbCleanedUp) != 0) {
+        return STATUS_NOTIFY_CLEANUP;
+    }
     const NTSTATUS status = MakeNotifyName(fcb, ccb);
     if (!NT_SUCCESS(status)) {
         return status;

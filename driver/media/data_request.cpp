@@ -69,6 +69,23 @@ NTSTATUS OpenServiceHandle(const DataRequest* Request, PULONG Handle) {
     return STATUS_SUCCESS;
 }
 
+// A service that has failed to read is not asked again through this FCB; one that could not open the file is.
+NTSTATUS ReadThroughService(const DataRequest* Request, ULONG Handle) {
+    const NTSTATUS status = VrkFsSReqRead(
+        &Request->Ext->ServiceChannel, Handle, Request->Type->TypeCode, static_cast<ULONG>(Request->Offset),
+        static_cast<ULONG>(Request->Offset >> 32), Request->Count, Request->Fcb->EntryIndex, Request->Buffer);
+    if (!NT_SUCCESS(status)) {
+        Request->Fcb->Flags |= kFcbServiceReadFailed;
+    }
+    return status;
+}
+
+NTSTATUS WriteThroughService(const DataRequest* Request, ULONG Handle) {
+    return VrkFsSReqWrite(&Request->Ext->ServiceChannel, Handle, Request->Type->TypeCode,
+                          static_cast<ULONG>(Request->Offset), static_cast<ULONG>(Request->Offset >> 32),
+                          Request->Count, Request->Fcb->EntryIndex, Request->Buffer);
+}
+
 }  // namespace
 
 BOOLEAN VrkFsIsCommandPort(const DataRequest* Request) {
@@ -109,8 +126,8 @@ NTSTATUS VrkFsMapDataRequest(DataRequest* Request) {
 }
 
 VOID VrkFsFinishDataRequest(DataRequest* Request) {
-    Request->CommonLock.Release();
     Request->FileObject->CurrentByteOffset.QuadPart = static_cast<LONGLONG>(Request->Offset + Request->Count);
+    Request->CommonLock.Release();
 }
 
 VOID VrkFsLockCommandPort(DataRequest* Request, ResourceGuard* PortLock) {
@@ -125,12 +142,6 @@ NTSTATUS VrkFsMoveThroughService(DataRequest* Request, ServiceDirection Directio
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    ServiceChannel* channel = &Request->Ext->ServiceChannel;
-    const ULONG low = static_cast<ULONG>(Request->Offset);
-    const ULONG high = static_cast<ULONG>(Request->Offset >> 32);
-    return Direction == ServiceDirection::Read
-               ? VrkFsSReqRead(channel, handle, Request->Type->TypeCode, low, high, Request->Count,
-                               Request->Fcb->EntryIndex, Request->Buffer)
-               : VrkFsSReqWrite(channel, handle, Request->Type->TypeCode, low, high, Request->Count,
-                                Request->Fcb->EntryIndex, Request->Buffer);
+    return Direction == ServiceDirection::Read ? ReadThroughService(Request, handle)
+                                               : WriteThroughService(Request, handle);
 }

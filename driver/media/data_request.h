@@ -40,7 +40,7 @@ struct DataRequest {
                                              DataRequest* Request);
 // Finds the caller's buffer. STATUS_INSUFFICIENT_RESOURCES when it cannot be mapped.
 [[nodiscard]] NTSTATUS VrkFsMapDataRequest(DataRequest* Request);
-// The success of a transfer: releases CommonLock and moves the file object's byte offset behind what was moved. After a
+// The success of a transfer: moves the file object's byte offset behind what was moved and releases CommonLock. After a
 // failure the lock goes when the request has been completed.
 VOID VrkFsFinishDataRequest(DataRequest* Request);
 
@@ -52,6 +52,7 @@ VOID VrkFsFinishDataRequest(DataRequest* Request);
 VOID VrkFsLockCommandPort(DataRequest* Request, ResourceGuard* PortLock);
 
 // Releases CommonLock and moves the data of a frame file through the service. No lock is held while the service is
-// waited for: its own requests need them. STATUS_UNSUCCESSFUL when there is no service or it fails.
+// waited for: its own requests need them. STATUS_UNSUCCESSFUL when there is no service or it fails; a read that fails
+// marks the FCB, so that no later one is tried.
 enum class ServiceDirection { Read, Write };
 [[nodiscard]] NTSTATUS VrkFsMoveThroughService(DataRequest* Request, ServiceDirection Direction);

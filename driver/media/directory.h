@@ -25,6 +25,9 @@ struct FoundEntry {
 // HasWildcards, kCcbMatchAll). The VCB's Resource and the folder's FCBCommon's Resource are held, shared at least.
 [[nodiscard]] BOOLEAN VrkFsFindDirEntry(DiskDeviceExt* Ext, CCB* Ccb, ULONG StartIndex, FoundEntry* Found);
 
+// Whether the entry's name, upcased, is UpcasedName.
+[[nodiscard]] BOOLEAN VrkFsFoundEntryHasName(const FoundEntry* Found, PCUNICODE_STRING UpcasedName);
+
 // Reports a change of the object FullName (terminated path from the root) to the watchers of the card.
 // Filter: FILE_NOTIFY_CHANGE_...; Action: FILE_ACTION_...
 VOID VrkFsNotifyChange(VCB* Vcb, PCWSTR FullName, ULONG Filter, ULONG Action);

@@ -189,18 +189,6 @@ BOOLEAN FindByName(DiskDeviceExt* Ext, const CCB* Ccb, PULONG Index, FoundEntry*
 
 // ---- Matching ----
 
-BOOLEAN MatchesName(const CCB* Ccb, const FoundEntry* Found) {
-    if (Found->NameLength != Ccb->SearchName.Length) {
-        return FALSE;
-    }
-    for (ULONG i = 0; i < Found->NameLength / sizeof(WCHAR); ++i) {
-        if (RtlUpcaseUnicodeChar(Found->Name[i]) != Ccb->SearchName.Buffer[i]) {
-            return FALSE;
-        }
-    }
-    return TRUE;
-}
-
 // Out of line: the upcased name takes half a kilobyte of stack that no caller should carry along.
 __attribute__((noinline)) BOOLEAN MatchesPattern(CCB* Ccb, const FoundEntry* Found) {
     WCHAR upcased[kFoundNameChars];
@@ -219,10 +207,22 @@ BOOLEAN Matches(CCB* Ccb, const FoundEntry* Found) {
     if ((Ccb->Flags & kCcbMatchAll) != 0) {
         return TRUE;
     }
-    return Ccb->HasWildcards ? MatchesPattern(Ccb, Found) : MatchesName(Ccb, Found);
+    return Ccb->HasWildcards ? MatchesPattern(Ccb, Found) : VrkFsFoundEntryHasName(Found, &Ccb->SearchName);
 }
 
 }  // namespace
+
+BOOLEAN VrkFsFoundEntryHasName(const FoundEntry* Found, PCUNICODE_STRING UpcasedName) {
+    if (Found->NameLength != UpcasedName->Length) {
+        return FALSE;
+    }
+    for (ULONG i = 0; i < Found->NameLength / sizeof(WCHAR); ++i) {
+        if (RtlUpcaseUnicodeChar(Found->Name[i]) != UpcasedName->Buffer[i]) {
+            return FALSE;
+        }
+    }
+    return TRUE;
+}
 
 BOOLEAN VrkFsFindDirEntry(DiskDeviceExt* Ext, CCB* Ccb, ULONG StartIndex, FoundEntry* Found) {
     ULONG index = StartIndex;

@@ -41,18 +41,6 @@ BOOLEAN EndsWithBuiltInExtension(const WCHAR* Name, ULONG Chars) {
     return TRUE;
 }
 
-BOOLEAN IsUpcasedName(const FoundEntry* Found, PCUNICODE_STRING UpcasedName) {
-    if (Found->NameLength != UpcasedName->Length) {
-        return FALSE;
-    }
-    for (ULONG i = 0; i < Found->NameLength / sizeof(WCHAR); ++i) {
-        if (RtlUpcaseUnicodeChar(Found->Name[i]) != UpcasedName->Buffer[i]) {
-            return FALSE;
-        }
-    }
-    return TRUE;
-}
-
 BOOLEAN IsSdtiSmall(ULONG Type) {
     return Type >= 1 && Type <= 11;
 }
@@ -128,7 +116,7 @@ BOOLEAN VrkFsFindFrameByName(const WCHAR* BaseName, ULONG TypeIndex, ULONG Frame
         }
         const ULONG index = static_cast<ULONG>(number - BaseFrameNumber);
         VrkFsConstructFileFrameName(BaseName, TypeIndex, FrameCount, index, BaseFrameNumber, MinFrameDigits, Found);
-        if (IsUpcasedName(Found, UpcasedName)) {
+        if (VrkFsFoundEntryHasName(Found, UpcasedName)) {
             best = index;
         }
     }

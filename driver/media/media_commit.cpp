@@ -51,11 +51,6 @@ struct RecordContent {
     UCHAR Application[sizeof(FileEntry::ApplicationInfo)];
 };
 
-template <typename Record>
-Record* At(PUCHAR Image, ULONGLONG Offset) {
-    return static_cast<Record*>(static_cast<PVOID>(Image + Offset));
-}
-
 BOOLEAN IsChunk(const ChunkHeader* Chunk, ULONGLONG Size, ULONG Type, ULONG Stream) {
     return Chunk->Size == Size && Chunk->Type == Type && Chunk->Stream == Stream;
 }
@@ -82,16 +77,18 @@ NTSTATUS LocateTables(const MediaFileObject* Object, HeaderView* View) {
     }
     const ULONGLONG chunkBytes = tableBytes + VRKFS_CHUNK_HEADER_SIZE;
     const ULONG videoChunk = VrkFsMediaVideoBodyTableChunkOffset(hasAlphaChunks);
-    if (!IsChunk(At<ChunkHeader>(image, videoChunk), chunkBytes, VRKFS_CHUNK_BODY_TABLE, VRKFS_STREAM_VIDEO)) {
+    if (!IsChunk(VrkFsRZVRecordAt<ChunkHeader>(image, videoChunk), chunkBytes, VRKFS_CHUNK_BODY_TABLE,
+                 VRKFS_STREAM_VIDEO)) {
         return STATUS_FILE_INVALID;
     }
-    View->Table[VRKFS_STREAM_VIDEO] = At<BodyTableNode>(image, videoChunk + VRKFS_CHUNK_HEADER_SIZE);
+    View->Table[VRKFS_STREAM_VIDEO] = VrkFsRZVRecordAt<BodyTableNode>(image, videoChunk + VRKFS_CHUNK_HEADER_SIZE);
     if (hasAlphaChunks) {
         const ULONGLONG alphaChunk = VrkFsMediaAlphaBodyTableChunkOffset(tableBytes);
-        if (!IsChunk(At<ChunkHeader>(image, alphaChunk), chunkBytes, VRKFS_CHUNK_BODY_TABLE, VRKFS_STREAM_ALPHA)) {
+        if (!IsChunk(VrkFsRZVRecordAt<ChunkHeader>(image, alphaChunk), chunkBytes, VRKFS_CHUNK_BODY_TABLE,
+                     VRKFS_STREAM_ALPHA)) {
             return STATUS_FILE_INVALID;
         }
-        View->Table[VRKFS_STREAM_ALPHA] = At<BodyTableNode>(image, alphaChunk + VRKFS_CHUNK_HEADER_SIZE);
+        View->Table[VRKFS_STREAM_ALPHA] = VrkFsRZVRecordAt<BodyTableNode>(image, alphaChunk + VRKFS_CHUNK_HEADER_SIZE);
     }
     View->TableBytes = static_cast<ULONG>(tableBytes);
     View->TableBlocks = View->TableBytes / kBlockSize;
@@ -102,8 +99,8 @@ NTSTATUS CheckHeader(const MediaFileObject* Object, HeaderView* View) {
     PUCHAR image = Object->HeaderImage;
     *View = {};
     View->Application = image + VRKFS_MEDIA_APPLICATION_BLOCK_OFFSET;
-    View->Video = At<VideoParameters>(image, VRKFS_MEDIA_VIDEO_PARAMETERS_OFFSET);
-    const ChunkHeader* application = At<ChunkHeader>(image, VRKFS_MEDIA_APPLICATION_CHUNK_OFFSET);
+    View->Video = VrkFsRZVRecordAt<VideoParameters>(image, VRKFS_MEDIA_VIDEO_PARAMETERS_OFFSET);
+    const ChunkHeader* application = VrkFsRZVRecordAt<ChunkHeader>(image, VRKFS_MEDIA_APPLICATION_CHUNK_OFFSET);
     if (application->Type != VRKFS_CHUNK_APPLICATION || application->Size != VRKFS_APPLICATION_CHUNK_SIZE) {
         return STATUS_FILE_INVALID;
     }
@@ -113,7 +110,7 @@ NTSTATUS CheckHeader(const MediaFileObject* Object, HeaderView* View) {
     }
     View->Frames = View->Video->FrameCount;
     if (Object->StagedHeader.ChunkCount > VRKFS_MEDIA_CHUNKS_VIDEO_ONLY) {
-        View->Alpha = At<VideoParameters>(image, VRKFS_MEDIA_ALPHA_PARAMETERS_OFFSET);
+        View->Alpha = VrkFsRZVRecordAt<VideoParameters>(image, VRKFS_MEDIA_ALPHA_PARAMETERS_OFFSET);
         status = CheckParameters(View->Alpha, VRKFS_STREAM_ALPHA);
         if (!NT_SUCCESS(status)) {
             return status;
@@ -257,13 +254,10 @@ VOID FillRecord(FileEntry* Entry, const CommitPlan* Plan) {
 
 // TRUE when the disk certainly holds what the image in memory says.
 BOOLEAN IsRecordOnDisk(HwContext* Hw, const HwVolume* Volume, const FCBCommon* Common) {
-    VrkFsHwObtainFileSCSIScratchLock(Hw);
+    const EventLockGuard scratch(&Hw->FileScratchLock);
     const NTSTATUS status =
         VrkFsHwSCSIRead(Hw, Volume->Devices[0], Common->RecordLba, kFileEntryBlocks, Hw->FileScratchBuffer, 0);
-    const BOOLEAN same =
-        NT_SUCCESS(status) && RtlEqualMemory(Hw->FileScratchBuffer, Common->FileEntry, sizeof(FileEntry));
-    KeSetEvent(&Hw->FileScratchLock, EVENT_INCREMENT, FALSE);
-    return same;
+    return NT_SUCCESS(status) && RtlEqualMemory(Hw->FileScratchBuffer, Common->FileEntry, sizeof(FileEntry));
 }
 
 NTSTATUS WriteRecord(HwContext* Hw, FCB* Fcb) {
@@ -355,6 +349,8 @@ NTSTATUS VrkFsRZVCommit(MediaFileObject* Object) {
     const NTSTATUS status = TryCommit(Object, &plan);
     if (!NT_SUCCESS(status)) {
         VrkFsRZVFreeFileObject(Object);
+        // The tables are read again for the next reader and may have changed meanwhile: cursors into the old ones end.
+        ++Object->FCB->Common->LayoutGeneration;
         return status;
     }
     Object->BodyTableBytes = plan.Header.TableBytes;

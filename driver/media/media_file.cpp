@@ -10,6 +10,15 @@
 #include "volume/hw_volume.h"
 #include "volume/records.h"
 
+namespace {
+
+// A file header has been accepted, the commit is yet to come: there is nothing but the header so far.
+bool IsHeaderBeingWritten(const MediaFileObject* Object) {
+    return (Object->Flags & (kMediaFileHeader | kMediaCommitted)) == kMediaFileHeader;
+}
+
+}  // namespace
+
 VOID VrkFsRZVBindFileObject(MediaFileObject* Object, FCB* Fcb) {
     RtlZeroMemory(Object, sizeof(*Object));
     Object->FCB = Fcb;
@@ -35,8 +44,7 @@ BOOLEAN VrkFsRZVIsReadable(const MediaFileObject* Object) {
     if ((Object->Flags & kMediaHeaderImage) == 0) {
         return FALSE;
     }
-    const bool isBeingWritten = (Object->Flags & kMediaFileHeader) != 0 && (Object->Flags & kMediaCommitted) == 0;
-    return isBeingWritten || Object->Generation == Object->FCB->Common->LayoutGeneration;
+    return IsHeaderBeingWritten(Object) || Object->Generation == Object->FCB->Common->LayoutGeneration;
 }
 
 ULONGLONG VrkFsRZVGetTotalFileSize(const FileEntry* Entry) {
@@ -54,14 +62,13 @@ ULONGLONG VrkFsRZVGetTotalFileSize(const FileEntry* Entry) {
 VOID VrkFsRZVGetReadRegions(const MediaFileObject* Object, MediaRegionTable* Regions) {
     RtlZeroMemory(Regions, sizeof(*Regions));
     Regions->Length[kRegionHeader] = Object->HeaderSize;
-    const bool isBeingWritten = (Object->Flags & kMediaFileHeader) != 0 && (Object->Flags & kMediaCommitted) == 0;
-    if (!isBeingWritten) {
+    if (!IsHeaderBeingWritten(Object)) {
         Regions->Length[kRegionVideoChunk] = VRKFS_CHUNK_HEADER_SIZE;
         Regions->Length[kRegionVideoData] = Object->VideoBytes;
-    }
-    if (!isBeingWritten && Object->AlphaBodyTable != nullptr) {
-        Regions->Length[kRegionAlphaChunk] = VRKFS_CHUNK_HEADER_SIZE;
-        Regions->Length[kRegionAlphaData] = Object->AlphaBytes;
+        if (Object->AlphaBodyTable != nullptr) {
+            Regions->Length[kRegionAlphaChunk] = VRKFS_CHUNK_HEADER_SIZE;
+            Regions->Length[kRegionAlphaData] = Object->AlphaBytes;
+        }
     }
     for (ULONG i = 1; i < kRegionCount; ++i) {
         Regions->Start[i] = Regions->Start[i - 1] + Regions->Length[i - 1];

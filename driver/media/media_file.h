@@ -111,6 +111,11 @@ VOID VrkFsRZVFreeFileObject(MediaFileObject* Object);
 // An empty object of this FCB; what it held before must be freed.
 VOID VrkFsRZVBindFileObject(MediaFileObject* Object, FCB* Fcb);
 
+// A record inside a header image, which is at least that long.
+template <typename Record>
+Record* VrkFsRZVRecordAt(PUCHAR Image, ULONGLONG Offset) {
+    return static_cast<Record*>(static_cast<PVOID>(Image + Offset));
+}
 // The image's regions as a reader sees them: never interleaved, and no more of them than the object can serve.
 VOID VrkFsRZVGetReadRegions(const MediaFileObject* Object, MediaRegionTable* Regions);
 // Where the bytes of a data region lie on disk now: the space is looked up in the file's record for every transfer.

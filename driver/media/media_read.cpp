@@ -14,11 +14,6 @@
 
 namespace {
 
-template <typename Record>
-Record* At(PUCHAR Image, ULONG Offset) {
-    return static_cast<Record*>(static_cast<PVOID>(Image + Offset));
-}
-
 // Numbers of a record that say more than its tables, its volume or this driver's memory can hold.
 BOOLEAN IsPlausible(const FileEntry* Entry, BOOLEAN HasAlpha) {
     const ULONGLONG tableBytes = ULONGLONG{Entry->VideoBodyTableBlockCount} * VRKFS_SECTOR_SIZE;
@@ -50,21 +45,23 @@ VOID FillParameters(VideoParameters* Parameters, const FileEntry* Entry, ULONG S
 VOID FillHeaderImage(MediaFileObject* Object, const FileEntry* Entry, bool HasAlpha) {
     PUCHAR image = Object->HeaderImage;
     const ULONGLONG tableChunk = ULONGLONG{Object->BodyTableBytes} + VRKFS_CHUNK_HEADER_SIZE;
-    *At<MediaFileHeader>(image, 0) = {VRKFS_MEDIA_MAGIC, VRKFS_MEDIA_FILE_HEADER_SIZE,
-                                      HasAlpha ? VRKFS_MEDIA_CHUNKS_WITH_ALPHA : VRKFS_MEDIA_CHUNKS_VIDEO_ONLY,
-                                      Object->HeaderSize};
-    *At<ChunkHeader>(image, VRKFS_MEDIA_APPLICATION_CHUNK_OFFSET) = {VRKFS_APPLICATION_CHUNK_SIZE,
-                                                                     VRKFS_CHUNK_APPLICATION, VRKFS_STREAM_VIDEO};
+    *VrkFsRZVRecordAt<MediaFileHeader>(image, 0) = {
+        VRKFS_MEDIA_MAGIC, VRKFS_MEDIA_FILE_HEADER_SIZE,
+        HasAlpha ? VRKFS_MEDIA_CHUNKS_WITH_ALPHA : VRKFS_MEDIA_CHUNKS_VIDEO_ONLY, Object->HeaderSize};
+    *VrkFsRZVRecordAt<ChunkHeader>(image, VRKFS_MEDIA_APPLICATION_CHUNK_OFFSET) = {
+        VRKFS_APPLICATION_CHUNK_SIZE, VRKFS_CHUNK_APPLICATION, VRKFS_STREAM_VIDEO};
     RtlCopyMemory(image + VRKFS_MEDIA_APPLICATION_BLOCK_OFFSET, Entry->ApplicationInfo, VRKFS_APPLICATION_BLOCK_SIZE);
-    FillParameters(At<VideoParameters>(image, VRKFS_MEDIA_VIDEO_PARAMETERS_OFFSET), Entry, VRKFS_STREAM_VIDEO);
-    *At<ChunkHeader>(image, VrkFsMediaVideoBodyTableChunkOffset(HasAlpha)) = {tableChunk, VRKFS_CHUNK_BODY_TABLE,
-                                                                              VRKFS_STREAM_VIDEO};
-    Object->VideoBodyTable = At<BodyTableNode>(image, VrkFsMediaVideoBodyTableOffset(HasAlpha));
+    FillParameters(VrkFsRZVRecordAt<VideoParameters>(image, VRKFS_MEDIA_VIDEO_PARAMETERS_OFFSET), Entry,
+                   VRKFS_STREAM_VIDEO);
+    *VrkFsRZVRecordAt<ChunkHeader>(image, VrkFsMediaVideoBodyTableChunkOffset(HasAlpha)) = {
+        tableChunk, VRKFS_CHUNK_BODY_TABLE, VRKFS_STREAM_VIDEO};
+    Object->VideoBodyTable = VrkFsRZVRecordAt<BodyTableNode>(image, VrkFsMediaVideoBodyTableOffset(HasAlpha));
     if (HasAlpha) {
         const ULONG alphaChunk = static_cast<ULONG>(VrkFsMediaAlphaBodyTableChunkOffset(Object->BodyTableBytes));
-        FillParameters(At<VideoParameters>(image, VRKFS_MEDIA_ALPHA_PARAMETERS_OFFSET), Entry, VRKFS_STREAM_ALPHA);
-        *At<ChunkHeader>(image, alphaChunk) = {tableChunk, VRKFS_CHUNK_BODY_TABLE, VRKFS_STREAM_ALPHA};
-        Object->AlphaBodyTable = At<BodyTableNode>(image, alphaChunk + VRKFS_CHUNK_HEADER_SIZE);
+        FillParameters(VrkFsRZVRecordAt<VideoParameters>(image, VRKFS_MEDIA_ALPHA_PARAMETERS_OFFSET), Entry,
+                       VRKFS_STREAM_ALPHA);
+        *VrkFsRZVRecordAt<ChunkHeader>(image, alphaChunk) = {tableChunk, VRKFS_CHUNK_BODY_TABLE, VRKFS_STREAM_ALPHA};
+        Object->AlphaBodyTable = VrkFsRZVRecordAt<BodyTableNode>(image, alphaChunk + VRKFS_CHUNK_HEADER_SIZE);
     }
 }
 

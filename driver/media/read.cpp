@@ -116,16 +116,6 @@ NTSTATUS ReadCommandPort(DataRequest* Request) {
                             static_cast<ULONG>(Request->Offset >> 32), &Request->Count);
 }
 
-// A service that has failed is not asked again through this FCB.
-NTSTATUS ReadThroughService(DataRequest* Request) {
-    const NTSTATUS status = VrkFsMoveThroughService(Request, ServiceDirection::Read);
-    if (!NT_SUCCESS(status)) {
-        Request->CommonLock.Exclusive(Request->Common->Resource);
-        Request->Fcb->Flags |= kFcbServiceReadFailed;
-    }
-    return status;
-}
-
 NTSTATUS TransferRead(DataRequest* Request) {
     FCB* fcb = Request->Fcb;
     const bool isBuiltIn = Request->Type->TypeCode == VRKFS_FILE_TYPE_BUILT_IN;
@@ -146,7 +136,7 @@ NTSTATUS TransferRead(DataRequest* Request) {
     if (fcb->Level != kLevelFrame) {
         return STATUS_ACCESS_DENIED;
     }
-    return ReadThroughService(Request);
+    return VrkFsMoveThroughService(Request, ServiceDirection::Read);
 }
 
 NTSTATUS PerformRead(IRPContext* Context, DataRequest* Request) {

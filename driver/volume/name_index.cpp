@@ -40,18 +40,6 @@ ULONG HashFound(const FoundEntry* Entry) {
     return VrkFsHwHashName(&name);
 }
 
-BOOLEAN MatchesUpcased(const FoundEntry* Entry, PCUNICODE_STRING UpcasedName) {
-    if (Entry->NameLength != UpcasedName->Length) {
-        return FALSE;
-    }
-    for (ULONG i = 0; i < Entry->NameLength / sizeof(WCHAR); ++i) {
-        if (RtlUpcaseUnicodeChar(Entry->Name[i]) != UpcasedName->Buffer[i]) {
-            return FALSE;
-        }
-    }
-    return TRUE;
-}
-
 ULONG LoadHash(const ULONG* Hash) {
     return __atomic_load_n(Hash, __ATOMIC_RELAXED);
 }
@@ -135,7 +123,7 @@ NTSTATUS VrkFsHwFindFolderByName(HwContext* Hw, HwVolume* Volume, PCUNICODE_STRI
         }
         slot = at;
         VrkFsHwSetFolderHash(Volume, slot, substituted ? kNameHashMustLook : HashFound(Entry));
-        if (MatchesUpcased(Entry, UpcasedName)) {
+        if (VrkFsFoundEntryHasName(Entry, UpcasedName)) {
             *Slot = slot;
             *Found = TRUE;
             return STATUS_SUCCESS;
@@ -163,7 +151,7 @@ NTSTATUS VrkFsHwFindFileByName(HwContext* Hw, FCB* FolderFCB, PCUNICODE_STRING U
             return status;
         }
         VrkFsHwSetFileHash(folder.Volume, folder.Slot, slot, substituted ? kNameHashMustLook : HashFound(Entry));
-        if (MatchesUpcased(Entry, UpcasedName)) {
+        if (VrkFsFoundEntryHasName(Entry, UpcasedName)) {
             *Slot = slot;
             *Found = TRUE;
             return STATUS_SUCCESS;

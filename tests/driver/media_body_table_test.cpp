@@ -26,7 +26,6 @@ class MediaBodyTables : public MediaTest {
         entry_ = RawFile(u"a.RZV");
     }
 
-    CardInstance* Card() { return CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link); }
     BodyTableCache* Cache() { return &Card()->BodyTableCache; }
 
     // An object over the clip's table, on the referenced list, as if an application were using it.

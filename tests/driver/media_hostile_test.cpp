@@ -76,8 +76,6 @@ TEST_F(MediaHostile, ImagesThatContradictThemselvesAreRefused) {
         {"video parameters stream", false, 300, 1, 4},
         {"video parameters marked alpha", false, 324, 6, 4},
         {"rate 30 without its flag", false, 324, 0, 4},
-        {"height", false, 306, 480, 2},
-        {"SDTI type 2", false, 316, 2, 4},
         {"frames that the table does not hold", false, 320, 65, 4},
         {"frames whose entries wrap", false, 320, 0x20000003, 4},
         {"frames beyond all", false, 320, 0xFFFFFFFF, 4},
@@ -234,7 +232,7 @@ TEST_F(MediaHostile, AFailedSecondCommitLeavesTheOldClip) {
         if (!test.tablesOnly) {
             rule.firstLba = rule.lastLba = recordLba;
         }
-        CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link)->ScsiPrefs = {0, 0};
+        Card()->ScsiPrefs = {0, 0};
         Board().Misbehave().Add(rule);
         const host::IoResult result = WriteAt(handle, image, 0, HeaderBytes(fresh));
         Board().Misbehave().Clear();

@@ -6,7 +6,10 @@
 #include <cstring>
 #include <thread>
 
+#include "core/device_ext.h"
 #include "core/file_types.h"
+#include "fsd/fcb.h"
+#include "fsd/name_tree.h"
 #include "tests/driver/media_rig.h"
 
 namespace tests {
@@ -178,6 +181,12 @@ TEST_F(MediaListing, EveryLevelListsItsKind) {
     const host::ScopedHandle frame = OpenFolder(u"\\XYZ\\VOL\\F\\Clip.RZV\\Clip0002.XYZ");
     Bytes bytes(100);
     EXPECT_EQ(User().Read(frame.Get(), bytes, 2000).status, host::status::kEndOfFile);
+    EXPECT_EQ(User().Read(frame.Get(), bytes, 0).status, host::status::kUnsuccessful);
+    EXPECT_EQ(User().Read(frame.Get(), bytes, 2000).status, host::status::kEndOfFile) << "no service, nothing failed";
+    FCB* const root = VrkFsDiskExtOfDevice(Card()->DiskDevice)->Vcb.RootFcb;
+    for (FCB* at = root; VrkFsFCBGetNextChild(root, at, &at);) {
+        at->ServiceHandle = 1;  // as if the service had opened it
+    }
     EXPECT_EQ(User().Read(frame.Get(), bytes, 0).status, host::status::kUnsuccessful);
     EXPECT_EQ(User().Read(frame.Get(), bytes, 2000).status, host::status::kUnsuccessful) << "it has failed once";
     EXPECT_TRUE(User().Read(frame.Get(), std::span<std::byte>(), 0).status.Ok());

@@ -228,10 +228,8 @@ class MediaTest : public MachineTest {
         EXPECT_TRUE(ReadRange(handle, 0, image.size() + 100) == image) << "image of seed " << clip.seed;
     }
 
-    HwVolume* Volume() {
-        HwContext* hw = &CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link)->Hw;
-        return CONTAINING_RECORD(hw->Volumes.Flink, HwVolume, Link);
-    }
+    static CardInstance* Card() { return CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link); }
+    static HwVolume* Volume() { return CONTAINING_RECORD(Card()->Hw.Volumes.Flink, HwVolume, Link); }
     std::uint64_t FreeBlocks() { return VrkFsVolAllocGetFreeBlocks(&Volume()->Allocator); }
 
     Bytes RawBlocks(std::uint32_t position, std::uint32_t lba, std::uint32_t count) {

@@ -1,14 +1,10 @@
 // File information: what an open folder or file is, and the little of it that can be set.
-#include "core/card_instance.h"
-#include "core/device_ext.h"
 #include "core/driver_entry.h"
-#include "core/guards.h"
-#include "fsd/ccb.h"
 #include "fsd/common.h"
 #include "fsd/fcb.h"
 #include "fsd/fcb_common.h"
+#include "fsd/information.h"
 #include "fsd/irp_context.h"
-#include "fsd/vcb.h"
 #include "media/frame_name.h"
 #include "media/ram_files.h"
 #include "volume/entries.h"
@@ -81,22 +77,23 @@ NTSTATUS NotImplemented(ULONG Length, ULONG Minimum) {
     return Length < Minimum ? STATUS_BUFFER_TOO_SMALL : STATUS_NOT_IMPLEMENTED;
 }
 
-NTSTATUS QueryClass(FILE_INFORMATION_CLASS Class, const FCB* Fcb, PVOID Buffer, PULONG Length) {
-    switch (Class) {
+NTSTATUS QueryClass(InformationRequest* Request) {
+    PULONG length = &Request->Length;
+    switch (Request->Class) {
         case FileBasicInformation:
-            return VrkFsQueryFileBasicInfo(Fcb, Buffer, Length);
+            return VrkFsQueryFileBasicInfo(Request->Fcb, Request->Buffer, length);
         case FileStandardInformation:
-            return VrkFsQueryFileStandardInfo(Fcb, Buffer, Length);
+            return VrkFsQueryFileStandardInfo(Request->Fcb, Request->Buffer, length);
         case FileEaInformation:
-            return NotImplemented(*Length, sizeof(FILE_EA_INFORMATION));
+            return NotImplemented(*length, sizeof(FILE_EA_INFORMATION));
         case FileNameInformation:
-            return NotImplemented(*Length, sizeof(FILE_NAME_INFORMATION));
+            return NotImplemented(*length, sizeof(FILE_NAME_INFORMATION));
         case FilePositionInformation:
-            return NotImplemented(*Length, sizeof(FILE_POSITION_INFORMATION));
+            return NotImplemented(*length, sizeof(FILE_POSITION_INFORMATION));
         case FileAllInformation:
-            return NotImplemented(*Length, sizeof(FILE_ALL_INFORMATION));
+            return NotImplemented(*length, sizeof(FILE_ALL_INFORMATION));
         case FileNetworkOpenInformation:
-            return NotImplemented(*Length, sizeof(FILE_NETWORK_OPEN_INFORMATION));
+            return NotImplemented(*length, sizeof(FILE_NETWORK_OPEN_INFORMATION));
         case FileInternalInformation:
         case FileAlternateNameInformation:
         case FileStreamInformation:
@@ -139,32 +136,28 @@ NTSTATUS VrkFsSetFileDispositionInfo(FCB* Fcb, PVOID Buffer, ULONG Length) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS SetClass(FILE_INFORMATION_CLASS Class, FCB* Fcb, PVOID Buffer, ULONG Length) {
-    switch (Class) {
+NTSTATUS SetClass(InformationRequest* Request) {
+    FCB* fcb = Request->Fcb;
+    const ULONG length = Request->Length;
+    if ((fcb->Common->Flags & kFcbCommonDeleted) != 0) {
+        return STATUS_FILE_DELETED;
+    }
+    switch (Request->Class) {
         case FileBasicInformation:
-            return VrkFsSetFileBasicInfo(Fcb, Buffer, Length);
+            return VrkFsSetFileBasicInfo(fcb, Request->Buffer, length);
         case FileDispositionInformation:
-            return VrkFsSetFileDispositionInfo(Fcb, Buffer, Length);
+            return VrkFsSetFileDispositionInfo(fcb, Request->Buffer, length);
         case FileRenameInformation:
-            return NotImplemented(Length, sizeof(FILE_RENAME_INFORMATION));
+            return NotImplemented(length, sizeof(FILE_RENAME_INFORMATION));
         case FilePositionInformation:
-            return NotImplemented(Length, sizeof(FILE_POSITION_INFORMATION));
+            return NotImplemented(length, sizeof(FILE_POSITION_INFORMATION));
         case FileAllocationInformation:
-            return NotImplemented(Length, sizeof(FILE_ALLOCATION_INFORMATION));
+            return NotImplemented(length, sizeof(FILE_ALLOCATION_INFORMATION));
         case FileEndOfFileInformation:
-            return NotImplemented(Length, sizeof(FILE_END_OF_FILE_INFORMATION));
+            return NotImplemented(length, sizeof(FILE_END_OF_FILE_INFORMATION));
         default:
             return STATUS_INVALID_PARAMETER;
     }
-}
-
-// The FCB of a folder or file open; null for any other, which has no file information.
-FCB* FcbOf(PFILE_OBJECT FileObject) {
-    VCB* vcb = nullptr;
-    PVOID fcbOrVcb = nullptr;
-    CCB* ccb = nullptr;
-    const VrkFsRequestType type = VrkFsGetRequestType(FileObject, &vcb, &fcbOrVcb, &ccb);
-    return type == kVrkFsFolderOpen || type == kVrkFsFileOpen ? static_cast<FCB*>(fcbOrVcb) : nullptr;
 }
 
 }  // namespace
@@ -178,41 +171,11 @@ NTSTATUS NTAPI VrkFsSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsCommonQueryInformation(IRPContext* Context) {
-    if (VrkFsIRPContextMustPost(Context)) {
-        return VrkFsIRPContextPost(Context);
-    }
-    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Context->Irp);
-    FCB* fcb = FcbOf(stack->FileObject);
-    if (fcb == nullptr) {
-        return VrkFsCompleteRequest(Context, STATUS_INVALID_PARAMETER, 0);
-    }
-    ResourceGuard volume;
-    volume.Shared(&fcb->Common->Vcb->Resource);
-    ResourceGuard common;
-    common.Shared(fcb->Common->Resource);
-    ULONG length = stack->Parameters.QueryFile.Length;
-    const NTSTATUS status = QueryClass(stack->Parameters.QueryFile.FileInformationClass, fcb,
-                                       Context->Irp->AssociatedIrp.SystemBuffer, &length);
-    return VrkFsCompleteRequest(Context, status, NT_SUCCESS(status) ? length : 0);
+    const auto& asked = IoGetCurrentIrpStackLocation(Context->Irp)->Parameters.QueryFile;
+    return VrkFsServeInformation(Context, asked.FileInformationClass, asked.Length, QueryClass);
 }
 
 NTSTATUS VrkFsCommonSetInformation(IRPContext* Context) {
-    if (VrkFsIRPContextMustPost(Context)) {
-        return VrkFsIRPContextPost(Context);
-    }
-    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Context->Irp);
-    FCB* fcb = FcbOf(stack->FileObject);
-    if (fcb == nullptr) {
-        return VrkFsCompleteRequest(Context, STATUS_INVALID_PARAMETER, 0);
-    }
-    ResourceGuard volume;
-    volume.Exclusive(&fcb->Common->Vcb->Resource);
-    ResourceGuard common;
-    common.Exclusive(fcb->Common->Resource);
-    NTSTATUS status = STATUS_FILE_DELETED;
-    if ((fcb->Common->Flags & kFcbCommonDeleted) == 0) {
-        status = SetClass(stack->Parameters.SetFile.FileInformationClass, fcb, Context->Irp->AssociatedIrp.SystemBuffer,
-                          stack->Parameters.SetFile.Length);
-    }
-    return VrkFsCompleteRequest(Context, status, 0);
+    const auto& asked = IoGetCurrentIrpStackLocation(Context->Irp)->Parameters.SetFile;
+    return VrkFsServeInformation(Context, asked.FileInformationClass, asked.Length, SetClass);
 }

@@ -133,11 +133,28 @@ NTSTATUS LoadFile(const OpenRequest* Open, FCB* Fcb, ULONG Slot) {
     return STATUS_SUCCESS;
 }
 
+// Whether the frame at Index is the one that the FCB is named for: a transfer may have given the clip other frames
+// since the name was looked up. Out of line: the entry takes half a kilobyte of stack.
+__attribute__((noinline)) bool IsFrame(const OpenRequest* Open, const FCB* Fcb, ULONG Index) {
+    ResourceGuard clip;
+    clip.Shared(Fcb->Common->Resource);
+    const FileEntry* entry = Fcb->Common->FileEntry;
+    const ULONG frames = VrkFsGetFrameFileCount(entry);
+    if (Index >= frames) {
+        return false;
+    }
+    const Preferences& prefs = Open->Card->Prefs;
+    FoundEntry frame;
+    VrkFsConstructFileFrameName(entry->Name, Fcb->TypeIndex, frames, Index, prefs.BaseFrameNumber, prefs.MinFrameDigits,
+                                &frame);
+    const UNICODE_STRING name = NameOf(&frame);
+    return RtlEqualUnicodeString(&name, &Fcb->Name, TRUE);
+}
+
 // A name in the listing of a media file is one of its frames or one of the RAM files beside them.
 NTSTATUS BindFrameOrRamFile(const OpenRequest* Open, FCB* Fcb, ULONG Index) {
-    FCBCommon* common = Fcb->Common;
     Fcb->EntryIndex = Index;
-    if (Index < VrkFsGetFrameFileCount(common->FileEntry)) {
+    if (IsFrame(Open, Fcb, Index)) {
         return STATUS_SUCCESS;
     }
     const NTSTATUS status = VrkFsFCBSetupFullName(Open->Vcb, Fcb->Parent);
@@ -145,8 +162,8 @@ NTSTATUS BindFrameOrRamFile(const OpenRequest* Open, FCB* Fcb, ULONG Index) {
         return status;
     }
     ULONG ordinal = 0;
-    if (!VrkFsVFFindFile(&common->VolumeHandle->RamFiles, &Fcb->Parent->FullName, &Fcb->Name, &Fcb->RamFile,
-                         &ordinal)) {
+    RamFileSet* set = &Fcb->Common->VolumeHandle->RamFiles;
+    if (!VrkFsVFFindFile(set, &Fcb->Parent->FullName, &Fcb->Name, &Fcb->RamFile, &ordinal)) {
         return STATUS_NO_SUCH_FILE;
     }
     Fcb->Flags |= kFcbRamFile;
@@ -176,14 +193,10 @@ NTSTATUS VrkFsBaseOpenExistingDir(const OpenRequest* Open, FCB* Parent, const Fo
 }
 
 LONGLONG LatestVolumeTimeOrNow(HwContext* Hw) {
-    LONGLONG time = 0;
-    VrkFsHwGetLatestVolumeTime(Hw, &time);
-    if (time == 0) {
-        LARGE_INTEGER now;
-        KeQuerySystemTime(&now);
-        time = now.QuadPart;
-    }
-    return time;
+    LARGE_INTEGER time;
+    KeQuerySystemTime(&time);
+    VrkFsHwGetLatestVolumeTime(Hw, &time.QuadPart);
+    return time.QuadPart;
 }
 
 // Leaves what follows the last backslash.

@@ -33,16 +33,17 @@ struct NewOpen {
     CCB* Ccb;
 };
 
-NTSTATUS Begin(const OpenRequest* Open, FCB* Parent, PCUNICODE_STRING Name, BOOLEAN IsFolder, NewOpen* New) {
-    NTSTATUS status = VrkFsFCBCreate(&New->Fcb, Open->Vcb, Parent, Name, 0, IsFolder, Open->Vcb->DeviceObject);
+NTSTATUS Prepare(const OpenRequest* Open, NewOpen* New) {
+    const NTSTATUS status = VrkFsPrepareOpen(Open, New->Fcb, &New->Ccb);
     if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    status = VrkFsPrepareOpen(Open, New->Fcb, &New->Ccb);
-    if (!NT_SUCCESS(status)) {
-        VrkFsFCBRemoveUpTo(New->Fcb, Parent, &Open->Card->Hw);
+        VrkFsFCBRemoveUpTo(New->Fcb, New->Fcb->Parent, &Open->Card->Hw);
     }
     return status;
+}
+
+NTSTATUS Begin(const OpenRequest* Open, FCB* Parent, PCUNICODE_STRING Name, BOOLEAN IsFolder, NewOpen* New) {
+    const NTSTATUS status = VrkFsFCBCreate(&New->Fcb, Open->Vcb, Parent, Name, 0, IsFolder, Open->Vcb->DeviceObject);
+    return NT_SUCCESS(status) ? Prepare(Open, New) : status;
 }
 
 VOID Abandon(const OpenRequest* Open, NewOpen* New) {
@@ -141,13 +142,8 @@ NTSTATUS VrkFsOpenComPortFile(const OpenRequest* Open, FCB* Parent, PCUNICODE_ST
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    status = VrkFsPrepareOpen(Open, port.Fcb, &port.Ccb);
-    if (!NT_SUCCESS(status)) {
-        VrkFsFCBRemoveUpTo(port.Fcb, Parent, &Open->Card->Hw);
-        return status;
-    }
-    VrkFsCommitOpen(Open, port.Fcb, port.Ccb);
-    return STATUS_SUCCESS;
+    status = Prepare(Open, &port);
+    return NT_SUCCESS(status) ? Finish(Open, &port, status) : status;
 }
 
 NTSTATUS VrkFsCreateNewDir(const OpenRequest* Open, FCB* Parent, PCUNICODE_STRING Name) {

@@ -5,9 +5,8 @@
 #include "core/card_instance.h"
 #include "core/device_ext.h"
 #include "core/driver_entry.h"
-#include "core/guards.h"
-#include "fsd/ccb.h"
 #include "fsd/common.h"
+#include "fsd/information.h"
 #include "fsd/irp_context.h"
 #include "fsd/vcb.h"
 #include "volume/hw_volume.h"
@@ -99,31 +98,26 @@ NTSTATUS VrkFsSetFsLabelInfo(VCB* Vcb, PVOID Buffer, ULONG Length) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS QueryClass(FS_INFORMATION_CLASS Class, VCB* Vcb, PVOID Buffer, PULONG Length) {
-    switch (Class) {
+NTSTATUS QueryClass(InformationRequest* Request) {
+    PULONG length = &Request->Length;
+    switch (Request->Class) {
         case FileFsVolumeInformation:
-            return VrkFsQueryFsVolumeInfo(Vcb, Buffer, Length);
+            return VrkFsQueryFsVolumeInfo(Request->Vcb, Request->Buffer, length);
         case FileFsSizeInformation:
-            return VrkFsQueryFsSizeInfo(Vcb, Buffer, Length);
+            return VrkFsQueryFsSizeInfo(Request->Vcb, Request->Buffer, length);
         case FileFsDeviceInformation:
-            return VrkFsQueryFsDeviceInfo(Buffer, Length);
+            return VrkFsQueryFsDeviceInfo(Request->Buffer, length);
         case FileFsAttributeInformation:
-            return VrkFsQueryFsAttributeInfo(Vcb, Buffer, Length);
+            return VrkFsQueryFsAttributeInfo(Request->Vcb, Request->Buffer, length);
         default:
             return STATUS_INVALID_PARAMETER;
     }
 }
 
-NTSTATUS SetClass(FS_INFORMATION_CLASS Class, VCB* Vcb, PVOID Buffer, ULONG Length) {
-    return Class == FileFsLabelInformation ? VrkFsSetFsLabelInfo(Vcb, Buffer, Length) : STATUS_INVALID_PARAMETER;
-}
-
-// The VCB of any open of the file-system device, or null.
-VCB* VcbOf(PFILE_OBJECT FileObject) {
-    VCB* vcb = nullptr;
-    PVOID fcbOrVcb = nullptr;
-    CCB* ccb = nullptr;
-    return VrkFsGetRequestType(FileObject, &vcb, &fcbOrVcb, &ccb) == kVrkFsForeignOpen ? nullptr : vcb;
+NTSTATUS SetClass(InformationRequest* Request) {
+    return Request->Class == FileFsLabelInformation
+               ? VrkFsSetFsLabelInfo(Request->Vcb, Request->Buffer, Request->Length)
+               : STATUS_INVALID_PARAMETER;
 }
 
 }  // namespace
@@ -137,34 +131,11 @@ NTSTATUS NTAPI VrkFsSetVolumeInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp) 
 }
 
 NTSTATUS VrkFsCommonQueryVolumeInformation(IRPContext* Context) {
-    if (VrkFsIRPContextMustPost(Context)) {
-        return VrkFsIRPContextPost(Context);
-    }
-    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Context->Irp);
-    VCB* vcb = VcbOf(stack->FileObject);
-    if (vcb == nullptr) {
-        return VrkFsCompleteRequest(Context, STATUS_INVALID_PARAMETER, 0);
-    }
-    ResourceGuard volume;
-    volume.Shared(&vcb->Resource);
-    ULONG length = stack->Parameters.QueryVolume.Length;
-    const NTSTATUS status = QueryClass(stack->Parameters.QueryVolume.FsInformationClass, vcb,
-                                       Context->Irp->AssociatedIrp.SystemBuffer, &length);
-    return VrkFsCompleteRequest(Context, status, status == STATUS_SUCCESS ? length : 0);
+    const auto& asked = IoGetCurrentIrpStackLocation(Context->Irp)->Parameters.QueryVolume;
+    return VrkFsServeInformation(Context, asked.FsInformationClass, asked.Length, QueryClass);
 }
 
 NTSTATUS VrkFsCommonSetVolumeInformation(IRPContext* Context) {
-    if (VrkFsIRPContextMustPost(Context)) {
-        return VrkFsIRPContextPost(Context);
-    }
-    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Context->Irp);
-    VCB* vcb = VcbOf(stack->FileObject);
-    if (vcb == nullptr) {
-        return VrkFsCompleteRequest(Context, STATUS_INVALID_PARAMETER, 0);
-    }
-    ResourceGuard volume;
-    volume.Exclusive(&vcb->Resource);
-    const NTSTATUS status = SetClass(stack->Parameters.SetVolume.FsInformationClass, vcb,
-                                     Context->Irp->AssociatedIrp.SystemBuffer, stack->Parameters.SetVolume.Length);
-    return VrkFsCompleteRequest(Context, status, 0);
+    const auto& asked = IoGetCurrentIrpStackLocation(Context->Irp)->Parameters.SetVolume;
+    return VrkFsServeInformation(Context, asked.FsInformationClass, asked.Length, SetClass);
 }

@@ -34,6 +34,27 @@ class FsdDelete : public FsdTest {
             }
         });
     }
+    // Space beside what was reserved last, so that neither merges with free space when it is given back.
+    static DualAllocation TakeSome() {
+        DualAllocation dual{};
+        Locked(
+            [&] { EXPECT_EQ(VrkFsVolAllocAllocateDualSpace(&FirstVolume()->Allocator, 7, 2, &dual), STATUS_SUCCESS); });
+        return dual;
+    }
+    static void GiveBack(const DualAllocation& dual) {
+        Locked([&] {
+            AllocObject* allocator = &FirstVolume()->Allocator;
+            EXPECT_EQ(VrkFsVolAllocReleaseSpace(allocator, dual.LowerStart, dual.LowerCount), STATUS_SUCCESS);
+            EXPECT_EQ(VrkFsVolAllocReleaseSpace(allocator, dual.UpperStart, dual.UpperCount), STATUS_SUCCESS);
+        });
+    }
+    static void ArmNoMemory() {
+        nt::FaultPlan plan;
+        plan.failAt = 1;
+        plan.forEver = true;
+        plan.driver = pVrkFsGlobalData->DriverObject;
+        nt::ArmFaults(plan);
+    }
 };
 
 TEST_F(FsdDelete, HappensWhenTheLastHandleOfThePathGoes) {
@@ -125,19 +146,6 @@ TEST_F(FsdDelete, OfOnePathIsSeenByTheOther) {
     EXPECT_EQ(Find({u"RZV", u"VolA", u"Clips", u"Take1"})->Common->FileEntry->CreationTime, created);
 }
 
-TEST_F(FsdDelete, ThatTheDiskRefusesLeavesAFolderThatOthersStillStandOnOpenable) {
-    Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
-    const host::ScopedHandle port = Hold(u"\\RZV\\VolA\\Empty\\___Port0___");
-    host::ScopedHandle folder = Hold(u"\\RZV\\VolA\\Empty", host::access::kDelete);
-    EXPECT_EQ(SetDelete(folder, true), kOk);
-    board::Misbehaviour rule;
-    rule.operation = board::Operation::kWrite;
-    Board().Misbehave().Add(rule);
-    folder.Reset();
-    Board().Misbehave().Clear();
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Empty"), kOk);
-}
-
 TEST_F(FsdDelete, OfOneFolderPathIsSeenByTheOther) {
     Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
     host::ScopedHandle deleter = Hold(u"\\RZV\\VolA\\Empty", host::access::kDelete);
@@ -160,40 +168,25 @@ TEST_F(FsdDelete, OfOneFolderPathIsSeenByTheOther) {
 TEST_F(FsdDelete, NeedsNoMemoryOnceItIsPending) {
     const ULONGLONG freeBefore = FreeBlocks();
     std::vector<DualAllocation> between;
-    const auto takeSome = [&] {
-        Locked([&] {
-            DualAllocation dual{};
-            EXPECT_EQ(VrkFsVolAllocAllocateDualSpace(&FirstVolume()->Allocator, 7, 2, &dual), STATUS_SUCCESS);
-            between.push_back(dual);
-        });
-    };
     for (const char16_t* path : {u"\\RZV\\VolA\\Clips\\Doomed", u"\\RZV\\VolA\\Doomed"}) {
         const bool folder = std::u16string(path) == u"\\RZV\\VolA\\Doomed";
         Make(path, folder ? host::option::kDirectoryFile : 0);
         host::ScopedHandle handle = Hold(path, kReadWriteDelete);
-        if (!folder) {  // with ranges that meet no other free space, so that each becomes a segment of its own
+        if (!folder) {  // with ranges that each become a segment of their own
             for (const bool alpha : {false, true}) {
                 Reserve(Find({u"RZV", u"VolA", u"Clips", u"Doomed"}), alpha);
-                takeSome();
+                between.push_back(TakeSome());
             }
         }
         EXPECT_EQ(SetDelete(handle, true), kOk);
-        nt::FaultPlan plan;
-        plan.failAt = 1;
-        plan.forEver = true;
-        plan.driver = pVrkFsGlobalData->DriverObject;
-        nt::ArmFaults(plan);
+        ArmNoMemory();
         handle.Reset();
         nt::DisarmFaults();
         EXPECT_EQ(TryOpen(path), "STATUS_OBJECT_NAME_NOT_FOUND");
     }
-    Locked([&] {
-        for (const DualAllocation& dual : between) {
-            AllocObject* allocator = &FirstVolume()->Allocator;
-            EXPECT_EQ(VrkFsVolAllocReleaseSpace(allocator, dual.LowerStart, dual.LowerCount), STATUS_SUCCESS);
-            EXPECT_EQ(VrkFsVolAllocReleaseSpace(allocator, dual.UpperStart, dual.UpperCount), STATUS_SUCCESS);
-        }
-    });
+    for (const DualAllocation& dual : between) {
+        GiveBack(dual);
+    }
     EXPECT_EQ(FreeBlocks(), freeBefore);
     EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
     ExpectIdle("at the end");
@@ -228,12 +221,15 @@ TEST_F(FsdDelete, ThatCannotBePreparedIsRefused) {
     EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
 }
 
-TEST_F(FsdDelete, ThatTheDiskRefusesLeavesAnOrdinaryFile) {
-    for (const char16_t* path : {u"\\RZV\\VolA\\Clips\\Take1", u"\\RZV\\VolA\\Empty"}) {
-        if (std::u16string(path) == u"\\RZV\\VolA\\Empty") {
-            Make(path, host::option::kDirectoryFile);
-        }
+TEST_F(FsdDelete, ThatTheDiskRefusesLeavesAnOrdinaryObject) {
+    const std::u16string kFolder = u"\\RZV\\VolA\\Empty";
+    Make(kFolder, host::option::kDirectoryFile);
+    for (const std::u16string& path : {std::u16string(u"\\RZV\\VolA\\Clips\\Take1"), kFolder}) {
         const ULONGLONG freeBefore = FreeBlocks();
+        host::ScopedHandle port;  // keeps the folder's path in the tree
+        if (path == kFolder) {
+            port = Hold(kFolder + u"\\___Port0___");
+        }
         host::ScopedHandle handle = Hold(path, kReadWriteDelete);
         EXPECT_EQ(SetDelete(handle, true), kOk);
         board::Misbehaviour rule;
@@ -243,6 +239,7 @@ TEST_F(FsdDelete, ThatTheDiskRefusesLeavesAnOrdinaryFile) {
         Board().Misbehave().Clear();
         EXPECT_EQ(TryOpen(path), kOk);
         EXPECT_EQ(FreeBlocks(), freeBefore);
+        port.Reset();
         ExpectIdle("after the refused delete");
 
         handle = Hold(path, kReadWriteDelete);
@@ -290,36 +287,63 @@ TEST_F(FsdSettle, UnusedSpaceGoesBackWithTheLastHandleOfAnyPath) {
     EXPECT_EQ(FreeBlocks(), freeBefore);
 }
 
-TEST_F(FsdSettle, AReaderSettlesNothing) {
+TEST_F(FsdSettle, SpaceStaysReservedUntilItCanBeGivenBack) {
+    const ULONGLONG freeBefore = FreeBlocks();
     host::ScopedHandle writer = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
-    const host::ScopedHandle reader = Hold(u"\\RZV\\VolA\\Clips\\Take1");
+    host::ScopedHandle reader = Hold(u"\\RZV\\VolA\\Clips\\Take1");
     Reserve(Find({u"RZV", u"VolA", u"Clips", u"Take1"}), false);
+    const DualAllocation between = TakeSome();  // keeps what is given back from merging with free space
     const ULONGLONG reserved = FreeBlocks();
     writer.Reset();
+    reader.Reset();  // a reader settles nothing
     EXPECT_EQ(FreeBlocks(), reserved);
-}
 
-TEST_F(FsdSettle, SpaceThatTheRecordOnDiskMayNameStaysTaken) {
-    const ULONGLONG freeBefore = FreeBlocks();
-    host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
-    Reserve(Find({u"RZV", u"VolA", u"Clips", u"Take1"}), false);
+    writer = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
     board::Misbehaviour rule;
     rule.operation = board::Operation::kWrite;
     Board().Misbehave().Add(rule);
-    handle.Reset();
+    writer.Reset();  // the record on disk may still name it
     Board().Misbehave().Clear();
-    EXPECT_EQ(FreeBlocks(), freeBefore - 43);
+    EXPECT_EQ(FreeBlocks(), reserved);
     ExpectIdle("after the refused write");
+
+    writer = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
+    ArmNoMemory();
+    writer.Reset();
+    nt::DisarmFaults();
+    EXPECT_EQ(FreeBlocks(), reserved);
+
+    Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite).Reset();
+    GiveBack(between);
+    EXPECT_EQ(FreeBlocks(), freeBefore);
+    EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
+    ExpectPlainOnDisk();
 }
 
-TEST_F(FsdSettle, ADeletedFileIsReleasedOnce) {
-    const ULONGLONG freeBefore = FreeBlocks();
+TEST_F(FsdSettle, OnlyWhatTheFileHoldsGoesBack) {
     Make(u"\\RZV\\VolA\\Clips\\Take2");
-    host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Take2", kReadWriteDelete);
-    Reserve(Find({u"RZV", u"VolA", u"Clips", u"Take2"}), false);
-    EXPECT_EQ(SetDelete(handle, true), kOk);
+    const ULONGLONG freeBefore = FreeBlocks();
+    // Alpha that was settled goes with the video that was not: a file without frames keeps neither.
+    host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
+    FCB* fcb = Find({u"RZV", u"VolA", u"Clips", u"Take1"});
+    Reserve(fcb, false);
+    Reserve(fcb, true);
+    fcb->Common->FileEntry->Flags &= ~kFileAlphaReserved;
     handle.Reset();
     EXPECT_EQ(FreeBlocks(), freeBefore);
+
+    // Tables and alpha that a damaged plain file names are another file's.
+    host::ScopedHandle other = Hold(u"\\RZV\\VolA\\Clips\\Take2");
+    const ULONG otherLba = Find({u"RZV", u"VolA", u"Clips", u"Take2"})->Common->RecordLba;
+    handle = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
+    FileEntry* entry = Find({u"RZV", u"VolA", u"Clips", u"Take1"})->Common->FileEntry;
+    entry->VideoBodyTableLba = entry->AlphaDataStartLba = entry->AlphaBodyTableLba = otherLba;
+    entry->VideoBodyTableBlockCount = entry->AlphaDataBlockCount = entry->AlphaBodyTableBlockCount = kFileEntryBlocks;
+    entry->Flags = kFileVideoReserved | kFileAlphaReserved;
+    handle.Reset();
+    other.Reset();
+    EXPECT_EQ(FreeBlocks(), freeBefore);
+    ExpectPlainOnDisk();
 }
 
 }  // namespace

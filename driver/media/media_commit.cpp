@@ -349,8 +349,6 @@ NTSTATUS VrkFsRZVCommit(MediaFileObject* Object) {
     const NTSTATUS status = TryCommit(Object, &plan);
     if (!NT_SUCCESS(status)) {
         VrkFsRZVFreeFileObject(Object);
-        // The tables are read again for the next reader and may have changed meanwhile: cursors into the old ones end.
-        ++Object->FCB->Common->LayoutGeneration;
         return status;
     }
     Object->BodyTableBytes = plan.Header.TableBytes;
@@ -361,6 +359,7 @@ NTSTATUS VrkFsRZVCommit(MediaFileObject* Object) {
     Object->AlphaBytes = plan.Stream[VRKFS_STREAM_ALPHA].Length * kBlockSize;
     Object->Flags |= kMediaCommitted | (plan.Header.Interleaved ? kMediaInterleaved : 0);
     Object->Generation = ++Object->FCB->Common->LayoutGeneration;
+    ++Object->Snapshot;
     Object->RegionTable.Start[kRegionVideoChunk] = Object->HeaderSize;
     Object->RegionTable.Length[kRegionVideoChunk] = VRKFS_CHUNK_HEADER_SIZE;
     // What a reader sees until the writer's own chunk headers arrive.

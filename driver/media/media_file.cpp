@@ -20,7 +20,9 @@ bool IsHeaderBeingWritten(const MediaFileObject* Object) {
 }  // namespace
 
 VOID VrkFsRZVBindFileObject(MediaFileObject* Object, FCB* Fcb) {
+    const ULONG snapshot = Object->Snapshot;
     RtlZeroMemory(Object, sizeof(*Object));
+    Object->Snapshot = snapshot + 1;
     Object->FCB = Fcb;
     Object->CardInstance = VrkFsCardOfVcb(Fcb->Common->Vcb);
     Object->FileEntry = Fcb->Common->FileEntry;
@@ -82,7 +84,7 @@ StripeMap VrkFsRZVMapRegion(const MediaFileObject* Object, ULONG Region, StripeO
     map.Volume = VrkFsRZVVolume(Object);
     map.Order = Order;
     map.RegionIndex = Region;
-    map.Generation = Object->Generation;
+    map.Snapshot = Object->Snapshot;
     map.FieldCount = Object->Frames * VRKFS_FIELDS_PER_FRAME * (Order == StripeOrder::Interleaved ? kStripeStreams : 1);
     map.Table[VRKFS_STREAM_VIDEO] = Object->VideoBodyTable;
     map.StartLba[VRKFS_STREAM_VIDEO] = entry->DataStartLba;

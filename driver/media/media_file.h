@@ -63,6 +63,7 @@ struct MediaFileObject {
     ULONG Flags;           // kMedia...
     ULONG Frames;          // of the snapshot: the tables have 2 * Frames nodes
     ULONG Generation;      // FCBCommon.LayoutGeneration of the snapshot
+    ULONG Snapshot;        // counts them: cursors of an earlier one, of whatever layout, do not fit
     ULONGLONG VideoBytes;  // V
     ULONGLONG AlphaBytes;  // A, 0 without alpha
     PUCHAR OwnTables;  // paged pool: the tables that the data was placed by, once the image's own may change; or null

@@ -51,7 +51,7 @@ BOOLEAN NextField(const StripeMap* Map, MediaCursor* Walk, const Field& Current)
 }
 
 BOOLEAN IsUsable(const StripeMap* Map, const MediaCursor* Cursor, ULONGLONG Position) {
-    return Cursor->RegionIndex == Map->RegionIndex && Cursor->Generation == Map->Generation &&
+    return Cursor->RegionIndex == Map->RegionIndex && Cursor->Snapshot == Map->Snapshot &&
            Cursor->Order == Map->Order && Cursor->Position <= Position && Cursor->FieldIndex <= Map->FieldCount;
 }
 
@@ -62,7 +62,7 @@ VOID BeginWalk(const StripeMap* Map, const MediaCursor* Cursor, ULONGLONG Positi
     }
     RtlZeroMemory(Walk, sizeof(*Walk));
     Walk->RegionIndex = Map->RegionIndex;
-    Walk->Generation = Map->Generation;
+    Walk->Snapshot = Map->Snapshot;
     Walk->Order = Map->Order;
 }
 

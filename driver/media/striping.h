@@ -27,17 +27,17 @@ struct MediaCursor {
     ULONG RegionIndex;                              // kRegionVideoData or kRegionAlphaData
     ULONG Blocks[kStripeStreams][kStripeMaxDisks];  // before this field, on each disk of the volume
     ULONGLONG Position;                             // bytes from the start of the region to this field
-    ULONG Generation;                               // of the layout that the cursor was made for
+    ULONG Snapshot;                                 // of the media object that the cursor was made for
     StripeOrder Order;
 };
 
-// One region of one layout of a file, as a transfer needs it.
+// One region of one snapshot of a file, as a transfer needs it.
 struct StripeMap {
     HwContext* Hw;
     const HwVolume* Volume;
     StripeOrder Order;
     ULONG RegionIndex;
-    ULONG Generation;
+    ULONG Snapshot;
     ULONG FieldCount;                            // positions in the region's order
     const BodyTableNode* Table[kStripeStreams];  // null: no such stream
     ULONG StartLba[kStripeStreams];              // on every disk

@@ -286,6 +286,12 @@ TEST_F(MediaImage, TwoPathsToOneFileNeverUseAnOldLayout) {
     Bytes image = BuildImage(clips[1], true);
     ASSERT_TRUE(WriteAt(there, image, 0, image.size()).status.Ok());
     expect(here, clips[1]);
+    // A header that is refused on one path takes nothing from the writer on the other.
+    Bytes refused = BuildImage(clips[2], true);
+    refused[24] ^= std::byte{1};
+    EXPECT_EQ(WriteAt(here, refused, 0, HeaderBytes(clips[2])).status, host::status::kFileInvalid);
+    EXPECT_TRUE(WriteAt(there, image, image.size() / 2, image.size()).status.Ok());
+    expect(here, clips[1]);
     // And again through the first, whose object has served reads; the second path's writer is out of date then.
     image = BuildImage(clips[2], true);
     ASSERT_TRUE(WriteAt(here, image, 0, image.size()).status.Ok());

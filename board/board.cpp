@@ -14,6 +14,14 @@ struct BoardExtension {
     Board* board;
 };
 
+struct FlexBuffer {
+    std::byte bytes[VRK_FLEX_BUFFER_SIZE];
+};
+
+PFILE_OBJECT FileOf(PIRP irp) {
+    return IoGetCurrentIrpStackLocation(irp)->FileObject;
+}
+
 ULONG ControlCodeOf(PIRP irp) {
     return IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode;
 }
@@ -71,20 +79,22 @@ std::unique_ptr<Board> Board::Plug(PDRIVER_OBJECT driver, std::uint32_t cardInde
 Board::~Board() {
     if (lateThread_.joinable()) {
         {
-            const std::lock_guard hold(pendingLock_);
+            const std::lock_guard hold(lock_);
             stopLate_ = true;
         }
-        pendingChanged_.notify_all();
+        changed_.notify_all();
         lateThread_.join();
     }
     ReleaseHeld();
-    std::list<PIRP> waiters;
     {
-        const std::lock_guard hold(pathLock_);
-        waiters.swap(pathWaiters_);
-    }
-    for (PIRP irp : waiters) {
-        (void)Complete(irp, STATUS_CANCELLED, 0);
+        std::unique_lock hold(lock_);
+        while (const PIRP irp = Take(pathWaiters_)) {
+            hold.unlock();
+            (void)Complete(irp, STATUS_CANCELLED, 0);
+            hold.lock();
+        }
+        // What is left belongs to cancel routines on their way here.
+        changed_.wait(hold, [this] { return pathWaiters_.empty() && held_.empty() && late_.empty(); });
     }
     if (device_ != nullptr) {
         IoDeleteDevice(device_);
@@ -129,25 +139,19 @@ void Board::ResetCounters() {
     blocksWritten_ = 0;
 }
 
-void Board::CountRequest(const RequestKind& request) {
-    requests_[static_cast<std::size_t>(request.operation)].fetch_add(1, std::memory_order_relaxed);
-    if (request.operation == Operation::kRead) {
-        blocksRead_.fetch_add(request.count, std::memory_order_relaxed);
-    } else if (request.operation == Operation::kWrite) {
-        blocksWritten_.fetch_add(request.count, std::memory_order_relaxed);
-    }
-}
-
 // ---- Requests ----------------------------------------------------------------------------------------------------
 
 NTSTATUS Board::Dispatch(PDEVICE_OBJECT device, PIRP irp) {
+    Board* const board = static_cast<BoardExtension*>(device->DeviceExtension)->board;
     switch (IoGetCurrentIrpStackLocation(irp)->MajorFunction) {
-        case IRP_MJ_CREATE:
         case IRP_MJ_CLEANUP:
+            board->CleanUp(FileOf(irp));
+            return Complete(irp, STATUS_SUCCESS, 0);
+        case IRP_MJ_CREATE:
         case IRP_MJ_CLOSE:
             return Complete(irp, STATUS_SUCCESS, 0);
         case IRP_MJ_DEVICE_CONTROL:
-            return static_cast<BoardExtension*>(device->DeviceExtension)->board->DeviceControl(irp);
+            return board->DeviceControl(irp);
         default:
             return Complete(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
     }
@@ -158,7 +162,10 @@ RequestKind Board::Classify(PIRP irp, NTSTATUS& refusal) const {
     refusal = STATUS_SUCCESS;
     switch (ControlCodeOf(irp)) {
         case IOCTL_VRK_INIT_FLEX:
-            return {Operation::kInitFlex};
+            if (BufferOf<FlexBuffer>(irp) != nullptr) {
+                return {Operation::kInitFlex};
+            }
+            break;
         case IOCTL_VRK_INIT_BOARD:
             return {Operation::kInitBoard};
         case IOCTL_VRK_SCSI_ACQUIRE:
@@ -197,43 +204,54 @@ NTSTATUS Board::DeviceControl(PIRP irp) {
     if (!NT_SUCCESS(refusal)) {
         return Complete(irp, refusal, 0);
     }
-    CountRequest(request);
+    requests_[static_cast<std::size_t>(request.operation)].fetch_add(1, std::memory_order_relaxed);
     if (const auto rule = rules_.Match(request)) {
         return Misbehaved(irp, request, *rule);
     }
-    if (request.operation == Operation::kAcquire) {
-        return Acquire(irp);
-    }
-    const Outcome outcome = Perform(irp, request, nullptr);
-    return Complete(irp, outcome.status, outcome.information);
+    return Answer(irp, request, nullptr);
 }
 
 NTSTATUS Board::Misbehaved(PIRP irp, const RequestKind& request, const Misbehaviour& rule) {
     switch (rule.what) {
         case Wrong::kFail:
-            return Complete(irp, rule.status, 0);
+            return Refuse(irp, request, rule.status);
         case Wrong::kLate:
-            return KeepPending(irp, true);
         case Wrong::kHold:
-            return KeepPending(irp, false);
+        case Wrong::kHoldDeaf:
+            return KeepPending(irp, rule.what);
         case Wrong::kFlipBits:
         case Wrong::kTear:
         case Wrong::kTearFail:
             break;
     }
-    const Outcome outcome = Perform(irp, request, &rule);
+    return Answer(irp, request, &rule);
+}
+
+// Carries the request out and completes it, unless it has to wait for the path.
+NTSTATUS Board::Answer(PIRP irp, const RequestKind& request, const Misbehaviour* rule) {
+    if (powerCut_.load(std::memory_order_relaxed) && afterCut_ == AfterPowerLoss::kError) {
+        return Refuse(irp, request, STATUS_NO_SUCH_DEVICE);
+    }
+    if (request.operation == Operation::kAcquire) {
+        return Acquire(irp);
+    }
+    const Outcome outcome = Perform(irp, request, rule);
     return Complete(irp, outcome.status, outcome.information);
 }
 
-Board::Outcome Board::Perform(PIRP irp, const RequestKind& request, const Misbehaviour* rule) {
-    if (powerCut_.load(std::memory_order_relaxed) && afterCut_ == AfterPowerLoss::kError) {
-        return {STATUS_NO_SUCH_DEVICE, 0};
+// A board that fails a release has let the path go all the same: nobody could give it back any more.
+NTSTATUS Board::Refuse(PIRP irp, const RequestKind& request, NTSTATUS status) {
+    if (request.operation == Operation::kRelease) {
+        (void)Release(FileOf(irp));
     }
+    return Complete(irp, status, 0);
+}
+
+Board::Outcome Board::Perform(PIRP irp, const RequestKind& request, const Misbehaviour* rule) {
     switch (request.operation) {
         case Operation::kInitFlex:
-            return {STATUS_SUCCESS, IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.OutputBufferLength};
+            return {STATUS_SUCCESS, sizeof(FlexBuffer)};
         case Operation::kInitBoard:
-        case Operation::kAcquire:  // only when misbehaving: a claim that was not queued claims nothing
             return {STATUS_SUCCESS, 0};
         case Operation::kScan:
             return {STATUS_SUCCESS, sizeof(VrkScsiRequest)};
@@ -243,7 +261,9 @@ Board::Outcome Board::Perform(PIRP irp, const RequestKind& request, const Misbeh
         case Operation::kWrite:
             return Move(irp, request, rule);
         case Operation::kRelease:
-            return {Release(), 0};
+            return {Release(FileOf(irp)), 0};
+        case Operation::kAcquire:  // may have to wait: not answered here
+            break;
     }
     return {STATUS_INVALID_DEVICE_REQUEST, 0};
 }
@@ -269,7 +289,7 @@ Board::Outcome Board::Move(PIRP irp, const RequestKind& request, const Misbehavi
     if (disk == nullptr) {
         return {STATUS_NO_SUCH_DEVICE, 0};
     }
-    // Only the kernel may name an address; a program that opened the card has its own way to pass a buffer.
+    // Only the kernel may name an address.
     const bool hostBuffer = command->CardMemory == VRK_TRANSFER_HOST;
     std::unique_lock<std::mutex> card(cardMemoryLock_, std::defer_lock);
     std::byte* buffer = nullptr;
@@ -279,7 +299,7 @@ Board::Outcome Board::Move(PIRP irp, const RequestKind& request, const Misbehavi
             return {STATUS_INVALID_PARAMETER, 0};
         }
         buffer = static_cast<std::byte*>(NtTokenResolve(command->HostBuffer));
-    } else if (request.count <= kCardMemoryBlocks) {
+    } else if (command->CardMemory == VRK_TRANSFER_CARD_MEMORY && request.count <= kCardMemoryBlocks) {
         card.lock();
         buffer = cardMemory_.data();
     }
@@ -289,7 +309,12 @@ Board::Outcome Board::Move(PIRP irp, const RequestKind& request, const Misbehavi
     const NTSTATUS status = request.operation == Operation::kRead
                                 ? ReadBlocks(*disk, request, buffer, rule != nullptr && rule->what == Wrong::kFlipBits)
                                 : WriteBlocks(*disk, request, buffer, rule);
-    return {status, NT_SUCCESS(status) ? sizeof(VrkScsiRequest) : 0};
+    if (!NT_SUCCESS(status)) {
+        return {status, 0};
+    }
+    auto& moved = request.operation == Operation::kRead ? blocksRead_ : blocksWritten_;
+    moved.fetch_add(request.count, std::memory_order_relaxed);
+    return {status, sizeof(VrkScsiRequest)};
 }
 
 NTSTATUS Board::ReadBlocks(Disk& disk, const RequestKind& request, std::byte* buffer, bool flip) {
@@ -345,34 +370,40 @@ std::uint32_t Board::BlocksThatLand(std::uint32_t count, bool& refused) {
         return count;
     }
     powerCut_ = true;
-    return left == 0 ? std::min(count, blocksOfLastWrite_) : 0;
+    if (left == 0) {
+        return std::min(count, blocksOfLastWrite_);
+    }
+    refused = afterCut_ == AfterPowerLoss::kError;
+    return 0;
 }
 
 // ---- The SCSI path -----------------------------------------------------------------------------------------------
 
 NTSTATUS Board::Acquire(PIRP irp) {
-    {
-        const std::lock_guard hold(pathLock_);
-        if (pathClaimed_) {
-            IoMarkIrpPending(irp);
-            pathWaiters_.push_back(irp);
-            return STATUS_PENDING;
-        }
+    std::unique_lock hold(lock_);
+    if (!pathClaimed_) {
         pathClaimed_ = true;
+        pathOwner_ = FileOf(irp);
+        hold.unlock();
+        return Complete(irp, STATUS_SUCCESS, 0);
     }
-    return Complete(irp, STATUS_SUCCESS, 0);
+    const bool kept = Keep(pathWaiters_, irp, false);
+    hold.unlock();
+    if (!kept) {
+        (void)Complete(irp, STATUS_CANCELLED, 0);
+    }
+    return STATUS_PENDING;
 }
 
-NTSTATUS Board::Release() {
+// Only who claimed the path can give it back: a program that opened the card must not end the driver's claim.
+NTSTATUS Board::Release(PFILE_OBJECT claimant) {
     PIRP next = nullptr;
     {
-        const std::lock_guard hold(pathLock_);
-        if (pathWaiters_.empty()) {
-            pathClaimed_ = false;
-        } else {
-            next = pathWaiters_.front();
-            pathWaiters_.pop_front();
+        const std::lock_guard hold(lock_);
+        if (!pathClaimed_ || pathOwner_ != claimant) {
+            return STATUS_INVALID_DEVICE_REQUEST;
         }
+        next = PassPath();
     }
     if (next != nullptr) {
         (void)Complete(next, STATUS_SUCCESS, 0);
@@ -380,54 +411,133 @@ NTSTATUS Board::Release() {
     return STATUS_SUCCESS;
 }
 
-// ---- Requests that are answered later ----------------------------------------------------------------------------
+// Gives the path to whoever has waited longest, and returns that request for completion, or frees it. Under the lock.
+PIRP Board::PassPath() {
+    const PIRP next = Take(pathWaiters_);
+    pathClaimed_ = next != nullptr;
+    pathOwner_ = next != nullptr ? FileOf(next) : nullptr;
+    return next;
+}
 
-NTSTATUS Board::KeepPending(PIRP irp, bool late) {
-    IoMarkIrpPending(irp);
+// The last handle of an open of the card has gone. What it still asked for is cancelled, and its claim of the path
+// ends, so that a program that died does not keep everybody else from the path.
+void Board::CleanUp(PFILE_OBJECT file) {
+    std::list<PIRP> cancelled;
+    PIRP next = nullptr;
     {
-        const std::lock_guard hold(pendingLock_);
-        (late ? late_ : held_).push_back(irp);
+        const std::lock_guard hold(lock_);
+        for (KeptList* list : {&pathWaiters_, &held_, &late_}) {
+            while (const PIRP irp = Take(*list, file)) {
+                cancelled.push_back(irp);
+            }
+        }
+        if (pathClaimed_ && pathOwner_ == file) {
+            next = PassPath();
+        }
     }
-    pendingChanged_.notify_all();
+    for (const PIRP irp : cancelled) {
+        (void)Complete(irp, STATUS_CANCELLED, 0);
+    }
+    if (next != nullptr) {
+        (void)Complete(next, STATUS_SUCCESS, 0);
+    }
+}
+
+// ---- Requests that are answered later ----------------------------------------------------------------------------
+// Who takes a kept request's cancel routine out owns its completion. A request whose cancel has begun stays in its list
+// until its cancel routine removes it there, so that an empty list means that no cancel routine is on its way.
+
+// Puts the request into the list. False: it has been cancelled already, and is the caller's to complete. Either way it
+// is pending now. Under the lock.
+bool Board::Keep(KeptList& list, PIRP irp, bool deaf) {
+    IoMarkIrpPending(irp);
+    list.push_back({irp, deaf});
+    if (deaf) {
+        return true;
+    }
+    KIRQL irql = PASSIVE_LEVEL;
+    IoAcquireCancelSpinLock(&irql);
+    const bool cancelled = irp->Cancel != FALSE;
+    if (!cancelled) {
+        IoSetCancelRoutine(irp, &Board::CancelKept);
+    }
+    IoReleaseCancelSpinLock(irql);
+    if (cancelled) {
+        list.pop_back();
+    }
+    return !cancelled;
+}
+
+// Takes the oldest request for its completion; with `ofFile` only what a cleanup of that open ends. Null when there is
+// none that is not being cancelled. Under the lock.
+PIRP Board::Take(KeptList& list, PFILE_OBJECT ofFile) {
+    for (auto kept = list.begin(); kept != list.end(); ++kept) {
+        const PIRP irp = kept->irp;
+        if (ofFile != nullptr && (FileOf(irp) != ofFile || kept->deaf)) {
+            continue;
+        }
+        if (kept->deaf || IoSetCancelRoutine(irp, nullptr) != nullptr) {
+            list.erase(kept);
+            return irp;
+        }
+    }
+    return nullptr;
+}
+
+void NTAPI Board::CancelKept(PDEVICE_OBJECT device, PIRP irp) {
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    Board* const board = static_cast<BoardExtension*>(device->DeviceExtension)->board;
+    {
+        const std::lock_guard hold(board->lock_);
+        for (KeptList* list : {&board->pathWaiters_, &board->held_, &board->late_}) {
+            list->remove_if([irp](const Kept& kept) { return kept.irp == irp; });
+        }
+        board->changed_.notify_all();
+    }
+    (void)Complete(irp, STATUS_CANCELLED, 0);
+}
+
+NTSTATUS Board::KeepPending(PIRP irp, Wrong how) {
+    std::unique_lock hold(lock_);
+    const bool kept = Keep(how == Wrong::kLate ? late_ : held_, irp, how == Wrong::kHoldDeaf);
+    changed_.notify_all();
+    hold.unlock();
+    if (!kept) {
+        (void)Complete(irp, STATUS_CANCELLED, 0);
+    }
     return STATUS_PENDING;
 }
 
 void Board::FinishPending(PIRP irp) {
     NTSTATUS refusal = STATUS_SUCCESS;
-    const RequestKind request = Classify(irp, refusal);
-    const Outcome outcome = Perform(irp, request, nullptr);
-    (void)Complete(irp, outcome.status, outcome.information);
+    (void)Answer(irp, Classify(irp, refusal), nullptr);
 }
 
 void Board::ReleaseHeld() {
-    std::list<PIRP> held;
-    {
-        const std::lock_guard hold(pendingLock_);
-        held.swap(held_);
-    }
-    for (PIRP irp : held) {
+    std::unique_lock hold(lock_);
+    while (const PIRP irp = Take(held_)) {
+        hold.unlock();
         FinishPending(irp);
+        hold.lock();
     }
 }
 
 std::size_t Board::HeldCount() {
-    const std::lock_guard hold(pendingLock_);
+    const std::lock_guard hold(lock_);
     return held_.size();
 }
 
 void Board::RunLate() {
-    std::unique_lock hold(pendingLock_);
+    std::unique_lock hold(lock_);
     while (true) {
-        pendingChanged_.wait(hold, [this] { return stopLate_ || !late_.empty(); });
-        while (!late_.empty()) {
-            const PIRP irp = late_.front();
-            late_.pop_front();
+        if (const PIRP irp = Take(late_)) {
             hold.unlock();
             FinishPending(irp);
             hold.lock();
-        }
-        if (stopLate_) {
+        } else if (stopLate_) {
             return;
+        } else {
+            changed_.wait(hold);
         }
     }
 }

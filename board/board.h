@@ -1,6 +1,7 @@
 // The main board in software: a driver of its own in the kernel stand-in, device \Device\Vrk<digit>, which answers the
 // six requests of <vrkfs/board.h> and nothing more. Behind it a SCSI bus of up to 16 disks and a card memory of one
-// chunk (256 blocks) for block moves. Requests of several threads run side by side, each in its caller's thread.
+// chunk (256 blocks) for block moves. Requests of several threads run side by side, each in its caller's thread. Those
+// that have to wait, for the SCSI path or because a rule says so, can be cancelled.
 #pragma once
 
 #include <array>
@@ -23,7 +24,7 @@ namespace board {
 constexpr std::uint32_t kMaxDisks = 16;
 constexpr std::uint32_t kCardMemoryBlocks = 256;
 
-// How many requests of each kind arrived, and how many blocks they moved.
+// How many requests of each kind arrived, and how many blocks those that succeeded moved.
 struct Counters {
     std::array<std::uint64_t, kOperationCount> requests{};
     std::uint64_t blocksRead = 0;
@@ -53,11 +54,11 @@ class Board {
     Disk* DiskAt(std::uint32_t scsiId);  // null: nothing at this ID
     [[nodiscard]] bool SyncAll();
 
-    // Any device state and last LBA for an ID, whatever is attached there (0xFF is "a disk that may be used").
+    // Any device state but 0 for an ID, whatever is attached there (0xFF is "a disk that may be used").
     void OverrideDeviceState(std::uint32_t scsiId, std::uint32_t state);
 
     Rules& Misbehave() { return rules_; }
-    // Completes what rules with kHold kept waiting.
+    // Carries out and completes what rules with kHold and kHoldDeaf kept waiting.
     void ReleaseHeld();
     std::size_t HeldCount();
 
@@ -78,11 +79,20 @@ class Board {
         ULONG_PTR information;
     };
 
+    // Requests that wait inside the board, oldest first. A cancel takes one out, unless it was kept deaf.
+    struct Kept {
+        PIRP irp;
+        bool deaf;
+    };
+    using KeptList = std::list<Kept>;
+
     Board() = default;
 
     NTSTATUS DeviceControl(PIRP irp);
     RequestKind Classify(PIRP irp, NTSTATUS& refusal) const;
     NTSTATUS Misbehaved(PIRP irp, const RequestKind& request, const Misbehaviour& rule);
+    NTSTATUS Answer(PIRP irp, const RequestKind& request, const Misbehaviour* rule);
+    NTSTATUS Refuse(PIRP irp, const RequestKind& request, NTSTATUS status);
     Outcome Perform(PIRP irp, const RequestKind& request, const Misbehaviour* rule);
     Outcome Query(PIRP irp, std::uint32_t scsiId);
     Outcome Move(PIRP irp, const RequestKind& request, const Misbehaviour* rule);
@@ -90,27 +100,31 @@ class Board {
     NTSTATUS WriteBlocks(Disk& disk, const RequestKind& request, std::byte* buffer, const Misbehaviour* rule);
     std::uint32_t BlocksThatLand(std::uint32_t count, bool& refused);
     NTSTATUS Acquire(PIRP irp);
-    NTSTATUS Release();
-    NTSTATUS KeepPending(PIRP irp, bool late);
+    NTSTATUS Release(PFILE_OBJECT claimant);
+    PIRP PassPath();
+    void CleanUp(PFILE_OBJECT file);
+    NTSTATUS KeepPending(PIRP irp, Wrong how);
     void FinishPending(PIRP irp);
+    static bool Keep(KeptList& list, PIRP irp, bool deaf);
+    static PIRP Take(KeptList& list, PFILE_OBJECT ofFile = nullptr);
+    static void NTAPI CancelKept(PDEVICE_OBJECT device, PIRP irp);
     void RunLate();
-    void CountRequest(const RequestKind& request);
 
     PDEVICE_OBJECT device_ = nullptr;
     std::array<std::unique_ptr<Disk>, kMaxDisks> disks_;
     std::array<std::uint32_t, kMaxDisks> stateOverride_{};  // 0: as attached
     Rules rules_;
 
-    std::mutex pathLock_;  // guards the two below: the claim of the SCSI path
-    bool pathClaimed_ = false;
-    std::list<PIRP> pathWaiters_;
     std::mutex cardMemoryLock_;
     std::vector<std::byte> cardMemory_;
 
-    std::mutex pendingLock_;  // guards the lists and the late thread's stop flag
-    std::condition_variable pendingChanged_;
-    std::list<PIRP> held_;
-    std::list<PIRP> late_;
+    std::mutex lock_;                  // guards what follows up to the late thread; the cancel lock comes after it
+    std::condition_variable changed_;  // a list or stopLate_
+    bool pathClaimed_ = false;
+    PFILE_OBJECT pathOwner_ = nullptr;  // the open of the card that claimed the path; null: the driver above
+    KeptList pathWaiters_;
+    KeptList held_;
+    KeptList late_;
     bool stopLate_ = false;
     std::thread lateThread_;
 

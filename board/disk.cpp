@@ -114,8 +114,11 @@ bool Disk::Write(std::uint32_t lba, std::uint32_t count, const void* buffer) {
 
 bool Disk::Sync() {
     const std::lock_guard hold(undoLock_);
+    if (::fdatasync(fd_) != 0) {
+        return false;  // what was written may still be lost
+    }
     unsynced_.clear();
-    return ::fdatasync(fd_) == 0;
+    return true;
 }
 
 void Disk::KeepUndo(bool keep) {

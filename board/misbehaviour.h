@@ -19,6 +19,7 @@ enum class Wrong : std::uint8_t {
     kFail,      // complete with `status`, nothing moved
     kLate,      // return STATUS_PENDING; the board's own thread completes it properly soon after
     kHold,      // return STATUS_PENDING; complete properly when ReleaseHeld() is called or the board is unplugged
+    kHoldDeaf,  // likewise, and a cancel changes nothing: as a board whose firmware hangs
     kFlipBits,  // succeed, but flip one bit in every block read or written
     kTear,      // a write: only the first `blocks` blocks reach the disk, yet it reports success
     kTearFail,  // likewise, and it reports `status`

@@ -9,7 +9,8 @@
 // the sender's stack, because the sender stays until the board has answered. With a time-out the sender may leave
 // first, so everything that the board's completion touches is in an HwRequest. And when the system has no memory to
 // build a request, the card's spare HwRequest carries it, so that what must not fail (releases, cleanups) still reaches
-// the disk.
+// the disk. Only a claim of the SCSI path never travels that way: it may wait for another thread to give the path back,
+// and that thread may need the spare request for it.
 
 namespace {
 
@@ -90,7 +91,7 @@ NTSTATUS SendBounded(HwContext* Hw, ULONG ControlCode, const VOID* InBuffer, ULO
 
 NTSTATUS SendSpare(HwContext* Hw, ULONG ControlCode, const VOID* InBuffer, ULONG InLength, PVOID OutBuffer,
                    ULONG OutLength) {
-    if ((Hw->Flags & kHwSpareRequest) == 0) {
+    if ((Hw->Flags & kHwSpareRequest) == 0 || ControlCode == IOCTL_VRK_SCSI_ACQUIRE) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     HwRequest* request = Hw->SpareRequest;

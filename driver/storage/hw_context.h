@@ -87,7 +87,8 @@ VOID VrkFsHwFreeVRKDeviceObject(HwContext* Hw);
 // STATUS_TIMEOUT: the time-out passed; the board has been asked to cancel the request, and may still complete it at any
 // later time without harm: none of the caller's memory is involved any more.
 // STATUS_INSUFFICIENT_RESOURCES: the request could not be made. A request without time-out whose buffers hold at most
-// one ScsiRequest never fails so once the board is open: the card keeps a spare request for it.
+// one ScsiRequest never fails so once the board is open, unless it claims the SCSI path: the card keeps a spare request
+// for it.
 [[nodiscard]] NTSTATUS VrkFsHwDevIOCTL(HwContext* Hw, ULONG ControlCode, PVOID InBuffer, ULONG InLength,
                                        PVOID OutBuffer, ULONG OutLength, const LARGE_INTEGER* Timeout);
 

@@ -156,6 +156,7 @@ bool IsWrittenRight(HwContext* Hw, const RecordPlace& Place, const VOID* Buffer,
         Back->Lock.Acquire(&Hw->VerifyLock);
         Back->Bytes = Hw->VerifyBuffer;
     }
+    RtlZeroMemory(Back->Bytes, kDumpBytes);  // a read that fails leaves nothing of somebody else's to be logged
     const NTSTATUS status =
         VrkFsHwSCSIRead(Hw, Place.ScsiId, Place.Lba, Place.BlockCount, Back->Bytes, Place.CardMemoryFlag);
     return status == STATUS_SUCCESS && RtlEqualMemory(Back->Bytes, Buffer, Place.Bytes());

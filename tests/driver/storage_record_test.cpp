@@ -1,6 +1,7 @@
 #include <cstring>
 #include <numeric>
 
+#include "core/strings.h"
 #include "tests/driver/core_rig.h"
 #include "volume/records.h"
 
@@ -57,9 +58,6 @@ class Storage : public DriverRig {
     template <typename Record>
     static std::u16string NameOf(const Record& record) {
         return std::u16string(record.Name, VrkFsRtlBoundedLength(record.Name, kRecordNameChars));
-    }
-    static ULONG VrkFsRtlBoundedLength(const WCHAR* text, ULONG most) {
-        return static_cast<ULONG>(std::find(text, text + most, u'\0') - text);
     }
 };
 
@@ -256,14 +254,17 @@ TEST_F(Storage, TransfersGetThroughWithoutMemoryForARequest) {
         plan.forEver = true;
         plan.kinds = nt::kAllFaults;
         NTSTATUS status = STATUS_UNSUCCESSFUL;
+        NTSTATUS claim = STATUS_SUCCESS;
         std::uint64_t fired = 0;
         RunInDriver([&] {
             nt::ArmFaults(plan);
             status = VrkFsHwSCSIWrite(Hw(), kId, 5000, 1, data.data(), 0);
             fired = nt::FaultsFired();
+            claim = VrkFsHwAcquireSCSI(Hw());
             nt::DisarmFaults();
         });
         EXPECT_EQ(status, STATUS_SUCCESS);
+        EXPECT_EQ(claim, STATUS_INSUFFICIENT_RESOURCES) << "who waits for the path must not keep the spare request";
         EXPECT_EQ(fired, 1u);
         UCHAR read[512] = {};
         EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 5000, 1, read, 0), STATUS_SUCCESS);

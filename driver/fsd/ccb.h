@@ -14,7 +14,7 @@ inline constexpr ULONG kCcbType = 1;
 // CCB::Flags
 inline constexpr ULONG kCcbMatchAll = 0x10;   // the search pattern matches every name
 inline constexpr ULONG kCcbComPort = 0x20;    // ComPort is attached
-inline constexpr ULONG kCcbCleanedUp = 0x40;  // the handle is gone: nothing would end a watch that began now
+inline constexpr ULONG kCcbCleanedUp = 0x40;  // no handle any more: nothing would settle a write or end a watch now
 
 // Paged, from GlobalData's list; made by create, freed by close. The search state is guarded by the resource of the
 // folder's FCBCommon, the cursor by that of the file's.

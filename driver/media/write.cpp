@@ -63,6 +63,11 @@ NTSTATUS PerformWrite(IRPContext* Context, DataRequest* Request) {
     if (!NT_SUCCESS(status) || Request->Length == 0) {
         return status;
     }
+    // A posted request may come after the handle's cleanup, which has settled the file: what is written now would never
+    // get into its record.
+    if ((Request->Ccb->Flags & kCcbCleanedUp) != 0) {
+        return STATUS_FILE_CLOSED;
+    }
     status = PrepareMediaObject(Request);
     if (!NT_SUCCESS(status)) {
         return status;

@@ -34,10 +34,16 @@ class CraftedOpen {
         open_ = NT_SUCCESS(status);
         return status;
     }
+    void Cleanup() {
+        if (!cleanedUp_) {
+            cleanedUp_ = true;
+            EXPECT_EQ(Send(IRP_MJ_CLEANUP, [](PIO_STACK_LOCATION) {}), STATUS_SUCCESS);
+        }
+    }
     void Close() {
         if (open_) {
+            Cleanup();
             open_ = false;
-            EXPECT_EQ(Send(IRP_MJ_CLEANUP, [](PIO_STACK_LOCATION) {}), STATUS_SUCCESS);
             EXPECT_EQ(Send(IRP_MJ_CLOSE, [](PIO_STACK_LOCATION) {}), STATUS_SUCCESS);
         }
     }
@@ -54,6 +60,7 @@ class CraftedOpen {
         stack->MajorFunction = major;
         stack->FileObject = &file_;
         fill(stack);
+        irp->UserBuffer = (stack->MinorFunction & IRP_MN_MDL) != 0 ? nullptr : buffer_;
         IoSetCompletionRoutine(irp, Keep, nullptr, TRUE, TRUE, TRUE);
         static_cast<void>(IofCallDriver(file_.DeviceObject, irp));
         const NTSTATUS status = irp->IoStatus.Status;
@@ -68,8 +75,10 @@ class CraftedOpen {
 
     std::u16string name_;
     FILE_OBJECT file_{};
+    std::byte buffer_[512]{};
     ULONG_PTR information_ = 0;
     bool open_ = false;
+    bool cleanedUp_ = false;
 };
 
 class FsdRequest : public FsdTest {
@@ -118,6 +127,17 @@ TEST_F(FsdRequest, MountsAndTransfersByDescriptorListAreNotServed) {
         });
         EXPECT_EQ(status, test.status);
     }
+}
+
+TEST_F(FsdRequest, AWriteThatComesAfterItsHandlesCleanupIsRefused) {
+    CraftedOpen open(Disk(), u"\\RZV\\VolA\\Clips\\Take1");
+    ASSERT_EQ(open.Create(), STATUS_SUCCESS);
+    const auto write = [&](ULONG length) {
+        return open.Send(IRP_MJ_WRITE, [&](PIO_STACK_LOCATION stack) { stack->Parameters.Write.Length = length; });
+    };
+    open.Cleanup();
+    EXPECT_EQ(write(0), STATUS_SUCCESS);
+    EXPECT_EQ(write(16), STATUS_FILE_CLOSED);
 }
 
 TEST_F(FsdRequest, ABufferThatCannotBeUsedIsRefusedBeforeTheTransfer) {

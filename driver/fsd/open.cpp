@@ -113,6 +113,9 @@ NTSTATUS LoadFile(const OpenRequest* Open, FCB* Fcb, ULONG Slot) {
     }
     BOOLEAN substituted = FALSE;
     const NTSTATUS status = VrkFsHwReadFileEntry(&Open->Card->Hw, Fcb->Parent, Slot, image, &substituted);
+    if (NT_SUCCESS(status) && VrkFsHwIsSubstituteFile(image)) {
+        substituted = TRUE;  // whether or not it was read: nothing would ever write an image that looks like a stand-in
+    }
     const bool better = !substituted && IsRecordOf(common, image->Name);
     if (!NT_SUCCESS(status) || (common->FileEntry != nullptr && !better)) {
         VrkFsFreePool(image);

@@ -106,8 +106,7 @@ bool CanGiveBack(FCBCommon* Common) {
 
 NTSTATUS VrkFsSettleFile(FCB* Fcb, BOOLEAN OpenedAsFile) {
     FCBCommon* common = Fcb->Common;
-    if (!VrkFsFCBIsFile(Fcb) || (common->Flags & (kFcbCommonDeleted | kFcbCommonSubstitute)) != 0 ||
-        VrkFsHwIsSubstituteFile(common->FileEntry)) {
+    if (!VrkFsFCBIsFile(Fcb) || (common->Flags & (kFcbCommonDeleted | kFcbCommonSubstitute)) != 0) {
         return STATUS_SUCCESS;
     }
     if (CanGiveBack(common)) {

@@ -107,21 +107,24 @@ BOOLEAN ReadBackup(HANDLE File, BackupDetails* Details) {
 }
 
 // Whole blocks of the backup, zeroes after its end. A table that is all in the backup is written from there.
-NTSTATUS WriteBackup(HwContext* Hw, const HwVolume* Volume, const BackupDetails* Backup, ULONG Lba, ULONG Blocks) {
-    if (Blocks <= Backup->DataLength / kBlockSize) {
-        return VrkFsHwSCSIWriteEx(Hw, Volume->Devices[0], Lba, Blocks, Backup->Data, 0, kHwRecordBodyTable);
+NTSTATUS WriteBackup(HwContext* Hw, const HwVolume* Volume, const BackupDetails* Backup) {
+    const ULONG id = Volume->Devices[0];
+    const ULONG lba = Backup->TableLba;
+    const ULONG blocks = Backup->TableBlocks;
+    if (blocks <= Backup->DataLength / kBlockSize) {
+        return VrkFsHwSCSIWriteEx(Hw, id, lba, blocks, Backup->Data, 0, kHwRecordBodyTable);
     }
-    if (Blocks > kMaxTransferBlocks) {
+    if (blocks > kMaxTransferBlocks) {
         return STATUS_INVALID_PARAMETER;
     }
-    const SIZE_T bytes = static_cast<SIZE_T>(Blocks) * kBlockSize;
+    const SIZE_T bytes = static_cast<SIZE_T>(blocks) * kBlockSize;
     PUCHAR const padded = static_cast<PUCHAR>(VrkFsAllocatePool(PagedPool, bytes));
     if (padded == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     RtlCopyMemory(padded, Backup->Data, Backup->DataLength);
     RtlZeroMemory(padded + Backup->DataLength, bytes - Backup->DataLength);
-    const NTSTATUS status = VrkFsHwSCSIWriteEx(Hw, Volume->Devices[0], Lba, Blocks, padded, 0, kHwRecordBodyTable);
+    const NTSTATUS status = VrkFsHwSCSIWriteEx(Hw, id, lba, blocks, padded, 0, kHwRecordBodyTable);
     VrkFsFreePool(padded);
     return status;
 }
@@ -152,16 +155,20 @@ VOID VrkFsHwFreeBackupDetails(BackupDetails* Details) {
     Details->Data = nullptr;
 }
 
-VOID VrkFsHwRecoverBodyTable(HwContext* Hw, HwVolume* Volume, const BackupDetails* Backup, const FileEntry* Entry) {
+VOID VrkFsHwMatchBackup(BackupDetails* Backup, const FileEntry* Entry) {
     const bool isAlpha = Backup->Stream != 0;
-    if (!IsBackupOf(Backup, Entry) || (isAlpha && (Entry->Flags & kFileHasAlpha) == 0)) {
+    if (Backup->TableBlocks != 0 || !IsBackupOf(Backup, Entry) || (isAlpha && (Entry->Flags & kFileHasAlpha) == 0)) {
         return;
     }
-    const ULONG lba = isAlpha ? Entry->AlphaBodyTableLba : Entry->VideoBodyTableLba;
-    const ULONG blocks = isAlpha ? Entry->AlphaBodyTableBlockCount : Entry->VideoBodyTableBlockCount;
-    if (lba == 0 || blocks == 0 || !NT_SUCCESS(WriteBackup(Hw, Volume, Backup, lba, blocks))) {
+    Backup->TableLba = isAlpha ? Entry->AlphaBodyTableLba : Entry->VideoBodyTableLba;
+    Backup->TableBlocks = isAlpha ? Entry->AlphaBodyTableBlockCount : Entry->VideoBodyTableBlockCount;
+}
+
+VOID VrkFsHwRecoverBodyTable(HwContext* Hw, HwVolume* Volume, const BackupDetails* Backup) {
+    if (!VrkFsVolAllocIsOwnedSpace(&Volume->Allocator, Backup->TableLba, Backup->TableBlocks) ||
+        !NT_SUCCESS(WriteBackup(Hw, Volume, Backup))) {
         return;
     }
-    VrkFsGlobLogEvent(pVrkFsGlobalData->DriverObject, kVrkFsEventBodyTableRecovered, 0, Entry->Name, kDumpedNameBytes,
-                      nullptr);
+    VrkFsGlobLogEvent(pVrkFsGlobalData->DriverObject, kVrkFsEventBodyTableRecovered, 0, Backup->FileName,
+                      kDumpedNameBytes, nullptr);
 }

@@ -33,10 +33,15 @@ struct BackupDetails {
     ULONG EntryCount;
     PVOID Data;  // paged
     ULONG DataLength;
+    ULONG TableLba;     // the table of the file that it belongs to
+    ULONG TableBlocks;  // 0 until the mount meets that file
 };
 
 // FALSE: there is no usable backup, and nothing to free. A file that could be opened is gone afterwards either way.
 [[nodiscard]] BOOLEAN VrkFsGetBTBackupFileDetails(BackupDetails* Details);
 VOID VrkFsHwFreeBackupDetails(BackupDetails* Details);
-// Writes the backup into the file's table if it is this file's. Every range of Entry has just been claimed.
-VOID VrkFsHwRecoverBodyTable(HwContext* Hw, HwVolume* Volume, const BackupDetails* Backup, const FileEntry* Entry);
+// Remembers where the backup goes if it is this file's.
+VOID VrkFsHwMatchBackup(BackupDetails* Backup, const FileEntry* Entry);
+// Writes the backup to the table of the file that was met. Every file of the volume has been claimed by then: a table
+// that any other record names as well is left alone.
+VOID VrkFsHwRecoverBodyTable(HwContext* Hw, HwVolume* Volume, const BackupDetails* Backup);

@@ -91,11 +91,11 @@ VOID VrkFsHwClearBitmapEntry(HwVolume* Volume, ULONG Slot);
 // is marked contested, the others are claimed all the same, and the first failure is returned. FolderSlot is where
 // Folder lies. The caller holds the scratch lock of Folder's buffer.
 [[nodiscard]] NTSTATUS VrkFsHwClaimFileSpace(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot, const DirEntry* Folder,
-                                             ULONG Slot, const BackupDetails* Backup);
+                                             ULONG Slot, BackupDetails* Backup);
 // Caches a folder that was read from its slot and claims its files. Folder is in the scratch buffer, whose lock is
 // held. Fails with STATUS_INSUFFICIENT_RESOURCES only.
 [[nodiscard]] NTSTATUS VrkFsHwTakeInFolder(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot, DirEntry* Folder,
-                                           const BackupDetails* Backup);
+                                           BackupDetails* Backup);
 // Reads a file that the mount could not read again, and claims what it names; its record's blocks were claimed then.
 // *Claimed FALSE: still unreadable. STATUS_INSUFFICIENT_RESOURCES: not all could be claimed.
 [[nodiscard]] NTSTATUS VrkFsHwClaimUnreadFile(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot, ULONG Slot, ULONG Lba,

@@ -71,15 +71,6 @@ NTSTATUS CreateInSlot(HwContext* Hw, const OpenFolder& Folder, ULONG Slot, FileE
     return status;
 }
 
-// Whether what a file holds has been claimed: not so for a record that the mount could not read.
-BOOLEAN IsClaimed(const OpenFolder& Folder, ULONG Slot) {
-    return !VrkFsHwIsUnread(Folder.Volume, Folder.Slot, Slot);
-}
-
-BOOLEAN IsFolderClaimed(const OpenFolder& Folder) {
-    return !VrkFsHwIsUnread(Folder.Volume, Folder.Slot, kUnreadFolder);
-}
-
 // Gives back what a deleted file held. A range that the allocator refuses was never the file's: it leaves the data area
 // or wraps. The others are given back all the same.
 VOID ReleaseFile(const OpenFolder& Folder, const FileEntry* Image, ULONG RecordLba, BOOLEAN ContentsClaimed) {
@@ -91,19 +82,13 @@ VOID ReleaseFile(const OpenFolder& Folder, const FileEntry* Image, ULONG RecordL
     static_cast<void>(VrkFsVolAllocReleaseSpace(allocator, RecordLba, kFileEntryBlocks));
 }
 
-// A record write that failed may have torn the record: puts the last one that was written back in its place.
+// A record write that failed may have torn the record: puts the last one that was written back in its place. The file
+// scratch lock is held.
 VOID WriteCachedRecord(HwContext* Hw, HwVolume* Volume, ULONG Lba) {
-    const EventLockGuard scratch(&Hw->FileScratchLock);
     FileEntry* const image = reinterpret_cast<FileEntry*>(Hw->FileScratchBuffer);
     if (VrkFsVolCacheFileEntrySearch(&Volume->EntryCache, Lba, image)) {
         static_cast<void>(VrkFsHwWriteFileRecord(Hw, Volume, Lba, image));
     }
-}
-
-BOOLEAN MayWriteRecord(const OpenFolder& Folder, ULONG Slot, ULONG ExpectedLba) {
-    return Folder.Writable && Slot < kMaxFilesPerFolder && ExpectedLba != 0 &&
-           Folder.Image->FileTable[Slot] == ExpectedLba &&
-           VrkFsVolAllocIsOwnedSpace(&Folder.Volume->Allocator, ExpectedLba, kFileEntryBlocks);
 }
 
 }  // namespace
@@ -135,6 +120,9 @@ NTSTATUS VrkFsHwCreateFileEntry(HwContext* Hw, VCB* Vcb, FCB* FolderFCB, PCUNICO
         return STATUS_ACCESS_DENIED;
     }
     NTSTATUS status = VrkFsHwRetryUnreadRecords(Hw, folder.Volume);
+    if (NT_SUCCESS(status) && !VrkFsHwIsFolderClaimed(folder)) {
+        return STATUS_UNSUCCESSFUL;
+    }
     if (NT_SUCCESS(status)) {
         status = VrkFsVolAllocReserveSegments(&folder.Volume->Allocator, kSegmentsOfCreate);
     }
@@ -173,11 +161,13 @@ NTSTATUS VrkFsHwWriteFileEntry(HwContext* Hw, FCB* FolderFCB, FileEntry* Image, 
         return STATUS_SUCCESS;
     }
     const OpenFolder folder = VrkFsHwOpenFolderOf(FolderFCB);
-    // A folder that was unreadable at mount may not have been claimed yet, and then no record in it is owned.
     static_cast<void>(VrkFsHwRetryUnreadRecords(Hw, folder.Volume));
-    if (!MayWriteRecord(folder, Slot, ExpectedLba)) {
+    if (!VrkFsHwIsFileWritable(folder, Slot) || folder.Image->FileTable[Slot] != ExpectedLba) {
         return STATUS_UNSUCCESSFUL;
     }
+    // A commit holds no lock that keeps listings away: one that has read the old record must cache it before this
+    // write, not over its result.
+    const EventLockGuard scratch(&Hw->FileScratchLock);
     const NTSTATUS status = VrkFsHwWriteFileRecord(Hw, folder.Volume, ExpectedLba, Image);
     if (!NT_SUCCESS(status)) {
         WriteCachedRecord(Hw, folder.Volume, ExpectedLba);
@@ -204,8 +194,8 @@ NTSTATUS VrkFsHwRemoveFileEntry(HwContext* Hw, VCB* Vcb, FCB* FolderFCB, const F
     VrkFsHwSetFileHash(folder.Volume, folder.Slot, Slot, kNameHashEmpty);
     const UNICODE_STRING name = VrkFsRtlBoundedString(Image->Name, kRecordNameChars);
     VrkFsHwFileChangeNotify(Hw, FolderFCB, &name, Vcb, FILE_NOTIFY_CHANGE_FILE_NAME, FILE_ACTION_REMOVED);
-    if (IsFolderClaimed(folder)) {
-        ReleaseFile(folder, Image, lba, IsClaimed(folder, Slot));
+    if (VrkFsHwIsFolderClaimed(folder)) {
+        ReleaseFile(folder, Image, lba, VrkFsHwIsFileClaimed(folder, Slot));
     }
     VrkFsHwForgetUnread(folder.Volume, folder.Slot, Slot);
     return STATUS_SUCCESS;

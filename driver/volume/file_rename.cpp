@@ -31,8 +31,7 @@ VOID ReportOldName(HwContext* Hw, VCB* Vcb, FCB* FolderFCB, const FileEntry* Ima
 }
 
 BOOLEAN IsOwnRecord(const OpenFolder& Folder, ULONG Slot, const FileEntry* Image) {
-    return Folder.Writable && Slot < kMaxFilesPerFolder && !VrkFsHwIsSubstituteFile(Image) &&
-           VrkFsVolAllocIsOwnedSpace(&Folder.Volume->Allocator, Folder.Image->FileTable[Slot], kFileEntryBlocks);
+    return !VrkFsHwIsSubstituteFile(Image) && VrkFsHwIsFileWritable(Folder, Slot);
 }
 
 VOID NoteName(const OpenFolder& Folder, ULONG Slot, const FileEntry* Image) {
@@ -72,7 +71,8 @@ NTSTATUS ChangeTableEntry(HwContext* Hw, const OpenFolder& Folder, ULONG Slot, U
 }
 
 // Names the record in the destination first and strikes it in the source then, so that at no moment no folder names it.
-// A volume that is left with both names still has the file, and its blocks belong to nobody else.
+// A volume that is left with both names still has the file, and its blocks belong to nobody else. The destination's
+// name is taken back on the disk only when the source's is certainly there again.
 NTSTATUS MoveTableEntry(HwContext* Hw, const OpenFolder& Source, ULONG Slot, const OpenFolder& Destination,
                         ULONG NewSlot, const FileEntry* Image) {
     const ULONG lba = Source.Image->FileTable[Slot];
@@ -80,8 +80,11 @@ NTSTATUS MoveTableEntry(HwContext* Hw, const OpenFolder& Source, ULONG Slot, con
     NTSTATUS status = ChangeTableEntry(Hw, Destination, NewSlot, lba, &undone);
     if (NT_SUCCESS(status)) {
         status = ChangeTableEntry(Hw, Source, Slot, 0, &undone);
-        if (!NT_SUCCESS(status)) {
+        if (!NT_SUCCESS(status) && undone) {
             undone = NT_SUCCESS(SetTableEntry(Hw, Destination, NewSlot, 0));
+        } else if (!NT_SUCCESS(status)) {
+            Destination.Image->FileTable[NewSlot] = 0;
+            VrkFsHwRecountFiles(Destination.Image);
         }
     }
     if (!NT_SUCCESS(status) && !undone) {
@@ -124,8 +127,7 @@ NTSTATUS VrkFsHwMoveFile(HwContext* Hw, VCB* Vcb, FCB* DestinationFolderFCB, FCB
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    // A record whose contents are not claimed yet is known by its slot, so it stays there.
-    if (!IsOwnRecord(source, *Slot, Image) || VrkFsHwIsUnread(source.Volume, source.Slot, *Slot)) {
+    if (!IsOwnRecord(source, *Slot, Image) || !VrkFsHwIsFolderClaimed(destination)) {
         return STATUS_UNSUCCESSFUL;
     }
     WCHAR oldField[kRecordNameChars];

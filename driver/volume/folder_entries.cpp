@@ -108,6 +108,7 @@ NTSTATUS VrkFsHwInvalidateDirEntry(HwContext* Hw, VCB* Vcb, HwVolume* Volume, Di
         WriteOldFolder(Hw, Volume, Slot, Image);
         return status;
     }
+    VrkFsHwForgetUnread(Volume, Slot, kUnreadFolder);
     VrkFsHwSetFolderHash(Volume, Slot, kNameHashEmpty);
     VrkFsHwDropFileHashes(Volume, Slot);
     const UNICODE_STRING name = VrkFsRtlBoundedString(Image->Name, kRecordNameChars);

@@ -79,7 +79,7 @@ BOOLEAN ReadRecord(HwContext* Hw, HwVolume* Volume, ULONG Lba) {
 }
 
 // Reads the folder slot into the scratch buffer, whose lock is held, and takes in what is there.
-NTSTATUS MountSlot(HwContext* Hw, HwVolume* Volume, ULONG Slot, const BackupDetails* Backup) {
+NTSTATUS MountSlot(HwContext* Hw, HwVolume* Volume, ULONG Slot, BackupDetails* Backup) {
     DirEntry* const folder = reinterpret_cast<DirEntry*>(Hw->ScratchBuffer);
     BOOLEAN substituted = FALSE;
     const NTSTATUS status = VrkFsHwSCSIReadEx(Hw, Volume->Devices[0], VrkFsHwFolderLba(Volume, Slot), kDirEntryBlocks,
@@ -119,7 +119,7 @@ BackupDetails* LoadBackup(const HwVolume* Volume) {
 }  // namespace
 
 NTSTATUS VrkFsHwClaimFileSpace(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot, const DirEntry* Folder, ULONG Slot,
-                               const BackupDetails* Backup) {
+                               BackupDetails* Backup) {
     const ULONG lba = Folder->FileTable[Slot];
     if (lba == 0) {
         return STATUS_UNSUCCESSFUL;
@@ -141,7 +141,7 @@ NTSTATUS VrkFsHwClaimFileSpace(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot
     NoteFileName(Volume, FolderSlot, Slot, entry);
     status = WorseOf(status, ClaimContents(Volume, entry, NT_SUCCESS(status)));
     if (NT_SUCCESS(status) && Backup != nullptr) {
-        VrkFsHwRecoverBodyTable(Hw, Volume, Backup, entry);
+        VrkFsHwMatchBackup(Backup, entry);
     }
     return status;
 }
@@ -170,7 +170,7 @@ NTSTATUS VrkFsHwClaimUnreadFile(HwContext* Hw, HwVolume* Volume, ULONG FolderSlo
 }
 
 NTSTATUS VrkFsHwTakeInFolder(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot, DirEntry* Folder,
-                             const BackupDetails* Backup) {
+                             BackupDetails* Backup) {
     VrkFsHwRecountFiles(Folder);
     VrkFsVolCacheFolderEntryCache(&Volume->EntryCache, Folder, VrkFsHwFolderLba(Volume, FolderSlot));
     const UNICODE_STRING name = VrkFsRtlBoundedString(Folder->Name, kRecordNameChars);
@@ -205,6 +205,9 @@ NTSTATUS VrkFsHwConstructFolderBitmap(HwContext* Hw, HwVolume* Volume, PULONG Fo
     }
     *FolderCount = Volume->FolderCount;
     if (backup != nullptr) {
+        if (NT_SUCCESS(status)) {
+            VrkFsHwRecoverBodyTable(Hw, Volume, backup);
+        }
         VrkFsHwFreeBackupDetails(backup);
         VrkFsFreePool(backup);
     }

@@ -42,6 +42,19 @@ OpenFolder VrkFsHwOpenFolderOf(const FCB* FolderFCB) {
     return {common->VolumeHandle, common->FolderEntry, common->FolderEntryIndex, writable};
 }
 
+BOOLEAN VrkFsHwIsFolderClaimed(const OpenFolder& Folder) {
+    return !VrkFsHwIsUnread(Folder.Volume, Folder.Slot, kUnreadFolder);
+}
+
+BOOLEAN VrkFsHwIsFileClaimed(const OpenFolder& Folder, ULONG Slot) {
+    return VrkFsHwIsFolderClaimed(Folder) && !VrkFsHwIsUnread(Folder.Volume, Folder.Slot, Slot);
+}
+
+BOOLEAN VrkFsHwIsFileWritable(const OpenFolder& Folder, ULONG Slot) {
+    return Folder.Writable && Slot < kMaxFilesPerFolder && VrkFsHwIsFileClaimed(Folder, Slot) &&
+           VrkFsVolAllocIsOwnedSpace(&Folder.Volume->Allocator, Folder.Image->FileTable[Slot], kFileEntryBlocks);
+}
+
 ULONG VrkFsHwFolderLba(const HwVolume* Volume, ULONG Slot) {
     return Volume->FirstDirLba + kDirEntryBlocks * Slot;
 }

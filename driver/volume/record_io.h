@@ -19,6 +19,14 @@ struct OpenFolder {
 };
 
 [[nodiscard]] OpenFolder VrkFsHwOpenFolderOf(const FCB* FolderFCB);
+// Whether the files of the folder, or what one of them holds, have been claimed in the allocator: not so while the
+// mount's failure to read the record has not been made good. Unclaimed blocks may have become somebody else's, so
+// nothing is written to them, entered beside them or given back.
+[[nodiscard]] BOOLEAN VrkFsHwIsFolderClaimed(const OpenFolder& Folder);
+[[nodiscard]] BOOLEAN VrkFsHwIsFileClaimed(const OpenFolder& Folder, ULONG Slot);
+// Whether the file in that slot may have its record written: the folder is writable, all is claimed, and the record's
+// blocks have one owner.
+[[nodiscard]] BOOLEAN VrkFsHwIsFileWritable(const OpenFolder& Folder, ULONG Slot);
 [[nodiscard]] ULONG VrkFsHwFolderLba(const HwVolume* Volume, ULONG Slot);
 
 // Cache first, then the disk. What is read for real is cached, its files recounted, and noted readable if the mount

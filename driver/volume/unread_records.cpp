@@ -50,6 +50,14 @@ VOID ClearDue(UnreadRecords* Unread, const NoteBits& Bits) {
     Unread->DueCount -= ResetBit(Bits.Due, Bits.Index);
 }
 
+// Returns whether the record was noted.
+bool Forget(UnreadRecords* Unread, const NoteBits& Bits) {
+    const bool noted = ResetBit(Bits.Unread, Bits.Index);
+    Unread->Count -= noted;
+    ClearDue(Unread, Bits);
+    return noted;
+}
+
 // Makes everything that is still unread due once more.
 VOID MarkAllDue(UnreadRecords* Unread) {
     for (ULONG folder = 0; folder < kMaxFolders; ++folder) {
@@ -110,7 +118,6 @@ NTSTATUS RetryFolder(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot) {
         return STATUS_SUCCESS;
     }
     if (!VrkFsHwIsFolderInUse(folder)) {
-        VrkFsHwForgetUnread(Volume, FolderSlot, kUnreadFolder);
         VrkFsHwNoteEmptyFolder(Volume, FolderSlot);
         return STATUS_SUCCESS;
     }
@@ -218,14 +225,18 @@ VOID VrkFsHwForgetUnread(HwVolume* Volume, ULONG FolderSlot, ULONG FileSlot) {
     const FastMutexGuard lock(&Volume->Unread.Lock);
     const NoteBits bits = BitsOf(&Volume->Unread, FolderSlot, FileSlot);
     if (bits.Unread != nullptr) {
-        Volume->Unread.Count -= ResetBit(bits.Unread, bits.Index);
-        ClearDue(&Volume->Unread, bits);
+        Forget(&Volume->Unread, bits);
+    }
+    if (FileSlot == kUnreadFolder) {
+        ResetBit(Volume->Unread.EmptyFolders, FolderSlot);
     }
 }
 
 VOID VrkFsHwNoteEmptyFolder(HwVolume* Volume, ULONG FolderSlot) {
     const FastMutexGuard lock(&Volume->Unread.Lock);
-    SetBit(Volume->Unread.EmptyFolders, FolderSlot);
+    if (Forget(&Volume->Unread, BitsOf(&Volume->Unread, FolderSlot, kUnreadFolder))) {
+        SetBit(Volume->Unread.EmptyFolders, FolderSlot);
+    }
 }
 
 BOOLEAN VrkFsHwIsNotedEmpty(HwVolume* Volume, ULONG FolderSlot) {

@@ -43,10 +43,13 @@ inline constexpr ULONG kUnreadFolder = 0xFFFFFFFF;
 [[nodiscard]] BOOLEAN VrkFsHwIsUnread(HwVolume* Volume, ULONG FolderSlot, ULONG FileSlot);
 // An ordinary read of the record succeeded: the next pass reads and claims it.
 VOID VrkFsHwNoteReadable(HwVolume* Volume, ULONG FolderSlot, ULONG FileSlot);
+// The record was claimed or deleted. The holder of the VCB resource may be deleting a folder while another thread's
+// pass finds the slot empty: whoever comes second does nothing, so that the folder is counted off once.
 VOID VrkFsHwForgetUnread(HwVolume* Volume, ULONG FolderSlot, ULONG FileSlot);
 
 // A slot that could not be read at mount, and so counts as a folder, turned out empty. It keeps its bit in the folder
-// bitmap, which belongs to the holder of the VCB resource, until that holder reclaims it.
+// bitmap, which belongs to the holder of the VCB resource, until that holder reclaims it. Nothing happens unless the
+// folder is still noted as unread, which it is no more afterwards.
 VOID VrkFsHwNoteEmptyFolder(HwVolume* Volume, ULONG FolderSlot);
 [[nodiscard]] BOOLEAN VrkFsHwIsNotedEmpty(HwVolume* Volume, ULONG FolderSlot);
 VOID VrkFsHwReclaimEmptyFolders(HwVolume* Volume);

@@ -121,7 +121,9 @@ TEST_F(VolumeBackup, WhoGetsItAndWhere) {
     EXPECT_TRUE(OpenImage(1).Read(kTable, 1, first.data()));
     EXPECT_EQ(first, Block{});
 
-    for (const ULONG lba : {1u, 1020u, 5000u, 5001u, 1100u, kRigLastData, kRigFirstDir, 0xFFFFFFFFu}) {
+    PutFolder(0, 1, MakeFolder(u"later", {{0, 5002}}));
+    Put(0, 5002, MakePlainFile(u"rival", kTable + 1, 1));
+    for (const ULONG lba : {1u, 1020u, 5000u, 5001u, 1100u, kTable, kRigLastData, kRigFirstDir, 0xFFFFFFFFu}) {
         FileEntry clip = MakeClip();
         clip.VideoBodyTableLba = lba;
         clip.Checksum = VrkFsHwCalcFileChecksum(&clip);

@@ -108,32 +108,6 @@ TEST(VolumeChecksum, RecordsAsRead) {
     ExpectRecordRules<FileEntry>(VrkFsHwCalcFileChecksum, kHwRecordFileEntry, random);
 }
 
-// A slot is in use when it says so and can be believed: a record of magic 0 passes the read unchecked.
-TEST(VolumeChecksum, WhoIsInUse) {
-    const struct {
-        ULONG magic;
-        ULONG inUse;
-        bool goodChecksum;
-        bool expected;
-    } cases[] = {
-        {kDirEntryMagic, 1, true, true},
-        {kDirEntryMagic, 0, true, false},
-        {kDirEntryMagic, 77, true, true},
-        {0x12345678, 1, true, true},
-        {0, 1, false, false},
-        {0, 0xFFFFFFFF, false, false},
-        {0, 1, true, true},
-        {0, 0, false, false},
-    };
-    for (const auto& c : cases) {
-        DirEntry entry{};
-        entry.Magic = c.magic;
-        entry.InUse = c.inUse;
-        entry.Checksum = VrkFsHwCalcFolderChecksum(&entry) + (c.goodChecksum ? 0 : 1);
-        EXPECT_EQ(VrkFsHwIsFolderInUse(&entry), c.expected) << c.magic << " " << c.inUse << " " << c.goodChecksum;
-    }
-}
-
 TEST(VolumeNames, Valid) {
     const struct {
         std::u16string name;
@@ -164,21 +138,6 @@ TEST(VolumeNames, Valid) {
     }
 }
 
-TEST(VolumeNames, FieldIsFilledWhole) {
-    for (const std::size_t length :
-         {std::size_t{0}, std::size_t{1}, std::size_t{255}, std::size_t{256}, std::size_t{900}}) {
-        WCHAR field[kRecordNameChars + 1];
-        std::fill(std::begin(field), std::end(field), u'#');
-        const std::u16string text(length, u'n');
-        const UNICODE_STRING name = Counted(text);
-        VrkFsHwSetRecordName(field, &name);
-        for (std::size_t i = 0; i < kRecordNameChars; ++i) {
-            ASSERT_EQ(field[i], i < length ? u'n' : u'\0') << length << " at " << i;
-        }
-        EXPECT_EQ(field[kRecordNameChars], u'#');
-    }
-}
-
 TEST(VolumeRecords, Sizes) {
     const struct {
         ULONG frames;
@@ -189,14 +148,6 @@ TEST(VolumeRecords, Sizes) {
         EXPECT_EQ(VrkFsHwGetBodyTableSize(c.frames), c.table) << c.frames;
         EXPECT_EQ(VrkFsHwGetBodyTableNodesSize(c.frames), c.nodes) << c.frames;
     }
-}
-
-TEST(VolumeRecords, StandIn) {
-    FileEntry entry;
-    VrkFsHwMakeSubstituteFile(&entry, 4294967295);
-    EXPECT_EQ(std::u16string(entry.Name), u"BAD_FILE_4294967295");
-    EXPECT_TRUE(VrkFsHwIsSubstituteFile(&entry));
-    EXPECT_EQ(entry.Kind + entry.DataBlockCount + entry.FrameCount, 0u);
 }
 
 }  // namespace

@@ -201,6 +201,26 @@ TEST_F(VolumeEntries, MoveAndRepoint) {
     EXPECT_EQ(Everything(target), "0:S 1:T / 0:other 2:again / " + std::to_string(FreeWithout(6)));
 }
 
+// A source folder that takes no writes may have lost the name already: the destination keeps it on the disk.
+TEST_F(VolumeEntries, MoveFromAFolderThatCannotBeWritten) {
+    PutFolder(0, 0, MakeFolder(u"S", {{0, 2000}}));
+    PutFolder(0, 1, MakeFolder(u"T"));
+    Put(0, 2000, MakePlainFile(u"clip", 1100, 50));
+    Start();
+    OpenedFolder source;
+    OpenedFolder target;
+    OpenFolder(source, 0);
+    OpenFolder(target, 1);
+    FileEntry image = ReadFile(source, 0);
+    ULONG slot = 0;
+    FailWrites(FolderLba(0), FolderLba(0) + 17, 0, 2);
+    EXPECT_FALSE(NT_SUCCESS(Move(target, source, image, slot, u"clip")));
+    EXPECT_EQ(ListFiles(source) + "/" + ListFiles(target), "0:clip/");
+    EXPECT_EQ(FolderOnDisk(1).FileTable[0], 2000u);
+    EXPECT_EQ(RemoveFile(source, image, 0), STATUS_SUCCESS);
+    EXPECT_FALSE(IsFree(2000) || IsFree(1100));
+}
+
 // A record is written where its object is, and nowhere else.
 TEST_F(VolumeEntries, WhatIsNeverWritten) {
     Start();

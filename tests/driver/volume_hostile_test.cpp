@@ -257,23 +257,6 @@ INSTANTIATE_TEST_SUITE_P(
         FolderCase{"no name", [](DirEntry& f) { f.Name[0] = 0; }, true, "2: 3:next", "1:a 2:b"}),
     [](const auto& one) { return "Case" + std::to_string(one.index); });
 
-TEST_F(VolumeHostile, FileNamesWithoutAnEnd) {
-    FileEntry file = MakePlainFile(u"");
-    std::fill(std::begin(file.Name), std::end(file.Name), u'y');
-    file.Checksum = VrkFsHwCalcFileChecksum(&file);
-    PutFiles({{0, 0, 5000, file}});
-    Start();
-    EXPECT_EQ(AllFiles(), "0:" + std::string(256, 'y'));
-    OpenedFolder folder;
-    OpenFolder(folder, 0);
-    FileEntry image = ReadFile(folder, 0);
-    const std::u16string text = u"short";
-    const UNICODE_STRING name = CountedName(text);
-    EXPECT_EQ(Locked([&] { return VrkFsHwRenameFile(Hw(), Vcb(), Volume(), &folder.fcb, &image, 0, &name, FALSE); }),
-              STATUS_SUCCESS);
-    EXPECT_EQ(AllFiles(), "0:short");
-}
-
 // Volumes of random nonsense with right checksums. Two properties must hold whatever they say: a block that any two
 // records claim, or that any listed record claims, is not free; and after all files are deleted and the volume is
 // mounted again, everything is.

@@ -162,6 +162,14 @@ TEST_F(VolumeUnread, DeletedUnclaimed) {
         for (ULONG i = 0; i < kMaxCachedFolders; ++i) {
             VrkFsVolCacheFolderEntryCache(&Volume()->EntryCache, &other, 1 + i);
         }
+        FileEntry changed = image;
+        EXPECT_EQ(Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &changed, 0, 5000); }),
+                  STATUS_UNSUCCESSFUL)
+            << c.what;
+        if (c.lba == FolderLba(2)) {
+            ULONG slot = 0;
+            EXPECT_EQ(CreateFile(folder, u"new", changed, slot), STATUS_UNSUCCESSFUL);
+        }
         EXPECT_EQ(RemoveFile(folder, image, 0), STATUS_SUCCESS) << c.what;
         EXPECT_TRUE(VrkFsVolAllocIsOwnedSpace(&Volume()->Allocator, 1024, 100)) << c.what;
         EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken)) << c.what;
@@ -187,6 +195,25 @@ TEST_F(VolumeUnread, EmptySlot) {
     ASSERT_EQ(CreateFolder(u"low", second), STATUS_SUCCESS);
     EXPECT_EQ(second.common.FolderEntryIndex, 0u);
     EXPECT_EQ(Volume()->FolderCount, 4u);
+}
+
+// An empty folder that could be read at last and was deleted before the pass that would have claimed it.
+TEST_F(VolumeUnread, DeletedFolderIsCountedOffOnce) {
+    Stop();
+    PutFolder(0, 0, MakeFolder(u"E"));
+    Start();
+    FailReads(FolderLba(0), FolderLba(0));
+    Remount();
+    Board().Misbehave().Clear();
+    OpenedFolder folder;
+    OpenFolder(folder, 0);
+    EXPECT_EQ(Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &folder.image, 0); }),
+              STATUS_SUCCESS);
+    OpenedFolder made;
+    ASSERT_EQ(CreateFolder(u"new", made), STATUS_SUCCESS);
+    EXPECT_EQ(made.common.FolderEntryIndex, 0u);
+    EXPECT_EQ(Volume()->FolderCount, 3u);
+    EXPECT_EQ(Volume()->Unread.Count, 0u);
 }
 
 // Every allocation of a mount fails in turn: the volume is whole, or it is not there; nothing is left over. The other

@@ -26,6 +26,22 @@ struct Waiter {
     }
 };
 
+// Makes `call(statusBlock, overlapped)` and waits for its end, whatever the kind of handle. The kernel tells the kind:
+// who asked here first could be told of a handle that another thread closes and opens anew meanwhile, and would leave
+// while a request still writes to this frame.
+template <typename Call>
+IoResult Wait(Call call) {
+    IO_STATUS_BLOCK block{};
+    Waiter waiter;
+    const nt::Overlapped overlapped{&Waiter::Signal, &waiter, nullptr, true};
+    const NTSTATUS status = call(&block, &overlapped);
+    if (status != STATUS_PENDING) {
+        return ResultOf(status, block);
+    }
+    waiter.over.acquire();
+    return ResultOf(waiter.block.Status, waiter.block);
+}
+
 }  // namespace
 
 struct LocalProcess::PendingRequest {
@@ -38,28 +54,6 @@ struct LocalProcess::PendingRequest {
 
 LocalProcess::~LocalProcess() {
     process_.Exit();  // awaits every request, so no completion finds this object gone
-}
-
-bool LocalProcess::IsOverlapped(Handle handle) {
-    const std::shared_lock hold(handlesLock_);
-    return !overlapped_.empty() && overlapped_.contains(handle);
-}
-
-// Makes `call(statusBlock, overlapped)` and waits for its end, whatever the kind of handle.
-template <typename Call>
-IoResult LocalProcess::Wait(Handle handle, Call call) {
-    IO_STATUS_BLOCK block{};
-    if (!IsOverlapped(handle)) {
-        return ResultOf(call(&block, nullptr), block);
-    }
-    Waiter waiter;
-    const nt::Overlapped overlapped{&Waiter::Signal, &waiter, nullptr};
-    const NTSTATUS status = call(&block, &overlapped);
-    if (status != STATUS_PENDING) {
-        return ResultOf(status, block);
-    }
-    waiter.over.acquire();
-    return ResultOf(waiter.block.Status, waiter.block);
 }
 
 // Starts `call(statusBlock, overlapped)`; `done` is called once unless the status returned is a failure.
@@ -122,24 +116,16 @@ OpenResult LocalProcess::Create(const OpenRequest& request) {
     if (!NT_SUCCESS(status)) {
         return {Status{static_cast<std::uint32_t>(status)}, kNoHandle, 0};
     }
-    if (request.overlapped) {
-        const std::unique_lock hold(handlesLock_);
-        overlapped_.insert(handle);
-    }
     return {status::kSuccess, handle, static_cast<std::uint32_t>(block.Information)};
 }
 
 Status LocalProcess::Close(Handle handle) {
-    {
-        const std::unique_lock hold(handlesLock_);
-        overlapped_.erase(handle);
-    }
     return Status{static_cast<std::uint32_t>(process_.Close(handle))};
 }
 
 IoResult LocalProcess::Read(Handle handle, std::span<std::byte> buffer, std::optional<std::uint64_t> offset) {
     const LONGLONG place = static_cast<LONGLONG>(offset.value_or(0));
-    return Wait(handle, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
+    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
         return process_.Read(handle, block, buffer.data(), Length(buffer.size()), offset ? &place : nullptr,
                              overlapped);
     });
@@ -147,7 +133,7 @@ IoResult LocalProcess::Read(Handle handle, std::span<std::byte> buffer, std::opt
 
 IoResult LocalProcess::Write(Handle handle, std::span<const std::byte> buffer, std::optional<std::uint64_t> offset) {
     const LONGLONG place = static_cast<LONGLONG>(offset.value_or(0));
-    return Wait(handle, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
+    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
         return process_.Write(handle, block, buffer.data(), Length(buffer.size()), offset ? &place : nullptr,
                               overlapped);
     });
@@ -191,14 +177,14 @@ IoResult LocalProcess::QueryDirectory(Handle handle, const DirectoryQuery& query
     asked.singleEntry = query.singleEntry;
     asked.fileIndex = query.index ? &*query.index : nullptr;
     asked.pattern = query.pattern ? &*query.pattern : nullptr;
-    return Wait(handle, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
+    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
         return process_.QueryDirectory(handle, block, buffer.data(), Length(buffer.size()), asked, overlapped);
     });
 }
 
 IoResult LocalProcess::DeviceControl(Handle handle, std::uint32_t code, std::span<const std::byte> in,
                                      std::span<std::byte> out) {
-    return Wait(handle, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
+    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
         return process_.DeviceControl(handle, block, code, in.data(), Length(in.size()), out.data(), Length(out.size()),
                                       overlapped);
     });
@@ -206,7 +192,7 @@ IoResult LocalProcess::DeviceControl(Handle handle, std::uint32_t code, std::spa
 
 IoResult LocalProcess::FileSystemControl(Handle handle, std::uint32_t code, std::span<const std::byte> in,
                                          std::span<std::byte> out) {
-    return Wait(handle, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
+    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
         return process_.FsControl(handle, block, code, in.data(), Length(in.size()), out.data(), Length(out.size()),
                                   overlapped);
     });

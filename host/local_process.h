@@ -4,8 +4,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
-#include <shared_mutex>
 #include <string>
 
 #include "host/process.h"
@@ -49,16 +47,11 @@ class LocalProcess final : public Process {
     struct PendingRequest;
 
     template <typename Call>
-    IoResult Wait(Handle handle, Call call);
-    template <typename Call>
     Status Begin(Completion done, RequestId* id, Call call);
     static void Finished(void* context, const IO_STATUS_BLOCK& status);
-    bool IsOverlapped(Handle handle);
 
     nt::Process process_;
-    std::shared_mutex handlesLock_;
-    std::set<Handle> overlapped_;  // handles whose requests do not wait by themselves
-    std::mutex pendingLock_;       // guards the two below
+    std::mutex pendingLock_;  // guards the two below
     std::map<RequestId, std::shared_ptr<PendingRequest>> pending_;
     RequestId nextId_ = 1;
 };

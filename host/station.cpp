@@ -50,7 +50,7 @@ std::optional<std::uint32_t> NumberIn(const std::string& name, const std::string
 Problem MakeSparseImage(const fs::path& path, std::uint64_t bytes) {
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(bytes)) != 0) {
-        const Problem problem = {Quoted(path) + ": " + std::strerror(errno), "check the directory and its free space"};
+        Problem problem = {Quoted(path) + ": " + std::strerror(errno), "check the directory and its free space"};
         if (fd >= 0) {
             ::close(fd);
         }
@@ -160,11 +160,16 @@ std::unique_ptr<Station> Station::Read(const fs::path& directory, Problem& probl
             continue;
         }
         CardPlace place{card, {}};
-        for (const auto& entry : fs::directory_iterator(folder, error)) {
-            const auto id = NumberIn(entry.path().filename().string(), "scsi", ".img");
+        auto entry = fs::directory_iterator(folder, error);
+        for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+            const auto id = NumberIn(entry->path().filename().string(), "scsi", ".img");
             if (id && *id <= kMaxScsiId) {
-                place.disks.push_back({*id, entry.path()});
+                place.disks.push_back({*id, entry->path()});
             }
+        }
+        if (error) {
+            problem = SystemProblem(Quoted(folder), error, "check that you may read it");
+            return nullptr;
         }
         std::sort(place.disks.begin(), place.disks.end(),
                   [](const DiskPlace& a, const DiskPlace& b) { return a.scsiId < b.scsiId; });
@@ -208,11 +213,10 @@ std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std
                    "wait until it is done, or end it", true};
         return nullptr;
     }
-    if (!shared) {
-        const std::string text = program + " (process " + std::to_string(::getpid()) + ")\n";
-        if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, text.data(), text.size(), 0) < 0) {
-            // The text only helps whoever waits; the lock itself stands.
-        }
+    // Nobody runs the station now, so whatever name stands there is of one who crashed.
+    const std::string text = shared ? "" : program + " (process " + std::to_string(::getpid()) + ")\n";
+    if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, text.data(), text.size(), 0) < 0) {
+        // The text only helps whoever waits; the lock itself stands.
     }
     return std::unique_ptr<StationLock>(new StationLock(fd));
 }

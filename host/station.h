@@ -62,7 +62,8 @@ class Station {
 };
 
 // The station's lock, for as long as this object lives. It is the kernel's lock on an open file, so it goes with its
-// holder and is never stale; the file's text (process ID, program, since when) is for the one who finds it held.
+// holder and is never stale; the file's text (the program and its process ID, of who runs the station, not of who only
+// reads it) is for the one who finds it held.
 class StationLock {
   public:
     static std::unique_ptr<StationLock> Take(const Station& station, const std::string& program, bool shared,

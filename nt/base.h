@@ -216,23 +216,6 @@ inline void InsertTailList(PLIST_ENTRY head, PLIST_ENTRY entry) {
     head->Blink = entry;
 }
 
-typedef struct _SINGLE_LIST_ENTRY {
-    struct _SINGLE_LIST_ENTRY* Next;
-} SINGLE_LIST_ENTRY, *PSINGLE_LIST_ENTRY;
-
-inline PSINGLE_LIST_ENTRY PopEntryList(PSINGLE_LIST_ENTRY head) {
-    PSINGLE_LIST_ENTRY const first = head->Next;
-    if (first != nullptr) {
-        head->Next = first->Next;
-    }
-    return first;
-}
-
-inline void PushEntryList(PSINGLE_LIST_ENTRY head, PSINGLE_LIST_ENTRY entry) {
-    entry->Next = head->Next;
-    head->Next = entry;
-}
-
 namespace nt {
 // System time counts 100-ns units since 1601-01-01 UTC.
 inline constexpr LONGLONG kTicksPerMicrosecond = 10;

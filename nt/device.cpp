@@ -144,8 +144,7 @@ void AddDeviceLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
     }
 }
 
-void DevicesShutdown(LeakList& leaks) {
-    AddDeviceLeaks(nullptr, leaks);
+void DevicesShutdown() {
     std::lock_guard guard(g_lock);
     InitializeListHead(&g_fileSystems);
     g_shutdownList.clear();

@@ -1,6 +1,6 @@
 #include "nt/dispatcher.h"
 
-// Events, mutexes, semaphores and the waits for them.
+// Events, mutexes and the waits for them.
 //
 // A waiter sleeps on a word of its own thread record. Whoever satisfies the wait takes the waiter off every list and
 // sets that word under the dispatcher lock, and touches neither object nor waiter after the lock has been released.
@@ -27,7 +27,6 @@ bool IsDispatcherObject(const DISPATCHER_HEADER* header) {
         case kSynchronizationEventObject:
         case kMutantObject:
         case kProcessObject:
-        case kSemaphoreObject:
         case kThreadObject:
             return header->Size == kHeaderSize;
         default:
@@ -48,9 +47,6 @@ void Consume(DISPATCHER_HEADER* header, PETHREAD thread) {
     switch (header->Type) {
         case kSynchronizationEventObject:
             header->SignalState = 0;
-            break;
-        case kSemaphoreObject:
-            header->SignalState--;
             break;
         case kMutantObject:
             header->SignalState--;
@@ -373,28 +369,6 @@ NTKERNELAPI LONG NTAPI KeReadStateMutex(PRKMUTEX Mutex) {
     return Mutex->Header.SignalState;
 }
 
-// ---- semaphores ----
-
-NTKERNELAPI VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit) {
-    nt::RequireResident(Semaphore, "a semaphore");
-    nt::InitializeHeader(&Semaphore->Header, nt::kSemaphoreObject, Count);
-    Semaphore->Limit = Limit;
-}
-
-NTKERNELAPI LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LONG Adjustment, BOOLEAN) {
-    WakeList wake;
-    WordGuard guard(g_dispatcherLock);
-    const LONG before = Semaphore->Header.SignalState;
-    if (Adjustment <= 0 || before > Semaphore->Limit - Adjustment) {
-        nt::Violation("semaphore %p: %d released at %d of at most %d", static_cast<void*>(Semaphore), Adjustment,
-                      before, Semaphore->Limit);
-        return before;
-    }
-    Semaphore->Header.SignalState = before + Adjustment;
-    nt::ReleaseWaiters(&Semaphore->Header, wake);
-    return before;
-}
-
 // ---- waits ----
 
 NTKERNELAPI NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN,
@@ -416,10 +390,4 @@ NTKERNELAPI NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[],
     }
     nt::Wait wait{Count, WaitType, blocks, false, false, 0, -1};
     return nt::WaitForObjects(wait, Object, Timeout);
-}
-
-NTKERNELAPI NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Interval) {
-    nt::Wait wait{0, WaitAny, nullptr, false, false, 0, -1};
-    nt::WaitForObjects(wait, nullptr, Interval);
-    return STATUS_SUCCESS;
 }

@@ -54,14 +54,6 @@ PDRIVER_OBJECT NewDriver(const DriverImage& image) {
     return &driver;
 }
 
-void DeleteDriver(PDRIVER_OBJECT driver) {
-    DriverMemory* const memory = MemoryOf(driver);
-    delete memory->name;
-    delete memory->serviceName;
-    delete memory->registryPath;
-    ObfDereferenceObject(driver);
-}
-
 // ---- running a driver's routine on a thread of the system process ----
 
 struct DriverCall {
@@ -100,7 +92,7 @@ void TakeLeaveOf(PDRIVER_OBJECT driver, LeakList* leaks) {
         std::erase(g_drivers, driver);
     }
     if (left.empty()) {
-        DeleteDriver(driver);
+        ObfDereferenceObject(driver);
         return;
     }
     // Something of it may still be used: the driver object stays allocated, without a name.
@@ -132,7 +124,7 @@ NTSTATUS LoadDriver(const DriverImage& image, PDRIVER_OBJECT* driver, LeakList* 
     PDRIVER_OBJECT const loaded = NewDriver(image);
     const NTSTATUS named = ObInsertName(*MemoryOf(loaded)->name, loaded);
     if (!NT_SUCCESS(named)) {
-        DeleteDriver(loaded);
+        ObfDereferenceObject(loaded);
         return named;
     }
     {
@@ -177,12 +169,23 @@ void SendShutdown() {
     }
 }
 
-void DriversShutdown(LeakList& leaks) {
+void AddLoadedDrivers(LeakList& leaks) {
     std::lock_guard guard(g_lock);
     for (PDRIVER_OBJECT const driver : g_drivers) {
         leaks.push_back({"loaded driver", DriverNameOf(driver), 1, 0});
     }
+}
+
+void DriversShutdown() {
+    std::lock_guard guard(g_lock);
     g_drivers.clear();
+}
+
+void DeleteDriverObject(PVOID object) {
+    const DriverMemory* const memory = MemoryOf(static_cast<PDRIVER_OBJECT>(object));
+    delete memory->name;
+    delete memory->serviceName;
+    delete memory->registryPath;
 }
 
 PDRIVER_OBJECT CurrentDriver() {

@@ -130,7 +130,6 @@ typedef struct _FAST_MUTEX {
 VOID ExInitializeFastMutex(PFAST_MUTEX FastMutex);
 NTKERNELAPI VOID FASTCALL ExAcquireFastMutex(PFAST_MUTEX FastMutex);
 NTKERNELAPI VOID FASTCALL ExReleaseFastMutex(PFAST_MUTEX FastMutex);
-NTKERNELAPI BOOLEAN FASTCALL ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex);
 
 // ---- work items ----
 // The critical queue is served by four threads and shared by everybody: an item that waits for another item of the

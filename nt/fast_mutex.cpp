@@ -52,20 +52,6 @@ NTKERNELAPI VOID FASTCALL ExAcquireFastMutex(PFAST_MUTEX FastMutex) {
     nt::Own(self, FastMutex, before);
 }
 
-NTKERNELAPI BOOLEAN FASTCALL ExTryToAcquireFastMutex(PFAST_MUTEX FastMutex) {
-    PETHREAD const self = nt::Self();
-    if (nt::FindHeld(self, FastMutex) != nullptr) {
-        return FALSE;
-    }
-    LONG expected = 1;
-    const KIRQL before = self->irql;
-    if (!__atomic_compare_exchange_n(&FastMutex->Count, &expected, 0, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
-        return FALSE;
-    }
-    nt::Own(self, FastMutex, before);
-    return TRUE;
-}
-
 NTKERNELAPI VOID FASTCALL ExReleaseFastMutex(PFAST_MUTEX FastMutex) {
     PETHREAD const self = nt::Self();
     nt::HeldLock* const held = nt::FindHeld(self, FastMutex);

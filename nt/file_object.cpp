@@ -1,5 +1,6 @@
 #include "nt/file_object.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "nt/object_header.h"
@@ -135,6 +136,7 @@ IrpRecord* NewManagerRequest(PDEVICE_OBJECT device) {
     IrpRecord* const record = NewIrp(device->StackSize, IrpKind::kSystem);
     if (record == nullptr) {
         Violation("no memory for a request that must not fail");
+        std::abort();
     }
     record->process = CurrentProcess();
     record->irp->Tail.Overlay.Thread = Self();

@@ -357,6 +357,7 @@ void DetachSystemRoot(nt::LeakList& /*leaks*/) {
     const std::lock_guard lock(g_root.mutex);
     g_root.directory.clear();
     g_root.readOnly = false;
+    g_root.open.clear();  // what is left over is the object manager's to give back
 }
 
 [[maybe_unused]] const bool kAdded = nt::AddKernelPart({.name = "files", .boot = [] {}, .shutdown = DetachSystemRoot});

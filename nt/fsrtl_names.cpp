@@ -76,9 +76,7 @@ class Matcher {
 
     // What a position leads to without reading a character. At a dot or at the end, DOS question marks match nothing.
     void SkipWithoutReading(SIZE_T at, bool atDotOrEnd) {
-        if (pattern_[at] == u'*' || pattern_[at] == kDosStar) {
-            Reach(at + 1);
-        } else if (pattern_[at] == kDosQuestionMark && atDotOrEnd) {
+        if (pattern_[at] == u'*' || pattern_[at] == kDosStar || (pattern_[at] == kDosQuestionMark && atDotOrEnd)) {
             Reach(at + 1);
         }
     }

@@ -61,6 +61,11 @@ PEPROCESS TableOwner(PEPROCESS process, HANDLE handle) {
     return (HandleValue(handle) & kKernelHandleBit) != 0 ? SystemProcess() : process;
 }
 
+// Handles of the system process are not for user-mode callers.
+bool IsOutOfReach(HANDLE handle, KPROCESSOR_MODE mode) {
+    return mode != KernelMode && (HandleValue(handle) & kKernelHandleBit) != 0;
+}
+
 // Puts a referenced object into the table.
 NTSTATUS Insert(HandleTable& table, const Entry& entry, uint32_t* index) {
     WordGuard guard(table.lock);
@@ -136,7 +141,7 @@ NTSTATUS ObCreateHandle(PVOID object, ACCESS_MASK granted, ULONG attributes, PHA
 
 NTSTATUS ReferenceHandle(PEPROCESS process, HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode,
                          PVOID* object, ACCESS_MASK* granted) {
-    if (mode != KernelMode && (HandleValue(handle) & kKernelHandleBit) != 0) {
+    if (IsOutOfReach(handle, mode)) {
         return STATUS_INVALID_HANDLE;
     }
     HandleTable& table = *TableOwner(process, handle)->handles;
@@ -159,7 +164,10 @@ NTSTATUS ReferenceHandle(PEPROCESS process, HANDLE handle, ACCESS_MASK access, P
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CloseHandle(PEPROCESS process, HANDLE handle) {
+NTSTATUS CloseHandle(PEPROCESS process, HANDLE handle, KPROCESSOR_MODE mode) {
+    if (IsOutOfReach(handle, mode)) {
+        return STATUS_INVALID_HANDLE;
+    }
     HandleTable& table = *TableOwner(process, handle)->handles;
     PVOID object = nullptr;
     {
@@ -191,7 +199,7 @@ NTSTATUS DuplicateHandle(PEPROCESS from, HANDLE handle, PEPROCESS to, ACCESS_MAS
 
 void CloseAllHandles(PEPROCESS process) {
     for (HANDLE handle = FirstHandle(*process->handles); handle != nullptr; handle = FirstHandle(*process->handles)) {
-        CloseHandle(process, handle);
+        CloseHandle(process, handle, KernelMode);
     }
 }
 
@@ -251,7 +259,7 @@ NTKERNELAPI NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK 
 
 NTKERNELAPI NTSTATUS NTAPI ZwClose(HANDLE Handle) {
     nt::RefuseAtDispatch("closing a handle");
-    const NTSTATUS status = nt::CloseHandle(nt::CurrentProcess(), Handle);
+    const NTSTATUS status = nt::CloseHandle(nt::CurrentProcess(), Handle, KernelMode);
     if (status == STATUS_INVALID_HANDLE && nt::CurrentDriver() != nullptr) {
         nt::Violation("close of the invalid handle 0x%x", nt::HandleValue(Handle));
     }

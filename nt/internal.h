@@ -156,7 +156,6 @@ struct _ETHREAD {
     PKSTART_ROUTINE startRoutine;
     PVOID startContext;
     PDRIVER_OBJECT creator;
-    void* exitJump;
 };
 
 namespace nt {
@@ -198,21 +197,24 @@ void SetRecycling(bool allowed);
 // Boot order of the pieces that have state; shutdown is in reverse.
 void ClockBoot(const BootOptions& options);
 void LockOrderBoot();
-void ObjectsShutdown(LeakList& leaks);
-void WorkQueuesBoot(unsigned criticalWorkers);
+void WorkQueuesBoot();
 void WorkQueuesShutdown();
 void ReaperBoot();
 void ReaperShutdown();
-void DevicesShutdown(LeakList& leaks);
-void PoolShutdown(LeakList& leaks);
-void LookasideShutdown(LeakList& leaks);
-void ResourcesShutdown(LeakList& leaks);
-void IrpShutdown(LeakList& leaks);
-void MdlShutdown(LeakList& leaks);
-void TokensShutdown(LeakList& leaks);
-void DriversShutdown(LeakList& leaks);
+// What is left is nobody's from here on; with `reclaim` its memory goes, because nobody runs who could touch it.
+void ObjectsShutdown(bool reclaim);
+void IrpShutdown(bool reclaim);
+void MdlShutdown(bool reclaim);
+void PoolShutdown(bool reclaim);
+void DevicesShutdown();
+void DriversShutdown();
+void LookasideShutdown();
+void ResourcesShutdown();
+void TokensShutdown();
 
 // What a driver left or holds; a null driver: anybody.
+void AddLoadedDrivers(LeakList& leaks);
+void AddTokenLeaks(LeakList& leaks);
 void AddPoolLeaks(PDRIVER_OBJECT driver, LeakList& leaks);
 void AddLookasideLeaks(PDRIVER_OBJECT driver, LeakList& leaks);
 void AddResourceLeaks(PDRIVER_OBJECT driver, LeakList& leaks);
@@ -226,6 +228,7 @@ void NamesShutdown();
 
 std::string DriverNameOf(PDRIVER_OBJECT driver);
 std::string TagText(ULONG tag);
+std::string QuotedTag(ULONG tag);
 
 // ---- the order of acquires ----
 // Locks are ordered by class (lock_order.cpp). Locks of one class are not ordered among each other.
@@ -260,7 +263,6 @@ inline constexpr UCHAR kNotificationEventObject = 0;
 inline constexpr UCHAR kSynchronizationEventObject = 1;
 inline constexpr UCHAR kMutantObject = 2;
 inline constexpr UCHAR kProcessObject = 3;
-inline constexpr UCHAR kSemaphoreObject = 5;
 inline constexpr UCHAR kThreadObject = 6;
 
 void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state);
@@ -274,8 +276,9 @@ PVOID ObAllocateUnlisted(POBJECT_TYPE type, size_t size);
 // Drops a reference; if it was the last, the object is deleted by the reaper, on its own thread.
 void ObDereferenceDeferred(PVOID object);
 void ReaperDrain();
-ULONG ObHandleCount(PVOID object);
 std::string ObDescribe(PVOID object);
+// Whether an object of the type is there; the kernel's own do not count.
+bool ObAnyLive(POBJECT_TYPE type);
 // The device that opens the longest prefix of the path; `rest` receives what follows. Referenced for the caller.
 NTSTATUS ObParsePath(std::u16string_view path, PDEVICE_OBJECT* device, std::u16string* rest);
 
@@ -286,7 +289,8 @@ void DeleteHandleTable(HandleTable* table);
 void CloseAllHandles(PEPROCESS process);
 size_t CountHandles(PEPROCESS process);
 NTSTATUS DuplicateHandle(PEPROCESS from, HANDLE handle, PEPROCESS to, ACCESS_MASK access, PHANDLE copy);
-NTSTATUS CloseHandle(PEPROCESS process, HANDLE handle);
+// For a user-mode caller a kernel handle is none.
+NTSTATUS CloseHandle(PEPROCESS process, HANDLE handle, KPROCESSOR_MODE mode);
 NTSTATUS ReferenceHandle(PEPROCESS process, HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode,
                          PVOID* object, ACCESS_MASK* granted);
 
@@ -301,7 +305,7 @@ extern OBJECT_TYPE g_linkType;
 void DeleteFileObject(PVOID object);
 void CleanupFileObject(PVOID object);
 void DeleteDeviceObject(PVOID object);
-void DeleteThreadObject(PVOID object);
+void DeleteDriverObject(PVOID object);
 void DeleteProcessObject(PVOID object);
 
 // ---- user memory ----

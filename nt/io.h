@@ -506,8 +506,6 @@ NTKERNELAPI VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
 NTKERNELAPI BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp);
 
 NTKERNELAPI PIRP NTAPI IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota);
-// Makes a request of IoAllocateIrp, once it has come back, fit to be sent again.
-NTKERNELAPI VOID NTAPI IoInitializeIrp(PIRP Irp, USHORT PacketSize, CCHAR StackSize);
 // Makes a request of IoAllocateIrp ready to be sent again, once its completion routine has stopped its completion.
 NTKERNELAPI VOID NTAPI IoReuseIrp(PIRP Irp, NTSTATUS Status);
 NTKERNELAPI VOID NTAPI IoFreeIrp(PIRP Irp);
@@ -519,8 +517,6 @@ NTKERNELAPI PIRP NTAPI IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVIC
                                                      PVOID InputBuffer, ULONG InputBufferLength, PVOID OutputBuffer,
                                                      ULONG OutputBufferLength, BOOLEAN InternalDeviceIoControl,
                                                      PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock);
-
-NTKERNELAPI PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp);
 
 // ---- cancel ----
 // The cancel routine runs with the cancel spin lock held and must release it with Irp->CancelIrql. Whoever takes the
@@ -562,5 +558,4 @@ NTKERNELAPI VOID NTAPI IoSetShareAccess(ACCESS_MASK DesiredAccess, ULONG Desired
 // STATUS_SHARING_VIOLATION; counts the open only with Update and success.
 NTKERNELAPI NTSTATUS NTAPI IoCheckShareAccess(ACCESS_MASK DesiredAccess, ULONG DesiredShareAccess,
                                               PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess, BOOLEAN Update);
-NTKERNELAPI VOID NTAPI IoUpdateShareAccess(PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess);
 NTKERNELAPI VOID NTAPI IoRemoveShareAccess(PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess);

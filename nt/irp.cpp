@@ -1,9 +1,11 @@
 #include "nt/irp.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
+#include <vector>
 
 // Requests: where their memory comes from.
 
@@ -13,6 +15,7 @@ namespace {
 
 constexpr ULONG kSystemBufferTag = 0x20206F49;  // "Io  "
 constexpr unsigned kThreadKeeps = 8;
+constexpr ULONG kSystemBufferLimit = 256 << 20;
 constexpr unsigned char kBeyondInput = kFillMemory ? 0xCD : 0x00;
 
 // Stands before the request in its memory.
@@ -118,6 +121,10 @@ void Prepare(PIRP irp, CCHAR stacks) {
     InitializeListHead(&irp->ThreadListEntry);
 }
 
+bool IsLeft(const IrpRecord* record) {
+    return record->phase.load(std::memory_order_acquire) != IrpPhase::kFree && !record->lost;
+}
+
 }  // namespace
 
 IrpRecord* NewIrp(CCHAR stacks, IrpKind kind) {
@@ -135,11 +142,10 @@ IrpRecord* NewIrp(CCHAR stacks, IrpKind kind) {
     record->references.store(1, std::memory_order_relaxed);
     record->kind = kind;
     record->owner = CurrentDriver();
+    record->lost = false;
     record->process = nullptr;
-    record->threadId = 0;
     record->file = nullptr;
     record->overlapped = false;
-    record->onList = false;
     record->doneWord = 0;
     record->completion = {};
     record->userStatus = nullptr;
@@ -207,7 +213,7 @@ PVOID AllocateSystemBuffer(IrpRecord* record, ULONG bytes) {
     if (bytes <= kInlineBytes) {
         buffer = InlineBuffer(record);
     } else {
-        buffer = KernelAllocate(bytes, kSystemBufferTag);
+        buffer = bytes <= kSystemBufferLimit ? KernelAllocate(bytes, kSystemBufferTag) : nullptr;
         record->irp->Flags |= buffer != nullptr ? IRP_DEALLOCATE_BUFFER : 0;
     }
     record->irp->AssociatedIrp.SystemBuffer = buffer;
@@ -252,28 +258,25 @@ void GiveBackRecords(PETHREAD self) {
 void AddIrpLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
     WordGuard guard(g_recordsLock);
     for (const IrpRecord* record = g_allRecords; record != nullptr; record = record->nextAll) {
-        if (record->phase.load(std::memory_order_acquire) != IrpPhase::kFree &&
-            (driver == nullptr || record->owner == driver)) {
+        if (IsLeft(record) && (driver == nullptr || record->owner == driver)) {
             leaks.push_back({"request", DescribeIrp(record), 1, 0});
         }
     }
 }
 
-// A request that was left stays as it is, for whoever left it; its record is lost.
-void IrpShutdown(LeakList& leaks) {
-    AddIrpLeaks(nullptr, leaks);
-    WordGuard guard(g_recordsLock);
-    for (IrpRecord** link = &g_allRecords; *link != nullptr;) {
-        IrpRecord* const record = *link;
-        if (record->phase.load(std::memory_order_acquire) != IrpPhase::kFree) {
-            *link = record->nextAll;
-            static IrpRecord* graveyard = nullptr;
-            record->nextAll = graveyard;
-            graveyard = record;
-            g_live.fetch_sub(1, std::memory_order_relaxed);
-        } else {
-            link = &record->nextAll;
+void IrpShutdown(bool reclaim) {
+    std::vector<IrpRecord*> left;
+    {
+        WordGuard guard(g_recordsLock);
+        for (IrpRecord* record = g_allRecords; record != nullptr; record = record->nextAll) {
+            if (IsLeft(record)) {
+                record->lost = true;
+                left.push_back(record);
+            }
         }
+    }
+    if (reclaim) {
+        std::for_each(left.begin(), left.end(), Release);
     }
 }
 
@@ -302,19 +305,6 @@ NTKERNELAPI PIRP NTAPI IoAllocateIrp(CCHAR StackSize, BOOLEAN) {
     }
     IrpRecord* const record = nt::NewIrp(StackSize, IrpKind::kDriver);
     return record != nullptr ? record->irp : nullptr;
-}
-
-NTKERNELAPI VOID NTAPI IoInitializeIrp(PIRP Irp, USHORT, CCHAR StackSize) {
-    const IrpRecord* const record = nt::CheckIrp(Irp, "initialise of");
-    if (record == nullptr) {
-        return;
-    }
-    if (record->kind != IrpKind::kDriver || StackSize < 1 || StackSize > record->stacks ||
-        record->phase.load() != IrpPhase::kIdle) {
-        nt::Violation("initialise of request %s for %d drivers", nt::DescribeIrp(record).c_str(), StackSize);
-        return;
-    }
-    nt::Prepare(Irp, StackSize);
 }
 
 NTKERNELAPI VOID NTAPI IoReuseIrp(PIRP Irp, NTSTATUS Status) {

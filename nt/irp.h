@@ -34,13 +34,12 @@ struct IrpRecord {
     IrpKind kind;
     PDRIVER_OBJECT owner;
     CCHAR stacks;  // that the memory at irp has room for
+    bool lost;     // left at a shutdown beside somebody who may still use it: no longer listed
 
     // kSystem.
     PEPROCESS process;
-    uint64_t threadId;
     PFILE_OBJECT file;  // referenced; null for requests that hold none
     bool overlapped;    // whoever completes it finishes it; otherwise the issuer does
-    bool onList;
     uint32_t doneWord;
     Overlapped completion;
     PIO_STATUS_BLOCK userStatus;
@@ -56,7 +55,8 @@ IrpRecord* RecordOf(PIRP irp);
 IrpRecord* CheckIrp(PIRP irp, const char* operation);
 std::string DescribeIrp(const IrpRecord* record);
 
-// A system buffer of the request: in the request itself if it is small. Null when memory is short; freed with it.
+// A system buffer of the request: in the request itself if it is small. Null when memory is short, or when more is
+// asked for than a 32-bit kernel's pool ever had; freed with the request.
 PVOID AllocateSystemBuffer(IrpRecord* record, ULONG bytes);
 void FreeSystemBuffer(IrpRecord* record);
 
@@ -89,6 +89,7 @@ struct MdlRecord {
     MdlRecord* nextAll;
     std::atomic<bool> live;
     PDRIVER_OBJECT owner;
+    bool lost;  // as a request's
 };
 // Without the fault point.
 PMDL NewMdl(PVOID address, ULONG length);

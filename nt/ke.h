@@ -47,11 +47,6 @@ typedef struct _KEVENT {
     DISPATCHER_HEADER Header;
 } KEVENT, *PKEVENT, *PRKEVENT;
 
-typedef struct _KSEMAPHORE {
-    DISPATCHER_HEADER Header;
-    LONG Limit;
-} KSEMAPHORE, *PKSEMAPHORE, *PRKSEMAPHORE;
-
 typedef struct _KMUTANT {
     DISPATCHER_HEADER Header;
     LIST_ENTRY MutantListEntry;
@@ -86,15 +81,9 @@ NTKERNELAPI VOID NTAPI KeInitializeMutex(PRKMUTEX Mutex, ULONG Level);
 NTKERNELAPI LONG NTAPI KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN Wait);
 NTKERNELAPI LONG NTAPI KeReadStateMutex(PRKMUTEX Mutex);
 
-// ---- semaphores ----
-
-NTKERNELAPI VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit);
-// Returns the count before the call.
-NTKERNELAPI LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY Increment, LONG Adjustment, BOOLEAN Wait);
-
 // ---- waits ----
 
-// Object: an event, mutex, semaphore or thread object. Timeout: null waits without limit; 0 polls; negative is
+// Object: an event, mutex or thread object. Timeout: null waits without limit; 0 polls; negative is
 // relative, positive a system time, in 100-ns units of the kernel's clock (nt/kernel.h). Returns STATUS_SUCCESS or
 // STATUS_TIMEOUT. Waits are first come, first served.
 NTKERNELAPI NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
@@ -108,8 +97,6 @@ NTKERNELAPI NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[],
                                                     KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
                                                     BOOLEAN Alertable, PLARGE_INTEGER Timeout,
                                                     PKWAIT_BLOCK WaitBlockArray);
-
-NTKERNELAPI NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
 
 // System time: 100-ns units since 1601-01-01 UTC, from the kernel's clock.
 NTKERNELAPI VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime);

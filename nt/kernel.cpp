@@ -18,6 +18,31 @@ std::vector<KernelPart>& Parts() {
     return parts;
 }
 
+void AddRecordLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
+    AddPoolLeaks(driver, leaks);
+    AddLookasideLeaks(driver, leaks);
+    AddResourceLeaks(driver, leaks);
+    AddObjectLeaks(driver, leaks);
+    AddDeviceLeaks(driver, leaks);
+    AddIrpLeaks(driver, leaks);
+    AddMdlLeaks(driver, leaks);
+}
+
+// Everything has been listed, so nothing is looked at through anything else any more.
+void TakeDown(bool reclaim) {
+    NamesShutdown();
+    DriversShutdown();
+    DevicesShutdown();
+    ResourcesShutdown();
+    LookasideShutdown();
+    TokensShutdown();
+    ObjectsShutdown(reclaim);
+    IrpShutdown(reclaim);
+    MdlShutdown(reclaim);
+    ProcessesShutdown();
+    PoolShutdown(reclaim);
+}
+
 }  // namespace
 
 bool AddKernelPart(const KernelPart& part) {
@@ -40,7 +65,7 @@ void Boot(const BootOptions& options) {
     LockOrderBoot();
     ProcessesBoot();
     ReaperBoot();
-    WorkQueuesBoot(options.criticalWorkers);
+    WorkQueuesBoot();
     for (const KernelPart& part : Parts()) {
         part.boot();
     }
@@ -54,38 +79,28 @@ LeakList Shutdown() {
         return leaks;
     }
     DisarmFaults();
-    DriversShutdown(leaks);
+    AddLoadedDrivers(leaks);
     WorkQueuesShutdown();
     ReaperDrain();
     ReaperShutdown();
-    AddThreadLeaks(nullptr, leaks);
+    LeakList threads;
+    AddThreadLeaks(nullptr, threads);
+    const bool reclaim = threads.empty() && !ObAnyLive(&g_processType);
+    leaks.insert(leaks.end(), threads.begin(), threads.end());
     AddHandleLeaks(nullptr, leaks);
     for (size_t i = Parts().size(); i-- > 0;) {
         Parts()[i].shutdown(leaks);
     }
-    DevicesShutdown(leaks);
-    ObjectsShutdown(leaks);
-    IrpShutdown(leaks);
-    MdlShutdown(leaks);
-    ResourcesShutdown(leaks);
-    LookasideShutdown(leaks);
-    PoolShutdown(leaks);
-    TokensShutdown(leaks);
-    ProcessesShutdown();
-    NamesShutdown();
+    AddRecordLeaks(nullptr, leaks);
+    AddTokenLeaks(leaks);
+    TakeDown(reclaim);
     g_booted = false;
     return leaks;
 }
 
 LeakList Holdings(PDRIVER_OBJECT driver) {
     LeakList leaks;
-    AddPoolLeaks(driver, leaks);
-    AddLookasideLeaks(driver, leaks);
-    AddResourceLeaks(driver, leaks);
-    AddObjectLeaks(driver, leaks);
-    AddDeviceLeaks(driver, leaks);
-    AddIrpLeaks(driver, leaks);
-    AddMdlLeaks(driver, leaks);
+    AddRecordLeaks(driver, leaks);
     AddHandleLeaks(driver, leaks);
     AddThreadLeaks(driver, leaks);
     AddWorkItemLeaks(driver, leaks);

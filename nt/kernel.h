@@ -33,7 +33,6 @@ struct BootOptions {
     bool manualClock = false;
     // Where a manual clock starts; by default 2024-01-01 UTC.
     LONGLONG manualStart = 133'485'408'000'000'000;
-    unsigned criticalWorkers = 4;
     // Keep freed requests, descriptor lists and lookaside entries for reuse. Always off under the sanitizers.
     bool recycle = true;
 };
@@ -42,7 +41,8 @@ void Boot(const BootOptions& options = {});
 bool IsBooted();
 
 // Ends the worker threads and takes everything down. Processes must have been destroyed and drivers unloaded: what is
-// left, of anybody, is returned (and given back to the system, so that the next boot starts clean).
+// left, of anybody, is returned, and given back to the system, so that the next boot starts clean. (Beside a driver's
+// thread that still runs, or a process, memory that it may touch is kept.)
 LeakList Shutdown();
 
 // ---- drivers ----

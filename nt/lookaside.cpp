@@ -19,10 +19,6 @@ uint32_t* WordOf(PGENERAL_LOOKASIDE list) {
     return reinterpret_cast<uint32_t*>(&list->Lock);
 }
 
-std::string Describe(const GENERAL_LOOKASIDE* list) {
-    return "'" + TagText(list->Tag) + "'";
-}
-
 bool CheckList(PGENERAL_LOOKASIDE list, const char* operation) {
     if (list->Signature != kSignature) {
         Violation("%s lookaside list %p, which is not initialised", operation, static_cast<void*>(list));
@@ -99,16 +95,16 @@ PoolBlock* CheckEntry(PGENERAL_LOOKASIDE list, PVOID entry) {
     PoolBlock* const block = static_cast<PoolBlock*>(entry) - 1;
     if (entry == nullptr || reinterpret_cast<uintptr_t>(entry) % alignof(PoolBlock) != 0 ||
         block->magic != kPoolMagic || block->tag != list->Tag || block->size != list->Size) {
-        Violation("%p freed to lookaside list %s is no entry of it", entry, Describe(list).c_str());
+        Violation("%p freed to lookaside list %s is no entry of it", entry, QuotedTag(list->Tag).c_str());
         return nullptr;
     }
     if (block->cached.load(std::memory_order_relaxed)) {
-        Violation("%p freed to lookaside list %s twice", entry, Describe(list).c_str());
+        Violation("%p freed to lookaside list %s twice", entry, QuotedTag(list->Tag).c_str());
         return nullptr;
     }
     if (block->pins.load(std::memory_order_relaxed) != 0) {
         Violation("%p freed to lookaside list %s with a live resource or queued work item inside", entry,
-                  Describe(list).c_str());
+                  QuotedTag(list->Tag).c_str());
         return nullptr;
     }
     return block;
@@ -151,51 +147,34 @@ void AddLookasideLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
     for (PLIST_ENTRY entry = g_lists.Flink; entry != &g_lists; entry = entry->Flink) {
         const auto* const list = CONTAINING_RECORD(entry, GENERAL_LOOKASIDE, ListEntry);
         if (driver == nullptr || list->Owner == driver) {
-            leaks.push_back({"lookaside list", Describe(list), 1, 0});
+            leaks.push_back({"lookaside list", QuotedTag(list->Tag), 1, 0});
         }
     }
 }
 
-void LookasideShutdown(LeakList& leaks) {
-    AddLookasideLeaks(nullptr, leaks);
+void LookasideShutdown() {
     WordGuard guard(g_listLock);
     InitializeListHead(&g_lists);
 }
 
 }  // namespace nt
 
-NTKERNELAPI VOID NTAPI ExInitializePagedLookasideList(PPAGED_LOOKASIDE_LIST Lookaside, PALLOCATE_FUNCTION Allocate,
-                                                      PFREE_FUNCTION Free, ULONG, SIZE_T Size, ULONG Tag,
-                                                      USHORT Depth) {
-    nt::Initialize(&Lookaside->L, Allocate, Free, PagedPool, Size, Tag, Depth);
-}
+// The calls of the two kinds of list are one, but for the names and the pool.
+#define NT_LOOKASIDE_CALLS(Kind, LIST, Pool)                                                                     \
+    NTKERNELAPI VOID NTAPI ExInitialize##Kind##LookasideList(LIST Lookaside, PALLOCATE_FUNCTION Allocate,        \
+                                                             PFREE_FUNCTION Free, ULONG, SIZE_T Size, ULONG Tag, \
+                                                             USHORT Depth) {                                     \
+        nt::Initialize(&Lookaside->L, Allocate, Free, Pool, Size, Tag, Depth);                                   \
+    }                                                                                                            \
+    NTKERNELAPI VOID NTAPI ExDelete##Kind##LookasideList(LIST Lookaside) {                                       \
+        nt::Delete(&Lookaside->L);                                                                               \
+    }                                                                                                            \
+    PVOID ExAllocateFrom##Kind##LookasideList(LIST Lookaside) {                                                  \
+        return nt::Allocate(&Lookaside->L);                                                                      \
+    }                                                                                                            \
+    VOID ExFreeTo##Kind##LookasideList(LIST Lookaside, PVOID Entry) {                                            \
+        nt::Free(&Lookaside->L, Entry);                                                                          \
+    }
 
-NTKERNELAPI VOID NTAPI ExDeletePagedLookasideList(PPAGED_LOOKASIDE_LIST Lookaside) {
-    nt::Delete(&Lookaside->L);
-}
-
-PVOID ExAllocateFromPagedLookasideList(PPAGED_LOOKASIDE_LIST Lookaside) {
-    return nt::Allocate(&Lookaside->L);
-}
-
-VOID ExFreeToPagedLookasideList(PPAGED_LOOKASIDE_LIST Lookaside, PVOID Entry) {
-    nt::Free(&Lookaside->L, Entry);
-}
-
-NTKERNELAPI VOID NTAPI ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PALLOCATE_FUNCTION Allocate,
-                                                       PFREE_FUNCTION Free, ULONG, SIZE_T Size, ULONG Tag,
-                                                       USHORT Depth) {
-    nt::Initialize(&Lookaside->L, Allocate, Free, NonPagedPool, Size, Tag, Depth);
-}
-
-NTKERNELAPI VOID NTAPI ExDeleteNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
-    nt::Delete(&Lookaside->L);
-}
-
-PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
-    return nt::Allocate(&Lookaside->L);
-}
-
-VOID ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PVOID Entry) {
-    nt::Free(&Lookaside->L, Entry);
-}
+NT_LOOKASIDE_CALLS(Paged, PPAGED_LOOKASIDE_LIST, PagedPool)
+NT_LOOKASIDE_CALLS(NPaged, PNPAGED_LOOKASIDE_LIST, NonPagedPool)

@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
+#include <vector>
 
 #include "nt/irp.h"
 
@@ -137,6 +139,10 @@ PVOID Map(PMDL mdl) {
     return mdl->MappedSystemVa;
 }
 
+bool IsLeft(const MdlRecord* record) {
+    return record->live.load(std::memory_order_acquire) && !record->lost;
+}
+
 }  // namespace
 
 PMDL NewMdl(PVOID address, ULONG length) {
@@ -154,6 +160,7 @@ PMDL NewMdl(PVOID address, ULONG length) {
     mdl->ByteOffset = static_cast<ULONG>(value & (PAGE_SIZE - 1));
     mdl->ByteCount = length;
     record->owner = CurrentDriver();
+    record->lost = false;
     record->live.store(true, std::memory_order_release);
     g_live.fetch_add(1, std::memory_order_relaxed);
     if (kSanitized) {
@@ -192,31 +199,30 @@ void AddMdlLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
     {
         WordGuard guard(g_recordsLock);
         for (const MdlRecord* record = g_allRecords; record != nullptr; record = record->nextAll) {
-            if (record->live.load(std::memory_order_acquire) && (driver == nullptr || record->owner == driver)) {
+            if (IsLeft(record) && (driver == nullptr || record->owner == driver)) {
                 count++;
                 locked += (record->mdl->MdlFlags & MDL_PAGES_LOCKED) != 0;
             }
         }
     }
     if (count != 0) {
-        leaks.push_back({"descriptor list", "(" + std::to_string(locked) + " locked)", count, 0});
+        leaks.push_back({"descriptor list", std::to_string(locked) + " of them locked", count, 0});
     }
 }
 
-void MdlShutdown(LeakList& leaks) {
-    AddMdlLeaks(nullptr, leaks);
-    WordGuard guard(g_recordsLock);
-    for (MdlRecord** link = &g_allRecords; *link != nullptr;) {
-        MdlRecord* const record = *link;
-        if (record->live.load(std::memory_order_acquire)) {
-            *link = record->nextAll;
-            static MdlRecord* graveyard = nullptr;
-            record->nextAll = graveyard;
-            graveyard = record;
-            g_live.fetch_sub(1, std::memory_order_relaxed);
-        } else {
-            link = &record->nextAll;
+void MdlShutdown(bool reclaim) {
+    std::vector<MdlRecord*> left;
+    {
+        WordGuard guard(g_recordsLock);
+        for (MdlRecord* record = g_allRecords; record != nullptr; record = record->nextAll) {
+            if (IsLeft(record)) {
+                record->lost = true;
+                left.push_back(record);
+            }
         }
+    }
+    if (reclaim) {
+        std::for_each(left.begin(), left.end(), ReleaseMdl);
     }
 }
 
@@ -309,16 +315,6 @@ NTKERNELAPI VOID NTAPI MmUnlockPages(PMDL MemoryDescriptorList) {
         static_cast<CSHORT>(mdl->MdlFlags & ~(MDL_PAGES_LOCKED | MDL_MAPPED_TO_SYSTEM_VA | MDL_WRITE_OPERATION));
     mdl->MappedSystemVa = nullptr;
     mdl->Process = nullptr;
-}
-
-NTKERNELAPI VOID NTAPI MmBuildMdlForNonPagedPool(PMDLX MemoryDescriptorList) {
-    PMDL const mdl = MemoryDescriptorList;
-    if (CheckMdl(mdl, "build of") == nullptr) {
-        return;
-    }
-    nt::RequireResident(MmGetMdlVirtualAddress(mdl), "memory described as non-paged");
-    mdl->MappedSystemVa = MmGetMdlVirtualAddress(mdl);
-    mdl->MdlFlags = static_cast<CSHORT>(mdl->MdlFlags | MDL_SOURCE_IS_NONPAGED_POOL);
 }
 
 NTKERNELAPI PVOID NTAPI MmMapLockedPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE) {

@@ -54,7 +54,6 @@ NTKERNELAPI VOID NTAPI MmProbeAndLockPages(PMDL MemoryDescriptorList, KPROCESSOR
 NTSTATUS NtMmTryProbeAndLockPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE AccessMode, LOCK_OPERATION Operation);
 
 NTKERNELAPI VOID NTAPI MmUnlockPages(PMDL MemoryDescriptorList);
-NTKERNELAPI VOID NTAPI MmBuildMdlForNonPagedPool(PMDLX MemoryDescriptorList);
 
 // Mapping can fail on the real kernel, which then stops the machine unless the caller asked for null instead. So the
 // verifier accepts only the forms that can fail: MmMapLockedPagesSpecifyCache with BugCheckOnFailure FALSE,

@@ -102,13 +102,16 @@ void ObRemoveName(PVOID object) {
 
 NTSTATUS ObReferenceByName(std::u16string_view path, POBJECT_TYPE type, PVOID* object) {
     const std::u16string key = KeyOf(path);
-    std::lock_guard guard(g_lock);
-    PVOID const found = FindLocked(key);
+    PVOID found = nullptr;
+    {
+        std::lock_guard guard(g_lock);
+        found = FindLocked(key);
+    }
     if (found == nullptr) {
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
     if (type != nullptr && ObTypeOf(found) != type) {
-        HeaderOf(found)->references.fetch_sub(1);  // not the last one: the name's owner holds another
+        ObfDereferenceObject(found);
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
     *object = found;

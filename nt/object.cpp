@@ -15,8 +15,8 @@ namespace nt {
 
 OBJECT_TYPE g_fileType = {"file object", CleanupFileObject, DeleteFileObject};
 OBJECT_TYPE g_deviceType = {"device", nullptr, DeleteDeviceObject};
-OBJECT_TYPE g_driverType = {"driver", nullptr, nullptr};
-OBJECT_TYPE g_threadType = {"thread object", nullptr, DeleteThreadObject};
+OBJECT_TYPE g_driverType = {"driver", nullptr, DeleteDriverObject};
+OBJECT_TYPE g_threadType = {"thread object", nullptr, nullptr};
 OBJECT_TYPE g_processType = {"process", nullptr, DeleteProcessObject};
 OBJECT_TYPE g_eventType = {"event", nullptr, nullptr};
 OBJECT_TYPE g_linkType = {"link", nullptr, DeleteLinkObject};
@@ -27,7 +27,7 @@ constexpr uint32_t kMagic = 0x6A624F21;
 
 WordLock g_liveLock;  // guards the two lists
 LIST_ENTRY g_live = {&g_live, &g_live};
-LIST_ENTRY g_graveyard = {&g_graveyard, &g_graveyard};  // what was left at earlier shutdowns
+LIST_ENTRY g_graveyard = {&g_graveyard, &g_graveyard};  // left at a shutdown beside somebody who may use it
 
 PVOID Allocate(POBJECT_TYPE type, size_t size, bool listed) {
     void* const memory = std::calloc(1, sizeof(ObjectHeader) + size);
@@ -124,10 +124,6 @@ POBJECT_TYPE ObTypeOf(PVOID object) {
 
 void ObSetOwner(PVOID object, PDRIVER_OBJECT owner) {
     HeaderOf(object)->owner = owner;
-}
-
-ULONG ObHandleCount(PVOID object) {
-    return HeaderOf(object)->handles.load();
 }
 
 std::string ObDescribe(PVOID object) {
@@ -230,12 +226,32 @@ void ReclaimLinks(PDRIVER_OBJECT driver) {
     }
 }
 
-// What is left stays allocated, on another list: whoever left it may still use it, and drop it.
-void ObjectsShutdown(LeakList& leaks) {
-    AddObjectLeaks(nullptr, leaks);
+bool ObAnyLive(POBJECT_TYPE type) {
+    WordGuard guard(g_liveLock);
+    for (PLIST_ENTRY entry = g_live.Flink; entry != &g_live; entry = entry->Flink) {
+        if (CONTAINING_RECORD(entry, ObjectHeader, live)->type == type) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void ObjectsShutdown(bool reclaim) {
     WordGuard guard(g_liveLock);
     while (!IsListEmpty(&g_live)) {
-        InsertTailList(&g_graveyard, RemoveHeadList(&g_live));
+        PLIST_ENTRY const entry = RemoveHeadList(&g_live);
+        if (!reclaim) {
+            InsertTailList(&g_graveyard, entry);
+            continue;
+        }
+        ObjectHeader* const header = CONTAINING_RECORD(entry, ObjectHeader, live);
+        // What a device and a file hold is pool; and the end of a file would be told to a driver that has gone.
+        const bool holdsPoolOnly = header->type == &g_deviceType || header->type == &g_fileType;
+        if (header->type->deleteObject != nullptr && !holdsPoolOnly) {
+            header->type->deleteObject(header + 1);
+        }
+        header->~ObjectHeader();
+        std::free(header);
     }
 }
 

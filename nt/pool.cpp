@@ -132,11 +132,11 @@ bool GuardIsWhole(const PoolBlock* block) {
 
 std::string DescribeBlock(const PoolBlock* block) {
     char size[48];
-    std::snprintf(size, sizeof(size), "' of %zu bytes at %p", block->size, static_cast<const void*>(block + 1));
-    return "'" + TagText(block->tag) + size;
+    std::snprintf(size, sizeof(size), " of %zu bytes at %p", block->size, static_cast<const void*>(block + 1));
+    return QuotedTag(block->tag) + size;
 }
 
-// What was left at an earlier shutdown. Kept, not freed: a thread that was left over as well may still touch it.
+// What was left at a shutdown beside a thread that may still touch it.
 PoolBlock* g_graveyard = nullptr;
 
 void Free(PVOID address, const ULONG* tag) {
@@ -148,6 +148,9 @@ void Free(PVOID address, const ULONG* tag) {
     if (block == nullptr) {
         Violation("free of %p, which is no allocated pool block", address);
         return;
+    }
+    if (block->paged) {
+        CheckPoolCall(PagedPool, "freeing paged pool");
     }
     if (tag != nullptr && *tag != 0 && *tag != block->tag) {
         Violation("free of pool %s with the tag '%s'", DescribeBlock(block).c_str(), TagText(*tag).c_str());
@@ -300,9 +303,12 @@ void AddPoolLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
     }
 }
 
-void PoolShutdown(LeakList& leaks) {
-    AddPoolLeaks(nullptr, leaks);
-    ForEachBlock([](PoolBlock* block) {
+void PoolShutdown(bool reclaim) {
+    ForEachBlock([reclaim](PoolBlock* block) {
+        if (reclaim) {
+            FreePoolBlock(block);
+            return;
+        }
         g_blocks.fetch_sub(1, std::memory_order_relaxed);
         g_bytes.fetch_sub(block->size, std::memory_order_relaxed);
         block->next = g_graveyard;

@@ -17,15 +17,11 @@ typedef VOID(NTAPI KSTART_ROUTINE)(PVOID StartContext);
 typedef KSTART_ROUTINE* PKSTART_ROUTINE;
 
 // Starts a thread of the system process. The handle is one of the current process and must be closed; the thread
-// object (reference it by its handle, type *PsThreadType) is signalled when the thread has ended. A thread may end
-// by returning from its routine or through PsTerminateSystemThread.
+// object (reference it by its handle, type *PsThreadType) is signalled when the thread has ended, by returning from its
+// routine.
 NTKERNELAPI NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess,
                                                 POBJECT_ATTRIBUTES ObjectAttributes, HANDLE ProcessHandle,
                                                 PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine, PVOID StartContext);
-
-// Ends the calling system thread: what it is called from must hold no lock and own nothing on the stack that needs
-// a destructor. Returns STATUS_INVALID_PARAMETER when the caller is no system thread, else not at all.
-NTKERNELAPI NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS ExitStatus);
 
 NTKERNELAPI PEPROCESS NTAPI IoGetCurrentProcess(VOID);
 #define PsGetCurrentProcess IoGetCurrentProcess

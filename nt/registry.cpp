@@ -109,25 +109,6 @@ NTSTATUS CreateKeyHandle(std::u16string_view path, ACCESS_MASK access, ULONG att
     return status;
 }
 
-// Makes the key below an existing one. The mutex is held.
-NTSTATUS AddKeyBelowParent(std::u16string_view path) {
-    if (FindKey(path.substr(0, path.rfind(u'\\'))) == nullptr) {
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    }
-    if (g_registry.readOnly) {
-        return STATUS_MEDIA_WRITE_PROTECTED;
-    }
-    if (g_registry.tree.size() >= nt::kRegistryKeyLimit) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    nt::AddRegistryKey(&g_registry.tree, path);
-    const NTSTATUS status = Save();
-    if (!NT_SUCCESS(status)) {
-        g_registry.tree.erase(nt::Upcased(path));
-    }
-    return status;
-}
-
 void CopyCut(void* target, ULONG length, ULONG offset, const void* source, SIZE_T size) {
     if (offset < length && size != 0) {
         std::memcpy(static_cast<UCHAR*>(target) + offset, source, std::min<SIZE_T>(size, length - offset));
@@ -238,39 +219,6 @@ NTSTATUS ZwOpenKey(PHANDLE keyHandle, ACCESS_MASK desiredAccess, POBJECT_ATTRIBU
     return CreateKeyHandle(path, desiredAccess, objectAttributes->Attributes, keyHandle);
 }
 
-NTSTATUS ZwCreateKey(PHANDLE keyHandle, ACCESS_MASK desiredAccess, POBJECT_ATTRIBUTES objectAttributes,
-                     ULONG /*titleIndex*/, PUNICODE_STRING /*keyClass*/, ULONG createOptions, PULONG disposition) {
-    *keyHandle = nullptr;
-    if (nt::FaultPoint(nt::FaultKind::kRegistry)) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    if (createOptions != REG_OPTION_NON_VOLATILE) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    std::u16string path;
-    NTSTATUS status = ResolvePath(*objectAttributes, &path);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    ULONG outcome = REG_OPENED_EXISTING_KEY;
-    {
-        const std::lock_guard lock(g_registry.mutex);
-        if (FindKey(path) == nullptr) {
-            outcome = REG_CREATED_NEW_KEY;
-            status = AddKeyBelowParent(path);
-            if (!NT_SUCCESS(status)) {
-                return status;
-            }
-        }
-        path = FindKey(path)->path;
-    }
-    status = CreateKeyHandle(path, desiredAccess, objectAttributes->Attributes, keyHandle);
-    if (NT_SUCCESS(status) && disposition != nullptr) {
-        *disposition = outcome;
-    }
-    return status;
-}
-
 NTSTATUS ZwQueryValueKey(HANDLE keyHandle, PUNICODE_STRING valueName, KEY_VALUE_INFORMATION_CLASS informationClass,
                          PVOID information, ULONG length, PULONG resultLength) {
     *resultLength = 0;
@@ -359,8 +307,13 @@ NTSTATUS CreateRegistryKey(std::u16string_view path) {
     if (g_registry.readOnly) {
         return STATUS_MEDIA_WRITE_PROTECTED;
     }
+    RegistryTree before = g_registry.tree;
     AddRegistryKey(&g_registry.tree, path);
-    return Save();
+    const NTSTATUS saved = Save();
+    if (!NT_SUCCESS(saved)) {
+        g_registry.tree = std::move(before);
+    }
+    return saved;
 }
 
 }  // namespace nt

@@ -16,10 +16,6 @@ inline constexpr ULONG REG_LINK = 6;
 inline constexpr ULONG REG_MULTI_SZ = 7;
 inline constexpr ULONG REG_QWORD = 11;
 
-inline constexpr ULONG REG_OPTION_NON_VOLATILE = 0;
-inline constexpr ULONG REG_CREATED_NEW_KEY = 1;
-inline constexpr ULONG REG_OPENED_EXISTING_KEY = 2;
-
 typedef enum _KEY_VALUE_INFORMATION_CLASS {
     KeyValueBasicInformation,
     KeyValueFullInformation,
@@ -47,12 +43,6 @@ static_assert(offsetof(KEY_VALUE_PARTIAL_INFORMATION, Data) == 12 && sizeof(KEY_
 // The key of an absolute path ("\Registry\Machine\...") or below RootDirectory. STATUS_OBJECT_NAME_NOT_FOUND,
 // STATUS_OBJECT_PATH_NOT_FOUND (not below \Registry), STATUS_OBJECT_PATH_SYNTAX_BAD, STATUS_OBJECT_NAME_INVALID.
 NTKERNELAPI NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes);
-
-// Makes the key (its parent must exist) or opens it; Disposition, if given, says which. Also
-// STATUS_MEDIA_WRITE_PROTECTED (read-only station), STATUS_REGISTRY_IO_FAILED.
-NTKERNELAPI NTSTATUS NTAPI ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess,
-                                       POBJECT_ATTRIBUTES ObjectAttributes, ULONG TitleIndex, PUNICODE_STRING Class,
-                                       ULONG CreateOptions, PULONG Disposition);
 
 // Full or partial information. *ResultLength is what all of it needs. STATUS_BUFFER_TOO_SMALL when not even the fixed
 // part fits (nothing is stored); STATUS_BUFFER_OVERFLOW when something is cut; STATUS_OBJECT_NAME_NOT_FOUND;

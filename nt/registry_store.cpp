@@ -94,7 +94,8 @@ std::string ReadString(const std::string& where, const Json& value) {
     if (!wide || wide->find(u'\0') != std::u16string::npos) {
         Complain(where, "the value is not a string without NULs");
     }
-    return {reinterpret_cast<const char*>(wide->c_str()), (wide->size() + 1) * sizeof(WCHAR)};
+    const std::u16string& text = *wide;
+    return {reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(WCHAR)};
 }
 
 std::string ReadStrings(const std::string& where, const Json& value) {
@@ -170,7 +171,8 @@ void ReadKey(RegistryTree* tree, const std::string& pathText, const Json& json) 
         Complain(where, "there are too many keys");
     }
     for (const auto& [name, member] : json.items()) {
-        const std::string whereValue = where + ", value \"" + name + "\"";
+        std::string whereValue = where;
+        whereValue.append(", value \"").append(name).append("\"");
         RegistryValue value = ReadValue(whereValue, name, member);
         if (!key.values.emplace(Upcased(value.name), std::move(value)).second) {
             Complain(whereValue, "the value stands twice, in different case");

@@ -181,7 +181,6 @@ void FinishOverlapped(IrpRecord* record) {
     {
         WordGuard guard(process->requestLock);
         RemoveEntryList(&irp->ThreadListEntry);
-        record->onList = false;
         process->requestCount--;
         process->finishing++;
     }
@@ -343,11 +342,6 @@ NTKERNELAPI BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp) {
     const PFILE_OBJECT file = IoGetCurrentIrpStackLocation(Irp)->FileObject;
     const bool synchronous = (Irp->Flags & IRP_SYNCHRONOUS_API) != 0 || (file != nullptr && nt::IsSynchronous(file));
     return synchronous ? TRUE : FALSE;
-}
-
-NTKERNELAPI PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp) {
-    const IrpRecord* const record = nt::RecordOf(Irp);
-    return record != nullptr && record->process != nullptr ? record->process : nt::SystemProcess();
 }
 
 // ---- cancel ----

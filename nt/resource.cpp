@@ -109,11 +109,70 @@ bool CheckAcquire(PETHREAD self, PERESOURCE resource) {
 }
 
 // Another acquire of an owner. Its count protects the record from going away; the lock orders the count with others'.
-void Recurse(PERESOURCE resource, HeldLock* held) {
+bool Recurse(PERESOURCE resource, HeldLock* held, bool exclusive, bool wait) {
+    if (exclusive && !held->exclusive) {
+        if (wait) {
+            Violation("%s wanted exclusively by a thread that shares it: it would wait for itself",
+                      Describe(resource).c_str());
+        }
+        return false;
+    }
     LockWord(&resource->Lock);
     resource->ActiveCount++;
     UnlockWord(&resource->Lock);
     held->count++;
+    return true;
+}
+
+// Takes the resource unless somebody is in the way: any owner for an exclusive acquire, an exclusive owner or waiter
+// for a shared one. Record locked.
+bool Take(PERESOURCE resource, bool exclusive, PETHREAD self) {
+    const bool admitsSharers =
+        (resource->Flag & ResourceOwnedExclusive) == 0 && resource->NumberOfExclusiveWaiters == 0;
+    if (resource->ActiveCount != 0 && (exclusive || !admitsSharers)) {
+        return false;
+    }
+    resource->ActiveCount++;
+    if (exclusive) {
+        resource->Flag |= ResourceOwnedExclusive;
+        resource->OwnerThread = self;
+    }
+    return true;
+}
+
+// Waits until a release hands the resource over. Unlocks the record.
+void AwaitTurn(PERESOURCE resource, bool exclusive, PETHREAD self) {
+    NtResourceWaiter waiter{nullptr, self, 0};
+    Append(exclusive ? &resource->ExclusiveWaiters : &resource->SharedWaiters, &waiter);
+    __atomic_add_fetch(exclusive ? &resource->NumberOfExclusiveWaiters : &resource->NumberOfSharedWaiters, 1,
+                       __ATOMIC_RELAXED);
+    resource->ContentionCount++;
+    UnlockWord(&resource->Lock);
+    SleepFor(resource, &waiter, exclusive ? "a resource, exclusively" : "a resource, shared");
+}
+
+bool Acquire(PERESOURCE resource, bool exclusive, bool wait) {
+    PETHREAD const self = Self();
+    if (!CheckAcquire(self, resource)) {
+        return false;
+    }
+    if (HeldLock* const held = FindHeld(self, resource); held != nullptr) {
+        return Recurse(resource, held, exclusive, wait);
+    }
+    if (wait && !LockOrderCheck(self, resource->LockClass, resource)) {
+        return false;
+    }
+    LockWord(&resource->Lock);
+    if (Take(resource, exclusive, self)) {
+        UnlockWord(&resource->Lock);
+    } else if (wait) {
+        AwaitTurn(resource, exclusive, self);
+    } else {
+        UnlockWord(&resource->Lock);
+        return false;
+    }
+    PushHeld(self, resource, LockKind::kResource, exclusive, resource->LockClass);
+    return true;
 }
 
 // Record locked, a last shared or exclusive acquire has gone: who comes in? After exclusive the sharers first, after
@@ -144,8 +203,7 @@ void AddResourceLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
     }
 }
 
-void ResourcesShutdown(LeakList& leaks) {
-    AddResourceLeaks(nullptr, leaks);
+void ResourcesShutdown() {
     WordGuard guard(g_listLock);
     InitializeListHead(&g_resources);
 }
@@ -196,78 +254,11 @@ NTKERNELAPI NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource) {
 }
 
 NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) {
-    PETHREAD const self = Self();
-    if (!nt::CheckAcquire(self, Resource)) {
-        return FALSE;
-    }
-    HeldLock* const held = nt::FindHeld(self, Resource);
-    if (held != nullptr) {
-        if (held->exclusive) {
-            nt::Recurse(Resource, held);
-            return TRUE;
-        }
-        if (Wait != FALSE) {
-            Violation("%s wanted exclusively by a thread that shares it: it would wait for itself",
-                      nt::Describe(Resource).c_str());
-        }
-        return FALSE;
-    }
-    if (Wait != FALSE && !nt::LockOrderCheck(self, Resource->LockClass, Resource)) {
-        return FALSE;
-    }
-    nt::LockWord(&Resource->Lock);
-    if (Resource->ActiveCount == 0) {
-        Resource->ActiveCount = 1;
-        Resource->Flag |= ResourceOwnedExclusive;
-        Resource->OwnerThread = self;
-        nt::UnlockWord(&Resource->Lock);
-    } else if (Wait == FALSE) {
-        nt::UnlockWord(&Resource->Lock);
-        return FALSE;
-    } else {
-        NtResourceWaiter waiter{nullptr, self, 0};
-        nt::Append(&Resource->ExclusiveWaiters, &waiter);
-        __atomic_add_fetch(&Resource->NumberOfExclusiveWaiters, 1, __ATOMIC_RELAXED);
-        Resource->ContentionCount++;
-        nt::UnlockWord(&Resource->Lock);
-        nt::SleepFor(Resource, &waiter, "a resource, exclusively");
-    }
-    nt::PushHeld(self, Resource, LockKind::kResource, true, Resource->LockClass);
-    return TRUE;
+    return nt::Acquire(Resource, true, Wait != FALSE) ? TRUE : FALSE;
 }
 
 NTKERNELAPI BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
-    PETHREAD const self = Self();
-    if (!nt::CheckAcquire(self, Resource)) {
-        return FALSE;
-    }
-    HeldLock* const held = nt::FindHeld(self, Resource);
-    if (held != nullptr) {
-        nt::Recurse(Resource, held);
-        return TRUE;
-    }
-    if (Wait != FALSE && !nt::LockOrderCheck(self, Resource->LockClass, Resource)) {
-        return FALSE;
-    }
-    nt::LockWord(&Resource->Lock);
-    const bool admitted = Resource->ActiveCount == 0 ||
-                          ((Resource->Flag & ResourceOwnedExclusive) == 0 && Resource->NumberOfExclusiveWaiters == 0);
-    if (admitted) {
-        Resource->ActiveCount++;
-        nt::UnlockWord(&Resource->Lock);
-    } else if (Wait == FALSE) {
-        nt::UnlockWord(&Resource->Lock);
-        return FALSE;
-    } else {
-        NtResourceWaiter waiter{nullptr, self, 0};
-        nt::Append(&Resource->SharedWaiters, &waiter);
-        __atomic_add_fetch(&Resource->NumberOfSharedWaiters, 1, __ATOMIC_RELAXED);
-        Resource->ContentionCount++;
-        nt::UnlockWord(&Resource->Lock);
-        nt::SleepFor(Resource, &waiter, "a resource, shared");
-    }
-    nt::PushHeld(self, Resource, LockKind::kResource, false, Resource->LockClass);
-    return TRUE;
+    return nt::Acquire(Resource, false, Wait != FALSE) ? TRUE : FALSE;
 }
 
 NTKERNELAPI VOID FASTCALL ExReleaseResourceLite(PERESOURCE Resource) {

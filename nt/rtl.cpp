@@ -21,16 +21,6 @@ void TerminateIfRoom(PUNICODE_STRING string) {
 }
 }  // namespace
 
-SIZE_T RtlCompareMemory(const void* left, const void* right, SIZE_T length) {
-    const auto* const first = static_cast<const UCHAR*>(left);
-    const auto* const second = static_cast<const UCHAR*>(right);
-    SIZE_T equal = 0;
-    while (equal < length && first[equal] == second[equal]) {
-        ++equal;
-    }
-    return equal;
-}
-
 void RtlInitUnicodeString(PUNICODE_STRING destination, PCWSTR source) {
     *destination = {};
     if (source == nullptr) {
@@ -51,25 +41,6 @@ void RtlCopyUnicodeString(PUNICODE_STRING destination, PCUNICODE_STRING source) 
         std::memmove(destination->Buffer, source->Buffer, destination->Length);
     }
     TerminateIfRoom(destination);
-}
-
-NTSTATUS RtlAppendUnicodeStringToString(PUNICODE_STRING destination, PCUNICODE_STRING source) {
-    if (source == nullptr || source->Length == 0) {
-        return STATUS_SUCCESS;
-    }
-    if (ULONG{destination->Length} + source->Length > destination->MaximumLength) {
-        return STATUS_BUFFER_TOO_SMALL;
-    }
-    std::memmove(destination->Buffer + CharacterCount(destination), source->Buffer, source->Length);
-    destination->Length = static_cast<USHORT>(destination->Length + source->Length);
-    TerminateIfRoom(destination);
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS RtlAppendUnicodeToString(PUNICODE_STRING destination, PCWSTR source) {
-    UNICODE_STRING string;
-    RtlInitUnicodeString(&string, source);
-    return RtlAppendUnicodeStringToString(destination, &string);
 }
 
 WCHAR RtlUpcaseUnicodeChar(WCHAR character) {

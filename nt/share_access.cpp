@@ -72,12 +72,6 @@ NTKERNELAPI NTSTATUS NTAPI IoCheckShareAccess(ACCESS_MASK DesiredAccess, ULONG D
     return STATUS_SUCCESS;
 }
 
-NTKERNELAPI VOID NTAPI IoUpdateShareAccess(PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess) {
-    if (nt::Counts(FileObject)) {
-        nt::Count(FileObject, ShareAccess);
-    }
-}
-
 NTKERNELAPI VOID NTAPI IoRemoveShareAccess(PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess) {
     if (!nt::Counts(FileObject)) {
         return;

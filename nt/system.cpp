@@ -21,9 +21,6 @@ bool MatchesStatus(const IrpRecord& record, const void* status) {
 bool MatchesFile(const IrpRecord& record, const void* file) {
     return record.file == file;
 }
-bool MatchesThread(const IrpRecord& record, const void* thread) {
-    return record.threadId == static_cast<const _ETHREAD*>(thread)->id;
-}
 
 // Cancels and awaits everything that the process has under way. A driver may hold a request back at first, or a call
 // may make another request before it notices, so the cancel is repeated until all is quiet.
@@ -65,7 +62,7 @@ NTSTATUS CheckOpen(const OpenParameters& p) {
 
 }  // namespace
 
-Process::Process(std::string name, KPROCESSOR_MODE mode) : object_(NewProcess(name.c_str(), mode, false)) {}
+Process::Process(const std::string& name, KPROCESSOR_MODE mode) : object_(NewProcess(name.c_str(), mode, false)) {}
 
 Process::~Process() {
     Exit();
@@ -150,7 +147,8 @@ NTSTATUS Process::Open(const OpenParameters& parameters, Handle* handle, IO_STAT
 
 NTSTATUS Process::Close(Handle handle) {
     const SystemCall call(object_);
-    return call.Entered() ? CloseHandle(object_, HandleFromValue(handle)) : STATUS_PROCESS_IS_TERMINATING;
+    return call.Entered() ? CloseHandle(object_, HandleFromValue(handle), object_->mode)
+                          : STATUS_PROCESS_IS_TERMINATING;
 }
 
 NTSTATUS Process::Duplicate(Handle handle, Process& target, Handle* copy, ACCESS_MASK access) {
@@ -182,11 +180,6 @@ NTSTATUS Process::CancelHandle(Handle handle) {
     const bool any = CancelRequests(object_, MatchesFile, file);
     ObfDereferenceObject(file);
     return any ? STATUS_SUCCESS : STATUS_NOT_FOUND;
-}
-
-NTSTATUS Process::CancelThread() {
-    const SystemCall call(object_);
-    return CancelRequests(object_, MatchesThread, Self()) ? STATUS_SUCCESS : STATUS_NOT_FOUND;
 }
 
 NTSTATUS Process::WaitForFile(Handle handle, PLARGE_INTEGER timeout) {

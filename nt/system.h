@@ -27,14 +27,16 @@ struct Overlapped {
     void (*routine)(void* context, const IO_STATUS_BLOCK& status) = nullptr;
     void* context = nullptr;
     PKEVENT event = nullptr;  // reset when the request starts, set when it is over
+    bool optional = false;    // a synchronous handle, which takes none, ignores the record
 };
 
 // Requests on a handle opened with FILE_SYNCHRONOUS_IO_NONALERT wait for their end, one at a time per file object, and
-// take no Overlapped record. On other handles (overlapped ones) a request that needs an Overlapped record may return
-// STATUS_PENDING: then the routine is called, and the event set, exactly once, possibly before the call has returned.
-// (A last handle's close waits for the requests in progress on a synchronous file object, a watch included.)
-// Any other status is final: the status block is filled and the routine is not called (the event is set). Without
-// an Overlapped record the end of a pending request on an overlapped handle can be awaited with WaitForFile.
+// take no Overlapped record (unless it is optional). On other handles (overlapped ones) a request that needs an
+// Overlapped record may return STATUS_PENDING: then the routine is called, and the event set, exactly once, possibly
+// before the call has returned. (A last handle's close waits for the requests in progress on a synchronous file object,
+// a watch included.) Any other status is final: the status block is filled and the routine is not called (the event is
+// set). Without an Overlapped record (never without a status block) the end of a pending request on an overlapped
+// handle can be awaited with WaitForFile.
 //
 // Byte offsets: null means the file object's current byte offset (synchronous handles only).
 
@@ -54,7 +56,7 @@ struct OpenParameters {
 class Process {
   public:
     // `mode` KernelMode makes a trusted caller, for tests of the driver's own checks.
-    explicit Process(std::string name, KPROCESSOR_MODE mode = UserMode);
+    explicit Process(const std::string& name, KPROCESSOR_MODE mode = UserMode);
 
     // Ends the process, in the kernel's order: its requests are cancelled and awaited; then its handles are closed
     // in ascending order, each with cleanup and, with the last reference, close.
@@ -117,12 +119,10 @@ class Process {
     NTSTATUS FsControl(Handle handle, IO_STATUS_BLOCK* status, ULONG code, const void* input, ULONG inputLength,
                        void* output, ULONG outputLength, const Overlapped* overlapped = nullptr);
 
-    // Cancels what is outstanding: one request, named by its status block; all of a handle's; all that the calling
-    // thread issued. Asks only: each request still completes in its own time, as cancelled or otherwise.
-    // STATUS_NOT_FOUND when there was none.
+    // Cancels what is outstanding: one request, named by its status block, or all of a handle's. Asks only: each
+    // request still completes in its own time, as cancelled or otherwise. STATUS_NOT_FOUND when there was none.
     NTSTATUS CancelRequest(const IO_STATUS_BLOCK* status);
     NTSTATUS CancelHandle(Handle handle);
-    NTSTATUS CancelThread();
 
     // Waits until a request on the handle is over (the file object's event). `timeout` as in KeWaitForSingleObject.
     NTSTATUS WaitForFile(Handle handle, PLARGE_INTEGER timeout = nullptr);

@@ -46,7 +46,8 @@ SystemCall::~SystemCall() {
 }
 
 SystemRequest::SystemRequest(PEPROCESS process, PIO_STATUS_BLOCK status, const Overlapped* overlapped, bool alwaysWaits)
-    : process_(process),
+    : call_(process),
+      process_(process),
       status_(status != nullptr ? status : &ownStatus_),
       overlapped_(overlapped),
       alwaysWaits_(alwaysWaits) {}
@@ -72,6 +73,9 @@ void SystemRequest::LetGoOfFile() {
 }
 
 NTSTATUS SystemRequest::TakeFile(Handle handle, ACCESS_MASK access, ACCESS_MASK anyOf) {
+    if (!call_.Entered()) {
+        return Answer(STATUS_PROCESS_IS_TERMINATING);
+    }
     PVOID object = nullptr;
     const NTSTATUS status =
         ReferenceHandle(process_, HandleFromValue(handle), access, &g_fileType, process_->mode, &object, &granted_);
@@ -83,13 +87,15 @@ NTSTATUS SystemRequest::TakeFile(Handle handle, ACCESS_MASK access, ACCESS_MASK 
         return Answer(STATUS_ACCESS_DENIED);
     }
     if (IsSynchronous(file_)) {
-        if (overlapped_ != nullptr) {
+        if (overlapped_ != nullptr && !overlapped_->optional) {
             return Answer(STATUS_INVALID_PARAMETER);
         }
+        overlapped_ = nullptr;
         LockFile(file_);
         locked_ = true;
     }
-    return STATUS_SUCCESS;
+    // A request that may outlast the call wants a status block that does.
+    return alwaysWaits_ || locked_ || status_ != &ownStatus_ ? STATUS_SUCCESS : Answer(STATUS_INVALID_PARAMETER);
 }
 
 NTSTATUS SystemRequest::Begin(UCHAR major, UCHAR minor) {
@@ -99,7 +105,6 @@ NTSTATUS SystemRequest::Begin(UCHAR major, UCHAR minor) {
     }
     PETHREAD const self = Self();
     record_->process = process_;
-    record_->threadId = self->id;
     record_->file = file_;
     record_->userStatus = status_;
     record_->overlapped = !alwaysWaits_ && !locked_;
@@ -119,7 +124,6 @@ NTSTATUS SystemRequest::Begin(UCHAR major, UCHAR minor) {
 void SystemRequest::List() {
     WordGuard guard(process_->requestLock);
     InsertTailList(&process_->requests, &record_->irp->ThreadListEntry);
-    record_->onList = true;
     process_->requestCount++;
 }
 
@@ -128,7 +132,6 @@ NTSTATUS SystemRequest::End() {
     {
         WordGuard guard(process_->requestLock);
         RemoveEntryList(&record_->irp->ThreadListEntry);
-        record_->onList = false;
         process_->requestCount--;
     }
     const IO_STATUS_BLOCK result = record_->irp->IoStatus;

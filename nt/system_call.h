@@ -25,7 +25,8 @@ class SystemCall {
     bool entered_;
 };
 
-// One request of a process, from its making to its end. Begin, fill in, then Send; or let it go out of scope unsent.
+// One request of a process, from its making to its end, inside a call of that process. TakeFile, Begin, fill in, then
+// Send; or let it go out of scope unsent.
 class SystemRequest {
   public:
     // `alwaysWaits`: the call is synchronous whatever the handle.
@@ -35,8 +36,9 @@ class SystemRequest {
     SystemRequest& operator=(const SystemRequest&) = delete;
 
     // Takes the file object of the handle, which must grant `access` (one of the bits of `anyOf` is enough); waits for
-    // its turn on a synchronous one. STATUS_INVALID_HANDLE, STATUS_OBJECT_TYPE_MISMATCH, STATUS_ACCESS_DENIED,
-    // STATUS_INVALID_PARAMETER (an Overlapped record for a synchronous handle).
+    // its turn on a synchronous one. STATUS_PROCESS_IS_TERMINATING, STATUS_INVALID_HANDLE,
+    // STATUS_OBJECT_TYPE_MISMATCH, STATUS_ACCESS_DENIED, STATUS_INVALID_PARAMETER (an Overlapped record for a
+    // synchronous handle, unless it may be ignored).
     NTSTATUS TakeFile(Handle handle, ACCESS_MASK access, ACCESS_MASK anyOf = 0);
     // Makes the request for the file's device. STATUS_INSUFFICIENT_RESOURCES.
     NTSTATUS Begin(UCHAR major, UCHAR minor = 0);
@@ -58,6 +60,7 @@ class SystemRequest {
     NTSTATUS End();
     void LetGoOfFile();
 
+    const SystemCall call_;
     PEPROCESS process_;
     PIO_STATUS_BLOCK status_;
     const Overlapped* overlapped_;

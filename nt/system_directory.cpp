@@ -77,11 +77,7 @@ NTSTATUS SendQuery(SystemRequest& request, void* buffer, ULONG length, const Pro
 
 NTSTATUS Process::QueryDirectory(Handle handle, IO_STATUS_BLOCK* status, void* buffer, ULONG length,
                                  const DirectoryQuery& query, const Overlapped* overlapped) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, overlapped, false);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
     if (const NTSTATUS checked = request.IsUser() ? CheckQuery(length, query) : STATUS_SUCCESS; !NT_SUCCESS(checked)) {
         return request.Answer(checked);
     }
@@ -91,11 +87,7 @@ NTSTATUS Process::QueryDirectory(Handle handle, IO_STATUS_BLOCK* status, void* b
 
 NTSTATUS Process::NotifyChangeDirectory(Handle handle, IO_STATUS_BLOCK* status, void* buffer, ULONG length,
                                         ULONG completionFilter, bool watchTree, const Overlapped* overlapped) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, overlapped, false);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
     if (completionFilter == 0 || (completionFilter & ~FILE_NOTIFY_VALID_MASK) != 0) {
         return request.Answer(STATUS_INVALID_PARAMETER);
     }

@@ -84,18 +84,18 @@ const ClassRule* RuleOf(const std::array<ClassRule, N>& rules, int informationCl
     return nullptr;
 }
 
+// Checks class and length and takes the file of a handle that has the access which the class needs.
 template <size_t N>
-NTSTATUS CheckRule(const SystemRequest& request, const std::array<ClassRule, N>& rules, int informationClass,
-                   ULONG length, ACCESS_MASK* access) {
+NTSTATUS TakeFileFor(SystemRequest& request, const std::array<ClassRule, N>& rules, int informationClass, ULONG length,
+                     Handle handle) {
     const ClassRule* const rule = RuleOf(rules, informationClass);
-    *access = rule != nullptr ? rule->access : 0;
-    if (!request.IsUser()) {
-        return STATUS_SUCCESS;
+    if (request.IsUser() && rule == nullptr) {
+        return request.Answer(STATUS_INVALID_INFO_CLASS);
     }
-    if (rule == nullptr) {
-        return STATUS_INVALID_INFO_CLASS;
+    if (request.IsUser() && length < rule->length) {
+        return request.Answer(STATUS_INFO_LENGTH_MISMATCH);
     }
-    return length < rule->length ? STATUS_INFO_LENGTH_MISMATCH : STATUS_SUCCESS;
+    return request.TakeFile(handle, rule != nullptr ? rule->access : 0);
 }
 
 // A system buffer whose contents go back to the caller.
@@ -265,6 +265,41 @@ bool NamesAPath(const FILE_RENAME_INFORMATION* rename) {
     return rename->RootDirectory != 0 || (rename->FileNameLength >= sizeof(WCHAR) && rename->FileName[0] == u'\\');
 }
 
+// The rename's parameters, and the open of its target's parent if the name has a path.
+NTSTATUS PrepareRename(PEPROCESS process, const SystemRequest& request, ULONG length, RenameTarget& target) {
+    const NTSTATUS checked = CheckRename(request, length);
+    if (!NT_SUCCESS(checked) || length < sizeof(FILE_RENAME_INFORMATION)) {
+        return checked;
+    }
+    const auto* const rename = static_cast<const FILE_RENAME_INFORMATION*>(request.Irp()->AssociatedIrp.SystemBuffer);
+    auto& parameters = request.Stack()->Parameters.SetFile;
+    parameters.ReplaceIfExists = rename->ReplaceIfExists;
+    if (!NamesAPath(rename)) {
+        return STATUS_SUCCESS;
+    }
+    const NTSTATUS opened = target.Open(process, request, rename);
+    parameters.FileObject = target.File();
+    return opened;
+}
+
+// ---- volumes ----
+
+// Queries and sets have one form of parameters and differ in where the buffer's contents go.
+NTSTATUS SendVolume(SystemRequest& request, UCHAR major, void* buffer, ULONG length,
+                    FS_INFORMATION_CLASS informationClass) {
+    static_assert(offsetof(IO_STACK_LOCATION, Parameters.QueryVolume.FsInformationClass) ==
+                  offsetof(IO_STACK_LOCATION, Parameters.SetVolume.FsInformationClass));
+    const NTSTATUS begun = request.Begin(major);
+    if (!NT_SUCCESS(begun)) {
+        return begun;
+    }
+    request.Stack()->Parameters.QueryVolume.Length = length;
+    request.Stack()->Parameters.QueryVolume.FsInformationClass = informationClass;
+    const NTSTATUS attached = major == IRP_MJ_QUERY_VOLUME_INFORMATION ? AttachReply(request, buffer, length)
+                                                                       : AttachInput(request, buffer, length);
+    return NT_SUCCESS(attached) ? request.Send() : request.Answer(attached);
+}
+
 }  // namespace
 
 ULONG DirectoryLength(FILE_INFORMATION_CLASS informationClass) {
@@ -274,17 +309,8 @@ ULONG DirectoryLength(FILE_INFORMATION_CLASS informationClass) {
 
 NTSTATUS Process::QueryInformation(Handle handle, IO_STATUS_BLOCK* status, void* buffer, ULONG length,
                                    FILE_INFORMATION_CLASS informationClass) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, nullptr, true);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
-    ACCESS_MASK access = 0;
-    NTSTATUS result = CheckRule(request, kQueryRules, informationClass, length, &access);
-    if (!NT_SUCCESS(result)) {
-        return request.Answer(result);
-    }
-    result = request.TakeFile(handle, access);
+    NTSTATUS result = TakeFileFor(request, kQueryRules, informationClass, length, handle);
     if (!NT_SUCCESS(result) || AnswerQuery(request, buffer, informationClass, &result)) {
         return result;
     }
@@ -306,18 +332,10 @@ NTSTATUS Process::QueryInformation(Handle handle, IO_STATUS_BLOCK* status, void*
 
 NTSTATUS Process::SetInformation(Handle handle, IO_STATUS_BLOCK* status, const void* buffer, ULONG length,
                                  FILE_INFORMATION_CLASS informationClass) {
-    const SystemCall call(object_);
-    RenameTarget target;  // outlives the request, whose file object's turn it does not need
+    const SystemCall call(object_);  // the target's end belongs to it too
+    RenameTarget target;             // outlives the request, whose file object's turn it does not need
     SystemRequest request(object_, status, nullptr, true);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
-    ACCESS_MASK access = 0;
-    NTSTATUS result = CheckRule(request, kSetRules, informationClass, length, &access);
-    if (!NT_SUCCESS(result)) {
-        return request.Answer(result);
-    }
-    result = request.TakeFile(handle, access);
+    NTSTATUS result = TakeFileFor(request, kSetRules, informationClass, length, handle);
     if (!NT_SUCCESS(result)) {
         return result;
     }
@@ -331,73 +349,30 @@ NTSTATUS Process::SetInformation(Handle handle, IO_STATUS_BLOCK* status, const v
     if (!NT_SUCCESS(result)) {
         return result;
     }
-    PIO_STACK_LOCATION const stack = request.Stack();
-    stack->Parameters.SetFile.Length = length;
-    stack->Parameters.SetFile.FileInformationClass = informationClass;
+    request.Stack()->Parameters.SetFile.Length = length;
+    request.Stack()->Parameters.SetFile.FileInformationClass = informationClass;
     result = AttachInput(request, buffer, length);
     if (NT_SUCCESS(result) && informationClass == FileRenameInformation) {
-        const auto* const rename =
-            static_cast<const FILE_RENAME_INFORMATION*>(request.Irp()->AssociatedIrp.SystemBuffer);
-        result = CheckRename(request, length);
-        if (NT_SUCCESS(result) && length >= sizeof(FILE_RENAME_INFORMATION)) {
-            stack->Parameters.SetFile.ReplaceIfExists = rename->ReplaceIfExists;
-            if (NamesAPath(rename)) {
-                result = target.Open(object_, request, rename);
-                stack->Parameters.SetFile.FileObject = target.File();
-            }
-        }
+        result = PrepareRename(object_, request, length, target);
     }
     return NT_SUCCESS(result) ? request.Send() : request.Answer(result);
 }
 
 NTSTATUS Process::QueryVolumeInformation(Handle handle, IO_STATUS_BLOCK* status, void* buffer, ULONG length,
                                          FS_INFORMATION_CLASS informationClass) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, nullptr, true);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
-    ACCESS_MASK access = 0;
-    NTSTATUS result = CheckRule(request, kQueryVolumeRules, informationClass, length, &access);
-    if (!NT_SUCCESS(result)) {
-        return request.Answer(result);
-    }
-    result = request.TakeFile(handle, access);
-    if (NT_SUCCESS(result)) {
-        result = request.Begin(IRP_MJ_QUERY_VOLUME_INFORMATION);
-    }
-    if (!NT_SUCCESS(result)) {
-        return result;
-    }
-    request.Stack()->Parameters.QueryVolume.Length = length;
-    request.Stack()->Parameters.QueryVolume.FsInformationClass = informationClass;
-    result = AttachReply(request, buffer, length);
-    return NT_SUCCESS(result) ? request.Send() : request.Answer(result);
+    const NTSTATUS taken = TakeFileFor(request, kQueryVolumeRules, informationClass, length, handle);
+    return NT_SUCCESS(taken) ? SendVolume(request, IRP_MJ_QUERY_VOLUME_INFORMATION, buffer, length, informationClass)
+                             : taken;
 }
 
 NTSTATUS Process::SetVolumeInformation(Handle handle, IO_STATUS_BLOCK* status, const void* buffer, ULONG length,
                                        FS_INFORMATION_CLASS informationClass) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, nullptr, true);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
-    ACCESS_MASK access = 0;
-    NTSTATUS result = CheckRule(request, kSetVolumeRules, informationClass, length, &access);
-    if (!NT_SUCCESS(result)) {
-        return request.Answer(result);
-    }
-    result = request.TakeFile(handle, access);
-    if (NT_SUCCESS(result)) {
-        result = request.Begin(IRP_MJ_SET_VOLUME_INFORMATION);
-    }
-    if (!NT_SUCCESS(result)) {
-        return result;
-    }
-    request.Stack()->Parameters.SetVolume.Length = length;
-    request.Stack()->Parameters.SetVolume.FsInformationClass = informationClass;
-    result = AttachInput(request, buffer, length);
-    return NT_SUCCESS(result) ? request.Send() : request.Answer(result);
+    const NTSTATUS taken = TakeFileFor(request, kSetVolumeRules, informationClass, length, handle);
+    return NT_SUCCESS(taken)
+               ? SendVolume(request, IRP_MJ_SET_VOLUME_INFORMATION, const_cast<void*>(buffer), length, informationClass)
+               : taken;
 }
 
 }  // namespace nt

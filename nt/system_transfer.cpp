@@ -113,32 +113,20 @@ NTSTATUS Control(SystemRequest& request, UCHAR major, Handle handle, ULONG code,
 
 NTSTATUS Process::Read(Handle handle, IO_STATUS_BLOCK* status, void* buffer, ULONG length, const LONGLONG* byteOffset,
                        const Overlapped* overlapped) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, overlapped, false);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
     const NTSTATUS taken = request.TakeFile(handle, FILE_READ_DATA);
     return NT_SUCCESS(taken) ? Transfer(request, buffer, length, byteOffset, false) : taken;
 }
 
 NTSTATUS Process::Write(Handle handle, IO_STATUS_BLOCK* status, const void* buffer, ULONG length,
                         const LONGLONG* byteOffset, const Overlapped* overlapped) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, overlapped, false);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
     const NTSTATUS taken = request.TakeFile(handle, 0, FILE_WRITE_DATA | FILE_APPEND_DATA);
     return NT_SUCCESS(taken) ? Transfer(request, const_cast<void*>(buffer), length, byteOffset, true) : taken;
 }
 
 NTSTATUS Process::Flush(Handle handle, IO_STATUS_BLOCK* status) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, nullptr, true);
-    if (!call.Entered()) {
-        return request.Answer(STATUS_PROCESS_IS_TERMINATING);
-    }
     NTSTATUS result = request.TakeFile(handle, 0, FILE_WRITE_DATA | FILE_APPEND_DATA);
     if (NT_SUCCESS(result)) {
         result = request.Begin(IRP_MJ_FLUSH_BUFFERS);
@@ -148,20 +136,14 @@ NTSTATUS Process::Flush(Handle handle, IO_STATUS_BLOCK* status) {
 
 NTSTATUS Process::DeviceControl(Handle handle, IO_STATUS_BLOCK* status, ULONG code, const void* input,
                                 ULONG inputLength, void* output, ULONG outputLength, const Overlapped* overlapped) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, overlapped, false);
-    return call.Entered()
-               ? Control(request, IRP_MJ_DEVICE_CONTROL, handle, code, {input, inputLength, output, outputLength})
-               : request.Answer(STATUS_PROCESS_IS_TERMINATING);
+    return Control(request, IRP_MJ_DEVICE_CONTROL, handle, code, {input, inputLength, output, outputLength});
 }
 
 NTSTATUS Process::FsControl(Handle handle, IO_STATUS_BLOCK* status, ULONG code, const void* input, ULONG inputLength,
                             void* output, ULONG outputLength, const Overlapped* overlapped) {
-    const SystemCall call(object_);
     SystemRequest request(object_, status, overlapped, false);
-    return call.Entered()
-               ? Control(request, IRP_MJ_FILE_SYSTEM_CONTROL, handle, code, {input, inputLength, output, outputLength})
-               : request.Answer(STATUS_PROCESS_IS_TERMINATING);
+    return Control(request, IRP_MJ_FILE_SYSTEM_CONTROL, handle, code, {input, inputLength, output, outputLength});
 }
 
 }  // namespace nt

@@ -1,7 +1,6 @@
 #include <pthread.h>
 #include <sched.h>
 
-#include <csetjmp>
 #include <cstdio>
 #include <cstring>
 
@@ -57,11 +56,11 @@ void CheckEnd(PETHREAD self) {
 void End(PETHREAD self) {
     CheckEnd(self);
     GiveBackRecords(self);
+    g_ending.fetch_add(1);  // before nobody finds the thread any more
     {
         WordGuard guard(g_threadsLock);
         RemoveEntryList(&self->allThreads);
     }
-    g_ending.fetch_add(1);
     SignalHeader(&self->header);
     ObfDereferenceObject(self);
     t_self = nullptr;
@@ -77,21 +76,12 @@ struct Adoption {
     }
 };
 
-void RunRoutine(PETHREAD self) {
-    std::jmp_buf exit;
-    self->exitJump = &exit;
-    if (_setjmp(exit) == 0) {
-        self->startRoutine(self->startContext);
-    }
-    self->exitJump = nullptr;
-}
-
 void* ThreadMain(void* context) {
     auto* const self = static_cast<PETHREAD>(context);
     t_self = self;
     FindStack(self);
     pthread_setname_np(pthread_self(), std::string(self->name).substr(0, 15).c_str());
-    RunRoutine(self);
+    self->startRoutine(self->startContext);
     End(self);
     return nullptr;
 }
@@ -112,10 +102,10 @@ bool Launch(PETHREAD thread, const char* name, PKSTART_ROUTINE routine, PVOID co
     const bool started = pthread_create(&native, &attributes, ThreadMain, thread) == 0;
     pthread_attr_destroy(&attributes);
     if (!started) {
-        WordGuard guard(g_threadsLock);
-        RemoveEntryList(&thread->allThreads);
-    }
-    if (!started) {
+        {
+            WordGuard guard(g_threadsLock);
+            RemoveEntryList(&thread->allThreads);
+        }
         ObfDereferenceObject(thread);
     }
     return started;
@@ -152,8 +142,6 @@ void JoinKernelThread(PETHREAD thread) {
     KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
     ObfDereferenceObject(thread);
 }
-
-void DeleteThreadObject(PVOID) {}
 
 void AddThreadLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
     WordGuard guard(g_threadsLock);
@@ -221,12 +209,4 @@ NTKERNELAPI NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG Desi
     }
     ObfDereferenceObject(thread);
     return status;
-}
-
-NTKERNELAPI NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS) {
-    PETHREAD const self = nt::Self();
-    if (self->exitJump == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    std::longjmp(*static_cast<std::jmp_buf*>(self->exitJump), 1);
 }

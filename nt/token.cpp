@@ -54,17 +54,19 @@ void PushFree(uint32_t index) {
 
 }  // namespace
 
-void TokensShutdown(LeakList& leaks) {
+void AddTokenLeaks(LeakList& leaks) {
     uint64_t live = 0;
     for (uint32_t index = 1; index < g_nextUnused.load(); index++) {
-        const uint32_t token = g_slots[index].token.load();
-        if (token != 0) {
-            live++;
-            NtTokenRelease(token);
-        }
+        live += g_slots[index].token.load() != 0;
     }
     if (live != 0) {
         leaks.push_back({"token", "32-bit address", live, 0});
+    }
+}
+
+void TokensShutdown() {
+    for (uint32_t index = 1; index < g_nextUnused.load(); index++) {
+        NtTokenRelease(g_slots[index].token.load());
     }
 }
 

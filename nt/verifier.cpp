@@ -67,4 +67,11 @@ std::string TagText(ULONG tag) {
     return text;
 }
 
+std::string QuotedTag(ULONG tag) {
+    std::string text(1, '\'');
+    text += TagText(tag);
+    text += '\'';
+    return text;
+}
+
 }  // namespace nt

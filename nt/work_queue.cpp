@@ -21,7 +21,7 @@ struct QueuedItem {
 
 struct WorkQueue {
     const char* name;
-    unsigned threadCount;
+    const unsigned threadCount;
     std::mutex lock;
     std::condition_variable arrived;
     std::deque<QueuedItem> items;
@@ -80,8 +80,7 @@ void StartThreads(WorkQueue& queue) {
 
 }  // namespace
 
-void WorkQueuesBoot(unsigned criticalWorkers) {
-    g_critical.threadCount = criticalWorkers;
+void WorkQueuesBoot() {
     g_queued = 0;
     for (WorkQueue* const queue : g_queues) {
         std::lock_guard guard(queue->lock);

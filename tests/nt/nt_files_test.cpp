@@ -137,8 +137,11 @@ TEST_F(FilesTest, DeleteOnClose) {
     tests::WriteFile(backup_, "once");
     HANDLE file = nullptr;
     EXPECT_EQ(Open(kBackup, &file, kRead, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Open(kBackup, &file, kRead | GENERIC_WRITE), STATUS_NOT_IMPLEMENTED);
     ASSERT_EQ(Open(kBackup, &file, kRead | DELETE, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_SUCCESS);
     EXPECT_TRUE(fs::exists(backup_));
+    HANDLE second = nullptr;
+    EXPECT_EQ(Open(kBackup, &second), STATUS_SHARING_VIOLATION);  // it does not share the right to delete
     ZwClose(file);
     EXPECT_FALSE(fs::exists(backup_));
     EXPECT_EQ(Open(kBackup, &file, kRead | DELETE, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_OBJECT_NAME_NOT_FOUND);
@@ -155,31 +158,6 @@ TEST_F(FilesTest, DeleteOnClose) {
     ASSERT_EQ(Reboot(), "");
     EXPECT_EQ(Open(kBackup, &file, kRead | DELETE, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(tests::ReadFile(backup_), "second");
-}
-
-TEST_F(FilesTest, ShareAccessAndUnsupportedForms) {
-    tests::WriteFile(backup_, "shared");
-    HANDLE first = nullptr;
-    HANDLE second = nullptr;
-    ASSERT_EQ(Open(kBackup, &first), STATUS_SUCCESS);
-    EXPECT_EQ(Open(kBackup, &second, kRead | DELETE, kSynchronous, FILE_SHARE_READ), STATUS_SHARING_VIOLATION);
-    EXPECT_EQ(Open(kBackup, &second, kRead, kSynchronous, 0), STATUS_SHARING_VIOLATION);
-    EXPECT_EQ(Open(kBackup, &second, FILE_READ_ATTRIBUTES | SYNCHRONIZE, kSynchronous, 0), STATUS_SUCCESS);
-    IO_STATUS_BLOCK ioStatus;
-    char byte = 0;
-    EXPECT_EQ(ZwReadFile(second, nullptr, nullptr, nullptr, &ioStatus, &byte, 1, nullptr, nullptr),
-              STATUS_ACCESS_DENIED);
-    ZwClose(second);
-    ASSERT_EQ(Open(kBackup, &second), STATUS_SUCCESS);
-    ZwClose(second);
-    ZwClose(first);
-    ASSERT_EQ(Open(kBackup, &second, kRead | DELETE, kSynchronous, 0), STATUS_SUCCESS);
-    ZwClose(second);
-
-    EXPECT_EQ(Open(kBackup, &first, kRead, kSynchronous, 0, FILE_OPEN_IF), STATUS_NOT_IMPLEMENTED);
-    EXPECT_EQ(Open(kBackup, &first, kRead | GENERIC_WRITE), STATUS_NOT_IMPLEMENTED);
-    EXPECT_EQ(Open(kBackup, &first, GENERIC_READ), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Open(kBackup, &first, kRead, FILE_NON_DIRECTORY_FILE), STATUS_NOT_IMPLEMENTED);
 }
 
 }  // namespace

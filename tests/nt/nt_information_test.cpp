@@ -1,9 +1,6 @@
-#include <cstring>
-#include <utility>
-
 #include "tests/nt/nt_system_fixture.h"
 
-// File and volume information, renames and listings of a process.
+// File and volume information and renames of a process.
 
 namespace {
 
@@ -72,22 +69,6 @@ TEST_F(SystemTest, LengthsAndRightsAreCheckedForUsersOnly) {
     }
 }
 
-TEST_F(SystemTest, RepliesComeBackAlsoWithAWarningAndNeverBeyondTheirLength) {
-    const nt::Handle handle = Open(u"\\??\\T:\\f");
-    for (const NTSTATUS end : {STATUS_SUCCESS, STATUS_BUFFER_OVERFLOW, STATUS_INVALID_PARAMETER}) {
-        driver.on[IRP_MJ_QUERY_INFORMATION] = [&](PDEVICE_OBJECT, PIRP irp) {
-            std::memset(irp->AssociatedIrp.SystemBuffer, 7, 24);
-            return Complete(irp, end, 20);
-        };
-        UCHAR buffer[25] = {};
-        IO_STATUS_BLOCK status{};
-        EXPECT_EQ(process->QueryInformation(handle, &status, buffer, 24, FileStandardInformation), end);
-        for (int i = 0; i < 25; i++) {
-            EXPECT_EQ(buffer[i], !NT_ERROR(end) && i < 20 ? 7 : 0) << i;
-        }
-    }
-}
-
 TEST_F(SystemTest, ARenameWithAPathOpensTheTargetsParentFirst) {
     const nt::Handle handle = Open(u"\\??\\T:\\dir\\old");
     const nt::Handle folder = Open(u"\\??\\T:\\other");
@@ -149,34 +130,6 @@ TEST_F(SystemTest, ARenameWithAPathOpensTheTargetsParentFirst) {
         EXPECT_EQ(target, c.target);
     }
     IoDeleteDevice(second);
-}
-
-TEST_F(SystemTest, ListingsCarryWhatWasAsked) {
-    const nt::Handle handle = Open(u"\\??\\T:\\dir");
-    char buffer[128];
-    const std::u16string pattern = u"*.RZV";
-    const ULONG index = 5;
-    driver.on[IRP_MJ_DIRECTORY_CONTROL] = [&](PDEVICE_OBJECT, PIRP irp) {
-        const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
-        const auto& query = stack->Parameters.QueryDirectory;
-        EXPECT_EQ(irp->UserBuffer, buffer);
-        EXPECT_EQ(std::u16string(query.FileName->Buffer, query.FileName->Length / 2), pattern);
-        EXPECT_EQ(query.FileIndex, index);
-        EXPECT_EQ(stack->Flags, SL_RESTART_SCAN | SL_RETURN_SINGLE_ENTRY | SL_INDEX_SPECIFIED);
-        return Complete(irp, STATUS_NO_MORE_FILES);
-    };
-    const nt::Process::DirectoryQuery query{FileNamesInformation, true, true, &index, &pattern};
-    EXPECT_EQ(process->QueryDirectory(handle, nullptr, buffer, sizeof(buffer), query), STATUS_NO_MORE_FILES);
-    EXPECT_EQ(driver.Seen(), "dir");
-    const std::pair<FILE_INFORMATION_CLASS, ULONG> leasts[] = {
-        {FileDirectoryInformation, 64}, {FileFullDirectoryInformation, 68}, {FileBothDirectoryInformation, 94}};
-    for (const auto& [informationClass, least] : leasts) {
-        EXPECT_EQ(process->QueryDirectory(handle, nullptr, buffer, least, {informationClass}),
-                  STATUS_INFO_LENGTH_MISMATCH);
-    }
-    EXPECT_EQ(process->QueryDirectory(handle, nullptr, buffer, 128, {FileBasicInformation}), STATUS_INVALID_INFO_CLASS);
-    EXPECT_EQ(process->NotifyChangeDirectory(handle, nullptr, buffer, 8, 0, true), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(driver.Seen(), "dir");
 }
 
 }  // namespace

@@ -105,37 +105,6 @@ TEST_F(ResourceTest, AWaitingExclusiveKeepsNewSharersOutButNotExistingOnes) {
     EXPECT_EQ(order, "xs");
 }
 
-TEST_F(ResourceTest, AnExclusiveReleaseLetsAllSharersInTogether) {
-    EXPECT_TRUE(Exclusive());
-    std::atomic<int> inside{0};
-    std::atomic<bool> stay{true};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 3; i++) {
-        readers.emplace_back([&] {
-            EXPECT_TRUE(Shared(TRUE));
-            inside++;
-            while (stay) {
-                std::this_thread::yield();
-            }
-            Release();
-        });
-    }
-    std::thread writer([&] {
-        EXPECT_TRUE(Exclusive(TRUE));
-        EXPECT_FALSE(stay);
-        Release();
-    });
-    EXPECT_TRUE(Eventually(
-        [&] { return ExGetSharedWaiterCount(&resource) == 3 && ExGetExclusiveWaiterCount(&resource) == 1; }));
-    Release();
-    EXPECT_TRUE(Eventually([&] { return inside == 3; }));
-    stay = false;
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
-    writer.join();
-}
-
 // The last user drains the resource by acquiring it exclusively, deletes it and frees its memory at once, while the
 // thread that let it in may still be on its way out of the release.
 TEST_F(ResourceTest, WhoDrainsAResourceMayFreeIt) {

@@ -2,12 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <memory>
 #include <random>
 #include <set>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "nt/kernel.h"
@@ -212,25 +210,6 @@ TEST(Splay, RandomOperationsKeepOrderAndLinks) {
         std::vector<int> keys;
         Walk(root, &keys);
         ASSERT_EQ(keys, std::vector<int>(model.begin(), model.end())) << step;
-    }
-}
-
-TEST(Time, FieldsAgreeWithTheCalendar) {
-    // Days of six centuries, with leap days and century ends among them, against the C library.
-    for (LONGLONG day = 0; day < 366 * 600; day += day % 1461 == 1459 ? 1 : 97) {
-        LARGE_INTEGER time;
-        time.QuadPart = (day * 86400 + 45296) * nt::kTicksPerSecond + 789 * nt::kTicksPerMillisecond;
-        TIME_FIELDS fields;
-        RtlTimeToTimeFields(&time, &fields);
-        const time_t unixTime = static_cast<time_t>(
-            (time.QuadPart - nt::kTicksFrom1601To1970 - 789 * nt::kTicksPerMillisecond) / nt::kTicksPerSecond);
-        tm expected;
-        ASSERT_NE(gmtime_r(&unixTime, &expected), nullptr);
-        ASSERT_EQ(std::tuple(fields.Year - 1900, fields.Month - 1, fields.Day, fields.Weekday),
-                  std::tuple(expected.tm_year, expected.tm_mon, expected.tm_mday, expected.tm_wday))
-            << day;
-        ASSERT_EQ(std::tuple(fields.Hour, fields.Minute, fields.Second, fields.Milliseconds),
-                  std::tuple(12, 34, 56, 789));
     }
 }
 

@@ -30,6 +30,21 @@ void InPagedPool(void (*initialise)(PVOID)) {
 
 VOID NTAPI DoNothing(PVOID) {}
 
+struct Resource : ERESOURCE {
+    Resource() { ExInitializeResourceLite(this); }
+    ~Resource() { ExDeleteResourceLite(this); }
+};
+
+struct DescriptorList {
+    char buffer[64];
+    PMDL mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
+    DescriptorList() { MmProbeAndLockPages(mdl, KernelMode, IoReadAccess); }
+    ~DescriptorList() {
+        MmUnlockPages(mdl);
+        IoFreeMdl(mdl);
+    }
+};
+
 // On another thread, inside the same driver.
 void Elsewhere(const std::function<void()>& work) {
     std::thread([&, driver = nt::CurrentDriver()] {
@@ -88,21 +103,17 @@ const Misdeed kMisdeeds[] = {
      }},
     {"releasing a resource that another thread holds", "by a thread that does not hold it",
      [] {
-         ERESOURCE resource;
-         ExInitializeResourceLite(&resource);
+         Resource resource;
          ExAcquireResourceExclusiveLite(&resource, TRUE);
          Elsewhere([&] { ExReleaseResourceLite(&resource); });
          ExReleaseResourceLite(&resource);
-         ExDeleteResourceLite(&resource);
      }},
     {"wanting exclusively what one shares", "would wait for itself",
      [] {
-         ERESOURCE resource;
-         ExInitializeResourceLite(&resource);
+         Resource resource;
          ExAcquireResourceSharedLite(&resource, TRUE);
          EXPECT_FALSE(ExAcquireResourceExclusiveLite(&resource, TRUE));
          ExReleaseResourceLite(&resource);
-         ExDeleteResourceLite(&resource);
      }},
     {"deleting a held resource", "deleted while it is acquired 1 times",
      [] {
@@ -168,21 +179,13 @@ const Misdeed kMisdeeds[] = {
      }},
     {"freeing a locked descriptor list", "whose pages are locked",
      [] {
-         char buffer[64];
-         PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
-         MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
-         IoFreeMdl(mdl);
-         MmUnlockPages(mdl);
-         IoFreeMdl(mdl);
+         const DescriptorList list;
+         IoFreeMdl(list.mdl);
      }},
     {"mapping that may not fail", "MDL_MAPPING_CAN_FAIL",
      [] {
-         char buffer[64];
-         PMDL const mdl = IoAllocateMdl(buffer, sizeof(buffer), FALSE, FALSE, nullptr);
-         MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
-         MmMapLockedPages(mdl, KernelMode);
-         MmUnlockPages(mdl);
-         IoFreeMdl(mdl);
+         const DescriptorList list;
+         MmMapLockedPages(list.mdl, KernelMode);
      }},
     {"an uncaught probe of a bad address", "exception that nobody catches",
      [] {
@@ -350,8 +353,7 @@ class VerifierDriverTest : public DriverTest {};
 
 TEST_F(VerifierDriverTest, AUsersRequestMustAcquireInsideACriticalRegion) {
     Violations violations;
-    ERESOURCE resource;
-    ExInitializeResourceLite(&resource);
+    Resource resource;
     EXPECT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));  // a thread of the system
     ExReleaseResourceLite(&resource);
     driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
@@ -368,7 +370,6 @@ TEST_F(VerifierDriverTest, AUsersRequestMustAcquireInsideACriticalRegion) {
     ASSERT_EQ(process.Open({.name = u"\\??\\T:\\f"}, &handle), STATUS_SUCCESS);
     EXPECT_EQ(process.Read(handle, nullptr, nullptr, 0), STATUS_SUCCESS);
     EXPECT_NE(Violations::Take().find("outside a critical region"), std::string::npos);
-    ExDeleteResourceLite(&resource);
 }
 
 // ---- what is left over ----

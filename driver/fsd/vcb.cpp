@@ -19,6 +19,9 @@ bool IsIdle(const VCB* Vcb) {
 
 VOID FreeRoot(VCB* Vcb) {
     FCB* root = Vcb->RootFcb;
+    if (root == nullptr) {
+        return;
+    }
     Vcb->RootFcb = nullptr;
     VrkFsFCBCommonFree(root->Common);
     VrkFsFCBFree(root);

@@ -193,15 +193,16 @@ VOID VrkFsHwFreeUnreadRecords(UnreadRecords* Unread) {
 NTSTATUS VrkFsHwNoteUnread(HwVolume* Volume, ULONG FolderSlot, ULONG FileSlot) {
     UnreadRecords* const unread = &Volume->Unread;
     const FastMutexGuard lock(&unread->Lock);
+    NoteBits bits = BitsOf(unread, FolderSlot, FileSlot);
     if (FileSlot != kUnreadFolder && unread->Files[FolderSlot] == nullptr) {
-        PVOID const memory = VrkFsAllocatePool(PagedPool, sizeof(UnreadFiles));
-        if (memory == nullptr) {
+        auto* files = static_cast<UnreadFiles*>(VrkFsAllocatePool(PagedPool, sizeof(UnreadFiles)));
+        if (files == nullptr) {
             return STATUS_INSUFFICIENT_RESOURCES;
         }
-        RtlZeroMemory(memory, sizeof(UnreadFiles));
-        unread->Files[FolderSlot] = static_cast<UnreadFiles*>(memory);
+        RtlZeroMemory(files, sizeof(*files));
+        unread->Files[FolderSlot] = files;
+        bits = {files->Unread, files->Due, FileSlot};
     }
-    const NoteBits bits = BitsOf(unread, FolderSlot, FileSlot);
     unread->Count += SetBit(bits.Unread, bits.Index);
     MarkDue(unread, bits);
     return STATUS_SUCCESS;

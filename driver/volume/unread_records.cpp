@@ -194,13 +194,13 @@ NTSTATUS VrkFsHwNoteUnread(HwVolume* Volume, ULONG FolderSlot, ULONG FileSlot) {
     UnreadRecords* const unread = &Volume->Unread;
     const FastMutexGuard lock(&unread->Lock);
     NoteBits bits = BitsOf(unread, FolderSlot, FileSlot);
-    if (FileSlot != kUnreadFolder && unread->Files[FolderSlot] == nullptr) {
+    if (bits.Unread == nullptr) {
         auto* files = static_cast<UnreadFiles*>(VrkFsAllocatePool(PagedPool, sizeof(UnreadFiles)));
         if (files == nullptr) {
             return STATUS_INSUFFICIENT_RESOURCES;
         }
         RtlZeroMemory(files, sizeof(*files));
-        unread->Files[FolderSlot] = files;
+        unread->Files[FolderSlot] = files;  // NOLINT(clang-analyzer-core.NullDereference): unread is no null pointer
         bits = {files->Unread, files->Due, FileSlot};
     }
     unread->Count += SetBit(bits.Unread, bits.Index);

@@ -1,8 +1,9 @@
-// What the fuzzers share: a small station in memory-backed files with one volume and one clip, put back as it was
+// What the fuzzers share: a small station in memory-backed files with one volume and a few clips, put back as it was
 // before each input; and a walk that does what a curious user would do with it.
 #pragma once
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vrkfs/control.h>
@@ -13,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -67,7 +69,33 @@ inline host::OpenResult OpenPath(host::Process& user, const std::u16string& path
     return user.Create(request);
 }
 
+// What a fuzzer starts from, made by the fuzzer itself: run with VRKFS_FUZZ_SEEDS=DIR it writes its seeds and ends.
+class Seeds {
+  public:
+    Seeds() {
+        const char* directory = std::getenv("VRKFS_FUZZ_SEEDS");
+        directory_ = directory != nullptr ? directory : "";
+    }
+    bool Wanted() const { return !directory_.empty(); }
+    void Add(const std::vector<std::uint8_t>& bytes) {
+        std::ofstream out(directory_ / ("seed" + std::to_string(count_++)), std::ios::binary);
+        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+    [[noreturn]] static void Done() { std::exit(0); }
+
+  private:
+    std::filesystem::path directory_;
+    int count_ = 0;
+};
+
+// Values that field checks turn on.
+constexpr std::uint32_t kEdges[] = {0,    1,    2,    7,    15,   16,         17,         256,        525,   625,
+                                    1023, 1024, 2048, 3583, 3584, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 65535, 65536};
+
 constexpr std::uint32_t kReadWrite = host::access::kReadData | host::access::kWriteData;
+
+// The clip that no fuzzer touches.
+constexpr const char16_t* kKept = u"P:\\RZV\\V\\C\\KEPT.RZV";
 
 class FuzzStation {
   public:
@@ -86,7 +114,8 @@ class FuzzStation {
         Fill(*machine);
         Stop(*machine);
         for (std::uint32_t disk = 0; disk < kDisks; ++disk) {
-            images_.push_back(ReadImage(disk));
+            disks_.push_back(Map(disk));
+            images_.emplace_back(disks_.back(), disks_.back() + kDiskBytes);
         }
     }
     ~FuzzStation() {
@@ -108,19 +137,20 @@ class FuzzStation {
         }
     }
 
-    // The disks as they were after the filling.
-    const std::vector<std::vector<std::byte>>& Images() const { return images_; }
-    void WriteImages(const std::vector<std::vector<std::byte>>& images) {
+    // A disk as it was after the filling, and as it is.
+    const std::vector<std::byte>& Image(std::uint32_t disk) const { return images_[disk]; }
+    std::byte* Disk(std::uint32_t disk) const { return disks_[disk]; }
+    // Puts all disks back as they were after the filling.
+    void Restore() {
+        constexpr std::size_t kPiece = 64 << 10;
         for (std::uint32_t disk = 0; disk < kDisks; ++disk) {
-            const int fd = ::open(Path(disk).c_str(), O_WRONLY | O_CLOEXEC);
-            if (fd < 0 || ::pwrite(fd, images[disk].data(), images[disk].size(), 0) !=
-                              static_cast<ssize_t>(images[disk].size())) {
-                Fail("cannot restore an image");
+            for (std::size_t at = 0; at < kDiskBytes; at += kPiece) {
+                if (std::memcmp(disks_[disk] + at, images_[disk].data() + at, kPiece) != 0) {
+                    std::memcpy(disks_[disk] + at, images_[disk].data() + at, kPiece);
+                }
             }
-            ::close(fd);
         }
     }
-    void Restore() { WriteImages(images_); }
 
     static clip::ClipRecipe Recipe() {
         clip::ClipRecipe recipe;
@@ -135,14 +165,14 @@ class FuzzStation {
     std::filesystem::path Path(std::uint32_t disk) const {
         return path_ / "card0" / ("scsi" + std::to_string(disk) + ".img");
     }
-    std::vector<std::byte> ReadImage(std::uint32_t disk) const {
-        std::vector<std::byte> image(kDiskBytes);
-        const int fd = ::open(Path(disk).c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0 || ::pread(fd, image.data(), image.size(), 0) != static_cast<ssize_t>(image.size())) {
-            Fail("cannot read an image");
+    std::byte* Map(std::uint32_t disk) const {
+        const int fd = ::open(Path(disk).c_str(), O_RDWR | O_CLOEXEC);
+        void* mapped = ::mmap(nullptr, kDiskBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (fd < 0 || mapped == MAP_FAILED) {
+            Fail("cannot map an image");
         }
         ::close(fd);
-        return image;
+        return static_cast<std::byte*>(mapped);
     }
     static void Fill(host::Machine& machine) {
         auto user = machine.NewProcess();
@@ -159,13 +189,14 @@ class FuzzStation {
             (void)user->DeviceControl(control.Get(), IOCTL_VRKFS_FORMAT_VOLUME, std::as_bytes(std::span(&record, 1)),
                                       std::as_writable_bytes(std::span(&result, 1)));
         }
-        for (const char16_t* folder : {u"P:\\RZV\\V\\A", u"P:\\RZV\\V\\B"}) {
+        for (const char16_t* folder : {u"P:\\RZV\\V\\A", u"P:\\RZV\\V\\B", u"P:\\RZV\\V\\C"}) {
             const host::ScopedHandle made(*user, OpenPath(*user, folder, host::Disposition::kCreate,
                                                           host::access::kReadData, host::option::kDirectoryFile)
                                                      .handle);
         }
         const std::vector<std::byte> image = clip::MakeClipImage(Recipe());
-        for (const char16_t* name : {u"P:\\RZV\\V\\A\\ONE.RZV", u"P:\\RZV\\V\\A\\TWO.RZV", u"P:\\RZV\\V\\B\\ONE.RZV"}) {
+        for (const char16_t* name :
+             {u"P:\\RZV\\V\\A\\ONE.RZV", u"P:\\RZV\\V\\A\\TWO.RZV", u"P:\\RZV\\V\\B\\ONE.RZV", kKept}) {
             const host::ScopedHandle file(*user, OpenPath(*user, name, host::Disposition::kCreate, kReadWrite).handle);
             if (!user->Write(file.Get(), image, 0).status.Ok()) {
                 Fail("cannot fill the station");
@@ -175,9 +206,30 @@ class FuzzStation {
 
     std::filesystem::path path_;
     std::vector<std::vector<std::byte>> images_;
+    std::vector<std::byte*> disks_;
 };
 
-// Lists what is there, reads a piece of every file, makes and deletes a few things.
+// Whether a whole read of the file gives the clip that the station was filled with.
+inline bool HoldsTheClip(host::Process& user, const std::u16string& path) {
+    static const std::vector<std::byte> image = clip::MakeClipImage(FuzzStation::Recipe());
+    const host::ScopedHandle file(user, OpenPath(user, path, host::Disposition::kOpen, host::access::kReadData).handle);
+    std::vector<std::byte> back(image.size());
+    return file && user.Read(file.Get(), back, 0).status.Ok() && back == image;
+}
+
+// Puts a clip at a name that is free; false when that is refused.
+inline bool PutClip(host::Process& user, const std::u16string& path) {
+    static const std::vector<std::byte> image = clip::MakeClipImage(FuzzStation::Recipe());
+    const host::ScopedHandle file(user, OpenPath(user, path, host::Disposition::kCreate, kReadWrite).handle);
+    return file && user.Write(file.Get(), image, 0).status.Ok();
+}
+
+inline bool DeletePath(host::Process& user, const std::u16string& path) {
+    const host::ScopedHandle file(user, OpenPath(user, path, host::Disposition::kOpen, host::access::kDelete).handle);
+    return file && host::SetDeleteOnCleanup(user, file.Get(), true).Ok();
+}
+
+// Lists what is there, reads a piece of every file; puts, overwrites and deletes clips.
 class Walk {
   public:
     explicit Walk(host::Process& user) : user_(user) {}
@@ -185,8 +237,26 @@ class Walk {
     void Everything() {
         Visit(u"P:\\RZV", 1);
         for (const std::u16string& folder : folders_) {
-            Work(folder);
+            Put(folder + u"\\NEW.RZV");
         }
+        CheckPut();
+        for (const std::u16string& folder : folders_) {
+            Overwrite(folder + u"\\TWO.RZV");
+            (void)DeletePath(user_, folder + u"\\ONE.RZV");
+            Put(folder + u"\\NEWER.RZV");
+        }
+        CheckPut();
+        for (const std::u16string& path : put_) {
+            if (!DeletePath(user_, path)) {
+                Fail("a clip that was put cannot be deleted");
+            }
+        }
+        for (const std::u16string& folder : folders_) {
+            (void)DeletePath(user_, folder);
+        }
+        const host::ScopedHandle made(user_, OpenPath(user_, u"P:\\RZV\\V\\NEW", host::Disposition::kCreate,
+                                                      host::access::kReadData, host::option::kDirectoryFile)
+                                                 .handle);
     }
 
   private:
@@ -225,29 +295,30 @@ class Walk {
             (void)user_.Read(file.Get(), buffer, place);
         }
     }
-    void Work(const std::u16string& folder) {
+    void Put(const std::u16string& path) {
+        if (PutClip(user_, path)) {
+            put_.push_back(path);
+        }
+    }
+    // Whatever the disks say, new clips lie beside each other.
+    void CheckPut() {
+        for (const std::u16string& path : put_) {
+            if (!HoldsTheClip(user_, path)) {
+                Fail("a clip that was put does not read back");
+            }
+        }
+    }
+    void Overwrite(const std::u16string& path) {
         static const std::vector<std::byte> image = clip::MakeClipImage(FuzzStation::Recipe());
-        {
-            const host::ScopedHandle file(
-                user_, OpenPath(user_, folder + u"\\NEW.RZV", host::Disposition::kCreate, kReadWrite).handle);
-            if (file) {
-                (void)user_.Write(file.Get(), image, 0);
-            }
+        const host::ScopedHandle file(user_, OpenPath(user_, path, host::Disposition::kOpen, kReadWrite).handle);
+        if (file && user_.Write(file.Get(), image, 0).status.Ok()) {
+            put_.push_back(path);
         }
-        for (const char16_t* name : {u"\\NEW.RZV", u"\\ONE.RZV"}) {
-            const host::ScopedHandle file(
-                user_, OpenPath(user_, folder + name, host::Disposition::kOpen, host::access::kDelete).handle);
-            if (file) {
-                (void)host::SetDeleteOnCleanup(user_, file.Get(), true);
-            }
-        }
-        const host::ScopedHandle made(user_, OpenPath(user_, u"P:\\RZV\\V\\NEW", host::Disposition::kCreate,
-                                                      host::access::kReadData, host::option::kDirectoryFile)
-                                                 .handle);
     }
 
     host::Process& user_;
     std::vector<std::u16string> folders_;
+    std::vector<std::u16string> put_;
 };
 
 }  // namespace fuzz

@@ -138,10 +138,13 @@ std::optional<std::vector<char>> ReadStart(int fd) {
 
 Problem PeekDisk(const DiskPlace& disk, DiskFacts& facts) {
     const std::string what = "disk " + std::to_string(disk.scsiId) + " ('" + disk.path.string() + "')";
-    const Descriptor file{::open(disk.path.c_str(), O_RDONLY | O_CLOEXEC)};
+    const Descriptor file{::open(disk.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
     struct stat status {};
     if (file.fd < 0 || ::fstat(file.fd, &status) != 0) {
         return {what + " cannot be opened: " + std::strerror(errno), "check the image and your rights to it"};
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
+        return {what + " is neither a file nor a block device", "put an image in its place, or move it away"};
     }
     facts.usedBy = UseBySystem(status, disk.path);
     const auto bytes = ReadStart(file.fd);

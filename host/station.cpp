@@ -1,16 +1,19 @@
 #include "host/station.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <system_error>
+#include <thread>
 
 namespace host {
 namespace {
@@ -113,6 +116,39 @@ Problem FillStation(const fs::path& directory, const StationLayout& layout) {
     return WriteRegistry(directory / "registry.json", layout.cards);
 }
 
+// 0, or what kept the lock from being had.
+int TryLock(int fd, bool shared) {
+    struct flock range {};
+    range.l_type = static_cast<short>(shared ? F_RDLCK : F_WRLCK);
+    range.l_whence = SEEK_SET;
+    return ::fcntl(fd, F_OFD_SETLK, &range) == 0 ? 0 : errno;
+}
+
+// Who runs the station, by what it wrote into the lock's file; it may be about to.
+std::string HolderOf(int fd) {
+    std::string name;
+    for (int attempt = 0; name.empty() && attempt < 10; ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(attempt * 5));
+        char text[200];
+        const ssize_t length = ::pread(fd, text, sizeof(text), 0);
+        name.assign(text, length > 0 ? static_cast<std::size_t>(length) : 0);
+        name.erase(name.find_last_not_of('\n') + 1);
+    }
+    return name;
+}
+
+bool IsDisk(int fd) {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode));
+}
+
+bool SameFile(int first, int second) {
+    struct stat one {};
+    struct stat other {};
+    return ::fstat(first, &one) == 0 && ::fstat(second, &other) == 0 && one.st_dev == other.st_dev &&
+           one.st_ino == other.st_ino;
+}
+
 }  // namespace
 
 Problem CreateStation(const fs::path& directory, const StationLayout& layout) {
@@ -148,8 +184,10 @@ Problem CreateStation(const fs::path& directory, const StationLayout& layout) {
 std::unique_ptr<Station> Station::Read(const fs::path& directory, Problem& problem) {
     std::error_code error;
     if (!fs::is_directory(directory, error)) {
-        problem = {Quoted(directory) + " is no station: there is no such directory",
-                   "make one with: vrkfs create-station " + directory.string()};
+        const bool there = fs::exists(directory, error);
+        problem = {Quoted(directory) + (there ? " is no station: it is no directory, or you may not look into it"
+                                              : " is no station: there is no such directory"),
+                   there ? "name a station's directory" : "make one with: vrkfs create-station " + directory.string()};
         return nullptr;
     }
     auto station = std::make_unique<Station>();
@@ -197,17 +235,9 @@ std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std
         problem = {Quoted(path) + ": " + std::strerror(errno), "check that you may write to the station's directory"};
         return nullptr;
     }
-    struct flock range {};
-    range.l_type = static_cast<short>(shared ? F_RDLCK : F_WRLCK);
-    range.l_whence = SEEK_SET;
-    if (::fcntl(fd, F_OFD_SETLK, &range) != 0) {
-        char holder[200] = {};
-        const ssize_t length = ::pread(fd, holder, sizeof(holder) - 1, 0);
+    if (TryLock(fd, shared) != 0) {
+        const std::string name = HolderOf(fd);
         ::close(fd);
-        std::string name(holder, length > 0 ? static_cast<std::size_t>(length) : 0);
-        while (!name.empty() && name.back() == '\n') {
-            name.pop_back();
-        }
         problem = {"the station " + Quoted(station.Directory()) + " is in use by " +
                        (name.empty() ? std::string("another program") : name),
                    "wait until it is done, or end it", true};
@@ -218,13 +248,52 @@ std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std
     if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, text.data(), text.size(), 0) < 0) {
         // The text only helps whoever waits; the lock itself stands.
     }
-    return std::unique_ptr<StationLock>(new StationLock(fd));
+    std::unique_ptr<StationLock> lock(new StationLock(fd));
+    lock->named_ = !shared;
+    for (const CardPlace& card : station.Cards()) {
+        problem = lock->LockImages(card, shared);
+        if (problem) {
+            return nullptr;
+        }
+    }
+    return lock;
+}
+
+// What cannot be opened is left to whoever plugs the disk, who says so.
+Problem StationLock::LockImages(const CardPlace& card, bool shared) {
+    for (const DiskPlace& disk : card.disks) {
+        const int fd = ::open(disk.path.c_str(), (shared ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NONBLOCK);
+        if (fd < 0) {
+            continue;
+        }
+        const bool twice = std::ranges::any_of(images_, [fd](int image) { return SameFile(image, fd); });
+        images_.push_back(fd);
+        const std::string what = "disk " + std::to_string(disk.scsiId) + " of card " + std::to_string(card.index) +
+                                 " (" + Quoted(disk.path) + ")";
+        if (!IsDisk(fd)) {
+            return {what + " is neither a file nor a block device", "put an image in its place, or move it away"};
+        }
+        if (twice) {
+            return {what + " is the image of another disk too", "give each disk an image of its own"};
+        }
+        if (const int error = TryLock(fd, shared); error == EAGAIN || error == EACCES) {
+            return {what + " is in use by another station", "wait until that one is done, or unlink the disk", true};
+        }
+    }
+    return {};
 }
 
 StationLock::~StationLock() {
-    if (fd_ >= 0) {
-        ::close(fd_);
+    for (const int image : images_) {
+        ::close(image);
     }
+    if (fd_ < 0) {
+        return;
+    }
+    if (named_ && ::ftruncate(fd_, 0) != 0) {
+        // The next holder writes over it; until then it misleads only those who find a reader here.
+    }
+    ::close(fd_);
 }
 
 }  // namespace host

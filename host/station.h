@@ -63,7 +63,8 @@ class Station {
 
 // The station's lock, for as long as this object lives. It is the kernel's lock on an open file, so it goes with its
 // holder and is never stale; the file's text (the program and its process ID, of who runs the station, not of who only
-// reads it) is for the one who finds it held.
+// reads it) is for the one who finds it held. The images are locked with it: links can lead from two stations, or twice
+// from one, to the same image, and two drivers on it would destroy it.
 class StationLock {
   public:
     static std::unique_ptr<StationLock> Take(const Station& station, const std::string& program, bool shared,
@@ -74,7 +75,11 @@ class StationLock {
 
   private:
     explicit StationLock(int fd) : fd_(fd) {}
+    Problem LockImages(const CardPlace& card, bool shared);
+
     int fd_;
+    bool named_ = false;  // the file says who holds it
+    std::vector<int> images_;
 };
 
 }  // namespace host

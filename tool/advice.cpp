@@ -68,7 +68,8 @@ constexpr Row kRows[] = {
     {std::nullopt, host::status::kFileIsADirectory, "it is a folder, where a file is wanted"},
     {std::nullopt, kWriteProtected, "the disk cannot be written: check the image and your rights to it"},
     {std::nullopt, kFileCorrupt, "its record on the disk is damaged: see vrkfs events"},
-    {std::nullopt, kDeviceError, "a disk failed: see vrkfs events, and check the disks"},
+    {std::nullopt, kDeviceError,
+     "a disk failed, or where its image lies is no room left: see vrkfs events, and check both"},
     {std::nullopt, kIoTimeout, "a disk did not answer: see vrkfs events, and check the disks"},
     {std::nullopt, kConfigurationError, "a disk did not answer: see vrkfs events, and check the disks"},
 };

@@ -190,6 +190,7 @@ Result ClipPut::Replace(ClipTransfer& transfer, const DrivePath& path) {
     }
     if (Result failure = Copy(beside, path, transfer.Digest())) {
         failure->state = And(failure->state, "the old clip is gone, and the new one is whole as " + beside.Display());
+        failure->advice = "put it again, then delete " + beside.Display() + " with vrkfs rm";
         return failure;
     }
     if (const host::Status status = Delete(process_, beside, false); !status.Ok()) {

@@ -1,5 +1,6 @@
 #include "tool/interrupt.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -39,6 +40,16 @@ void InstallInterrupt() {
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
     ::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is a failed write, not the end of the program
+}
+
+void OccupyStandardStreams() {
+    // The lowest free descriptor is the one that is closed; it is opened for the direction in which it is not used.
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (::fcntl(descriptor, F_GETFD) < 0 &&
+            ::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY) != descriptor) {
+            ::_exit(1);
+        }
+    }
 }
 
 bool Interrupted() {

@@ -167,7 +167,7 @@ TEST_F(Cli, NamesThatNoTerminalShows) {
     ExpectFailure(Run("mkdir P:/RZV/ONE/a<005C>b"), 2, "a<005C>b");
     ExpectFailure(Run("mkdir P:/RZV/ONE/\xFF"), 2, "UTF-8");
     ExpectFailure(Run("mkdir P:/RZV/ONE/a*"), 1, "STATUS_OBJECT_NAME_INVALID");
-    ExpectFailure(Run("put @/clip P:/RZV/ONE/A/___port0___"), 1, "vrkfs");
+    ExpectFailure(Run("put @/clip P:/RZV/ONE/A/___port0___ --replace"), 1, "the name is reserved");
     EXPECT_EQ(Run("ls P:/RZV/ONE/A").out, "");
 }
 
@@ -328,6 +328,12 @@ TEST_F(Cli, GetLeavesWholeFilesOnly) {
     ExpectFailure(Run("get P:/RZV/ONE/A/c @/none/x"), 1, "cannot create");
     ExpectFailure(Run("get P:/RZV/ONE/A/c /dev/full"), 1, "No space left");
     ExpectFailure(Run("get P:/RZV/ONE/A/none @/back"), 1, "cannot read P:/RZV/ONE/A/none");
+    ASSERT_EQ(Run("put @/clip P:/RZV/ONE/A/-").status, 0);
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(Path("folder"));
+    EXPECT_EQ(Run("get P:/RZV/ONE/A/-").status, 0);
+    std::filesystem::current_path(before);
+    EXPECT_TRUE(std::filesystem::exists(Path("folder") / "-"));
     EXPECT_EQ(Run("get P:/RZV/ONE/A/c @/d --json").Objects().at(0)["bytes"], Contents(Path("clip")).size());
     EXPECT_FALSE(std::filesystem::exists(Path("back")) || std::filesystem::exists(Path("d.part")));
 }
@@ -352,7 +358,58 @@ TEST_F(Cli, AStationInUseIsLeftAlone) {
     const auto shared = host::StationLock::Take(*station, "reader", true, problem);
     ASSERT_TRUE(shared);
     EXPECT_EQ(Run("ls P:/RZV/ONE --read-only").out, "A\n");
-    EXPECT_EQ(Run("mkdir P:/RZV/ONE/B").status, 3);
+    ExpectFailure(Run("mkdir P:/RZV/ONE/B"), 3, "another program");  // not the last one that had it to itself
+}
+
+TEST_F(Cli, AnImageServesOneDiskOfOneStation) {
+    MakeVolumes();
+    ASSERT_EQ(Run("put @/clip P:/RZV/ONE/A/c").status, 0);
+    ASSERT_EQ(Run("create-station @/other --disks 1 --size 4M").status, 0);
+    const auto otherImage = Path("other") / "card0" / "scsi0.img";
+    std::filesystem::remove(otherImage);
+    std::filesystem::create_symlink(Image(0), otherImage);
+    EXPECT_EQ(Run("ls P:/RZV/ONE -s @/other").out, "A\n");
+    {
+        host::Problem problem;
+        const auto lock =
+            host::StationLock::Take(*host::Station::Read(Path("other"), problem), "tester", false, problem);
+        ASSERT_TRUE(lock);
+        ExpectFailure(Run("volumes"), 3, "in use by another station");
+    }
+    ExpectFailure(Run("get P:/RZV/ONE/A/c @/station/card0/scsi0.img"), 1, "is a disk of the station");
+
+    // A link to another disk of its own, and what is no disk at all: nobody waits for a pipe.
+    for (const bool pipe : {false, true}) {
+        std::filesystem::remove(Image(3));
+        if (pipe) {
+            ASSERT_EQ(::mkfifo(Image(3).c_str(), 0600), 0);
+        } else {
+            std::filesystem::create_symlink(Image(2), Image(3));
+        }
+        for (const char* line : {"volumes", "ls --read-only", "format --name NEW --disks 3 --yes"}) {
+            SCOPED_TRACE(line);
+            ExpectFailure(Run(line), 1,
+                          pipe ? "neither a file nor a block device" : "is the image of another disk too");
+        }
+    }
+}
+
+// What is opened next would take the place of a stream that the caller closed, and be written over by a report.
+TEST_F(Cli, ClosedStandardStreamsAreNoImages) {
+    MakeVolumes();
+    ASSERT_EQ(Run("put @/clip P:/RZV/ONE/A/c").status, 0);
+    const std::string image = Contents(Image(0));
+    const std::string program =
+        std::string("cd ") + Path("").string() + "; VRKFS_STATION=station timeout 60 " + VRKFS_PROGRAM;
+    for (const char* closed : {"<&-", ">&-", "2>&-", "<&- >&-", "<&- >&- 2>&-"}) {
+        for (const char* line : {"cat P:/RZV/ONE/A/c", "ls /none", "clip info -"}) {
+            SCOPED_TRACE(std::string(line) + closed);
+            const std::string all = program + " " + line + " >out 2>err </dev/null " + closed;
+            const int status = WEXITSTATUS(std::system(all.c_str()));
+            EXPECT_EQ(status, std::string_view(line).starts_with("cat") && Contents(Path("out")).size() > 0 ? 0 : 1);
+        }
+    }
+    EXPECT_TRUE(Contents(Image(0)) == image);
 }
 
 // A put that is stopped when most of a clip is on the drive.

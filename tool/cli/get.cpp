@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <system_error>
 
@@ -95,9 +96,18 @@ std::string LocalName(const std::string& given, const DrivePath& path) {
     }
     std::string own = path.names.empty() ? "" : DisplayName(path.names.back());
     if (given.empty()) {
-        return own;
+        return own == kStandardStream ? "./" + own : own;
     }
     return IsDirectory(given) ? given + (given.ends_with('/') ? "" : "/") + own : given;
+}
+
+bool IsImageOf(const host::Station& station, const std::string& local) {
+    std::error_code error;
+    return std::ranges::any_of(station.Cards(), [&](const host::CardPlace& card) {
+        return std::ranges::any_of(card.disks, [&](const host::DiskPlace& disk) {
+            return std::filesystem::equivalent(disk.path, local, error);
+        });
+    });
 }
 
 void ReportGot(const Output& output, const DrivePath& path, const std::string& local, std::uint64_t bytes,
@@ -150,7 +160,12 @@ Result Get(Session& session, const Output& output, const GetOptions& options, co
     if (!status.Ok()) {
         return DriverFailure(Operation::kRead, what, status);
     }
-    return FetchTo(*file, facts.size, output, path, LocalName(options.local, path));
+    const std::string local = LocalName(options.local, path);
+    if (IsImageOf(session.Station(), local)) {
+        return Failure{
+            .what = local + " is a disk of the station", .advice = "name another file", .state = "nothing was changed"};
+    }
+    return FetchTo(*file, facts.size, output, path, local);
 }
 
 int RunGet(const CommonOptions& common, const char* command, const GetOptions& options) {

@@ -178,6 +178,7 @@ void AddReadOnly(CLI::App& command, CommonOptions& common) {
 }
 
 int RunProgram(int count, char** arguments) {
+    OccupyStandardStreams();
     InstallInterrupt();
     const bool json = AsksForJson(count, arguments);
     CommonOptions common;
@@ -187,7 +188,9 @@ int RunProgram(int count, char** arguments) {
     const int status = Parse(app, json, count, arguments);
     std::cout.flush();
     if (!std::cout && status == kDone) {
-        return Output(ChosenCommand(app), json).Fail({.what = "standard output cannot be written"});
+        return Output(ChosenCommand(app), json)
+            .Fail({.what = "standard output cannot be written",
+                   .advice = "the command was done: only its report is lost"});
     }
     return status;
 }

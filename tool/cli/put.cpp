@@ -40,6 +40,14 @@ Result FindPlace(const PutOptions& options, DrivePath& path) {
     return std::nullopt;
 }
 
+// Every folder has the driver's command port under this name, in any case.
+bool IsPortName(std::u16string name) {
+    for (char16_t& unit : name) {
+        unit = unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit - u'A' + u'a') : unit;
+    }
+    return name == u"___port0___";
+}
+
 // `written`: seconds until the drive had it all; `durable`: until the images had it for good.
 void ReportPut(const Output& output, const DrivePath& path, const clip::ClipLayout& layout, bool replaced,
                double written, double durable) {
@@ -65,6 +73,11 @@ void ReportPut(const Output& output, const DrivePath& path, const clip::ClipLayo
 Result Put(Session& session, const Output& output, const PutOptions& options, ClipTransfer& transfer, DrivePath path) {
     if (Result misplaced = FindPlace(options, path)) {
         return misplaced;
+    }
+    if (IsPortName(path.names.back())) {
+        return Failure{.what = "cannot make " + path.Display() + ": the name is reserved",
+                       .advice = "take another name",
+                       .state = "nothing was changed"};
     }
     host::FileFacts facts;
     const host::Status status = LookAt(session.Process(), path, facts);

@@ -127,6 +127,10 @@ int ShowVolumes(const CommonOptions& common) {
         }
         ReportRows(output, rows);
         ReportFreeDisks(session, output, rows);
+        if (std::ranges::all_of(session.Station().Cards(), &std::vector<host::DiskPlace>::empty,
+                                &host::CardPlace::disks)) {
+            output.Text("no disks");
+        }
         return std::nullopt;
     });
 }

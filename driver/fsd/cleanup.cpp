@@ -57,6 +57,9 @@ NTSTATUS CleanupFcbOpen(FCB* Fcb, VrkFsRequestType Type, PFILE_OBJECT FileObject
     if (Fcb->HandleCount == 0) {
         *Notice = NoticeOf(Fcb);
         status = ActOnDelete(Fcb);
+        // The FCB lives until the file objects are closed and may be opened again before: who does that finds what the
+        // disk holds, and records anew, instead of going on in the image that this handle has written.
+        VrkFsFCBDropMediaObject(Fcb);
     }
     if (NT_SUCCESS(status) && !VrkFsIsReadOnlyOpen(FileObject)) {
         status = VrkFsSettleFile(Fcb, Type == kVrkFsFileOpen);

@@ -161,10 +161,15 @@ NTSTATUS VrkFsFCBAllocate(FCB** Fcb, VCB*, BOOLEAN IsFolder) {
     return STATUS_SUCCESS;
 }
 
-VOID VrkFsFCBFree(FCB* Fcb) {
+VOID VrkFsFCBDropMediaObject(FCB* Fcb) {
     if ((Fcb->Flags & kFcbMediaObject) != 0) {
         VrkFsRZVFreeFileObject(&Fcb->MediaFileObject);
+        Fcb->Flags &= ~kFcbMediaObject;
     }
+}
+
+VOID VrkFsFCBFree(FCB* Fcb) {
+    VrkFsFCBDropMediaObject(Fcb);
     VrkFsRtlFreeUnicodeString(&Fcb->FullName);
     VrkFsRtlFreeUnicodeString(&Fcb->Name);
     if ((Fcb->Flags & kFcbResourceInitialised) != 0) {

@@ -78,6 +78,9 @@ VOID VrkFsFCBNonPagedLListRelease(PNPAGED_LOOKASIDE_LIST List, PERESOURCE Resour
 // An empty FCB with its resource; in no tree. Free undoes whatever the FCB has, except its links.
 [[nodiscard]] NTSTATUS VrkFsFCBAllocate(FCB** Fcb, VCB* Vcb, BOOLEAN IsFolder);
 VOID VrkFsFCBFree(FCB* Fcb);
+// Forgets the image; the next transfer sets it up anew. The FCBCommon's Resource is held exclusively, or nobody else
+// knows the FCB.
+VOID VrkFsFCBDropMediaObject(FCB* Fcb);
 
 // All of the following: the VCB's Resource is held exclusively.
 

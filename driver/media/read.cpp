@@ -48,13 +48,6 @@ BOOLEAN HasUsableMediaObject(const FCB* Fcb) {
     return (Fcb->Flags & kFcbMediaObject) != 0 && VrkFsRZVIsReadable(&Fcb->MediaFileObject);
 }
 
-VOID DropMediaObject(FCB* Fcb) {
-    if ((Fcb->Flags & kFcbMediaObject) != 0) {
-        VrkFsRZVFreeFileObject(&Fcb->MediaFileObject);
-        Fcb->Flags &= ~kFcbMediaObject;
-    }
-}
-
 // Has the body tables that applications share written back, so that the disk holds the latest. This may wait for a
 // thread, so it runs without the file's lock.
 VOID FlushSharedTables(DataRequest* Request) {
@@ -86,7 +79,7 @@ BOOLEAN NeedsMediaObject(DataRequest* Request) {
     if (!VrkFsIsMediaPath(Request) || HasUsableMediaObject(Request->Fcb)) {
         return FALSE;
     }
-    DropMediaObject(Request->Fcb);
+    VrkFsFCBDropMediaObject(Request->Fcb);
     return IsMediaFile(Request);
 }
 

@@ -209,11 +209,15 @@ void WriteSeeds(Seeds& seeds) {
 }  // namespace
 }  // namespace fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
     if (fuzz::Seeds seeds; seeds.Wanted()) {
         fuzz::WriteSeeds(seeds);
-        fuzz::Seeds::Done();
+        std::exit(0);
     }
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static fuzz::FuzzStation station;
     fuzz::Input input(data, size);
     station.Restore();

@@ -114,10 +114,17 @@ void Damage(Input& input, const FuzzStation& station, const std::vector<Target>&
     }
 }
 
-// Each field of each record once with the next value.
-void WriteSeeds(Seeds& seeds, std::size_t targets) {
+// Each field of a record of each kind once, with the next value.
+void WriteSeeds(Seeds& seeds, const std::vector<Target>& targets) {
     std::uint8_t value = 0;
-    for (std::uint8_t target = 0; target < targets; ++target) {
+    for (std::size_t i = 0; i < targets.size(); ++i) {
+        const auto isSame = [&](const Target& other) {
+            return other.size == targets[i].size && other.record == targets[i].record && other.disk == targets[i].disk;
+        };
+        if (std::any_of(targets.begin(), targets.begin() + static_cast<std::ptrdiff_t>(i), isSame)) {
+            continue;
+        }
+        const auto target = static_cast<std::uint8_t>(i);
         for (std::uint8_t field = 0; field < kFields; ++field) {
             seeds.Add({target, 0, field, value++});
         }
@@ -128,13 +135,17 @@ void WriteSeeds(Seeds& seeds, std::size_t targets) {
 }  // namespace
 }  // namespace fuzz
 
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    if (fuzz::Seeds seeds; seeds.Wanted()) {
+        fuzz::WriteSeeds(seeds, fuzz::FindTargets(fuzz::FuzzStation()));
+        std::exit(0);
+    }
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static fuzz::FuzzStation station;
     static const std::vector<fuzz::Target> targets = fuzz::FindTargets(station);
-    if (fuzz::Seeds seeds; seeds.Wanted()) {
-        fuzz::WriteSeeds(seeds, targets.size());
-        fuzz::Seeds::Done();
-    }
     fuzz::Input input(data, size);
     station.Restore();
     fuzz::Damage(input, station, targets);

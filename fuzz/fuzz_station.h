@@ -81,7 +81,6 @@ class Seeds {
         std::ofstream out(directory_ / ("seed" + std::to_string(count_++)), std::ios::binary);
         out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     }
-    [[noreturn]] static void Done() { std::exit(0); }
 
   private:
     std::filesystem::path directory_;

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <numeric>
+#include <shared_mutex>
 
 namespace board {
 namespace {
@@ -102,7 +104,18 @@ Board::~Board() {
 }
 
 void Board::AttachDisk(std::uint32_t scsiId, Disk disk) {
+    const std::unique_lock hold(disksLock_);
     disks_[scsiId] = std::make_unique<Disk>(std::move(disk));
+}
+
+bool Board::DetachDisks() {
+    const std::unique_lock hold(disksLock_);
+    bool whole = true;
+    for (auto& disk : disks_) {
+        whole = (!disk || disk->Sync()) && whole;
+        disk.reset();
+    }
+    return whole;
 }
 
 Disk* Board::DiskAt(std::uint32_t scsiId) {
@@ -110,6 +123,7 @@ Disk* Board::DiskAt(std::uint32_t scsiId) {
 }
 
 bool Board::SyncAll() {
+    const std::shared_lock hold(disksLock_);
     bool whole = true;
     for (const auto& disk : disks_) {
         whole = (!disk || disk->Sync()) && whole;
@@ -270,6 +284,7 @@ Board::Outcome Board::Perform(PIRP irp, const RequestKind& request, const Misbeh
 
 Board::Outcome Board::Query(PIRP irp, std::uint32_t scsiId) {
     auto* info = static_cast<VrkScsiDeviceInfo*>(irp->AssociatedIrp.SystemBuffer);
+    const std::shared_lock hold(disksLock_);
     const Disk* disk = disks_[scsiId].get();
     std::memset(info, 0, sizeof(*info));
     info->ScsiId = scsiId;
@@ -285,20 +300,23 @@ Board::Outcome Board::Query(PIRP irp, std::uint32_t scsiId) {
 
 Board::Outcome Board::Move(PIRP irp, const RequestKind& request, const Misbehaviour* rule) {
     const auto* command = static_cast<const VrkScsiRequest*>(irp->AssociatedIrp.SystemBuffer);
+    const std::shared_lock hold(disksLock_);
     Disk* disk = DiskAt(request.scsiId);
     if (disk == nullptr) {
         return {STATUS_NO_SUCH_DEVICE, 0};
     }
-    // Only the kernel may name an address.
+    // A program names memory of its own, the kernel its own.
     const bool hostBuffer = command->CardMemory == VRK_TRANSFER_HOST;
     std::unique_lock<std::mutex> card(cardMemoryLock_, std::defer_lock);
     std::byte* buffer = nullptr;
     if (hostBuffer) {
-        if (irp->RequestorMode != KernelMode ||
-            command->HostBufferLength != std::uint64_t{request.count} * kBlockSize) {
+        const std::uint64_t bytes = std::uint64_t{request.count} * kBlockSize;
+        if (command->HostBufferLength != bytes) {
             return {STATUS_INVALID_PARAMETER, 0};
         }
-        buffer = static_cast<std::byte*>(NtTokenResolve(command->HostBuffer));
+        buffer =
+            static_cast<std::byte*>(irp->RequestorMode == KernelMode ? NtTokenResolve(command->HostBuffer)
+                                                                     : NtUserTokenResolve(command->HostBuffer, bytes));
     } else if (command->CardMemory == VRK_TRANSFER_CARD_MEMORY && request.count <= kCardMemoryBlocks) {
         card.lock();
         buffer = cardMemory_.data();

@@ -11,6 +11,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,8 +51,12 @@ class Board {
     Board(const Board&) = delete;
     Board& operator=(const Board&) = delete;
 
+    // Disks may come and go while requests run: a transfer in hand ends on the disk that it began on, and without a
+    // disk a transfer fails with STATUS_NO_SUCH_DEVICE.
     void AttachDisk(std::uint32_t scsiId, Disk disk);
-    Disk* DiskAt(std::uint32_t scsiId);  // null: nothing at this ID
+    // Closes all disks when the transfers in hand are over. False when what was written last may be lost.
+    [[nodiscard]] bool DetachDisks();
+    Disk* DiskAt(std::uint32_t scsiId);  // null: nothing at this ID; not while disks may be detached
     [[nodiscard]] bool SyncAll();
 
     // Any device state but 0 for an ID, whatever is attached there (0xFF is "a disk that may be used").
@@ -111,6 +116,7 @@ class Board {
     void RunLate();
 
     PDEVICE_OBJECT device_ = nullptr;
+    std::shared_mutex disksLock_;  // shared for the length of a transfer; guards the pointers that follow
     std::array<std::unique_ptr<Disk>, kMaxDisks> disks_;
     std::array<std::uint32_t, kMaxDisks> stateOverride_{};  // 0: as attached
     Rules rules_;

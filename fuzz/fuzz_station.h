@@ -116,6 +116,7 @@ class FuzzStation {
             disks_.push_back(Map(disk));
             images_.emplace_back(disks_.back(), disks_.back() + kDiskBytes);
         }
+        std::filesystem::copy_file(path_ / "registry.json", path_ / "registry.kept");
     }
     ~FuzzStation() {
         std::error_code ignored;
@@ -139,8 +140,10 @@ class FuzzStation {
     // A disk as it was after the filling, and as it is.
     const std::vector<std::byte>& Image(std::uint32_t disk) const { return images_[disk]; }
     std::byte* Disk(std::uint32_t disk) const { return disks_[disk]; }
-    // Puts all disks back as they were after the filling.
+    // Puts all disks and the settings back as they were after the filling.
     void Restore() {
+        std::filesystem::copy_file(path_ / "registry.kept", path_ / "registry.json",
+                                   std::filesystem::copy_options::overwrite_existing);
         constexpr std::size_t kPiece = 64 << 10;
         for (std::uint32_t disk = 0; disk < kDisks; ++disk) {
             for (std::size_t at = 0; at < kDiskBytes; at += kPiece) {

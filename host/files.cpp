@@ -1,4 +1,5 @@
 // Conveniences over the process interface, the same for every kind of process.
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -10,6 +11,7 @@ namespace {
 constexpr std::uint32_t kFileDirectoryInformation = 1;
 constexpr std::uint32_t kFileBasicInformation = 4;
 constexpr std::uint32_t kFileStandardInformation = 5;
+constexpr std::uint32_t kFileRenameInformation = 10;
 constexpr std::uint32_t kFileDispositionInformation = 13;
 
 // The fixed part of one FILE_DIRECTORY_INFORMATION.
@@ -20,6 +22,13 @@ constexpr std::size_t kLastWriteTime = 24;
 constexpr std::size_t kEndOfFile = 40;
 constexpr std::size_t kAttributes = 56;
 constexpr std::size_t kNameLength = 60;
+
+// FILE_BASIC_INFORMATION and FILE_RENAME_INFORMATION.
+constexpr std::size_t kBasicBytes = 40;
+constexpr std::size_t kBasicLastWriteTime = 16;
+constexpr std::size_t kRenameFixed = 12;
+constexpr std::size_t kRenameSmallest = 16;
+constexpr std::size_t kRenameNameLength = 8;
 
 template <typename Value>
 Value At(std::span<const std::byte> bytes, std::size_t offset) {
@@ -58,11 +67,12 @@ bool ParseEntries(std::span<const std::byte> bytes, std::vector<DirectoryEntry>&
 
 }  // namespace
 
-Status ListDirectory(Process& process, Handle directory, std::vector<DirectoryEntry>& entries) {
+Status ListDirectory(Process& process, Handle directory, std::vector<DirectoryEntry>& entries,
+                     const std::u16string& pattern) {
     std::vector<std::byte> buffer(64 << 10);
     Process::DirectoryQuery query;
     query.informationClass = kFileDirectoryInformation;
-    query.pattern = u"*";
+    query.pattern = pattern;
     query.restart = true;
     while (true) {
         const IoResult result = process.QueryDirectory(directory, query, buffer);
@@ -80,11 +90,11 @@ Status ListDirectory(Process& process, Handle directory, std::vector<DirectoryEn
 }
 
 Status QueryFacts(Process& process, Handle handle, FileFacts& facts) {
-    std::array<std::byte, 40> basic{};
+    std::array<std::byte, kBasicBytes> basic{};
     std::array<std::byte, 24> standard{};
     IoResult result = process.QueryInformation(handle, kFileBasicInformation, basic);
     if (result.status.Ok()) {
-        facts.lastWriteTime = At<std::int64_t>(basic, 16);
+        facts.lastWriteTime = At<std::int64_t>(basic, kBasicLastWriteTime);
         result = process.QueryInformation(handle, kFileStandardInformation, standard);
     }
     if (result.status.Ok()) {
@@ -97,6 +107,22 @@ Status QueryFacts(Process& process, Handle handle, FileFacts& facts) {
 Status SetDeleteOnCleanup(Process& process, Handle handle, bool deleteIt) {
     const std::array<std::byte, 1> disposition{std::byte{deleteIt}};
     return process.SetInformation(handle, kFileDispositionInformation, disposition).status;
+}
+
+Status Rename(Process& process, Handle handle, const std::u16string& target) {
+    const bool isPath = target.size() > 2 && target[1] == u':' && target[2] == u'\\';
+    const std::u16string name = isPath ? u"\\DosDevices\\" + target : target;
+    const auto bytes = static_cast<std::uint32_t>(name.size() * sizeof(char16_t));
+    std::vector<std::byte> record(std::max(kRenameFixed + bytes, kRenameSmallest));
+    std::memcpy(record.data() + kRenameNameLength, &bytes, sizeof(bytes));
+    std::memcpy(record.data() + kRenameFixed, name.data(), bytes);
+    return process.SetInformation(handle, kFileRenameInformation, record).status;
+}
+
+Status SetLastWriteTime(Process& process, Handle handle, std::int64_t time) {
+    std::array<std::byte, kBasicBytes> basic{};
+    std::memcpy(basic.data() + kBasicLastWriteTime, &time, sizeof(time));
+    return process.SetInformation(handle, kFileBasicInformation, basic).status;
 }
 
 }  // namespace host

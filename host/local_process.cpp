@@ -1,7 +1,14 @@
 #include "host/local_process.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
 #include <semaphore>
 #include <utility>
+
+#include "nt/nt.h"
+#include "nt/station.h"
 
 namespace host {
 namespace {
@@ -53,7 +60,13 @@ struct LocalProcess::PendingRequest {
 };
 
 LocalProcess::~LocalProcess() {
-    process_.Exit();  // awaits every request, so no completion finds this object gone
+    process_.Exit();  // awaits every request, so no completion finds this object gone, and no transfer its memory
+    for (const NamedMemory& memory : memory_) {
+        munmap(memory.bytes.data(), memory.bytes.size());
+    }
+    for (const auto& [address, size] : views_) {
+        munmap(address, size);
+    }
 }
 
 // Starts `call(statusBlock, overlapped)`; `done` is called once unless the status returned is a failure.
@@ -250,6 +263,87 @@ void LocalProcess::Cancel(RequestId id) {
 
 void LocalProcess::CancelAll(Handle handle) {
     (void)process_.CancelHandle(handle);
+}
+
+// ---- Memory ----
+
+Status LocalProcess::AllocateMemory(std::size_t size, NamedMemory& memory) {
+    constexpr std::size_t kPage = 4096;
+    constexpr std::size_t kLimit = std::size_t{1} << 30;
+    if (size == 0 || size > kLimit) {
+        return Status{static_cast<std::uint32_t>(STATUS_INVALID_PARAMETER)};
+    }
+    const std::size_t whole = (size + kPage - 1) & ~(kPage - 1);
+    const std::lock_guard hold(memoryLock_);
+    std::byte* address = nullptr;
+    if (const auto idle = idle_.find(whole); idle != idle_.end()) {
+        address = idle->second;
+        idle_.erase(idle);
+        std::memset(address, 0, whole);
+    } else {
+        void* const made = mmap(nullptr, whole, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (made == MAP_FAILED) {
+            return Status{static_cast<std::uint32_t>(STATUS_INSUFFICIENT_RESOURCES)};
+        }
+        address = static_cast<std::byte*>(made);
+        memory_.push_back({{address, whole}, 0});
+    }
+    const std::uint32_t name = NtUserTokenCreate(process_.Object(), address, size);
+    if (name == 0) {
+        idle_.emplace(whole, address);
+        return Status{static_cast<std::uint32_t>(STATUS_INSUFFICIENT_RESOURCES)};
+    }
+    named_[name] = {address, whole};
+    memory = {{address, size}, name};
+    return Status{STATUS_SUCCESS};
+}
+
+void LocalProcess::FreeMemory(const NamedMemory& memory) {
+    // What lies under the name is known here; the caller's idea of it may be old, or another process's.
+    const std::lock_guard hold(memoryLock_);
+    const auto named = named_.find(memory.name);
+    if (named == named_.end()) {
+        return;
+    }
+    NtUserTokenRelease(memory.name);
+    idle_.emplace(named->second.size(), named->second.data());
+    named_.erase(named);
+}
+
+Status LocalProcess::MapSection(std::u16string_view name, bool writable, SectionView& view) {
+    nt::SectionDescriptor section;
+    std::uint32_t handle = 0;
+    const ACCESS_MASK access = SECTION_MAP_READ | (writable ? SECTION_MAP_WRITE : 0);
+    const NTSTATUS status = nt::OpenSectionFor(process_.Object(), name, access, &handle, &section);
+    if (!NT_SUCCESS(status)) {
+        return Status{static_cast<std::uint32_t>(status)};
+    }
+    void* const address =
+        mmap(nullptr, section.size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, section.descriptor, 0);
+    close(section.descriptor);
+    if (address == MAP_FAILED) {
+        process_.Close(handle);
+        return Status{static_cast<std::uint32_t>(STATUS_NO_MEMORY)};
+    }
+    view = {{static_cast<std::byte*>(address), static_cast<std::size_t>(section.size)}, Handle{handle}};
+    const std::lock_guard hold(memoryLock_);
+    views_[view.bytes.data()] = view.bytes.size();
+    return Status{STATUS_SUCCESS};
+}
+
+void LocalProcess::UnmapSection(const SectionView& view) {
+    std::size_t size = 0;
+    {
+        const std::lock_guard hold(memoryLock_);
+        const auto mapped = views_.find(view.bytes.data());
+        if (mapped == views_.end()) {
+            return;
+        }
+        size = mapped->second;
+        views_.erase(mapped);
+    }
+    munmap(view.bytes.data(), size);
+    (void)Close(view.handle);
 }
 
 }  // namespace host

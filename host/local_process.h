@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "host/process.h"
 #include "nt/system.h"
@@ -42,6 +43,10 @@ class LocalProcess final : public Process {
                                  Completion done, RequestId* id) override;
     void Cancel(RequestId id) override;
     void CancelAll(Handle handle) override;
+    Status AllocateMemory(std::size_t size, NamedMemory& memory) override;
+    void FreeMemory(const NamedMemory& memory) override;
+    Status MapSection(std::u16string_view name, bool writable, SectionView& view) override;
+    void UnmapSection(const SectionView& view) override;
 
   private:
     struct PendingRequest;
@@ -54,6 +59,12 @@ class LocalProcess final : public Process {
     std::mutex pendingLock_;  // guards the two below
     std::map<RequestId, std::shared_ptr<PendingRequest>> pending_;
     RequestId nextId_ = 1;
+
+    std::mutex memoryLock_;                                // guards the following
+    std::vector<NamedMemory> memory_;                      // everything that was ever allocated
+    std::map<std::uint32_t, std::span<std::byte>> named_;  // in use, by name; whole pages
+    std::multimap<std::size_t, std::byte*> idle_;          // freed, by size, to be handed out again
+    std::map<std::byte*, std::size_t> views_;              // mapped sections
 };
 
 }  // namespace host

@@ -38,6 +38,7 @@ struct Machine::Parts {
     Problem Boot();
     Problem PlugBoards();
     Problem PlugBoard(const CardPlace& card);
+    Problem AttachDisk(const CardPlace& card, const DiskPlace& place) const;
     Problem LoadDriver();
     void FindDriveLetters();
     std::vector<std::string> TakeDown();
@@ -77,17 +78,25 @@ Problem Machine::Parts::PlugBoard(const CardPlace& card) {
     if (!plugged) {
         return {error, "memory may be short"};
     }
-    for (const DiskPlace& place : card.disks) {
-        const board::DiskOptions diskOptions{options.readOnly, options.writeThrough};
-        auto disk = board::Disk::Open(place.path.string(), diskOptions, error);
-        if (!disk) {
-            return {"disk " + std::to_string(place.scsiId) + " of card " + std::to_string(card.index) +
-                        " cannot be opened: " + error,
-                    "check the image, or move it away"};
-        }
-        plugged->AttachDisk(place.scsiId, std::move(*disk));
-    }
     boards[card.index] = std::move(plugged);
+    for (const DiskPlace& place : card.disks) {
+        if (Problem problem = AttachDisk(card, place)) {
+            return problem;
+        }
+    }
+    return {};
+}
+
+Problem Machine::Parts::AttachDisk(const CardPlace& card, const DiskPlace& place) const {
+    std::string error;
+    const board::DiskOptions diskOptions{options.readOnly, options.writeThrough};
+    auto disk = board::Disk::Open(place.path.string(), diskOptions, error);
+    if (!disk) {
+        return {"disk " + std::to_string(place.scsiId) + " of card " + std::to_string(card.index) +
+                    " cannot be opened: " + error,
+                "check the image, or move it away"};
+    }
+    boards[card.index]->AttachDisk(place.scsiId, std::move(*disk));
     return {};
 }
 
@@ -216,6 +225,47 @@ Problem Machine::SyncImages() {
         }
     }
     return {};
+}
+
+Problem Machine::ReleaseDisks(std::uint32_t card) {
+    board::Board* const plugged = BoardOf(card);
+    if (plugged == nullptr) {
+        return {"the station has no card " + std::to_string(card), "give the number of one that is there"};
+    }
+    const bool synced = plugged->DetachDisks();
+    for (const CardPlace& place : parts_->station->Cards()) {
+        if (place.index == card) {
+            parts_->lock->UnlockImages(place);
+        }
+    }
+    if (!synced && !parts_->options.readOnly) {
+        return {"an image could not be synced", "check the disk that holds it"};
+    }
+    return {};
+}
+
+Problem Machine::TakeDisks(std::uint32_t card) {
+    Problem problem;
+    const auto station = Station::Read(parts_->station->Directory(), problem);
+    if (!station) {
+        return problem;
+    }
+    for (const CardPlace& place : station->Cards()) {
+        if (place.index != card || BoardOf(card) == nullptr) {
+            continue;
+        }
+        if (Problem taken = parts_->lock->LockImages(place)) {
+            parts_->lock->UnlockImages(place);
+            return taken;
+        }
+        for (const DiskPlace& disk : place.disks) {
+            if (Problem failed = parts_->AttachDisk(place, disk)) {
+                problem.what += (problem ? "; " : "") + failed.what;
+                problem.advice = failed.advice;
+            }
+        }
+    }
+    return problem;
 }
 
 }  // namespace host

@@ -47,6 +47,13 @@ class Machine {
     // Makes everything acknowledged so far durable.
     Problem SyncImages();
 
+    // For raw work on a card's disks, which a process must have locked the file system for: syncs and closes the
+    // images, so that until TakeDisks every request to the card's disks fails; a problem says that something may be
+    // lost.
+    Problem ReleaseDisks(std::uint32_t card);
+    // Opens what the station's directory holds for the card now. Disks that cannot be opened are left out and named.
+    Problem TakeDisks(std::uint32_t card);
+
   private:
     struct Parts;
     explicit Machine(std::unique_ptr<Parts> parts);

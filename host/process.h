@@ -13,6 +13,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/types.h"
@@ -108,10 +109,31 @@ class Process {
                                          Completion done, RequestId* id) = 0;
     virtual void Cancel(RequestId id) = 0;
     virtual void CancelAll(Handle handle) = 0;
+
+    // Memory that a request can name in a 32-bit field: the buffer of a block transfer through the card's own device,
+    // the progress counter of a move. Zeroed. It stays mapped until the process ends, since requests may still use it
+    // when it has been freed.
+    struct NamedMemory {
+        std::span<std::byte> bytes;
+        std::uint32_t name = 0;  // what goes into the field
+    };
+    virtual Status AllocateMemory(std::size_t size, NamedMemory& memory) = 0;
+    virtual void FreeMemory(const NamedMemory& memory) = 0;
+
+    // A body table that the driver shares, by the name that a control code returned ("P:/RZV/VOL/F/CLIP.RZV"). The
+    // bytes are those of the table itself, live; they stay mapped whatever happens to the file.
+    struct SectionView {
+        std::span<std::byte> bytes;  // whole pages
+        Handle handle = kNoHandle;
+    };
+    virtual Status MapSection(std::u16string_view name, bool writable, SectionView& view) = 0;
+    virtual void UnmapSection(const SectionView& view) = 0;
 };
 
 // Conveniences over the interface, the same for every kind of process (host/files.cpp).
-Status ListDirectory(Process& process, Handle directory, std::vector<DirectoryEntry>& entries);
+// Of all entries, or of those whose names fit the pattern, in any case.
+Status ListDirectory(Process& process, Handle directory, std::vector<DirectoryEntry>& entries,
+                     const std::u16string& pattern = u"*");
 // Whole-file facts by one query.
 struct FileFacts {
     std::uint64_t size = 0;
@@ -120,6 +142,10 @@ struct FileFacts {
 };
 Status QueryFacts(Process& process, Handle handle, FileFacts& facts);
 Status SetDeleteOnCleanup(Process& process, Handle handle, bool deleteIt);
+// The handle has delete access. To a new name in the same place, or to a whole path ("P:\\RZV\\VOL\\FOLDER\\FILE").
+// What stands there is never replaced.
+Status Rename(Process& process, Handle handle, const std::u16string& target);
+Status SetLastWriteTime(Process& process, Handle handle, std::int64_t time);
 
 // Closes when it goes out of scope.
 class ScopedHandle {

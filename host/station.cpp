@@ -228,7 +228,7 @@ std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std
     if (fd < 0 && shared) {
         fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);  // somebody else's read-only station
         if (fd < 0) {
-            return std::unique_ptr<StationLock>(new StationLock(-1));
+            return std::unique_ptr<StationLock>(new StationLock(-1, shared));
         }
     }
     if (fd < 0) {
@@ -248,10 +248,10 @@ std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std
     if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, text.data(), text.size(), 0) < 0) {
         // The text only helps whoever waits; the lock itself stands.
     }
-    std::unique_ptr<StationLock> lock(new StationLock(fd));
+    std::unique_ptr<StationLock> lock(new StationLock(fd, shared));
     lock->named_ = !shared;
     for (const CardPlace& card : station.Cards()) {
-        problem = lock->LockImages(card, shared);
+        problem = lock->LockImages(card);
         if (problem) {
             return nullptr;
         }
@@ -260,14 +260,14 @@ std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std
 }
 
 // What cannot be opened is left to whoever plugs the disk, who says so.
-Problem StationLock::LockImages(const CardPlace& card, bool shared) {
+Problem StationLock::LockImages(const CardPlace& card) {
     for (const DiskPlace& disk : card.disks) {
-        const int fd = ::open(disk.path.c_str(), (shared ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NONBLOCK);
+        const int fd = ::open(disk.path.c_str(), (shared_ ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NONBLOCK);
         if (fd < 0) {
             continue;
         }
-        const bool twice = std::ranges::any_of(images_, [fd](int image) { return SameFile(image, fd); });
-        images_.push_back(fd);
+        const bool twice = std::ranges::any_of(images_, [fd](const Image& image) { return SameFile(image.fd, fd); });
+        images_.push_back({card.index, fd});
         const std::string what = "disk " + std::to_string(disk.scsiId) + " of card " + std::to_string(card.index) +
                                  " (" + Quoted(disk.path) + ")";
         if (!IsDisk(fd)) {
@@ -276,16 +276,26 @@ Problem StationLock::LockImages(const CardPlace& card, bool shared) {
         if (twice) {
             return {what + " is the image of another disk too", "give each disk an image of its own"};
         }
-        if (const int error = TryLock(fd, shared); error == EAGAIN || error == EACCES) {
+        if (const int error = TryLock(fd, shared_); error == EAGAIN || error == EACCES) {
             return {what + " is in use by another station", "wait until that one is done, or unlink the disk", true};
         }
     }
     return {};
 }
 
+void StationLock::UnlockImages(const CardPlace& card) {
+    std::erase_if(images_, [&card](const Image& image) {
+        const bool ours = image.card == card.index;
+        if (ours) {
+            ::close(image.fd);
+        }
+        return ours;
+    });
+}
+
 StationLock::~StationLock() {
-    for (const int image : images_) {
-        ::close(image);
+    for (const Image& image : images_) {
+        ::close(image.fd);
     }
     if (fd_ < 0) {
         return;

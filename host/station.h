@@ -73,13 +73,23 @@ class StationLock {
     StationLock(const StationLock&) = delete;
     StationLock& operator=(const StationLock&) = delete;
 
+    // While the images of a card are given to another program: they are closed here, and locked again afterwards,
+    // whichever they are then.
+    void UnlockImages(const CardPlace& card);
+    Problem LockImages(const CardPlace& card);
+
   private:
-    explicit StationLock(int fd) : fd_(fd) {}
-    Problem LockImages(const CardPlace& card, bool shared);
+    struct Image {
+        std::uint32_t card;
+        int fd;
+    };
+
+    StationLock(int fd, bool shared) : fd_(fd), shared_(shared) {}
 
     int fd_;
+    bool shared_;
     bool named_ = false;  // the file says who holds it
-    std::vector<int> images_;
+    std::vector<Image> images_;
 };
 
 }  // namespace host

@@ -18,3 +18,4 @@
 #include "nt/rtl.h"
 #include "nt/section.h"
 #include "nt/token.h"
+#include "nt/user_token.h"

@@ -43,6 +43,25 @@ void RtlCopyUnicodeString(PUNICODE_STRING destination, PCUNICODE_STRING source) 
     TerminateIfRoom(destination);
 }
 
+NTSTATUS RtlAppendUnicodeStringToString(PUNICODE_STRING destination, PCUNICODE_STRING source) {
+    if (source == nullptr || source->Length == 0) {
+        return STATUS_SUCCESS;
+    }
+    if (ULONG{destination->Length} + source->Length > destination->MaximumLength) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    std::memmove(destination->Buffer + CharacterCount(destination), source->Buffer, source->Length);
+    destination->Length = static_cast<USHORT>(destination->Length + source->Length);
+    TerminateIfRoom(destination);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS RtlAppendUnicodeToString(PUNICODE_STRING destination, PCWSTR source) {
+    UNICODE_STRING string;
+    RtlInitUnicodeString(&string, source);
+    return RtlAppendUnicodeStringToString(destination, &string);
+}
+
 WCHAR RtlUpcaseUnicodeChar(WCHAR character) {
     const USHORT code = character;
     return static_cast<WCHAR>(code + kUpcaseDifference[kUpcaseRow[code >> 8]][code & 0xFF]);

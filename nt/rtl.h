@@ -21,13 +21,17 @@ inline BOOLEAN RtlEqualMemory(const void* left, const void* right, SIZE_T length
     return std::memcmp(left, right, length) == 0 ? TRUE : FALSE;
 }
 
-// Counted strings. A copy terminates the destination when there is room for a NUL behind it.
+// Counted strings. A copy or an append terminates the destination when there is room for a NUL behind it.
 
 // Points the string at a terminated literal or buffer, at most 65532 bytes of it; a null source gives a null string.
 void RtlInitUnicodeString(PUNICODE_STRING destination, PCWSTR source);
 
 // Copies as much as the destination holds; a null source gives an empty string.
 void RtlCopyUnicodeString(PUNICODE_STRING destination, PCUNICODE_STRING source);
+
+// STATUS_BUFFER_TOO_SMALL, and nothing changed, when the sum does not fit.
+NTSTATUS RtlAppendUnicodeStringToString(PUNICODE_STRING destination, PCUNICODE_STRING source);
+NTSTATUS RtlAppendUnicodeToString(PUNICODE_STRING destination, PCWSTR source);
 
 // Order by code unit, upcased one by one if asked, then by length: negative, zero or positive.
 LONG RtlCompareUnicodeString(PCUNICODE_STRING left, PCUNICODE_STRING right, BOOLEAN caseInsensitive);

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -19,20 +20,23 @@ struct QueuedItem {
     PoolBlock* pinned;
 };
 
+constexpr std::chrono::seconds kReturnGrace{2};
+
 struct WorkQueue {
     const char* name;
     const unsigned threadCount;
     std::mutex lock;
     std::condition_variable arrived;
+    std::condition_variable returned;
     std::deque<QueuedItem> items;
     std::vector<PDRIVER_OBJECT> running;  // whose routines are being run
     std::vector<PETHREAD> threads;
     bool stop = false;
 };
 
-WorkQueue g_critical{"critical worker", 4, {}, {}, {}, {}, {}, false};
-WorkQueue g_delayed{"delayed worker", 2, {}, {}, {}, {}, {}, false};
-WorkQueue g_hyperCritical{"hyper worker", 1, {}, {}, {}, {}, {}, false};
+WorkQueue g_critical{"critical worker", 4, {}, {}, {}, {}, {}, {}, false};
+WorkQueue g_delayed{"delayed worker", 2, {}, {}, {}, {}, {}, {}, false};
+WorkQueue g_hyperCritical{"hyper worker", 1, {}, {}, {}, {}, {}, {}, false};
 std::array<WorkQueue*, 3> g_queues = {&g_critical, &g_delayed, &g_hyperCritical};
 std::atomic<uint64_t> g_queued{0};
 
@@ -69,6 +73,7 @@ VOID NTAPI WorkerMain(PVOID context) {
         Run(self, next);
         std::lock_guard guard(queue.lock);
         queue.running.erase(std::find(queue.running.begin(), queue.running.end(), next.driver));
+        queue.returned.notify_all();
     }
 }
 
@@ -107,7 +112,11 @@ void WorkQueuesShutdown() {
 
 void AddWorkItemLeaks(PDRIVER_OBJECT driver, LeakList& leaks) {
     for (WorkQueue* const queue : g_queues) {
-        std::lock_guard guard(queue->lock);
+        std::unique_lock guard(queue->lock);
+        // Who waits for a request sees it completed before the routine that completed it has returned.
+        queue->returned.wait_for(guard, kReturnGrace, [&] {
+            return std::find(queue->running.begin(), queue->running.end(), driver) == queue->running.end();
+        });
         const auto isHis = [driver](const QueuedItem& queued) { return queued.driver == driver; };
         const auto queued = std::count_if(queue->items.begin(), queue->items.end(), isHis);
         const auto running = std::count(queue->running.begin(), queue->running.end(), driver);

@@ -57,7 +57,8 @@ NTSTATUS VrkFsComPortInitialize(ComPort* Port, ServiceChannel* Channel, CCB* Ccb
     }
     Port->Channel = Channel;
     Port->Ccb = Ccb;
-    const VrkFsPortGreeting greeting = {sizeof(greeting), {'R', 'Z', 'V', 'F'}, 1, pVrkFsGlobalData->SdtiFlags};
+    const VrkFsPortGreeting greeting = {
+        sizeof(greeting), {'R', 'Z', 'V', 'F'}, 1, __atomic_load_n(&pVrkFsGlobalData->SdtiFlags, __ATOMIC_RELAXED)};
     RtlCopyMemory(Port->Reply, &greeting, sizeof(greeting));
     Port->ReplyLength = sizeof(greeting);
     return STATUS_SUCCESS;

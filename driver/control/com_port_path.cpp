@@ -13,14 +13,8 @@ namespace {
 
 constexpr ULONG kDriveChars = 2;  // the letter and its colon
 
-// The letter that the card's drive is reached by: it stands before the colon that ends the link's name.
-WCHAR VrkFsComPortDriveLetter(const ComPort* Port) {
-    const CardInstance* card = VrkFsDiskExtOfServiceChannel(Port->Channel)->Instance;
-    return card->DriveLetterLinkName.Buffer[card->DriveLetterLinkName.Length / sizeof(WCHAR) - kDriveChars];
-}
-
 VOID VrkFsComPortWriteDrive(const ComPort* Port, PWCHAR Path) {
-    Path[0] = VrkFsComPortDriveLetter(Port);
+    Path[0] = VrkFsGlobDriveLetter(VrkFsDiskExtOfServiceChannel(Port->Channel)->Instance);
     Path[1] = VRKFS_W(':');
 }
 

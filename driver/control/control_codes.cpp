@@ -29,8 +29,8 @@ constexpr ControlCodeRule kRules[VRKFS_CONTROL_CODE_COUNT] = {
     {IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE, sizeof(VrkFsBodyTableNodes), 0, TRUE},
     {IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE, sizeof(VrkFsBodyTableNodes), 0, TRUE},
     {IOCTL_VRKFS_GET_FILE_LOCATION_INFO, sizeof(VrkFsFileLocation), sizeof(VrkFsFileLocation), FALSE},
-    // The input is not tested: the record is read from the buffer that both directions share.
-    {IOCTL_VRKFS_MOVE_FILE_SEGMENTS, 0, sizeof(VrkFsSegmentMove), TRUE},
+    // Results that are not written go back as the caller sent them, so they must have been sent.
+    {IOCTL_VRKFS_MOVE_FILE_SEGMENTS, offsetof(VrkFsSegmentMove, ScratchFile), sizeof(VrkFsSegmentMove), TRUE},
     {IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_SUSPEND, 0, 0, FALSE},
     {IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_RESUME, 0, 0, FALSE},
     {IOCTL_VRKFS_GET_SCSI_PREFS, 0, sizeof(VrkFsScsiPrefs), FALSE},

@@ -19,25 +19,21 @@ NTSTATUS VrkFsIoctlLaterCode(PIRP Irp) {
     return NT_SUCCESS(status) ? STATUS_NOT_IMPLEMENTED : status;
 }
 
-// The same for a posted code: a first pass that fails gives its context back itself.
-NTSTATUS VrkFsIoctlLaterPostedCode(IRPContext* Context) {
-    const NTSTATUS status = VrkFsIoctlLaterCode(Context->Irp);
-    if ((Context->Flags & kIrpContextPosted) == 0) {
-        VrkFsIRPContextFree(&pVrkFsGlobalData->IrpContextLookaside, Context);
-    }
-    return status;
-}
-
 // Either pass of a posted code.
 NTSTATUS VrkFsIoctlCallPosted(ULONG Code, IRPContext* Context) {
     switch (Code) {
         case IOCTL_VRKFS_REFERENCE_BODY_TABLE:
+            return VrkFsIoctlReferenceBodyTable(Context);
         case IOCTL_VRKFS_DEREFERENCE_BODY_TABLE:
+            return VrkFsIoctlDereferenceBodyTable(Context);
         case IOCTL_VRKFS_CREATE_NEW_BODY_TABLE:
+            return VrkFsIoctlCreateNewBodyTable(Context);
         case IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE:
+            return VrkFsIoctlAddVideoNodesToBodyTable(Context);
         case IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE:
+            return VrkFsIoctlAddAlphaNodesToBodyTable(Context);
         case IOCTL_VRKFS_MOVE_FILE_SEGMENTS:
-            return VrkFsIoctlLaterPostedCode(Context);
+            return VrkFsIoctlMoveFileSegments(Context);
         default:
             return STATUS_UNSUCCESSFUL;
     }
@@ -92,26 +88,46 @@ NTSTATUS VrkFsGenericDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
             return VrkFsIoctlStartPosted(DeviceObject, Irp);
 
         case IOCTL_VRKFS_DISMOUNT_VOLUME:
+            return VrkFsIoctlDismountVolume(DeviceObject, Irp);
         case IOCTL_VRKFS_ALLOCATE_VIDEO_SPACE:
+            return VrkFsIoctlAllocateVideoSpace(DeviceObject, Irp);
         case IOCTL_VRKFS_UPDATE_VIDEO_FILE:
+            return VrkFsIoctlUpdateVideoFile(DeviceObject, Irp);
         case IOCTL_VRKFS_GET_FILE_INFO:
+            return VrkFsIoctlGetFileInfo(DeviceObject, Irp);
         case IOCTL_VRKFS_REGISTER_FILE_TYPES:
+            return VrkFsIoctlRegisterFileTypes(DeviceObject, Irp);
         case IOCTL_VRKFS_UNREGISTER_FILE_TYPES:
+            return VrkFsIoctlUnregisterFileTypes(DeviceObject, Irp);
+        case IOCTL_VRKFS_GET_PREFERENCES:
+            return VrkFsIoctlGetPreferences(DeviceObject, Irp);
+        case IOCTL_VRKFS_SET_PREFERENCES:
+            return VrkFsIoctlSetPreferences(DeviceObject, Irp);
+        case IOCTL_VRKFS_GET_FILE_ENTRY:
+            return VrkFsIoctlGetFileEntry(DeviceObject, Irp);
+        case IOCTL_VRKFS_SET_APP_FILE_ENTRY_INFO:
+            return VrkFsIoctlSetAppFileEntryInfo(DeviceObject, Irp);
+        case IOCTL_VRKFS_GET_FILE_LOCATION_INFO:
+            return VrkFsIoctlGetFileLocationInfo(DeviceObject, Irp);
+        case IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_SUSPEND:
+            return VrkFsIoctlRequestBodyTableFlushSuspend(DeviceObject, Irp);
+        case IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_RESUME:
+            return VrkFsIoctlRequestBodyTableFlushResume(DeviceObject, Irp);
+        case IOCTL_VRKFS_GET_SCSI_PREFS:
+            return VrkFsIoctlGetScsiPrefs(DeviceObject, Irp);
+        case IOCTL_VRKFS_SET_SCSI_PREFS:
+            return VrkFsIoctlSetScsiPrefs(DeviceObject, Irp);
+        case IOCTL_VRKFS_SET_SDTI_TYPE:
+            return VrkFsIoctlSetSDTIType(DeviceObject, Irp);
+        case IOCTL_VRKFS_REGISTER_SDTI_FLAGS:
+            return VrkFsIoctlRegisterSDTIFlags(DeviceObject, Irp);
+        case IOCTL_VRKFS_LOCK_FILE_SYSTEM:
+            return VrkFsIoctlLockFileSystem(DeviceObject, Irp);
+        case IOCTL_VRKFS_UNLOCK_FILE_SYSTEM:
+            return VrkFsIoctlUnlockFileSystem(DeviceObject, Irp);
+
         case IOCTL_VRKFS_SEND_SERVICE_REQUEST:
         case IOCTL_VRKFS_SEND_SERVICE_RESPONSE:
-        case IOCTL_VRKFS_GET_PREFERENCES:
-        case IOCTL_VRKFS_SET_PREFERENCES:
-        case IOCTL_VRKFS_GET_FILE_ENTRY:
-        case IOCTL_VRKFS_SET_APP_FILE_ENTRY_INFO:
-        case IOCTL_VRKFS_GET_FILE_LOCATION_INFO:
-        case IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_SUSPEND:
-        case IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_RESUME:
-        case IOCTL_VRKFS_GET_SCSI_PREFS:
-        case IOCTL_VRKFS_SET_SCSI_PREFS:
-        case IOCTL_VRKFS_SET_SDTI_TYPE:
-        case IOCTL_VRKFS_REGISTER_SDTI_FLAGS:
-        case IOCTL_VRKFS_LOCK_FILE_SYSTEM:
-        case IOCTL_VRKFS_UNLOCK_FILE_SYSTEM:
             return VrkFsIoctlLaterCode(Irp);
 
         default:

@@ -1,6 +1,7 @@
 #include "control/ioctl.h"
 #include "core/card_instance.h"
 #include "fsd/fcb.h"
+#include "fsd/fcb_common.h"
 #include "fsd/irp_context.h"
 
 namespace {
@@ -47,4 +48,28 @@ NTSTATUS VrkFsIoctlReferenceFile(const CardInstance* Card, ULONG Handle, ULONG W
     *FileObject = fileObject;
     *Fcb = fcb;
     return STATUS_SUCCESS;
+}
+
+NTSTATUS VrkFsIoctlReferenceMediaFile(const CardInstance* Card, ULONG Handle, PFILE_OBJECT* FileObject, FCB** Fcb) {
+    PFILE_OBJECT fileObject = nullptr;
+    FCB* fcb = nullptr;
+    const NTSTATUS status = VrkFsIoctlReferenceFile(Card, Handle, kIoctlWantFile, &fileObject, &fcb);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (!VrkFsFCBIsFile(fcb)) {
+        ObDereferenceObject(fileObject);
+        return STATUS_UNSUCCESSFUL;
+    }
+    *FileObject = fileObject;
+    *Fcb = fcb;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS VrkFsIoctlCheckFile(const FCB* Fcb, BOOLEAN Changes) {
+    const ULONG flags = Fcb->Common->Flags;
+    if ((flags & kFcbCommonDeleted) != 0) {
+        return STATUS_FILE_DELETED;
+    }
+    return Changes && (flags & kFcbCommonSubstitute) != 0 ? STATUS_FILE_CORRUPT_ERROR : STATUS_SUCCESS;
 }

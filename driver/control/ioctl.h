@@ -55,10 +55,46 @@ inline constexpr ULONG kIoctlWantFile = 0x2;
 [[nodiscard]] NTSTATUS VrkFsIoctlReferenceFile(const CardInstance* Card, ULONG Handle, ULONG Wanted,
                                                PFILE_OBJECT* FileObject, FCB** Fcb);
 
+// The same for a media or plain file at its own level, which is what the codes for recorders and players take.
+[[nodiscard]] NTSTATUS VrkFsIoctlReferenceMediaFile(const CardInstance* Card, ULONG Handle, PFILE_OBJECT* FileObject,
+                                                    FCB** Fcb);
+// The FCBCommon's Resource is held. STATUS_FILE_DELETED; STATUS_FILE_CORRUPT_ERROR for a change of a file whose record
+// could not be read.
+[[nodiscard]] NTSTATUS VrkFsIoctlCheckFile(const FCB* Fcb, BOOLEAN Changes);
+
 // ---- Handlers: they set IoStatus.Information and leave status and completion to the dispatch ----
 
 // volume_codes.cpp
+[[nodiscard]] NTSTATUS VrkFsIoctlDismountVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 [[nodiscard]] NTSTATUS VrkFsIoctlFormatVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 [[nodiscard]] NTSTATUS VrkFsIoctlQueryVolumeInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlLockFileSystem(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlUnlockFileSystem(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 // space_estimate.cpp
 [[nodiscard]] NTSTATUS VrkFsIoctlGetVolumeSpaceInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// settings_codes.cpp
+[[nodiscard]] NTSTATUS VrkFsIoctlGetPreferences(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlSetPreferences(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlGetScsiPrefs(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlSetScsiPrefs(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlRegisterFileTypes(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlUnregisterFileTypes(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlRegisterSDTIFlags(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// media_file_codes.cpp
+[[nodiscard]] NTSTATUS VrkFsIoctlAllocateVideoSpace(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlUpdateVideoFile(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlGetFileInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlGetFileLocationInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlGetFileEntry(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlSetAppFileEntryInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlSetSDTIType(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// body_table_codes.cpp; the first five are posted (either pass)
+[[nodiscard]] NTSTATUS VrkFsIoctlReferenceBodyTable(IRPContext* Context);
+[[nodiscard]] NTSTATUS VrkFsIoctlDereferenceBodyTable(IRPContext* Context);
+[[nodiscard]] NTSTATUS VrkFsIoctlCreateNewBodyTable(IRPContext* Context);
+[[nodiscard]] NTSTATUS VrkFsIoctlAddVideoNodesToBodyTable(IRPContext* Context);
+[[nodiscard]] NTSTATUS VrkFsIoctlAddAlphaNodesToBodyTable(IRPContext* Context);
+[[nodiscard]] NTSTATUS VrkFsIoctlRequestBodyTableFlushSuspend(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlRequestBodyTableFlushResume(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// segment_move.cpp, posted
+[[nodiscard]] NTSTATUS VrkFsIoctlMoveFileSegments(IRPContext* Context);

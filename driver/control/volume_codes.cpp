@@ -8,6 +8,29 @@
 #include "volume/format.h"
 #include "volume/hw_volume.h"
 
+namespace {
+
+VCB* VcbOfDevice(PDEVICE_OBJECT DeviceObject) {
+    return &VrkFsDiskExtOfDevice(VrkFsCardOfDevice(DeviceObject)->DiskDevice)->Vcb;
+}
+
+}  // namespace
+
+NTSTATUS VrkFsIoctlDismountVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    VCB* vcb = VcbOfDevice(DeviceObject);
+    status = VrkFsVCBDismountVolume(vcb, VrkFsIoctlSystemBuffer<const VrkFsDismountRequest>(Irp)->Force != 0);
+    if (NT_SUCCESS(status)) {
+        ResourceGuard lock;
+        lock.Exclusive(&vcb->Resource);
+        vcb->Flags &= ~kVcbMounted;
+    }
+    return status;
+}
+
 NTSTATUS VrkFsIoctlFormatVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
     if (!NT_SUCCESS(status)) {
@@ -62,4 +85,39 @@ NTSTATUS VrkFsIoctlQueryVolumeInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     list->Count = count;
     Irp->IoStatus.Information = offsetof(VrkFsVolumeList, Volumes) + capacity * sizeof(VrkFsVolumeInfoRecord);
     return STATUS_SUCCESS;
+}
+
+NTSTATUS VrkFsIoctlLockFileSystem(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    const bool drop = VrkFsIoctlSystemBuffer<const VrkFsLockRequest>(Irp)->Drop != 0;
+    CardInstance* card = VrkFsCardOfDevice(DeviceObject);
+    VCB* vcb = VcbOfDevice(DeviceObject);
+    ResourceGuard lock;
+    lock.Exclusive(&vcb->Resource);
+    VrkFsBTFlushUnrefObjects(&card->BodyTableCache);
+    status = VrkFsVCBLockVolume(vcb, IoGetCurrentIrpStackLocation(Irp)->FileObject);
+    if (NT_SUCCESS(status) && drop) {
+        status = VrkFsHwFlushVolumeCache(&card->Hw, vcb);
+        if (!NT_SUCCESS(status)) {
+            VrkFsVCBUnlockVolume(vcb);
+        }
+    }
+    return status;
+}
+
+NTSTATUS VrkFsIoctlUnlockFileSystem(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    CardInstance* card = VrkFsCardOfDevice(DeviceObject);
+    VCB* vcb = VcbOfDevice(DeviceObject);
+    PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+    ResourceGuard lock;
+    lock.Exclusive(&vcb->Resource);
+    if (fileObject == nullptr || !VrkFsVCBIsVolumeLocked(vcb, fileObject)) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    // Volumes that cannot be found again stay marked for it: the next lock's unlock tries once more.
+    VrkFsVCBUnlockVolume(vcb);
+    return VrkFsVCBIsVolumeCacheFlushed(vcb) ? VrkFsHwRebuildVolumeCache(&card->Hw, vcb) : STATUS_SUCCESS;
 }

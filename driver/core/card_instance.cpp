@@ -2,6 +2,7 @@
 
 #include "core/device_ext.h"
 #include "core/global_data.h"
+#include "core/guards.h"
 #include "core/pool.h"
 #include "core/strings.h"
 
@@ -166,6 +167,8 @@ VOID VrkFsGlobFreeCardInstances(GlobalData* Global) {
 NTSTATUS VrkFsGlobInitializeCardInstance(CardInstance* Card, ULONG CardIndex) {
     RtlZeroMemory(Card, sizeof(*Card));
     Card->CardIndex = CardIndex;
+    ExInitializeFastMutex(&Card->SettingsGuard);
+    KeInitializeEvent(&Card->SettingsLock, SynchronizationEvent, TRUE);
     VrkFsGlobGetPreferences(pVrkFsGlobalData, CardIndex, &Card->Prefs);
     // The SCSI preferences come after the link is up: until then records are read once and written without read-back.
     NTSTATUS status = VrkFsHwInitialize(&Card->Hw, CardIndex);
@@ -263,4 +266,20 @@ NTSTATUS VrkFsGlobLinkDriveLetter(CardInstance* Card, UCHAR Letter, PUCHAR Used)
         }
         letter = letter == 'Z' ? 'A' : static_cast<UCHAR>(letter + 1);
     }
+}
+
+WCHAR VrkFsGlobDriveLetter(CardInstance* Card) {
+    EventLockGuard lock(&Card->SettingsLock);
+    const UNICODE_STRING& link = Card->DriveLetterLinkName;
+    return link.Buffer[link.Length / sizeof(WCHAR) - 2];
+}
+
+Preferences VrkFsGlobPreferencesOf(CardInstance* Card) {
+    FastMutexGuard guard(&Card->SettingsGuard);
+    return Card->Prefs;
+}
+
+ScsiPrefs VrkFsGlobScsiPrefsOf(CardInstance* Card) {
+    FastMutexGuard guard(&Card->SettingsGuard);
+    return Card->ScsiPrefs;
 }

@@ -24,8 +24,10 @@ struct CardInstance {
     VrkFsScsiPrefs ScsiPrefs;
     struct BodyTableCache BodyTableCache;
     Preferences Prefs;
-    ULONG CardIndex;  // 0 to 9
-    ULONG Flags;      // kCard...: what VrkFsGlobFreeCardInstance has to undo
+    FAST_MUTEX SettingsGuard;  // the two records of settings, for moments
+    KEVENT SettingsLock;       // auto-reset: one change of them, their registry values and the drive's link at a time
+    ULONG CardIndex;           // 0 to 9
+    ULONG Flags;               // kCard...: what VrkFsGlobFreeCardInstance has to undo
 };
 
 inline constexpr ULONG kMaxCards = 10;
@@ -55,6 +57,12 @@ VOID VrkFsGlobFreeDiskDeviceObject(CardInstance* Card);
 // kDriveLetterAttempts attempts). Returns the last attempt's status; *Used is the letter tried last, and stands in
 // DriveLetterLinkName. Flags are the caller's.
 [[nodiscard]] NTSTATUS VrkFsGlobLinkDriveLetter(CardInstance* Card, UCHAR Letter, PUCHAR Used);
+
+// The letter that the drive is reached by now: it stands before the colon that ends the link's name.
+[[nodiscard]] WCHAR VrkFsGlobDriveLetter(CardInstance* Card);
+// Copies of the settings as they stand now.
+[[nodiscard]] Preferences VrkFsGlobPreferencesOf(CardInstance* Card);
+[[nodiscard]] ScsiPrefs VrkFsGlobScsiPrefsOf(CardInstance* Card);
 
 // The card that an embedded record belongs to.
 [[nodiscard]] inline CardInstance* VrkFsCardOfHw(HwContext* Hw) {

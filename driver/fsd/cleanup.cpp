@@ -61,6 +61,7 @@ NTSTATUS CleanupFcbOpen(FCB* Fcb, VrkFsRequestType Type, PFILE_OBJECT FileObject
         // disk holds, and records anew, instead of going on in the image that this handle has written.
         VrkFsFCBDropMediaObject(Fcb);
     }
+    // A reader settles nothing: what a recorder that gave up beside it has reserved waits for the next writer.
     if (NT_SUCCESS(status) && !VrkFsIsReadOnlyOpen(FileObject)) {
         status = VrkFsSettleFile(Fcb, Type == kVrkFsFileOpen);
     }

@@ -9,6 +9,7 @@
 #include "fsd/fcb_common.h"
 #include "fsd/name_tree.h"
 #include "fsd/vcb.h"
+#include "media/ram_files.h"
 #include "volume/records.h"
 
 namespace {
@@ -170,6 +171,9 @@ VOID VrkFsFCBDropMediaObject(FCB* Fcb) {
 
 VOID VrkFsFCBFree(FCB* Fcb) {
     VrkFsFCBDropMediaObject(Fcb);
+    if (Fcb->RamFile != nullptr) {
+        VrkFsVFReleaseUser(Fcb->RamFile);
+    }
     VrkFsRtlFreeUnicodeString(&Fcb->FullName);
     VrkFsRtlFreeUnicodeString(&Fcb->Name);
     if ((Fcb->Flags & kFcbResourceInitialised) != 0) {

@@ -39,6 +39,15 @@ inline constexpr ULONG kFcbSegmentsReserved = 0x400;  // kFcbDeleteSegments segm
 // How many segment records the release of everything that one file holds can take.
 inline constexpr ULONG kFcbDeleteSegments = 6;
 
+struct FCB;
+
+// What a rename or move under way is about to make of an FCB. Empty at any other time.
+struct RenameStep {
+    UNICODE_STRING Name;  // own copy
+    FCB* Parent;          // referenced; null: the FCB stays below the one that it has
+    FCB* Next;            // the next FCB that the change reaches
+};
+
 // Paged, from GlobalData's list. A create makes it for its path and for every folder on the way; it lives while it is
 // referenced or has children. Everything but the MediaFileObject and the ServiceHandle is guarded by the VCB's
 // Resource; those two by the FCB's own Resource or the FCBCommon's (see the data paths), and so are the flags that
@@ -64,6 +73,7 @@ struct FCB {
     ULONG ServiceHandle;         // the user-mode service's handle for this file; 0: none
     struct MediaFileObject MediaFileObject;
     struct RamFile* RamFile;  // RAM files: the record in the volume's set
+    RenameStep Rename;
 };
 
 // The lists: FCBs paged ("FCBL"), their resources non-paged ("FCBN"), depth 20 each. Allocations fail with
@@ -99,15 +109,21 @@ VOID VrkFsFCBRemove(FCB* Fcb, HwContext* Hw);
 // The same, but stops at the ancestor Stop: for whoever still works with that one.
 VOID VrkFsFCBRemoveUpTo(FCB* Fcb, const FCB* Stop, HwContext* Hw);
 
-// Rename and move change the object's name on disk and then in the tree. The FCBCommon's Resource is held exclusively.
-// The caller has looked for collisions. Other open paths to the object keep their handles but are no longer found by
-// name. ReplaceExisting is handed to the entry operation, which reports the change accordingly. STATUS_ACCESS_DENIED
-// for levels that have no name on disk, for a path that no longer leads to its object and for the command port's name;
-// STATUS_OBJECT_NAME_INVALID; STATUS_FILE_DELETED; STATUS_INSUFFICIENT_RESOURCES, nothing changed; else the entry
-// operation's status.
+// Rename and move change the object's name on disk and then in the tree: the FCBCommon, every open path to the object
+// (each stays in its own type folder), its frame files and its RAM files follow. The FCBCommon's Resource is held
+// exclusively. The caller has looked for collisions. ReplaceExisting is handed to the entry operation, which reports
+// the change accordingly. STATUS_ACCESS_DENIED for levels that have no name on disk, for a path that no longer leads to
+// its object, for the command port's name and for a target that is no folder of the same volume;
+// STATUS_OBJECT_NAME_INVALID; STATUS_FILE_DELETED, for the target folder STATUS_DELETE_PENDING;
+// STATUS_INSUFFICIENT_RESOURCES, nothing changed; else the entry operation's status.
 [[nodiscard]] NTSTATUS VrkFsFCBRename(FCB* Fcb, PCUNICODE_STRING NewName, BOOLEAN ReplaceExisting, HwContext* Hw);
 [[nodiscard]] NTSTATUS VrkFsFCBMove(FCB* NewParent, FCB* Fcb, PCUNICODE_STRING NewName, BOOLEAN ReplaceExisting,
                                     HwContext* Hw);
+
+// The cache knows body tables by the file's name, and the flush thread writes them to the file's blocks: neither may go
+// on under a name or for blocks that are no longer the file's. Writes them back and takes them out of the cache;
+// nothing for what is no file. STATUS_INSUFFICIENT_RESOURCES. The FCBCommon's Resource is held exclusively.
+[[nodiscard]] NTSTATUS VrkFsFCBForgetBodyTable(FCB* Fcb);
 
 // Deletes what the FCB stands for. The FCBCommon's Resource is held exclusively. STATUS_CANNOT_DELETE for what may not
 // be deleted; else the entry operation's status. On success the FCBCommon is marked deleted and out of its parent's

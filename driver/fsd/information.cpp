@@ -45,11 +45,21 @@ VOID Lock(ResourceGuard* Guard, PERESOURCE Resource, bool Shared) {
 
 }  // namespace
 
-NTSTATUS VrkFsServeInformation(IRPContext* Context, ULONG Class, ULONG Length, VrkFsInformationRoutine Routine) {
+NTSTATUS VrkFsServeInformation(IRPContext* Context, ULONG Class, ULONG Length, VrkFsInformationRoutine Routine,
+                               FrameImport* Import) {
     if (VrkFsIRPContextMustPost(Context)) {
         return VrkFsIRPContextPost(Context);
     }
-    InformationRequest request = {nullptr, nullptr, Class, Context->Irp->AssociatedIrp.SystemBuffer, Length};
+    PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(Context->Irp);
+    InformationRequest request = {};
+    request.Class = Class;
+    request.Buffer = Context->Irp->AssociatedIrp.SystemBuffer;
+    request.Length = Length;
+    request.FileObject = stack->FileObject;
+    request.Import = Import;
+    if (Context->MajorFunction == IRP_MJ_SET_INFORMATION) {
+        request.TargetFolder = stack->Parameters.SetFile.FileObject;
+    }
     if (!FindObject(Context, &request)) {
         return VrkFsCompleteRequest(Context, STATUS_INVALID_PARAMETER, 0);
     }

@@ -13,6 +13,9 @@ struct InformationRequest {
     ULONG Class;   // FILE_INFORMATION_CLASS or FS_INFORMATION_CLASS
     PVOID Buffer;  // the request's system buffer
     ULONG Length;  // of Buffer; a query leaves the bytes that it has filled
+    PFILE_OBJECT FileObject;
+    PFILE_OBJECT TargetFolder;   // of a rename that names another folder; else null
+    struct FrameImport* Import;  // out: what a rename leaves to be done once every lock is released; null in queries
 };
 
 // Serves one class. The VCB's Resource is held, and for file information the FCBCommon's: shared by a query,
@@ -23,4 +26,5 @@ using VrkFsInformationRoutine = NTSTATUS (*)(InformationRequest* Request);
 // and completes the request. Class and Length are the stack location's. STATUS_INVALID_PARAMETER for a handle that is
 // no open of the file-system device, and for file information of the volume itself. Only a query that filled all it had
 // to say returns bytes.
-NTSTATUS VrkFsServeInformation(IRPContext* Context, ULONG Class, ULONG Length, VrkFsInformationRoutine Routine);
+NTSTATUS VrkFsServeInformation(IRPContext* Context, ULONG Class, ULONG Length, VrkFsInformationRoutine Routine,
+                               struct FrameImport* Import = nullptr);

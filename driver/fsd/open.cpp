@@ -169,6 +169,7 @@ NTSTATUS BindFrameOrRamFile(const OpenRequest* Open, FCB* Fcb, ULONG Index) {
     if (!VrkFsVFFindFile(set, &Fcb->Parent->FullName, &Fcb->Name, &Fcb->RamFile, &ordinal)) {
         return STATUS_NO_SUCH_FILE;
     }
+    VrkFsVFAddUser(Fcb->RamFile);
     Fcb->Flags |= kFcbRamFile;
     return STATUS_SUCCESS;
 }

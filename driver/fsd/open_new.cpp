@@ -110,12 +110,15 @@ NTSTATUS CreateRamFileRecord(const OpenRequest* Open, FCB* Fcb, PCUNICODE_STRING
     RamFileSet* set = &Fcb->Common->VolumeHandle->RamFiles;
     PCUNICODE_STRING parentName = &Fcb->Parent->FullName;
     ULONG ordinal = 0;
-    if (VrkFsVFFindFile(set, parentName, Name, &Fcb->RamFile, &ordinal)) {
+    RamFile* file = nullptr;
+    if (VrkFsVFFindFile(set, parentName, Name, &file, &ordinal)) {
         return STATUS_OBJECT_NAME_COLLISION;
     }
-    const ULONG limit = Open->Card->Prefs.TotalRAMFiles;
-    const NTSTATUS status = VrkFsVFCreateNewFile(set, parentName, Name, Now(), limit, &Fcb->RamFile);
+    const ULONG limit = VrkFsGlobPreferencesOf(Open->Card).TotalRAMFiles;
+    const NTSTATUS status = VrkFsVFCreateNewFile(set, parentName, Name, Now(), limit, &file);
     if (NT_SUCCESS(status)) {
+        VrkFsVFAddUser(file);
+        Fcb->RamFile = file;
         Fcb->Flags |= kFcbRamFile;
     }
     return status;

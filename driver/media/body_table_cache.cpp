@@ -4,14 +4,14 @@
 
 #include "core/card_instance.h"
 #include "core/guards.h"
-#include "core/lookaside.h"
 #include "core/pool.h"
 #include "core/strings.h"
-#include "volume/body_table_io.h"
+#include "media/body_table_object.h"
 
 namespace {
 
 constexpr USHORT kObjectListDepth = 132;
+constexpr ULONG kAnyFrames = 0xFFFFFFFF;
 
 enum class BodyTableOperation { Dereference, FlushByName, RemoveByName, FlushUnreferenced, FlushReferenced };
 
@@ -34,59 +34,9 @@ LONGLONG Now() {
     return now.QuadPart;
 }
 
-// ---- One object. The mutex is held. ----
-
-BOOLEAN HasSection(const BodyTableObject* Object) {
-    return (Object->Flags & (kBodyTableVideoView | kBodyTableAlphaView)) != 0;
-}
-
-VOID FlushObject(BodyTableObject* Object, BOOLEAN KeepDirty) {
-    if (!HasSection(Object) || (Object->Flags & kBodyTableForgotten) != 0) {
-        return;
-    }
-    const NTSTATUS status = VrkFsHwWriteBodyTableNodes(
-        &Object->CardInstance->Hw, Object->Frames, static_cast<PlacedBodyTableNode*>(Object->VideoView),
-        static_cast<PlacedBodyTableNode*>(Object->AlphaView), Object->VideoLba, Object->AlphaLba, Object->VideoBytes,
-        Object->AlphaBytes, Object->Volume);
-    Object->FlushDeadline = Now() + kBodyTableFlushDelay;
-    if (!KeepDirty && NT_SUCCESS(status)) {
-        Object->Flags = (Object->Flags & ~kBodyTableWritten) | kBodyTableClean;
-    }
-}
-
-BOOLEAN IsFlushNeeded(const BodyTableObject* Object, LONGLONG Time) {
-    return HasSection(Object) && (Object->WriteReferences != 0 || (Object->Flags & kBodyTableWritten) != 0) &&
-           (Object->Flags & kBodyTableClean) == 0 && Object->FlushDeadline < Time;
-}
-
-VOID DestroySection(const BodyTableObject* Object, ULONG ViewFlag, PVOID View, ULONG SectionFlag, HANDLE Section) {
-    if ((Object->Flags & ViewFlag) != 0) {
-        static_cast<void>(ZwUnmapViewOfSection(NtCurrentProcess(), View));
-    }
-    if ((Object->Flags & SectionFlag) != 0) {
-        static_cast<void>(ZwClose(Section));
-    }
-}
-
-// The object is in no list. Runs in the owning process.
-VOID DestroyObject(BodyTableCache* Cache, BodyTableObject* Object) {
-    DestroySection(Object, kBodyTableAlphaView, Object->AlphaView, kBodyTableAlphaSection, Object->AlphaSection);
-    DestroySection(Object, kBodyTableVideoView, Object->VideoView, kBodyTableVideoSection, Object->VideoSection);
-    if ((Object->Flags & kBodyTableAlphaSectionName) != 0) {
-        VrkFsRtlFreeUnicodeString(&Object->AlphaSectionName);
-    }
-    if ((Object->Flags & kBodyTableVideoSectionName) != 0) {
-        VrkFsRtlFreeUnicodeString(&Object->VideoSectionName);
-    }
-    if ((Object->Flags & kBodyTableName) != 0) {
-        VrkFsRtlFreeUnicodeString(&Object->Name);
-    }
-    VrkFsLookasideFree(&Cache->Objects, Object);
-}
-
 VOID RetireObject(BodyTableCache* Cache, BodyTableObject* Object) {
-    FlushObject(Object, FALSE);
-    DestroyObject(Cache, Object);
+    VrkFsBTFlushObject(Object, FALSE);
+    VrkFsBTDestroyObject(Cache, Object);
 }
 
 // ---- The lists. The mutex is held. ----
@@ -107,7 +57,7 @@ VOID FlushByName(BodyTableCache* Cache, PCUNICODE_STRING Name) {
         object = FindIn(&Cache->Referenced, Name);
     }
     if (object != nullptr) {
-        FlushObject(object, TRUE);
+        VrkFsBTFlushObject(object, TRUE);
     }
 }
 
@@ -118,24 +68,41 @@ VOID RemoveByName(BodyTableCache* Cache, PCUNICODE_STRING Name) {
         count = &Cache->ReferencedCount;
         object = FindIn(&Cache->Referenced, Name);
     }
-    if (object != nullptr) {
-        RemoveEntryList(&object->Link);
-        --*count;
+    if (object == nullptr) {
+        return;
+    }
+    if (object->References != 0) {  // its owner gives it back later
+        VrkFsBTFlushObject(object, TRUE);
+        object->Flags |= kBodyTableForgotten;
+        return;
+    }
+    RemoveEntryList(&object->Link);
+    --*count;
+    RetireObject(Cache, object);
+}
+
+VOID RetireUnreferenced(BodyTableCache* Cache) {
+    while (!IsListEmpty(&Cache->Unreferenced)) {
+        BodyTableObject* object = ObjectOfLink(RemoveHeadList(&Cache->Unreferenced));
+        --Cache->UnreferencedCount;
         RetireObject(Cache, object);
     }
 }
 
-VOID FlushList(BodyTableCache* Cache, PLIST_ENTRY Head, PULONG Count) {
-    while (!IsListEmpty(Head)) {
-        BodyTableObject* object = ObjectOfLink(RemoveHeadList(Head));
-        --*Count;
-        RetireObject(Cache, object);
+// The objects stay: open files have them, and give them back when they are closed.
+VOID FlushReferenced(BodyTableCache* Cache) {
+    for (PLIST_ENTRY link = Cache->Referenced.Flink; link != &Cache->Referenced; link = link->Flink) {
+        VrkFsBTFlushObject(ObjectOfLink(link), TRUE);
     }
 }
 
 VOID DereferenceObject(BodyTableCache* Cache, BodyTableObject* Object) {
+    if (--Object->References != 0) {
+        return;
+    }
     RemoveEntryList(&Object->Link);
     --Cache->ReferencedCount;
+    Object->WriteReferences = 0;  // those of programs that ended without dropping them: the file has no handle now
     if ((Object->Flags & (kBodyTableNew | kBodyTableForgotten)) != 0) {
         RetireObject(Cache, Object);
         return;
@@ -146,6 +113,75 @@ VOID DereferenceObject(BodyTableCache* Cache, BodyTableObject* Object) {
         --Cache->UnreferencedCount;
         RetireObject(Cache, oldest);
     }
+}
+
+// Takes a cached object of the name out: it is about to be used again, or replaced. Null if there is none, or only one
+// that is not what the file's record says any more.
+BodyTableObject* TakeUnreferenced(BodyTableCache* Cache, PCUNICODE_STRING Name, const FCB* Fcb) {
+    BodyTableObject* object = FindIn(&Cache->Unreferenced, Name);
+    if (object == nullptr) {
+        return nullptr;
+    }
+    RemoveEntryList(&object->Link);
+    --Cache->UnreferencedCount;
+    if (VrkFsBTMatchesFile(object, Fcb)) {
+        return object;
+    }
+    // The other tables' blocks may be another file's. One that the file still has is not lost with them.
+    VrkFsBTKeepTablesOfFile(object, Fcb);
+    RetireObject(Cache, object);
+    return nullptr;
+}
+
+// Cuts what the object writes to one of its tables. An object that writes nothing any more is of no use to anybody.
+VOID ShortenTableOf(BodyTableObject* Object, ULONG TableLba, ULONG TableBytes, ULONG Frames) {
+    PULONG bytes = nullptr;
+    if (Object->VideoLba == TableLba) {
+        bytes = &Object->VideoBytes;
+    } else if (Object->AlphaLba == TableLba) {
+        bytes = &Object->AlphaBytes;
+    } else {
+        return;
+    }
+    *bytes = std::min(*bytes, TableBytes);
+    Object->Frames = std::min(Object->Frames, Frames);
+    if (Object->Frames == 0 || (Object->VideoBytes == 0 && Object->AlphaBytes == 0)) {
+        Object->Flags |= kBodyTableForgotten;
+    }
+}
+
+VOID ShortenTable(BodyTableCache* Cache, const HwVolume* Volume, ULONG TableLba, ULONG TableBytes, ULONG Frames) {
+    if (TableLba == 0) {
+        return;
+    }
+    MutexGuard lock(&Cache->Mutex);
+    const LIST_ENTRY* const heads[] = {&Cache->Referenced, &Cache->Unreferenced};
+    for (const LIST_ENTRY* head : heads) {
+        for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+            if (ObjectOfLink(link)->Volume == Volume) {
+                ShortenTableOf(ObjectOfLink(link), TableLba, TableBytes, Frames);
+            }
+        }
+    }
+}
+
+VOID InsertReferenced(BodyTableCache* Cache, BodyTableObject* Object) {
+    Object->References = 1;
+    InsertHeadList(&Cache->Referenced, &Object->Link);
+    ++Cache->ReferencedCount;
+}
+
+NTSTATUS CopyApplicationName(const UNICODE_STRING* SectionName, PVOID Buffer, ULONG Bytes) {
+    constexpr ULONG kDirectoryBytes = kSectionDirectoryChars * sizeof(WCHAR);
+    if (SectionName->Length <= kDirectoryBytes) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    const ULONG needed = SectionName->Length - kDirectoryBytes + sizeof(WCHAR);
+    if (Bytes < needed) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    RtlCopyMemory(Buffer, SectionName->Buffer + kSectionDirectoryChars, needed);
+    return STATUS_SUCCESS;
 }
 
 // ---- Operations that need the views ----
@@ -163,10 +199,10 @@ VOID Perform(BodyTableCache* Cache, const BodyTableWork* Work) {
             RemoveByName(Cache, Work->Name);
             break;
         case BodyTableOperation::FlushUnreferenced:
-            FlushList(Cache, &Cache->Unreferenced, &Cache->UnreferencedCount);
+            RetireUnreferenced(Cache);
             break;
         case BodyTableOperation::FlushReferenced:
-            FlushList(Cache, &Cache->Referenced, &Cache->ReferencedCount);
+            FlushReferenced(Cache);
             break;
     }
 }
@@ -228,13 +264,13 @@ VOID FlushDueObjects(BodyTableCache* Cache) {
         return;
     }
     for (PLIST_ENTRY link = Cache->Referenced.Flink; link != &Cache->Referenced; link = link->Flink) {
-        if (IsFlushNeeded(ObjectOfLink(link), Now())) {
-            FlushObject(ObjectOfLink(link), TRUE);
+        if (VrkFsBTIsFlushNeeded(ObjectOfLink(link), Now())) {
+            VrkFsBTFlushObject(ObjectOfLink(link), TRUE);
         }
     }
     for (PLIST_ENTRY link = Cache->Unreferenced.Flink; link != &Cache->Unreferenced; link = link->Flink) {
-        if (IsFlushNeeded(ObjectOfLink(link), Now())) {
-            FlushObject(ObjectOfLink(link), FALSE);
+        if (VrkFsBTIsFlushNeeded(ObjectOfLink(link), Now())) {
+            VrkFsBTFlushObject(ObjectOfLink(link), FALSE);
         }
     }
 }
@@ -281,6 +317,14 @@ NTSTATUS StartThread(BodyTableCache* Cache) {
     return STATUS_SUCCESS;
 }
 
+// The card goes: no file is open on it any more, so nobody has the objects.
+VOID DestroyReferenced(BodyTableCache* Cache) {
+    while (!IsListEmpty(&Cache->Referenced)) {
+        VrkFsBTDestroyObject(Cache, ObjectOfLink(RemoveHeadList(&Cache->Referenced)));
+        --Cache->ReferencedCount;
+    }
+}
+
 // Without a limit: a thread that is still in a transfer uses the cache, and its mutex.
 VOID StopThread(BodyTableCache* Cache) {
     KeSetEvent(&Cache->StopEvent, EVENT_INCREMENT, FALSE);
@@ -320,9 +364,109 @@ VOID VrkFsBTFreeHandler(BodyTableCache* Cache) {
     if ((Cache->Flags & kBodyTableCacheList) != 0) {
         VrkFsBTFlushUnrefObjects(Cache);
         VrkFsBTFlushRefObjects(Cache);
+        DestroyReferenced(Cache);
         ExDeletePagedLookasideList(&Cache->Objects);
         Cache->Flags &= ~kBodyTableCacheList;
     }
+}
+
+NTSTATUS VrkFsBTReferenceObject(BodyTableCache* Cache, PCUNICODE_STRING FullName, FCB* Fcb, BodyTableObject** Object) {
+    // The mutex stays held while an object is made: two of one name would share the sections.
+    MutexGuard lock(&Cache->Mutex);
+    BodyTableObject* object = FindIn(&Cache->Referenced, FullName);
+    if (object != nullptr) {
+        ++object->References;
+        *Object = object;
+        return STATUS_SUCCESS;
+    }
+    object = TakeUnreferenced(Cache, FullName, Fcb);
+    if (object == nullptr) {
+        const NTSTATUS status = VrkFsBTCreateObject(Cache, FullName, Fcb, &object);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+    } else if ((object->Flags & kBodyTableClean) != 0) {
+        object->Flags &= ~kBodyTableClean;
+        object->FlushDeadline = Now() + kBodyTableFlushDelay;
+    }
+    InsertReferenced(Cache, object);
+    *Object = object;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS VrkFsBTCreateNewObject(BodyTableCache* Cache, PCUNICODE_STRING FullName, FCB* Fcb, ULONG Frames,
+                                BodyTableObject** Object) {
+    MutexGuard lock(&Cache->Mutex);
+    BodyTableObject* earlier = TakeUnreferenced(Cache, FullName, Fcb);
+    if (earlier != nullptr) {
+        RetireObject(Cache, earlier);
+    }
+    BodyTableObject* object = nullptr;
+    const NTSTATUS status = VrkFsBTCreateEmptyObject(Cache, FullName, Fcb, Frames, &object);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    object->Flags |= kBodyTableNew;
+    InsertReferenced(Cache, object);
+    *Object = object;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS VrkFsBTCreateNewVideoNodes(BodyTableCache* Cache, BodyTableObject* Object, ULONG TableLba, ULONG TableBytes) {
+    MutexGuard lock(&Cache->Mutex);
+    const NTSTATUS status = VrkFsBTCreateVideoSection(Object);
+    if (NT_SUCCESS(status)) {
+        Object->VideoLba = TableLba;
+        Object->VideoBytes = TableBytes;
+    }
+    return status;
+}
+
+NTSTATUS VrkFsBTCreateNewAlphaNodes(BodyTableCache* Cache, BodyTableObject* Object, ULONG TableLba, ULONG TableBytes) {
+    MutexGuard lock(&Cache->Mutex);
+    const NTSTATUS status = VrkFsBTCreateAlphaSection(Object);
+    if (NT_SUCCESS(status)) {
+        Object->AlphaLba = TableLba;
+        Object->AlphaBytes = TableBytes;
+    }
+    return status;
+}
+
+VOID VrkFsBTWriteAccessReference(BodyTableCache* Cache, BodyTableObject* Object) {
+    MutexGuard lock(&Cache->Mutex);
+    ++Object->WriteReferences;
+    Object->Flags |= kBodyTableWritten;
+}
+
+VOID VrkFsBTWriteAccessDereference(BodyTableCache* Cache, BodyTableObject* Object) {
+    MutexGuard lock(&Cache->Mutex);
+    if (Object->WriteReferences != 0) {
+        --Object->WriteReferences;
+    }
+}
+
+BOOLEAN VrkFsBTIsWriteReferenced(BodyTableCache* Cache, const BodyTableObject* Object) {
+    MutexGuard lock(&Cache->Mutex);
+    return Object->WriteReferences != 0;
+}
+
+NTSTATUS VrkFsBTGetVideoName(BodyTableCache* Cache, const BodyTableObject* Object, PVOID Buffer, ULONG Bytes) {
+    MutexGuard lock(&Cache->Mutex);
+    return CopyApplicationName(&Object->VideoSectionName, Buffer, Bytes);
+}
+
+NTSTATUS VrkFsBTGetAlphaName(BodyTableCache* Cache, const BodyTableObject* Object, PVOID Buffer, ULONG Bytes) {
+    MutexGuard lock(&Cache->Mutex);
+    return CopyApplicationName(&Object->AlphaSectionName, Buffer, Bytes);
+}
+
+BOOLEAN VrkFsBTIsForgotten(BodyTableCache* Cache, const BodyTableObject* Object) {
+    MutexGuard lock(&Cache->Mutex);
+    return (Object->Flags & kBodyTableForgotten) != 0;
+}
+
+VOID VrkFsBTSettleTable(BodyTableCache* Cache, const HwVolume* Volume, ULONG TableLba, ULONG TableBytes, ULONG Frames) {
+    ShortenTable(Cache, Volume, TableLba, TableBytes, Frames);
 }
 
 VOID VrkFsBTDereferenceObject(BodyTableCache* Cache, BodyTableObject* Object) {
@@ -347,19 +491,7 @@ VOID VrkFsBTRemoveObjectByName(BodyTableCache* Cache, PCUNICODE_STRING FullName)
 }
 
 VOID VrkFsBTForgetTable(BodyTableCache* Cache, const HwVolume* Volume, ULONG TableLba) {
-    if (TableLba == 0) {
-        return;
-    }
-    MutexGuard lock(&Cache->Mutex);
-    const LIST_ENTRY* const heads[] = {&Cache->Referenced, &Cache->Unreferenced};
-    for (const LIST_ENTRY* head : heads) {
-        for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
-            BodyTableObject* object = ObjectOfLink(link);
-            if (object->Volume == Volume && (object->VideoLba == TableLba || object->AlphaLba == TableLba)) {
-                object->Flags |= kBodyTableForgotten;
-            }
-        }
-    }
+    ShortenTable(Cache, Volume, TableLba, 0, kAnyFrames);
 }
 
 VOID VrkFsBTFlushUnrefObjects(BodyTableCache* Cache) {

@@ -4,55 +4,16 @@
 
 #include <nt.h>
 
-struct BodyTableCache;
-struct CardInstance;
+struct BodyTableObject;
+struct FCB;
 struct HwVolume;
-
-// BodyTableObject::Flags
-inline constexpr ULONG kBodyTableName = 0x001;
-inline constexpr ULONG kBodyTableVideoSectionName = 0x002;
-inline constexpr ULONG kBodyTableAlphaSectionName = 0x004;
-inline constexpr ULONG kBodyTableVideoSection = 0x008;
-inline constexpr ULONG kBodyTableAlphaSection = 0x010;
-inline constexpr ULONG kBodyTableVideoView = 0x020;
-inline constexpr ULONG kBodyTableAlphaView = 0x040;
-inline constexpr ULONG kBodyTableClean = 0x080;    // written back since the last write reference
-inline constexpr ULONG kBodyTableNew = 0x200;      // made for a table that is not on disk yet; not cached when released
-inline constexpr ULONG kBodyTableWritten = 0x400;  // changed through a write reference
-inline constexpr ULONG kBodyTableForgotten = 0x800;  // its blocks on disk belong to others: not written back, not found
 
 // BodyTableCache::Flags
 inline constexpr ULONG kBodyTableCacheList = 0x01;
 inline constexpr ULONG kBodyTableCacheThread = 0x02;
 
 inline constexpr ULONG kBodyTableMaxUnreferenced = 32;
-inline constexpr LONGLONG kBodyTableFlushDelay = 100000000;  // 10 s
 inline constexpr LONGLONG kBodyTableFlushPeriod = 20000000;  // 2 s
-
-// Paged, from the cache's list. The section handles and views exist in the owning process only.
-struct BodyTableObject {
-    LIST_ENTRY Link;  // in the referenced or the unreferenced list
-    ULONG WriteReferences;
-    LONGLONG FlushDeadline;  // system time
-    UNICODE_STRING Name;     // full path under the built-in type, own copy
-    struct CardInstance* CardInstance;
-    HwVolume* Volume;
-    ULONG Frames;
-    ULONG VideoLba;
-    ULONG VideoBytes;  // on disk
-    ULONG AlphaLba;
-    ULONG AlphaBytes;  // 0 without alpha
-    UNICODE_STRING VideoSectionName;
-    UNICODE_STRING AlphaSectionName;
-    HANDLE VideoSection;
-    HANDLE AlphaSection;
-    ULONG VideoSectionBytes;  // 24 per frame
-    ULONG AlphaSectionBytes;
-    PVOID VideoView;
-    PVOID AlphaView;
-    BodyTableCache* Cache;
-    ULONG Flags;
-};
 
 // One per card, embedded in the CardInstance (non-paged). The mutex guards both lists, their counts, the suspend count
 // and every object's flags and write references, and is held while a table is written back.
@@ -82,19 +43,55 @@ struct BodyTableCache {
 [[nodiscard]] NTSTATUS VrkFsBTInitHandler(BodyTableCache* Cache);
 VOID VrkFsBTFreeHandler(BodyTableCache* Cache);
 
-// All of the following may be called in any process, with resources held, and return when the work is done. None needs
-// memory.
+// ---- A file's object. In the owning process; the FCBCommon's Resource is held exclusively, which keeps the object.
+// ----
+
+// Finds or makes the object of an open media file. Statuses of VrkFsBTCreateObject; nothing is kept on failure.
+[[nodiscard]] NTSTATUS VrkFsBTReferenceObject(BodyTableCache* Cache, PCUNICODE_STRING FullName, FCB* Fcb,
+                                              BodyTableObject** Object);
+// An object for tables that are not on disk yet, without sections. STATUS_INSUFFICIENT_RESOURCES;
+// STATUS_INVALID_PARAMETER for more frames than one section can hold.
+[[nodiscard]] NTSTATUS VrkFsBTCreateNewObject(BodyTableCache* Cache, PCUNICODE_STRING FullName, FCB* Fcb, ULONG Frames,
+                                              BodyTableObject** Object);
+// Give the object a stream's section, and the place on disk that the stream's table is written back to. The blocks are
+// the file's. Statuses of the section; nothing has changed on failure.
+[[nodiscard]] NTSTATUS VrkFsBTCreateNewVideoNodes(BodyTableCache* Cache, BodyTableObject* Object, ULONG TableLba,
+                                                  ULONG TableBytes);
+[[nodiscard]] NTSTATUS VrkFsBTCreateNewAlphaNodes(BodyTableCache* Cache, BodyTableObject* Object, ULONG TableLba,
+                                                  ULONG TableBytes);
+// While somebody may write into the tables they are written back again and again.
+VOID VrkFsBTWriteAccessReference(BodyTableCache* Cache, BodyTableObject* Object);
+VOID VrkFsBTWriteAccessDereference(BodyTableCache* Cache, BodyTableObject* Object);
+// The name by which applications open a stream's section, terminated. Bytes: room in Buffer. STATUS_BUFFER_TOO_SMALL,
+// also for a stream that has no section.
+[[nodiscard]] NTSTATUS VrkFsBTGetVideoName(BodyTableCache* Cache, const BodyTableObject* Object, PVOID Buffer,
+                                           ULONG Bytes);
+[[nodiscard]] NTSTATUS VrkFsBTGetAlphaName(BodyTableCache* Cache, const BodyTableObject* Object, PVOID Buffer,
+                                           ULONG Bytes);
+
+// ---- In any process ----
+// With resources held; they return when the work is done, and none needs memory.
+
+// The table at this LBA of the volume is no longer than this from now on, and holds this many frames: to be told before
+// the rest of its blocks is given back, whether the file has its object attached or the cache merely keeps it. Without
+// frames there is no table any more. Nothing for LBA 0. The FCBCommon's Resource is held exclusively.
+VOID VrkFsBTSettleTable(BodyTableCache* Cache, const HwVolume* Volume, ULONG TableLba, ULONG TableBytes, ULONG Frames);
+// Whether somebody holds a write reference.
+[[nodiscard]] BOOLEAN VrkFsBTIsWriteReferenced(BodyTableCache* Cache, const BodyTableObject* Object);
+// Whether the file has got other tables since the object was made: whoever wants them lets go of it.
+[[nodiscard]] BOOLEAN VrkFsBTIsForgotten(BodyTableCache* Cache, const BodyTableObject* Object);
 
 // The FCBCommon gives its object back.
 VOID VrkFsBTDereferenceObject(BodyTableCache* Cache, BodyTableObject* Object);
 // Write back, by name; nothing if there is no such object.
 VOID VrkFsBTFlushObjectByName(BodyTableCache* Cache, PCUNICODE_STRING FullName);
-// Write back and destroy; the caller sees to it that no FCBCommon uses the object any more.
+// Write back and destroy. The caller sees to it that no FCBCommon uses the object any more; one that is still used is
+// written back and forgotten.
 VOID VrkFsBTRemoveObjectByName(BodyTableCache* Cache, PCUNICODE_STRING FullName);
-// The table at this LBA of the volume is no longer this file's: the object of it is never written back again and not
-// found by its name any more. Nothing for LBA 0.
+// The table at this LBA of the volume is no longer this file's: it is never written back again, and an object that has
+// no other is not found by its name any more. Nothing for LBA 0.
 VOID VrkFsBTForgetTable(BodyTableCache* Cache, const HwVolume* Volume, ULONG TableLba);
-// Write back and destroy a whole list.
+// Write back and destroy a whole list; what an FCBCommon still keeps is only written back.
 VOID VrkFsBTFlushUnrefObjects(BodyTableCache* Cache);
 VOID VrkFsBTFlushRefObjects(BodyTableCache* Cache);
 // While the count is above 0 the thread writes nothing back. Resuming more than was suspended leaves 0.

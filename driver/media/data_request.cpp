@@ -13,13 +13,6 @@
 
 namespace {
 
-// The letter before the colon of the drive's link name.
-WCHAR DriveLetter(const CardInstance* Card) {
-    const UNICODE_STRING& link = Card->DriveLetterLinkName;
-    const ULONG chars = link.Length / sizeof(WCHAR);
-    return chars >= 2 ? link.Buffer[chars - 2] : WCHAR{0};
-}
-
 // A private copy of the media file's path: while the service is waited for, a rename may drop the cached one.
 NTSTATUS CopyMediaName(const DataRequest* Request, PUNICODE_STRING Name) {
     VCB* vcb = Request->Common->Vcb;
@@ -57,7 +50,7 @@ NTSTATUS OpenServiceHandle(const DataRequest* Request, PULONG Handle) {
     }
     ServiceChannel* channel = &Request->Ext->ServiceChannel;
     ULONG opened = 0;
-    status = VrkFsSReqOpen(channel, DriveLetter(Request->Card), &name, &opened);
+    status = VrkFsSReqOpen(channel, VrkFsGlobDriveLetter(Request->Card), &name, &opened);
     VrkFsRtlFreeUnicodeString(&name);
     if (!NT_SUCCESS(status)) {
         return status;

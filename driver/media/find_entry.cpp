@@ -113,7 +113,7 @@ BOOLEAN ProduceFrameOrRamFile(DiskDeviceExt* Ext, FCB* FileFcb, ULONG Index, Fou
     if (Index >= frames) {
         return ProduceRamFile(FileFcb, frames, Index, Found);
     }
-    const Preferences& prefs = Ext->Instance->Prefs;
+    const Preferences prefs = VrkFsGlobPreferencesOf(Ext->Instance);
     VrkFsConstructFileFrameName(entry->Name, FileFcb->TypeIndex, frames, Index, prefs.BaseFrameNumber,
                                 prefs.MinFrameDigits, Found);
     FillFrame(FileFcb, Index, Found);
@@ -149,7 +149,7 @@ BOOLEAN FindFrameOrRamFile(DiskDeviceExt* Ext, const CCB* Ccb, PULONG Index, Fou
         return FALSE;
     }
     const ULONG frames = VrkFsGetFrameFileCount(entry);
-    const Preferences& prefs = Ext->Instance->Prefs;
+    const Preferences prefs = VrkFsGlobPreferencesOf(Ext->Instance);
     ULONG index = 0;
     if (*Index < frames && VrkFsFindFrameByName(entry->Name, fcb->TypeIndex, frames, *Index, prefs.BaseFrameNumber,
                                                 prefs.MinFrameDigits, &Ccb->SearchName, &index, Found)) {

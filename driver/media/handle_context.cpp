@@ -38,8 +38,8 @@ VOID VrkFsHCBodyTableFlushResume(HandleContext* Context) {
     if (Context == nullptr || Context->Signature != kHandleContextSignature) {
         return;
     }
-    LONG count = Context->SuspendCount;
-    while (count > 0) {
+    LONG count = InterlockedCompareExchange(&Context->SuspendCount, 0, 0);
+    while (count != 0) {
         const LONG seen = InterlockedCompareExchange(&Context->SuspendCount, count - 1, count);
         if (seen == count) {
             return;
@@ -53,7 +53,7 @@ VOID VrkFsHCBodyTableFlushSync(HandleContext* Context, BodyTableCache* Cache) {
         return;
     }
     const LONG count = InterlockedExchange(&Context->SuspendCount, 0);
-    if (count > 0) {
+    if (count != 0) {
         VrkFsBTRequestFlushResume(Cache, static_cast<ULONG>(count));
     }
 }

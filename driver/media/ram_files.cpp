@@ -1,6 +1,7 @@
 #include "media/ram_files.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "core/event_log.h"
 #include "core/global_data.h"
@@ -23,6 +24,7 @@ VOID FreeFile(RamFile* File) {
     if ((File->Flags & kRamFileParentName) != 0) {
         VrkFsRtlFreeUnicodeString(&File->ParentName);
     }
+    VrkFsRtlFreeUnicodeString(&File->NewParentName);
     VrkFsFreePool(File);
 }
 
@@ -69,6 +71,34 @@ NTSTATUS GrowTo(RamFile* File, ULONG MaximumSize, ULONGLONG Bytes) {
     return wanted > File->Allocation ? Reallocate(File, wanted) : STATUS_SUCCESS;
 }
 
+constexpr USHORT kTypeFolderBytes = 4 * sizeof(WCHAR);  // "\\RZV", whatever the type
+
+// Whether the path lies at or below Name, its type folder aside; what follows Name is Tail.
+bool IsBelow(PCUNICODE_STRING Path, PCUNICODE_STRING Name, PUNICODE_STRING Tail) {
+    if (Path->Length < kTypeFolderBytes + Name->Length) {
+        return false;
+    }
+    UNICODE_STRING head;
+    head.Buffer = Path->Buffer + kTypeFolderBytes / sizeof(WCHAR);
+    head.Length = head.MaximumLength = Name->Length;
+    Tail->Buffer = head.Buffer + Name->Length / sizeof(WCHAR);
+    Tail->Length = Tail->MaximumLength = static_cast<USHORT>(Path->Length - kTypeFolderBytes - Name->Length);
+    return RtlEqualUnicodeString(&head, Name, TRUE) && (Tail->Length == 0 || Tail->Buffer[0] == VRKFS_W('\\'));
+}
+
+NTSTATUS MakeNewParentName(RamFile* File, PCUNICODE_STRING NewPath, PCUNICODE_STRING Tail) {
+    const ULONG bytes = kTypeFolderBytes + NewPath->Length + Tail->Length + sizeof(WCHAR);
+    if (!NT_SUCCESS(VrkFsRtlAllocateUnicodeString(&File->NewParentName, static_cast<USHORT>(bytes)))) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    UNICODE_STRING type = File->ParentName;
+    type.Length = kTypeFolderBytes;
+    static_cast<void>(RtlAppendUnicodeStringToString(&File->NewParentName, &type));
+    static_cast<void>(RtlAppendUnicodeStringToString(&File->NewParentName, NewPath));
+    static_cast<void>(RtlAppendUnicodeStringToString(&File->NewParentName, Tail));
+    return STATUS_SUCCESS;
+}
+
 // What lies between the end of file and an offset behind it has not been written since the file last ended there.
 VOID ClearGap(RamFile* File, ULONGLONG Offset) {
     if (Offset > File->EndOfFile) {
@@ -89,9 +119,8 @@ VOID VrkFsVFFreeHandler(RamFileSet* Set) {
         return;
     }
     while (!IsListEmpty(&Set->Files)) {
-        FreeFile(FileOfLink(RemoveHeadList(&Set->Files)));
+        VrkFsVFDeleteFile(Set, FileOfLink(Set->Files.Flink));
     }
-    Set->Count = 0;
     Set->Flags &= ~kRamSetInitialised;
 }
 
@@ -154,9 +183,50 @@ BOOLEAN VrkFsVFFindNextFile(RamFileSet* Set, PCUNICODE_STRING ParentName, PULONG
 }
 
 VOID VrkFsVFDeleteFile(RamFileSet* Set, RamFile* File) {
+    if ((File->Flags & kRamFileDeleted) != 0) {
+        return;
+    }
     RemoveEntryList(&File->Link);
     --Set->Count;
-    FreeFile(File);
+    File->Flags |= kRamFileDeleted;
+    if (File->Users == 0) {
+        FreeFile(File);
+    }
+}
+
+VOID VrkFsVFAddUser(RamFile* File) {
+    ++File->Users;
+}
+
+VOID VrkFsVFReleaseUser(RamFile* File) {
+    if (--File->Users == 0 && (File->Flags & kRamFileDeleted) != 0) {
+        FreeFile(File);
+    }
+}
+
+NTSTATUS VrkFsVFPrepareRename(RamFileSet* Set, PCUNICODE_STRING OldPath, PCUNICODE_STRING NewPath) {
+    for (PLIST_ENTRY link = Set->Files.Flink; link != &Set->Files; link = link->Flink) {
+        RamFile* file = FileOfLink(link);
+        UNICODE_STRING tail;
+        if (IsBelow(&file->ParentName, OldPath, &tail)) {
+            const NTSTATUS status = MakeNewParentName(file, NewPath, &tail);
+            if (!NT_SUCCESS(status)) {
+                VrkFsVFFinishRename(Set, FALSE);
+                return status;
+            }
+        }
+    }
+    return STATUS_SUCCESS;
+}
+
+VOID VrkFsVFFinishRename(RamFileSet* Set, BOOLEAN Renamed) {
+    for (PLIST_ENTRY link = Set->Files.Flink; link != &Set->Files; link = link->Flink) {
+        RamFile* file = FileOfLink(link);
+        if (Renamed && file->NewParentName.Buffer != nullptr) {
+            std::swap(file->ParentName, file->NewParentName);
+        }
+        VrkFsRtlFreeUnicodeString(&file->NewParentName);
+    }
 }
 
 NTSTATUS VrkFsVFSetFileAllocation(RamFile* File, ULONG MaximumSize, ULONGLONG Size) {

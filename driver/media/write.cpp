@@ -45,9 +45,10 @@ NTSTATUS TransferWrite(DataRequest* Request) {
                                  &Request->Ccb->MediaCursor);
     }
     if ((fcb->Flags & kFcbRamFile) != 0) {
-        return fcb->RamFile != nullptr ? VrkFsVFWriteFile(fcb->RamFile, Request->Buffer, Request->Offset,
-                                                          &Request->Count, Request->Card->Prefs.RAMFileMaxSize)
-                                       : STATUS_FILE_DELETED;
+        return fcb->RamFile != nullptr
+                   ? VrkFsVFWriteFile(fcb->RamFile, Request->Buffer, Request->Offset, &Request->Count,
+                                      VrkFsGlobPreferencesOf(Request->Card).RAMFileMaxSize)
+                   : STATUS_FILE_DELETED;
     }
     // The file itself under another type has no data path; only its frame files have.
     if (fcb->Level != kLevelFrame) {

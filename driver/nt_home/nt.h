@@ -21,3 +21,7 @@ inline PVOID NtTokenResolve(ULONG Token) {
     return reinterpret_cast<PVOID>(Token);
 }
 inline VOID NtTokenRelease(ULONG) {}
+// An address in the memory of the calling process; what it is worth comes out when its pages are locked.
+inline PVOID NtUserTokenResolve(ULONG Token, SIZE_T) {
+    return reinterpret_cast<PVOID>(Token);
+}

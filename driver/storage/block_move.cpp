@@ -4,12 +4,24 @@
 
 namespace {
 
+constexpr ULONG kReleaseAttempts = 5;
+
 NTSTATUS SendPathRequest(HwContext* Hw, ULONG ControlCode) {
     const NTSTATUS status = VrkFsHwDevIOCTL(Hw, ControlCode, nullptr, 0, nullptr, 0, nullptr);
     return status == STATUS_TIMEOUT ? STATUS_DEVICE_CONFIGURATION_ERROR : status;
 }
 
-// Card memory holds one chunk for one user, so the path is claimed around each read-and-write pair.
+// A claim that stays keeps everybody waiting who wants the path after us, so one failure is not the last word.
+VOID GiveBackPath(HwContext* Hw) {
+    for (ULONG attempt = 0; attempt < kReleaseAttempts; ++attempt) {
+        if (NT_SUCCESS(VrkFsHwReleaseSCSI(Hw))) {
+            return;
+        }
+    }
+}
+
+// Card memory holds one chunk for one user, so the path is claimed around each read-and-write pair. A write that fails
+// may have spoilt blocks of the chunk's own source where the two overlap: they are written again from card memory.
 NTSTATUS MoveChunk(HwContext* Hw, ULONG ScsiId, ULONG SourceLba, ULONG BlockCount, ULONG DestinationLba) {
     NTSTATUS status = VrkFsHwAcquireSCSI(Hw);
     if (!NT_SUCCESS(status)) {
@@ -18,8 +30,12 @@ NTSTATUS MoveChunk(HwContext* Hw, ULONG ScsiId, ULONG SourceLba, ULONG BlockCoun
     status = VrkFsHwSCSIRead(Hw, ScsiId, SourceLba, BlockCount, nullptr, VRK_TRANSFER_CARD_MEMORY);
     if (NT_SUCCESS(status)) {
         status = VrkFsHwSCSIWrite(Hw, ScsiId, DestinationLba, BlockCount, nullptr, VRK_TRANSFER_CARD_MEMORY);
+        const ULONG distance = std::max(SourceLba, DestinationLba) - std::min(SourceLba, DestinationLba);
+        if (!NT_SUCCESS(status) && distance < BlockCount) {
+            static_cast<void>(VrkFsHwSCSIWrite(Hw, ScsiId, SourceLba, BlockCount, nullptr, VRK_TRANSFER_CARD_MEMORY));
+        }
     }
-    static_cast<void>(VrkFsHwReleaseSCSI(Hw));
+    GiveBackPath(Hw);
     return status;
 }
 
@@ -56,7 +72,8 @@ NTSTATUS VrkFsHwMoveBlocks(HwContext* Hw, ULONG ScsiId, ULONG SourceLba, ULONG B
         if (Progress != nullptr) {
             *Progress += ULONGLONG{chunk} * Weight;
             if (ProgressOut != nullptr && Divisor != 0) {
-                *ProgressOut = static_cast<ULONG>(*Progress / Divisor);
+                // Whoever watches it reads it at any time.
+                __atomic_store_n(ProgressOut, static_cast<ULONG>(*Progress / Divisor), __ATOMIC_RELAXED);
             }
         }
     }

@@ -36,7 +36,7 @@ struct Attempts {
 };
 
 Attempts AttemptsOfCard(HwContext* Hw) {
-    return {std::min<ULONG>(VrkFsCardOfHw(Hw)->ScsiPrefs.MaxRetries, kMaxRetriesUsed), 0, false};
+    return {std::min<ULONG>(VrkFsGlobScsiPrefsOf(VrkFsCardOfHw(Hw)).MaxRetries, kMaxRetriesUsed), 0, false};
 }
 
 // FALSE once the card has logged its share; several threads may ask at once.
@@ -210,8 +210,8 @@ NTSTATUS VrkFsHwSCSIWriteEx(HwContext* Hw, ULONG ScsiId, ULONG Lba, ULONG BlockC
         return STATUS_INVALID_PARAMETER;
     }
     const RecordPlace place{ScsiId, Lba, BlockCount, CardMemoryFlag, RecordType};
-    const bool verify = VrkFsCardOfHw(Hw)->ScsiPrefs.VerifyWrite != 0 && Buffer != nullptr && BlockCount != 0 &&
-                        BlockCount <= kMaxTransferBlocks;
+    const bool verify = VrkFsGlobScsiPrefsOf(VrkFsCardOfHw(Hw)).VerifyWrite != 0 && Buffer != nullptr &&
+                        BlockCount != 0 && BlockCount <= kMaxTransferBlocks;
     ReadBack back;
     if (verify && BlockCount > kVerifyBlocks) {
         back.Own = VrkFsAllocatePool(PagedPool, place.Bytes());

@@ -131,14 +131,15 @@ NTSTATUS VrkFsHwReadBodyTableNodes(HwContext* Hw, FCB* FileFCB, PlacedBodyTableN
 NTSTATUS VrkFsHwWriteBodyTableNodes(HwContext* Hw, ULONG Frames, const PlacedBodyTableNode* VideoNodes,
                                     const PlacedBodyTableNode* AlphaNodes, ULONG VideoLba, ULONG AlphaLba,
                                     ULONG VideoBytes, ULONG AlphaBytes, HwVolume* Volume) {
+    const bool hasVideo = VideoBytes != 0 && VideoNodes != nullptr;
     const bool hasAlpha = AlphaBytes != 0 && AlphaNodes != nullptr;
-    if (!HoldsFrames(VideoBytes, Frames) || (hasAlpha && !HoldsFrames(AlphaBytes, Frames))) {
+    if ((hasVideo && !HoldsFrames(VideoBytes, Frames)) || (hasAlpha && !HoldsFrames(AlphaBytes, Frames))) {
         return STATUS_UNSUCCESSFUL;
     }
-    PVOID const video = CollectNodes(Frames, VideoNodes, VideoBytes);
+    PVOID const video = hasVideo ? CollectNodes(Frames, VideoNodes, VideoBytes) : nullptr;
     PVOID const alpha = hasAlpha ? CollectNodes(Frames, AlphaNodes, AlphaBytes) : nullptr;
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
-    if (video != nullptr && (alpha != nullptr || !hasAlpha)) {
+    if ((video != nullptr || !hasVideo) && (alpha != nullptr || !hasAlpha)) {
         status = VrkFsHwWriteBodyTable(Hw, video, alpha, VideoLba, AlphaLba, VideoBytes, AlphaBytes, Volume);
     }
     VrkFsFreePool(video);
@@ -148,7 +149,10 @@ NTSTATUS VrkFsHwWriteBodyTableNodes(HwContext* Hw, ULONG Frames, const PlacedBod
 
 NTSTATUS VrkFsHwWriteBodyTable(HwContext* Hw, PVOID VideoBuffer, PVOID AlphaBuffer, ULONG VideoLba, ULONG AlphaLba,
                                ULONG VideoBytes, ULONG AlphaBytes, HwVolume* Volume) {
-    const NTSTATUS status = WriteTable(Hw, Volume, VideoLba, VideoBuffer, VideoBytes);
+    NTSTATUS status = STATUS_SUCCESS;
+    if (VideoBytes != 0 && VideoBuffer != nullptr) {
+        status = WriteTable(Hw, Volume, VideoLba, VideoBuffer, VideoBytes);
+    }
     if (!NT_SUCCESS(status) || AlphaBytes == 0 || AlphaBuffer == nullptr) {
         return status;
     }

@@ -17,7 +17,8 @@ struct HwVolume;
 // The same with each field's place worked out. STATUS_UNSUCCESSFUL also for a table whose fields leave the data area.
 [[nodiscard]] NTSTATUS VrkFsHwReadBodyTableNodes(HwContext* Hw, FCB* FileFCB, PlacedBodyTableNode* VideoNodes,
                                                  PlacedBodyTableNode* AlphaNodes);
-// Bytes are multiples of 512. STATUS_UNSUCCESSFUL, and nothing written, unless the blocks are owned.
+// Bytes are multiples of 512; a stream without nodes or with 0 bytes is left out. STATUS_UNSUCCESSFUL, and nothing of a
+// stream written, unless its blocks are owned.
 [[nodiscard]] NTSTATUS VrkFsHwWriteBodyTableNodes(HwContext* Hw, ULONG Frames, const PlacedBodyTableNode* VideoNodes,
                                                   const PlacedBodyTableNode* AlphaNodes, ULONG VideoLba, ULONG AlphaLba,
                                                   ULONG VideoBytes, ULONG AlphaBytes, HwVolume* Volume);

@@ -131,13 +131,7 @@ static_assert(offsetof(FileEntry, ApplicationInfo) == 0x100);
 static_assert(offsetof(FileEntry, Name) == 0x200);
 
 // A body-table node with its place: what recording and playback applications share with the driver, so fixed.
-struct PlacedBodyTableNode {
-    ULONG ScsiId;  // device that holds the field
-    ULONG Lba;     // of the field on that device
-    BodyTableNode Node;
-};
-static_assert(sizeof(PlacedBodyTableNode) == 12);
-static_assert(offsetof(PlacedBodyTableNode, Node) == 8);
+using PlacedBodyTableNode = VrkFsPlacedNode;
 
 // ---- Checksum (checksum.cpp) ----
 

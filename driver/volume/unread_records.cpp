@@ -172,7 +172,7 @@ bool HasNotesOnFiles(HwVolume* Volume, ULONG FolderSlot) {
 }  // namespace
 
 ULONG VrkFsHwRetriesInForce(HwContext* Hw) {
-    return VrkFsCardOfHw(Hw)->ScsiPrefs.MaxRetries;
+    return VrkFsGlobScsiPrefsOf(VrkFsCardOfHw(Hw)).MaxRetries;
 }
 
 VOID VrkFsHwInitializeUnreadRecords(UnreadRecords* Unread) {

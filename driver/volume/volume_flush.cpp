@@ -32,6 +32,8 @@ NTSTATUS VrkFsHwRebuildVolumeCache(HwContext* Hw, VCB* Vcb) {
     VrkFsHwFreeVolumes(Hw);
     const NTSTATUS status = VrkFsHwSCSIScan(Hw);
     if (!NT_SUCCESS(status)) {
+        // What the scan found before it failed may have disks or claims missing, and the lock ends all the same.
+        VrkFsHwFreeVolumes(Hw);
         return status;
     }
     for (PLIST_ENTRY link = Hw->Volumes.Flink; link != &Hw->Volumes; link = link->Flink) {

@@ -248,6 +248,8 @@ VRKFS_ASSERT_OFFSET(VrkFsFileLocation, AlphaDataLba, 28);
 
 /* IOCTL_VRKFS_GET_FILE_ENTRY: a handle in, the file's record out. */
 #define VRKFS_FILE_ENTRY_SIZE 1024u
+#define VRKFS_FILE_ENTRY_APPLICATION_INFO 0x100u /* where the record holds what applications keep with the file */
+#define VRKFS_APPLICATION_INFO_SIZE 256u
 
 typedef struct VrkFsHandleRequest {
     uint32_t Handle;
@@ -258,7 +260,7 @@ VRKFS_ASSERT_SIZE(VrkFsHandleRequest, 4);
 /* IOCTL_VRKFS_SET_APP_FILE_ENTRY_INFO, input. */
 typedef struct VrkFsApplicationInfoRequest {
     uint32_t Handle;
-    uint8_t ApplicationInfo[256];
+    uint8_t ApplicationInfo[VRKFS_APPLICATION_INFO_SIZE];
 } VrkFsApplicationInfoRequest;
 
 VRKFS_ASSERT_SIZE(VrkFsApplicationInfoRequest, 260);

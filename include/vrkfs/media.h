@@ -179,6 +179,18 @@ VRKFS_ASSERT_SIZE(BodyTableNode, 4);
 VRKFS_ASSERT_OFFSET(BodyTableNode, First, 0);
 VRKFS_ASSERT_OFFSET(BodyTableNode, Second, 2);
 
+/* What recording and playback applications and the driver share in memory: a node with its field's place. Two per
+ * frame, in the order of the table on disk. An application may fill them while the driver writes the table back. */
+typedef struct VrkFsPlacedNode {
+    uint32_t ScsiId; /* disk that holds the field */
+    uint32_t Lba;    /* first sector of the field on that disk; 0: not recorded yet */
+    BodyTableNode Node;
+} VrkFsPlacedNode;
+
+VRKFS_ASSERT_SIZE(VrkFsPlacedNode, 12);
+VRKFS_ASSERT_OFFSET(VrkFsPlacedNode, Lba, 4);
+VRKFS_ASSERT_OFFSET(VrkFsPlacedNode, Node, 8);
+
 /* Length of a field in sectors, 0 to 131070; more than VRKFS_FIELD_MAX_SECTORS is to be refused. */
 static inline uint32_t VrkFsBodyTableNodeSectors(BodyTableNode Node) {
     const uint32_t first = Node.First;

@@ -5,8 +5,10 @@
 #include <sys/mman.h>
 #include <vrkfs/board.h>
 
+#include <atomic>
 #include <numeric>
 #include <random>
+#include <thread>
 
 #include "nt/kernel.h"
 #include "nt/system.h"
@@ -67,13 +69,7 @@ class MainBoard : public testing::Test {
         std::string error;
         board_ = board::Board::Plug(driver_, 0, error);
         ASSERT_TRUE(board_) << error;
-        const int file = ::memfd_create("disk", 0);
-        ASSERT_EQ(::ftruncate(file, kBlocks * 512), 0);
-        auto disk = board::Disk::Open("/proc/self/fd/" + std::to_string(file), {}, error);
-        ::close(file);
-        ASSERT_TRUE(disk) << error;
-        ASSERT_TRUE(disk->Write(0, kBlocks, Named(0, kBlocks).data()));
-        board_->AttachDisk(kId, std::move(*disk));
+        board_->AttachDisk(kId, MakeDisk(0));
         kernel_ = std::make_unique<nt::Process>("driver", KernelMode);
         card_ = OpenCard(*kernel_);
     }
@@ -83,6 +79,17 @@ class MainBoard : public testing::Test {
         nt::LeakList leaks;
         EXPECT_EQ(nt::UnloadDriver(driver_, &leaks), STATUS_SUCCESS);
         EXPECT_EQ(nt::ToString(leaks) + nt::ToString(nt::Shutdown()), "");
+    }
+
+    // Its blocks hold their numbers, counted from `first`.
+    static board::Disk MakeDisk(std::uint32_t first) {
+        std::string error;
+        const int file = ::memfd_create("disk", 0);
+        EXPECT_EQ(::ftruncate(file, kBlocks * 512), 0);
+        auto disk = board::Disk::Open("/proc/self/fd/" + std::to_string(file), {}, error);
+        ::close(file);
+        EXPECT_TRUE(disk && disk->Write(0, kBlocks, Named(first, kBlocks).data())) << error;
+        return std::move(*disk);
     }
 
     static nt::Handle OpenCard(nt::Process& process) {
@@ -153,6 +160,32 @@ TEST_F(MainBoard, MovesBlocksUpToTheLastOneAndNoneBeyond) {
         words = Named(0, kBlocks);
         EXPECT_EQ(Transfer(VRK_SCSI_WRITE, 0, kBlocks, words), STATUS_SUCCESS);
     }
+}
+
+TEST_F(MainBoard, LetsGoOfItsDisksAndTakesOthers) {
+    // Somebody keeps reading: each request finds one disk, the other, or none.
+    std::atomic<bool> stop{false};
+    std::atomic<int> refused{0};
+    std::thread reader([&] {
+        for (Words words(kWords); !stop;) {
+            const NTSTATUS status = Transfer(VRK_SCSI_READ, 20, 1, words);
+            EXPECT_TRUE(status == STATUS_SUCCESS ? words == Named(20, 1) || words == Named(21, 1) : status == kGone);
+            refused += status == kGone ? 1 : 0;
+        }
+    });
+    EXPECT_TRUE(board_->DetachDisks());
+    while (refused == 0) {
+        std::this_thread::yield();
+    }
+    Words blocks = Named(0, 1);
+    EXPECT_EQ(board_->DiskAt(kId), nullptr);
+    EXPECT_EQ(Transfer(VRK_SCSI_WRITE, 10, 1, blocks), kGone);
+    EXPECT_TRUE(board_->SyncAll());
+    board_->AttachDisk(kId, MakeDisk(1));
+    stop = true;
+    reader.join();
+    EXPECT_EQ(Transfer(VRK_SCSI_READ, 20, 1, blocks), STATUS_SUCCESS);
+    EXPECT_EQ(blocks, Named(21, 1));
 }
 
 TEST_F(MainBoard, RefusesWhatItCannotUnderstandAndTouchesNothing) {

@@ -149,36 +149,5 @@ TEST_F(Estimate, ComesBackOnALargeFragmentedVolume) {
     }
 }
 
-TEST_F(Estimate, TakesNothingWhenMemoryIsShort) {
-    MakeAlloc(1024, 5000);
-    ULONG held[3];
-    for (ULONG& start : held) {
-        ASSERT_TRUE(VrkFsVolAllocAllocateLowerSpace(alloc_, 100, &start));
-    }
-    ASSERT_EQ(VrkFsVolAllocReleaseSpace(alloc_, held[1], 100), STATUS_SUCCESS);
-    const SpaceEstimate estimate = {alloc_, 2, 10, 5};
-    const std::vector<ULONG> before = State();
-    ULONG wanted = 0;
-    ASSERT_EQ(VrkFsIoctlEstimateFrames(&estimate, &wanted), STATUS_SUCCESS);
-    nt::FaultPlan plan;
-    for (plan.failAt = 1;; ++plan.failAt) {
-        nt::ArmFaults(plan);
-        ULONG frames = 0;
-        const NTSTATUS result = VrkFsIoctlEstimateFrames(&estimate, &frames);
-        const bool fired = nt::FaultsFired() != 0;
-        nt::DisarmFaults();
-        EXPECT_EQ(State(), before) << "failure " << plan.failAt;
-        if (NT_SUCCESS(result)) {
-            EXPECT_EQ(frames, wanted);
-        } else {
-            EXPECT_EQ(result, STATUS_INSUFFICIENT_RESOURCES);
-        }
-        if (!fired) {
-            break;
-        }
-    }
-    EXPECT_GT(plan.failAt, 1u);
-}
-
 }  // namespace
 }  // namespace tests

@@ -1,12 +1,9 @@
-// The command port file: greeting, commands in pieces, replies, and the paths that commands are forwarded with.
+// The command port file: greeting, commands in pieces, replies, and paths at their limits.
+#include <vrkfs/port.h>
+
 #include <algorithm>
 #include <cstring>
 
-#include "control/com_port.h"
-#include "core/card_instance.h"
-#include "core/device_ext.h"
-#include "fsd/ccb.h"
-#include "fsd/fcb.h"
 #include "tests/support/machine_fixture.h"
 
 namespace tests {
@@ -150,54 +147,6 @@ TEST_F(CommandPort, PathsThatWouldGrowTooLongFail) {
         const std::uint32_t length = test.code == VRKFS_PORT_CREATE_MEDIA_FILE ? 1056 : 1040;
         Write(port.Get(), Command(length, test.code, std::u16string(test.pathChars, u'x')), 0);
         EXPECT_EQ(Reply(port.Get())[1], test.result) << test.code << " " << test.pathChars;
-    }
-}
-
-// What the service would be told.
-TEST(CommandPortPaths, AreMadeAbsolute) {
-    const auto card = std::make_unique<CardInstance>();
-    const auto device = std::make_unique<DiskDeviceExt>();
-    std::u16string link = u"\\DosDevices\\Q:";
-    card->DriveLetterLinkName = {28, 30, link.data()};
-    device->Instance = card.get();
-    FCB fcb{};
-    CCB ccb{};
-    ccb.Fcb = &fcb;
-    const auto port = std::make_unique<ComPort>();
-    port->Channel = &device->ServiceChannel;
-    port->Ccb = &ccb;
-    struct {
-        std::u16string folder;
-        ULONG level;
-        std::u16string path;
-        std::u16string file;    // absolute path of a new file, empty: refused
-        std::u16string volume;  // absolute path of the volume
-    } const cases[] = {
-        {u"\\", 1, u"RZV\\Vol1", u"Q:\\RZV\\Vol1", u"Q:\\RZV\\Vol1"},
-        {u"\\RZV\\", 2, u"Vol1", u"Q:\\RZV\\Vol1", u"Q:\\RZV\\Vol1"},
-        {u"\\RZV\\Vol1\\", 3, u"Shots\\a.RZV", u"Q:\\RZV\\Vol1\\Shots\\a.RZV", u"Q:\\RZV\\Vol1"},
-        {u"\\RZV\\Vol1\\Shots\\", 4, u"NewClip.RZV", u"Q:\\RZV\\Vol1\\Shots\\NewClip.RZV", u"Q:\\RZV\\Vol1"},
-        {u"\\RZV\\Vol1\\Shots\\a.RZV\\", 5, u"x", u"", u"Q:\\RZV\\Vol1"},
-        {u"\\RZV\\Vol1\\Shots\\", 4, u"", u"Q:\\RZV\\Vol1\\Shots\\", u"Q:\\RZV\\Vol1"},
-    };
-    for (const auto& test : cases) {
-        fcb.Level = test.level;
-        std::u16string folder = test.folder;
-        port->Folder.Buffer = folder.data();
-        port->Folder.Length = static_cast<USHORT>(folder.size() * 2);
-        const auto creation = std::make_unique<VrkFsPortCreation>();
-        std::memcpy(creation->Path, test.path.data(), test.path.size() * 2);
-        std::memset(creation->Parameters, 0x5A, sizeof(creation->Parameters));
-        EXPECT_EQ(NT_SUCCESS(VrkFsComPortCreateFilePath(port.get(), creation.get())), !test.file.empty());
-        if (!test.file.empty()) {
-            EXPECT_EQ(std::u16string(creation->Path), test.file);
-        }
-        EXPECT_TRUE(std::all_of(std::begin(creation->Parameters), std::end(creation->Parameters),
-                                [](std::uint8_t byte) { return byte == 0x5A; }));
-        const auto query = std::make_unique<VrkFsPortSpaceQuery>();
-        std::memcpy(query->Path, test.path.data(), test.path.size() * 2);
-        EXPECT_EQ(VrkFsComPortCreateVolumePath(port.get(), query.get()), STATUS_SUCCESS);
-        EXPECT_EQ(std::u16string(query->Path), test.volume);
     }
 }
 

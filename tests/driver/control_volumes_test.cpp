@@ -1,4 +1,4 @@
-// Volumes through the control device: the list, the format results, the counts of blocks.
+// Volumes through the control device: the list, what can be measured, the lock on the file system.
 #include <cstring>
 
 #include "tests/support/machine_fixture.h"
@@ -43,9 +43,30 @@ class ControlVolumes : public MachineTest {
                                     WritableBytesOf(info));
     }
 
+    std::string Lock(host::Handle control, std::uint32_t drop) {
+        const VrkFsLockRequest request = {drop};
+        return host::StatusName(
+            User().DeviceControl(control, IOCTL_VRKFS_LOCK_FILE_SYSTEM, BytesOf(request), {}).status);
+    }
+    std::string Unlock(host::Handle control) {
+        return host::StatusName(User().DeviceControl(control, IOCTL_VRKFS_UNLOCK_FILE_SYSTEM, {}, {}).status);
+    }
+    // Names in list order.
+    std::vector<std::u16string> Names() {
+        std::uint64_t returned = 0;
+        const std::vector<std::byte> list = List(4 + 8 * sizeof(VrkFsVolumeInfoRecord), &returned);
+        std::vector<std::u16string> names;
+        for (std::uint32_t index = 0; index < CountIn(list); ++index) {
+            names.emplace_back(RecordIn(list, index).Name);
+        }
+        return names;
+    }
+    std::string TryOpen(const std::u16string& path) {
+        const host::OpenResult opened = Open(path);
+        const host::ScopedHandle handle(User(), opened.handle);
+        return host::StatusName(opened.status);
+    }
     static constexpr std::uint64_t kDiskBlocks = 32768;
-    static constexpr std::uint32_t kLastDataLba = kDiskBlocks - 1 - 4608;
-    static constexpr std::uint32_t kDataBlocks = kLastDataLba - 1023;
 };
 
 TEST_F(ControlVolumes, TheListTellsTheCountAndAsManyRecordsAsFit) {
@@ -81,27 +102,6 @@ TEST_F(ControlVolumes, TheListTellsTheCountAndAsManyRecordsAsFit) {
     EXPECT_EQ(third.Devices[2], VRKFS_NO_DEVICE);
 }
 
-TEST_F(ControlVolumes, ARefusedFormatIsAResultNotAFailure) {
-    ASSERT_EQ(Format(u"Taken", {0}), VRKFS_RESULT_DONE);
-    ASSERT_EQ(Format(u"Held", {1}), VRKFS_RESULT_DONE);
-    const host::ScopedHandle held(User(), Open(u"\\RZV\\Held").handle);
-    ASSERT_TRUE(held);
-    struct {
-        const char16_t* name;
-        std::vector<std::uint32_t> disks;
-        int result;
-    } const cases[] = {
-        {u"New", {0, 1, 2}, VRKFS_FORMAT_BAD_DEVICE_COUNT},
-        {u"New", {1}, VRKFS_FORMAT_DEVICE_IN_USE},
-        {u"Taken", {0}, VRKFS_RESULT_DONE},
-    };
-    for (const auto& test : cases) {
-        EXPECT_EQ(Format(test.name, test.disks), test.result);
-    }
-    std::uint64_t returned = 0;
-    EXPECT_EQ(CountIn(List(4, &returned)), 2u);
-}
-
 TEST_F(ControlVolumes, OnlyAFolderOrFileOnAVolumeOfTheCardCanBeMeasured) {
     Stop();
     std::filesystem::remove_all(StationPath());
@@ -127,38 +127,68 @@ TEST_F(ControlVolumes, OnlyAFolderOrFileOnAVolumeOfTheCardCanBeMeasured) {
     }
 }
 
-TEST_F(ControlVolumes, CountsAreOfAllDevicesAndTheLastBlockOfOne) {
-    ASSERT_EQ(Format(u"Vol", {0, 1}), VRKFS_RESULT_DONE);
-    const host::ScopedHandle volume(User(), Open(u"\\RZV\\Vol").handle);
-    ASSERT_TRUE(volume);
-    VrkFsVolumeSpaceInfo info;
-    for (const std::uint32_t alpha : {0u, 7u}) {
-        ASSERT_TRUE(Measure(volume.Get(), 0, alpha, info).status.Ok());
-        EXPECT_EQ(info.FreeBlocks, 2ull * kDataBlocks);
-        EXPECT_EQ(info.TotalBlocks, 2ull * (kLastDataLba + 1));
-        EXPECT_EQ(info.LastBlock, kLastDataLba);
-        EXPECT_EQ(info.FrameEstimate, 0u);
+TEST_F(ControlVolumes, TheLockKeepsEverybodyOutAndKnowsItsOwner) {
+    ASSERT_EQ(Format(u"One", {0}), VRKFS_RESULT_DONE);
+    ASSERT_EQ(Format(u"Two", {1, 2}), VRKFS_RESULT_DONE);
+    const std::vector<std::u16string> all = {u"One", u"Two"};
+    const host::ScopedHandle other(User(), OpenControl().handle);
+    for (const std::uint32_t drop : {0u, 1u, 0x80000000u}) {
+        SCOPED_TRACE(drop);
+        host::ScopedHandle owner(User(), OpenControl().handle);
+        EXPECT_EQ(Unlock(owner.Get()), "STATUS_UNSUCCESSFUL");
+        for (const char16_t* path : {u"\\", u"\\RZV", u"\\RZV\\One"}) {
+            const host::ScopedHandle held(User(), Open(path).handle);
+            EXPECT_EQ(Lock(owner.Get(), drop), "STATUS_ACCESS_DENIED");
+        }
+        ASSERT_EQ(Lock(owner.Get(), drop), "STATUS_SUCCESS");
+        EXPECT_EQ(Lock(owner.Get(), drop), "STATUS_ACCESS_DENIED");
+        EXPECT_EQ(Lock(other.Get(), 0), "STATUS_ACCESS_DENIED");
+        EXPECT_EQ(Unlock(other.Get()), "STATUS_UNSUCCESSFUL");
+        EXPECT_EQ(Names(), drop == 0 ? all : std::vector<std::u16string>{});
+        EXPECT_NE(TryOpen(u"\\RZV\\One"), "STATUS_SUCCESS");
+        Board().ResetCounters();
+        if (drop == 1) {
+            owner.Reset();  // whoever goes without a word leaves no lock behind
+        } else {
+            EXPECT_EQ(Unlock(owner.Get()), "STATUS_SUCCESS");
+        }
+        EXPECT_EQ(Board().Count().Of(board::Operation::kScan) != 0, drop != 0) << "volumes that stayed are not rebuilt";
+        EXPECT_EQ(Names(), all);
+        EXPECT_EQ(TryOpen(u"\\RZV\\Two"), "STATUS_SUCCESS");
+        EXPECT_EQ(Unlock(other.Get()), "STATUS_UNSUCCESSFUL");
     }
-    struct {
-        std::uint32_t video;
-        std::uint32_t alpha;
-        std::uint32_t frames;
-    } const cases[] = {
-        // Fields of V blocks in rows of two, one table block for 64 rows, two blocks for the record.
-        {1000, 0, (kDataBlocks - 2 - 1) / 1000},
-        {100, 0, (kDataBlocks - 2 - 5) / 100},
-        {1000, 200, (kDataBlocks - 2 - 2) / 1200},
-        {200, 1000, (kDataBlocks - 2 - 2) / 1200},
-        {kDataBlocks - 3, 0, 1},
-        {kDataBlocks - 2, 0, 0},
-        {0xFFFFFFFF, 0, 0},
-        {0xFFFFFFFF, 0xFFFFFFFF, 0},
-        {1, 0xFFFFFFFF, 0},
-    };
-    for (const auto& test : cases) {
-        ASSERT_TRUE(Measure(volume.Get(), test.video, test.alpha, info).status.Ok());
-        EXPECT_EQ(info.FrameEstimate, test.frames) << test.video << " " << test.alpha;
-        EXPECT_EQ(info.FreeBlocks, 2ull * kDataBlocks) << "the trials were not given back";
+}
+
+TEST_F(ControlVolumes, ARebuildFindsEveryVolumeOnce) {
+    ASSERT_EQ(Format(u"One", {0}), VRKFS_RESULT_DONE);
+    ASSERT_EQ(Format(u"Two", {1}), VRKFS_RESULT_DONE);
+    for (const std::uint32_t drop : {0u, 1u}) {
+        SCOPED_TRACE(drop);
+        const host::ScopedHandle owner(User(), OpenControl().handle);
+        ASSERT_EQ(Lock(owner.Get(), drop), "STATUS_SUCCESS");
+        EXPECT_EQ(Format(drop == 0 ? u"Three" : u"Four", {2}), VRKFS_RESULT_DONE);
+        EXPECT_EQ(Format(u"Two", {3}), drop == 0 ? VRKFS_FORMAT_NAME_TAKEN : VRKFS_RESULT_DONE);
+        ASSERT_EQ(Unlock(owner.Get()), "STATUS_SUCCESS");
+        std::vector<std::u16string> names = Names();
+        std::sort(names.begin(), names.end());
+        const std::vector<std::u16string> kept = {u"One", u"Three", u"Two"};
+        EXPECT_EQ(names, drop == 0 ? kept : (std::vector<std::u16string>{u"Four", u"One", u"Two", u"Two"}));
+    }
+    // One that fails leaves none twice either: the next one begins from the start.
+    for (std::uint64_t point = 0; point < 12; ++point) {
+        SCOPED_TRACE(testing::Message() << "request " << point);
+        const host::ScopedHandle owner(User(), OpenControl().handle);
+        ASSERT_EQ(Lock(owner.Get(), 1), "STATUS_SUCCESS");
+        board::Misbehaviour rule;
+        rule.skip = point;
+        Board().Misbehave().Add(rule);
+        const bool found = Unlock(owner.Get()) == "STATUS_SUCCESS";
+        Board().Misbehave().Clear();
+        // The lock is given up either way. Nothing half found is left; the next unlock tries again.
+        EXPECT_EQ(Names().size(), found ? 4u : 0u);
+        ASSERT_EQ(Lock(owner.Get(), point % 2), "STATUS_SUCCESS");
+        ASSERT_EQ(Unlock(owner.Get()), "STATUS_SUCCESS");
+        EXPECT_EQ(Names().size(), 4u);
     }
 }
 

@@ -1,6 +1,5 @@
 #include <cstring>
 
-#include "core/file_types.h"
 #include "core/preferences.h"
 #include "core/strings.h"
 #include "tests/driver/core_rig.h"
@@ -14,7 +13,6 @@ class CoreTables : public DriverRig {
     void SetUp() override {
         DriverRig::SetUp();
         Boot();
-        ExInitializeFastMutex(&global_.FileTypesLock);
         global_.RegistryPath = Counted(path_);
     }
     static void SetData(PCWSTR subkey, PCWSTR name, ULONG type, const void* data, ULONG size) {
@@ -50,28 +48,6 @@ TEST_F(CoreTables, MissingPreferencesTakeTheirDefaults) {
         expected.DriveLetter = static_cast<UCHAR>('P' + card);
         EXPECT_EQ(std::memcmp(&prefs, &expected, sizeof(prefs)), 0);
     }
-}
-
-TEST_F(CoreTables, EachCardHasItsOwnKey) {
-    ASSERT_EQ(nt::CreateRegistryKey(path_ + u"\\Parameters9"), STATUS_SUCCESS);
-    Preferences written{};
-    written.MinFrameDigits = 255;
-    written.BaseFrameNumber = 0xFFFFFFFF;
-    written.HCrop = 1;
-    written.VCrop = 2;
-    written.RAMFileMaxSize = 3;
-    written.TotalRAMFiles = 0;
-    written.DriveLetter = 'D';
-    written.ImportProcessingVideo = 5;
-    written.ImportProcessingAlpha = 6;
-    written.Reserved[0] = 7;  // not kept
-    VrkFsGlobSetPreferences(&global_, 9, &written);
-    VrkFsGlobSetPreferences(&global_, 3, &written);  // no such key: ignored
-    written.Reserved[0] = 0;
-    const Preferences read = Read(9);
-    EXPECT_EQ(std::memcmp(&read, &written, sizeof(read)), 0);
-    EXPECT_EQ(Read(0).MinFrameDigits, 4u);
-    EXPECT_EQ(Read(3).DriveLetter, 'S');
 }
 
 TEST_F(CoreTables, ValuesOfTheWrongTypeAreReadAsBytes) {
@@ -115,42 +91,11 @@ TEST_F(CoreTables, ScsiPreferencesAreCompletedInTheRegistry) {
     }
 }
 
-TEST_F(CoreTables, TheFileTypeTableIsNeverOverrun) {
-    FileType rows[33]{};
-    for (ULONG i = 0; i < 33; ++i) {
-        rows[i].TypeCode = i;
-    }
-    EXPECT_EQ(VrkFsGlobAddFileType(&global_, &rows[0]), STATUS_SUCCESS);
-    EXPECT_EQ(VrkFsGlobAddFileTypes(&global_, rows, 32), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(VrkFsGlobAddFileTypes(&global_, rows, 0xFFFFFFFF), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(VrkFsGlobFileTypeCount(&global_), 1u) << "all or none";
-    EXPECT_EQ(VrkFsGlobAddFileTypes(&global_, rows + 1, 31), STATUS_SUCCESS);
-    EXPECT_EQ(VrkFsGlobAddFileType(&global_, &rows[32]), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(VrkFsGlobFileTypeCount(&global_), 32u);
-    EXPECT_EQ(global_.FileTypes[31].TypeCode, 31u);
-    EXPECT_EQ(VrkFsGlobUpdateFileType(&global_, &rows[7], 31), STATUS_SUCCESS);
-    EXPECT_EQ(VrkFsGlobUpdateFileType(&global_, &rows[7], 32), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(global_.FileTypes[31].TypeCode, 7u);
-    VrkFsGlobRemoveFileTypes(&global_);
-    EXPECT_EQ(VrkFsGlobFileTypeCount(&global_), 1u);
-    EXPECT_EQ(global_.FileTypes[0].TypeCode, 0u);
-}
-
 TEST_F(CoreTables, Strings) {
     for (const auto& [value, text] : {std::pair{0u, "0"}, {9u, "9"}, {10u, "10"}, {4294967295u, "4294967295"}}) {
         CHAR buffer[kIntegerStringBytes];
         VrkFsRtlIntegerToString(value, buffer);
         EXPECT_STREQ(buffer, text);
-    }
-    const WCHAR* const name = u"Clip";
-    const struct {
-        PCWSTR first, second;
-        bool equal;
-    } comparisons[] = {{u"Clip", name, true},   {u"clip", name, false},   {u"Cli", name, false},
-                       {u"Clips", name, false}, {u"", u"", true},         {nullptr, name, false},
-                       {name, nullptr, false},  {nullptr, nullptr, false}};
-    for (const auto& c : comparisons) {
-        EXPECT_EQ(VrkFsRtlCompareString(c.first, c.second) != FALSE, c.equal);
     }
     for (const USHORT length : {0, 2, 0xFFFC, 0xFFFE}) {
         std::u16string text(length / 2, u'x');

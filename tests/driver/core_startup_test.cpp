@@ -90,9 +90,7 @@ TEST_F(StartUp, TheDriveLetterIsTheFirstFreeOneFromTheConfiguredOn) {
         char used;  // 0: the card does not start
     } cases[] = {
         {"default", u"", "", 'P'},
-        {"configured", u"R", "", 'R'},
         {"only the first character counts", u"K:", "", 'K'},
-        {"taken", u"P", "PQ", 'R'},
         {"wraps behind Z", u"Z", "ZA", 'B'},
         {"one letter left, just before the configured one", u"P", "ABCDEFGHIJKLMNPQRSTUVWXYZ", 'O'},
         {"none left", u"P", all, 0},
@@ -210,39 +208,6 @@ TEST_F(StartUp, OnlyUsableDisksAreRead) {
     board.OverrideDeviceState(5, 0xFE);
     ASSERT_EQ(Load(), STATUS_SUCCESS);
     EXPECT_EQ(board.Count().Of(Operation::kRead), 2u);  // 0 and 15; never 7
-}
-
-TEST_F(StartUp, EveryFailureOfMemoryIsUndone) {
-    Boot();
-    Plug(0, {1});
-    Plug(1);
-    std::uint64_t points = 0;
-    for (std::uint64_t n = 1;; ++n) {
-        SCOPED_TRACE("failure at allocation " + std::to_string(n));
-        nt::FaultPlan plan;
-        plan.failAt = n;
-        nt::ArmFaults(plan);
-        const NTSTATUS status = Load();
-        const std::uint64_t fired = nt::FaultsFired();
-        nt::DisarmFaults();
-        EXPECT_TRUE(NT_SUCCESS(status) || status == STATUS_INSUFFICIENT_RESOURCES || status == STATUS_UNSUCCESSFUL);
-        Unload();
-        EXPECT_FALSE(CardNamesTaken('0') || CardNamesTaken('1'));
-        if (fired == 0 || HasFatalFailure()) {
-            break;
-        }
-        ++points;
-    }
-    EXPECT_GT(points, 20u);
-}
-
-TEST_F(StartUp, ShutdownIsAnsweredOnceAndNotUnregisteredAgain) {
-    Boot();
-    Plug(0);
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    EXPECT_EQ(ulInitFlags, kInitGlobalAllocated | kInitGlobalInitialized | kInitShutdownRegistered);
-    nt::SendShutdown();
-    EXPECT_EQ(ulInitFlags, kInitGlobalAllocated | kInitGlobalInitialized);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The packets that VrkFsGlobLogEvent writes, and the message table that they are rendered with.
+// The packets that VrkFsGlobLogEvent writes.
 #include "core/event_log.h"
 
 #include <cstring>
@@ -88,19 +88,6 @@ TEST_F(EventLogTest, WhatDoesNotFitAnEntryIsDropped) {
     EXPECT_EQ(VrkFsGlobLogEvent(driver_, kVrkFsEventFile, 0, nullptr, 0, nullptr), STATUS_UNSUCCESSFUL);
     nt::DisarmFaults();
     EXPECT_EQ(Entries().size(), 1u);
-}
-
-TEST(Messages, HaveTheTextsAndSeveritiesOfTheirIds) {
-    EXPECT_STREQ(VrkFsMessageText(0xC0050001), "The following error occured during initialization: %2.");
-    EXPECT_STREQ(VrkFsMessageText(0x80050005), "SCSI %2 failed. ID=%3 LBA=%4 Type=%5 Retries=%6.");
-    EXPECT_STREQ(VrkFsMessageText(0x80050009), VrkFsMessageText(0xC005000A));
-    EXPECT_STREQ(VrkFsMessageText(0x4005000B), "Body table recovered for RZV file.");
-    EXPECT_STREQ(VrkFsMessageSeverity(0xC005000A), "error");
-    EXPECT_STREQ(VrkFsMessageSeverity(0x80050009), "warning");
-    EXPECT_STREQ(VrkFsMessageSeverity(0x4005000B), "information");
-    for (const std::uint32_t unknown : {0u, 0x80050006u, 0xC005000Bu, 0xC005000Cu}) {
-        EXPECT_EQ(VrkFsMessageText(unknown), nullptr) << std::hex << unknown;
-    }
 }
 
 }  // namespace

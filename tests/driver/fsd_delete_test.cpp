@@ -76,26 +76,6 @@ TEST_F(FsdDelete, HappensWhenTheLastHandleOfThePathGoes) {
     ExpectIdle("after the delete");
 }
 
-TEST_F(FsdDelete, IsRefusedForWhatMustStay) {
-    const struct {
-        const char16_t* path;
-        const char* status;
-    } cases[] = {
-        {u"\\", "STATUS_CANNOT_DELETE"},
-        {u"\\RZV", "STATUS_CANNOT_DELETE"},
-        {u"\\RZV\\VolA", "STATUS_CANNOT_DELETE"},
-        {u"\\RZV\\VolA\\Clips", "STATUS_CANNOT_DELETE"},  // it holds a file
-        {u"\\FRM\\VolA\\Clips\\Take1", "STATUS_CANNOT_DELETE"},
-        {u"\\RZV\\VolA\\Clips\\___Port0___", "STATUS_CANNOT_DELETE"},
-        {u"", "STATUS_INVALID_PARAMETER"},
-    };
-    for (const auto& test : cases) {
-        const host::ScopedHandle handle = Hold(test.path, host::access::kDelete);
-        EXPECT_EQ(SetDelete(handle, true), test.status);
-    }
-    ExpectIdle("at the end");
-}
-
 TEST_F(FsdDelete, AFolderThatGotAFileMeanwhileStays) {
     Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
     host::ScopedHandle folder = Hold(u"\\RZV\\VolA\\Empty", host::access::kDelete);
@@ -192,63 +172,6 @@ TEST_F(FsdDelete, NeedsNoMemoryOnceItIsPending) {
     ExpectIdle("at the end");
 }
 
-TEST_F(FsdDelete, ThatCannotBePreparedIsRefused) {
-    const host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWriteDelete);
-    std::uint64_t n = 1;
-    for (;; ++n) {
-        nt::FaultPlan plan;
-        plan.kinds = nt::FaultBit(nt::FaultKind::kPool);
-        plan.failAt = n;
-        plan.driver = pVrkFsGlobalData->DriverObject;
-        nt::ArmFaults(plan);
-        const std::string status = SetDelete(handle, true);
-        const bool fired = nt::FaultsFired() != 0;
-        nt::DisarmFaults();
-        if (!fired) {
-            EXPECT_EQ(status, kOk);
-            break;
-        }
-        if (status != kOk) {
-            EXPECT_EQ(status, "STATUS_INSUFFICIENT_RESOURCES");
-            EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
-            EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take1"), kOk);
-        } else {
-            EXPECT_EQ(SetDelete(handle, false), kOk);
-        }
-    }
-    EXPECT_GT(n, 2u);
-    EXPECT_EQ(SetDelete(handle, false), kOk);
-    EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
-}
-
-TEST_F(FsdDelete, ThatTheDiskRefusesLeavesAnOrdinaryObject) {
-    const std::u16string kFolder = u"\\RZV\\VolA\\Empty";
-    Make(kFolder, host::option::kDirectoryFile);
-    for (const std::u16string& path : {std::u16string(u"\\RZV\\VolA\\Clips\\Take1"), kFolder}) {
-        const ULONGLONG freeBefore = FreeBlocks();
-        host::ScopedHandle port;  // keeps the folder's path in the tree
-        if (path == kFolder) {
-            port = Hold(kFolder + u"\\___Port0___");
-        }
-        host::ScopedHandle handle = Hold(path, kReadWriteDelete);
-        EXPECT_EQ(SetDelete(handle, true), kOk);
-        board::Misbehaviour rule;
-        rule.operation = board::Operation::kWrite;
-        Board().Misbehave().Add(rule);
-        handle.Reset();
-        Board().Misbehave().Clear();
-        EXPECT_EQ(TryOpen(path), kOk);
-        EXPECT_EQ(FreeBlocks(), freeBefore);
-        port.Reset();
-        ExpectIdle("after the refused delete");
-
-        handle = Hold(path, kReadWriteDelete);
-        EXPECT_EQ(SetDelete(handle, true), kOk);
-        handle.Reset();
-        EXPECT_EQ(TryOpen(path), "STATUS_OBJECT_NAME_NOT_FOUND");
-    }
-}
-
 // ---- Cleanup of handles that could write ----
 
 class FsdSettle : public FsdDelete {
@@ -290,15 +213,13 @@ TEST_F(FsdSettle, UnusedSpaceGoesBackWithTheLastHandleOfAnyPath) {
 TEST_F(FsdSettle, SpaceStaysReservedUntilItCanBeGivenBack) {
     const ULONGLONG freeBefore = FreeBlocks();
     host::ScopedHandle writer = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
-    host::ScopedHandle reader = Hold(u"\\RZV\\VolA\\Clips\\Take1");
+    host::ScopedHandle second = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
     Reserve(Find({u"RZV", u"VolA", u"Clips", u"Take1"}), false);
     const DualAllocation between = TakeSome();  // keeps what is given back from merging with free space
     const ULONGLONG reserved = FreeBlocks();
-    writer.Reset();
-    reader.Reset();  // a reader settles nothing
+    second.Reset();  // the record on disk names it now
     EXPECT_EQ(FreeBlocks(), reserved);
 
-    writer = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
     board::Misbehaviour rule;
     rule.operation = board::Operation::kWrite;
     Board().Misbehave().Add(rule);
@@ -306,6 +227,8 @@ TEST_F(FsdSettle, SpaceStaysReservedUntilItCanBeGivenBack) {
     Board().Misbehave().Clear();
     EXPECT_EQ(FreeBlocks(), reserved);
     ExpectIdle("after the refused write");
+    Hold(u"\\RZV\\VolA\\Clips\\Take1").Reset();  // a reader settles nothing
+    EXPECT_EQ(FreeBlocks(), reserved);
 
     writer = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
     ArmNoMemory();
@@ -313,6 +236,12 @@ TEST_F(FsdSettle, SpaceStaysReservedUntilItCanBeGivenBack) {
     nt::DisarmFaults();
     EXPECT_EQ(FreeBlocks(), reserved);
 
+    writer = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
+    host::ScopedHandle reader = Hold(u"\\RZV\\VolA\\Clips\\Take1");
+    writer.Reset();
+    EXPECT_EQ(FreeBlocks(), reserved);
+    reader.Reset();  // not even when it outlives the writer
+    EXPECT_EQ(FreeBlocks(), reserved);
     Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite).Reset();
     GiveBack(between);
     EXPECT_EQ(FreeBlocks(), freeBefore);

@@ -1,5 +1,8 @@
-// File information, volume information, file-system control, flush: lengths, values, refusals.
+// File and volume information: lengths, values, refusals.
+#include <algorithm>
+
 #include "tests/driver/fsd_fixture.h"
+#include "tests/driver/media_rig.h"
 
 namespace tests {
 namespace {
@@ -28,6 +31,7 @@ class FsdInfo : public FsdTest {
         nt::OpenParameters parameters;
         parameters.name = name;
         parameters.desiredAccess = FILE_READ_DATA | FILE_WRITE_DATA | DELETE | SYNCHRONIZE;
+        parameters.options = 0;  // an asynchronous handle's position is the driver's to answer
         nt::Handle handle = 0;
         EXPECT_EQ(trusted_->Open(parameters, &handle), STATUS_SUCCESS);
         return handle;
@@ -69,109 +73,148 @@ class FsdInfo : public FsdTest {
     std::byte buffer_[kBufferBytes]{};
 };
 
-TEST_F(FsdInfo, ClassesCheckTheirLengthFirst) {
-    const nt::Handle file = Trusted(u"\\RZV\\VolA\\Clips\\Take1");
-    const struct {
-        int informationClass;
-        ULONG minimum;
-        NTSTATUS answer;
-        ULONG_PTR returned;
-    } queries[] = {
-        {4, 40, STATUS_SUCCESS, 40},         {5, 24, STATUS_SUCCESS, 24},         {6, 0, STATUS_NOT_IMPLEMENTED, 0},
-        {7, 4, STATUS_NOT_IMPLEMENTED, 0},   {9, 8, STATUS_NOT_IMPLEMENTED, 0},   {18, 104, STATUS_NOT_IMPLEMENTED, 0},
-        {21, 0, STATUS_NOT_IMPLEMENTED, 0},  {22, 0, STATUS_NOT_IMPLEMENTED, 0},  {28, 0, STATUS_NOT_IMPLEMENTED, 0},
-        {34, 56, STATUS_NOT_IMPLEMENTED, 0}, {8, 0, STATUS_INVALID_PARAMETER, 0}, {16, 0, STATUS_INVALID_PARAMETER, 0},
-    };
-    for (const auto& test : queries) {
-        SCOPED_TRACE(test.informationClass);
-        if (test.minimum != 0) {
-            EXPECT_EQ(Query(file, test.informationClass, test.minimum - 1).status, STATUS_BUFFER_TOO_SMALL);
-        }
-        const Answer answer = Query(file, test.informationClass, kBufferBytes);
-        if (test.informationClass == 8 || test.informationClass == 16) {
-            continue;  // the kernel answers these itself
-        }
-        EXPECT_EQ(answer.status, test.answer);
-        EXPECT_EQ(NT_SUCCESS(answer.status) ? answer.information : 0, test.returned);
-    }
-    std::memset(buffer_, 0, sizeof(buffer_));
-    const struct {
-        int informationClass;
-        ULONG minimum;
-        NTSTATUS answer;
-    } sets[] = {
-        {4, 40, STATUS_SUCCESS},
-        {13, 1, STATUS_SUCCESS},
-        {19, 8, STATUS_NOT_IMPLEMENTED},
-        {20, 8, STATUS_NOT_IMPLEMENTED},
-    };
-    for (const auto& test : sets) {
-        SCOPED_TRACE(test.informationClass);
-        EXPECT_EQ(Set(file, test.informationClass, test.minimum - 1), STATUS_BUFFER_TOO_SMALL);
-        EXPECT_EQ(Set(file, test.informationClass, test.minimum), test.answer);
-    }
-}
+// One of everything that a handle can stand for. PIC shows clips as folders of frames of 1000 bytes.
+struct Kind {
+    const char16_t* path;
+    NTSTATUS deletable;
+};
+const Kind kKinds[] = {
+    {u"\\", STATUS_CANNOT_DELETE},
+    {u"\\RZV", STATUS_CANNOT_DELETE},
+    {u"\\RZV\\VolA", STATUS_CANNOT_DELETE},
+    {u"\\RZV\\VolA\\Clips", STATUS_CANNOT_DELETE},
+    {u"\\RZV\\VolA\\Empty", STATUS_SUCCESS},
+    {u"\\PIC\\VolA\\Empty", STATUS_CANNOT_DELETE},
+    {u"\\RZV\\VolA\\Clips\\Take1", STATUS_SUCCESS},
+    {u"\\RZV\\VolA\\Clips\\Shot.RZV", STATUS_SUCCESS},
+    {u"\\PIC\\VolA\\Clips\\Shot.RZV", STATUS_CANNOT_DELETE},
+    {u"\\PIC\\VolA\\Clips\\Shot.RZV\\Shot0002.PIC", STATUS_SUCCESS},
+    {u"\\PIC\\VolA\\Clips\\Shot.RZV\\notes", STATUS_SUCCESS},
+    {u"\\RZV\\VolA\\Clips\\___Port0___", STATUS_CANNOT_DELETE},
+    {u"\\PIC\\VolA\\Clips\\Shot.RZV\\___Port0___", STATUS_CANNOT_DELETE},
+};
 
-TEST_F(FsdInfo, SaysWhatAnObjectIs) {
-    const struct {
-        const char16_t* path;
-        LONGLONG size;
-        bool folder;
-    } cases[] = {
-        {u"\\", 0, true},
-        {u"\\RZV", 0, true},
-        {u"\\RZV\\VolA", 0, true},
-        {u"\\RZV\\VolA\\Clips", 0, true},
-        {u"\\RZV\\VolA\\Clips\\Take1", 0, false},
-        {u"\\FRM\\VolA\\Clips\\Take1", 0, true},
-        {u"\\RZV\\VolA\\Clips\\___Port0___", 2048, false},
-    };
-    for (const auto& test : cases) {
-        const nt::Handle handle = Trusted(test.path);
-        ASSERT_EQ(Query(handle, FileStandardInformation, 24).status, STATUS_SUCCESS);
-        const auto standard = As<FILE_STANDARD_INFORMATION>();
-        EXPECT_EQ(standard.EndOfFile.QuadPart, test.size);
-        EXPECT_EQ(standard.AllocationSize.QuadPart, test.size);
-        EXPECT_EQ(standard.NumberOfLinks, 1u);
-        EXPECT_EQ(standard.Directory, test.folder);
-        EXPECT_EQ(standard.DeletePending, 0);
-        ASSERT_EQ(Query(handle, FileBasicInformation, 40).status, STATUS_SUCCESS);
-        const auto basic = As<FILE_BASIC_INFORMATION>();
-        EXPECT_EQ(basic.FileAttributes, test.folder ? 0x90u : 0x80u);
-        EXPECT_EQ(basic.CreationTime.QuadPart, test.folder ? basic.LastWriteTime.QuadPart : 0);
-        EXPECT_NE(basic.LastWriteTime.QuadPart, 0);
-        EXPECT_EQ(basic.LastAccessTime.QuadPart | basic.ChangeTime.QuadPart, 0);
+class FsdInfoKinds : public FsdInfo {
+  protected:
+    void SetUp() override {
+        FsdInfo::SetUp();
+        {
+            nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
+            FileType row{};
+            row.TypeCode = 9;
+            row.AccessMode = 2;
+            row.FrameSize = 1000;
+            std::memcpy(row.Extension, u"PIC", sizeof(row.Extension));
+            ASSERT_EQ(VrkFsGlobAddFileType(pVrkFsGlobalData, &row), STATUS_SUCCESS);
+        }
+        Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
+        Make(u"\\RZV\\VolA\\Clips\\Shot.RZV");
+        ClipSpec clip;
+        clip.videoSdti = 0;
+        clip.videoFields = {1, 2, 3, 4, 5, 6};
+        const Bytes image = BuildImage(clip, true);
+        ASSERT_TRUE(User().Write(Hold(u"\\RZV\\VolA\\Clips\\Shot.RZV", kReadWrite).Get(), image, 0).status.Ok());
+        const host::ScopedHandle notes(
+            User(), Open(u"\\PIC\\VolA\\Clips\\Shot.RZV\\notes", host::Disposition::kCreate, kReadWrite).handle);
+        ASSERT_TRUE(User().Write(notes.Get(), Bytes(10), 0).status.Ok());
+    }
+};
+
+TEST_F(FsdInfoKinds, EveryQueryOnEveryKindOfHandle) {
+    for (const Kind& kind : kKinds) {
+        const std::u16string path = kind.path;
+        const ULONG_PTR name = 4 + path.size() * 2 + 2;
+        const struct {
+            int informationClass;
+            ULONG minimum;
+            NTSTATUS status;
+            ULONG_PTR atMinimum;
+            ULONG_PTR returned;
+        } queries[] = {
+            {FileBasicInformation, 40, STATUS_SUCCESS, 40, 40},
+            {FileStandardInformation, 24, STATUS_SUCCESS, 24, 24},
+            {FileInternalInformation, 0, STATUS_NOT_IMPLEMENTED, 0, 0},
+            {FileEaInformation, 4, STATUS_SUCCESS, 4, 4},
+            {FileNameInformation, 8, STATUS_SUCCESS, std::min<ULONG_PTR>(8, name), name},
+            {FilePositionInformation, 8, STATUS_SUCCESS, 8, 8},
+            {FileAllInformation, 104, STATUS_SUCCESS, 96 + std::min<ULONG_PTR>(8, name), 96 + name},
+            {FileAlternateNameInformation, 0, STATUS_NOT_IMPLEMENTED, 0, 0},
+            {FileStreamInformation, 0, STATUS_NOT_IMPLEMENTED, 0, 0},
+            {FileCompressionInformation, 0, STATUS_NOT_IMPLEMENTED, 0, 0},
+            {FileNetworkOpenInformation, 56, STATUS_SUCCESS, 56, 56},
+            {FileRenameInformation, 0, STATUS_INVALID_PARAMETER, 0, 0},
+            {FileAttributeTagInformation, 0, STATUS_INVALID_PARAMETER, 0, 0},
+        };
+        const nt::Handle handle = Trusted(path);
+        for (const auto& test : queries) {
+            SCOPED_TRACE(std::string(path.begin(), path.end()) + " " + std::to_string(test.informationClass));
+            if (test.minimum != 0) {
+                const Answer shorter = Query(handle, test.informationClass, test.minimum - 1);
+                EXPECT_EQ(shorter.status, STATUS_BUFFER_TOO_SMALL);
+                EXPECT_EQ(shorter.information, 0u);
+            }
+            for (const ULONG length : {test.minimum, ULONG{kBufferBytes}}) {
+                const Answer answer = Query(handle, test.informationClass, length);
+                EXPECT_EQ(answer.status, test.status);
+                EXPECT_EQ(answer.information, length == kBufferBytes ? test.returned : test.atMinimum);
+                for (std::size_t at = answer.information; at < kBufferBytes; ++at) {
+                    ASSERT_EQ(buffer_[at], std::byte{0xEE}) << "written behind what was asked for";
+                }
+            }
+        }
         EXPECT_EQ(trusted_->Close(handle), STATUS_SUCCESS);
     }
-    const nt::Handle volume = Trusted(u"");
-    EXPECT_EQ(Query(volume, FileStandardInformation, 24).status, STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Set(volume, FileDispositionInformation, 1), STATUS_INVALID_PARAMETER);
 }
 
-TEST_F(FsdInfo, AWriteTimeThatIsSetReachesTheDisk) {
+TEST_F(FsdInfoKinds, EverySetOnEveryKindOfHandle) {
     constexpr LONGLONG kTime = 132'000'000'000'000'000;
-    const nt::Handle file = Trusted(u"\\RZV\\VolA\\Clips\\Take1");
-    FILE_BASIC_INFORMATION basic{};
-    basic.LastWriteTime.QuadPart = kTime;
-    basic.CreationTime.QuadPart = 1;
-    basic.FileAttributes = FILE_ATTRIBUTE_READONLY;
-    std::memcpy(buffer_, &basic, sizeof(basic));
-    EXPECT_EQ(Set(file, FileBasicInformation, sizeof(basic)), STATUS_SUCCESS);
-    EXPECT_EQ(trusted_->Close(file), STATUS_SUCCESS);
-    trusted_.reset();
-    RestartWithTypes();
-    trusted_ = std::make_unique<nt::Process>("trusted", KernelMode);
-    ASSERT_EQ(Query(Trusted(u"\\RZV\\VolA\\Clips\\Take1"), FileBasicInformation, 40).status, STATUS_SUCCESS);
-    EXPECT_EQ(As<FILE_BASIC_INFORMATION>().LastWriteTime.QuadPart, kTime);
-    EXPECT_EQ(As<FILE_BASIC_INFORMATION>().FileAttributes, 0x80u);
-}
-
-TEST_F(FsdInfo, ThePendingDeleteIsTold) {
-    const nt::Handle file = Trusted(u"\\RZV\\VolA\\Clips\\Take1");
-    buffer_[0] = std::byte{1};
-    ASSERT_EQ(Set(file, FileDispositionInformation, 1), STATUS_SUCCESS);
-    ASSERT_EQ(Query(file, FileStandardInformation, 24).status, STATUS_SUCCESS);
-    EXPECT_EQ(As<FILE_STANDARD_INFORMATION>().DeletePending, 4);
+    for (const Kind& kind : kKinds) {
+        const std::u16string path = kind.path;
+        const bool ram = path.ends_with(u"notes");
+        const nt::Handle handle = Trusted(path);
+        const struct {
+            int informationClass;
+            ULONG minimum;
+            NTSTATUS status;
+        } sets[] = {
+            {FileBasicInformation, 40, STATUS_SUCCESS},
+            {FileDispositionInformation, 1, kind.deletable},
+            {FilePositionInformation, 8, STATUS_SUCCESS},
+            {FileAllocationInformation, 8, STATUS_SUCCESS},
+            {FileEndOfFileInformation, 8, STATUS_SUCCESS},
+            {FileStandardInformation, 0, STATUS_INVALID_PARAMETER},
+            {FileAlignmentInformation, 0, STATUS_INVALID_PARAMETER},
+        };
+        ASSERT_EQ(Query(handle, FileStandardInformation, 24).status, STATUS_SUCCESS);
+        const LONGLONG size = As<FILE_STANDARD_INFORMATION>().EndOfFile.QuadPart;
+        ASSERT_EQ(Query(handle, FileBasicInformation, 40).status, STATUS_SUCCESS);
+        const LONGLONG before = As<FILE_BASIC_INFORMATION>().LastWriteTime.QuadPart;
+        for (const auto& test : sets) {
+            SCOPED_TRACE(std::string(path.begin(), path.end()) + " " + std::to_string(test.informationClass));
+            FILE_BASIC_INFORMATION basic{};
+            basic.LastAccessTime.QuadPart = kTime;
+            std::memset(buffer_, 0, sizeof(buffer_));
+            std::memcpy(buffer_, &basic, sizeof(basic));
+            if (test.minimum != 0) {
+                EXPECT_EQ(Set(handle, test.informationClass, test.minimum - 1), STATUS_BUFFER_TOO_SMALL);
+            }
+            EXPECT_EQ(Set(handle, test.informationClass, std::max<ULONG>(test.minimum, 1)), test.status);
+        }
+        // A time of 0 changes nothing; another one is taken by what has a time of its own.
+        ASSERT_EQ(Query(handle, FileBasicInformation, 40).status, STATUS_SUCCESS);
+        auto basic = As<FILE_BASIC_INFORMATION>();
+        EXPECT_EQ(basic.LastWriteTime.QuadPart, before);
+        basic.LastWriteTime.QuadPart = kTime;
+        std::memcpy(buffer_, &basic, sizeof(basic));
+        ASSERT_EQ(Set(handle, FileBasicInformation, 40), STATUS_SUCCESS);
+        ASSERT_EQ(Query(handle, FileBasicInformation, 40).status, STATUS_SUCCESS);
+        const bool takes = ram || (path.starts_with(u"\\RZV\\VolA\\Clips\\") && !path.ends_with(u"___"));
+        EXPECT_EQ(As<FILE_BASIC_INFORMATION>().LastWriteTime.QuadPart, takes ? kTime : before);
+        // Only a RAM file has a size that can be set: it was set to 0 above.
+        ASSERT_EQ(Query(handle, FileStandardInformation, 24).status, STATUS_SUCCESS);
+        EXPECT_EQ(As<FILE_STANDARD_INFORMATION>().EndOfFile.QuadPart, ram ? 0 : size);
+        EXPECT_EQ(trusted_->Close(handle), STATUS_SUCCESS);
+    }
 }
 
 TEST_F(FsdInfo, TheVolumeTellsItsLabelSpaceAndKind) {
@@ -219,47 +262,6 @@ TEST_F(FsdInfo, ALabelIsKeptOnlyIfItFits) {
     EXPECT_EQ(std::memcmp(buffer_ + 18, u"Studio", 12), 0);
     EXPECT_EQ(SetLabel(handle, 64, std::u16string(32, u'y'), 100), STATUS_SUCCESS);
     EXPECT_EQ(QueryVolume(handle, 1, 100).information, 82u);
-}
-
-TEST_F(FsdInfo, FileSystemControlsAreAcceptedOrRefusedWithoutEffect) {
-    const host::ScopedHandle volume = Hold(u"");
-    const struct {
-        ULONG code;
-        const char* status;
-    } cases[] = {
-        {FSCTL_IS_VOLUME_MOUNTED, "STATUS_SUCCESS"},
-        {FSCTL_REQUEST_OPLOCK_LEVEL_1, "STATUS_SUCCESS"},
-        {FSCTL_OPLOCK_BREAK_ACK_NO_2, "STATUS_SUCCESS"},
-        {FSCTL_LOCK_VOLUME, "STATUS_INVALID_DEVICE_REQUEST"},
-        {FSCTL_UNLOCK_VOLUME, "STATUS_INVALID_DEVICE_REQUEST"},
-        {FSCTL_DISMOUNT_VOLUME, "STATUS_INVALID_DEVICE_REQUEST"},
-    };
-    for (const auto& test : cases) {
-        EXPECT_EQ(host::StatusName(User().FileSystemControl(volume.Get(), test.code, {}, {}).status), test.status);
-    }
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA"), "STATUS_SUCCESS");
-}
-
-TEST_F(FsdInfo, FlushSucceedsOnEveryHandle) {
-    for (const char16_t* path : {u"", u"\\", u"\\RZV\\VolA\\Clips", u"\\RZV\\VolA\\Clips\\Take1"}) {
-        const host::ScopedHandle handle = Hold(path, kReadWrite);
-        EXPECT_TRUE(User().Flush(handle.Get()).Ok());
-    }
-    const host::ScopedHandle control(User(), OpenControl().handle);
-    EXPECT_TRUE(User().Flush(control.Get()).Ok());
-}
-
-TEST_F(FsdInfo, TheControlDeviceRefusesWhatItDoesNotServe) {
-    const host::ScopedHandle control(User(), OpenControl().handle);
-    std::byte data[104];
-    const char* refused = "STATUS_INVALID_DEVICE_REQUEST";
-    EXPECT_EQ(host::StatusName(User().Read(control.Get(), data, 0).status), refused);
-    EXPECT_EQ(host::StatusName(User().Write(control.Get(), data, 0).status), refused);
-    EXPECT_EQ(host::StatusName(User().QueryInformation(control.Get(), 5, std::span(data, 24)).status), refused);
-    EXPECT_EQ(host::StatusName(User().QueryVolumeInformation(control.Get(), 3, data).status), refused);
-    EXPECT_EQ(host::StatusName(User().FileSystemControl(control.Get(), FSCTL_IS_VOLUME_MOUNTED, {}, {}).status),
-              refused);
-    EXPECT_EQ(host::StatusName(User().QueryDirectory(control.Get(), {}, data).status), refused);
 }
 
 }  // namespace

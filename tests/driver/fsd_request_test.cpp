@@ -108,27 +108,6 @@ TEST_F(FsdRequest, ParametersThatNoProgramCanSendAreRefused) {
     ExpectIdle("at the end");
 }
 
-TEST_F(FsdRequest, MountsAndTransfersByDescriptorListAreNotServed) {
-    CraftedOpen open(Disk(), u"\\RZV\\VolA\\Clips\\Take1");
-    ASSERT_EQ(open.Create(), STATUS_SUCCESS);
-    const struct {
-        UCHAR major;
-        UCHAR minor;
-        NTSTATUS status;
-    } cases[] = {
-        {IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MN_MOUNT_VOLUME, STATUS_UNRECOGNIZED_VOLUME},
-        {IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MN_LOAD_FILE_SYSTEM, STATUS_INVALID_DEVICE_REQUEST},
-        {IRP_MJ_WRITE, IRP_MN_MDL, STATUS_INSUFFICIENT_RESOURCES},
-    };
-    for (const auto& test : cases) {
-        const NTSTATUS status = open.Send(test.major, [&](PIO_STACK_LOCATION stack) {
-            stack->MinorFunction = test.minor;
-            stack->Parameters.Write.Length = 512;
-        });
-        EXPECT_EQ(status, test.status);
-    }
-}
-
 TEST_F(FsdRequest, AWriteThatComesAfterItsHandlesCleanupIsRefused) {
     CraftedOpen open(Disk(), u"\\RZV\\VolA\\Clips\\Take1");
     ASSERT_EQ(open.Create(), STATUS_SUCCESS);
@@ -239,21 +218,6 @@ TEST_F(FsdRequest, ATargetFolderIsOpenedUnderTheNameThatItIsToHold) {
     CraftedOpen open(Disk(), u"");
     open.File()->RelatedFileObject = root.File();
     EXPECT_EQ(open.Create(FILE_OPEN, 0, SL_OPEN_TARGET_DIRECTORY), STATUS_INVALID_PARAMETER);
-}
-
-TEST_F(FsdRequest, ClosingTheHandleThatHoldsTheFileSystemLockGivesItBack) {
-    CraftedOpen holder(Card()->ControlDevice, u"");
-    CraftedOpen other(Card()->ControlDevice, u"");
-    ASSERT_EQ(holder.Create(), STATUS_SUCCESS);
-    ASSERT_EQ(other.Create(), STATUS_SUCCESS);
-    ASSERT_EQ(Locked([&] { return VrkFsVCBLockVolume(Vcb(), holder.File()); }), STATUS_SUCCESS);
-    ASSERT_EQ(Locked([] { return VrkFsHwFlushVolumeCache(&Card()->Hw, Vcb()); }), STATUS_SUCCESS);
-    EXPECT_TRUE(IsListEmpty(&Card()->Hw.Volumes));
-    other.Close();
-    EXPECT_EQ(TryOpen(u"\\RZV"), "STATUS_ACCESS_DENIED");
-    holder.Close();
-    EXPECT_FALSE(VrkFsVCBIsVolumeCacheFlushed(Vcb()));
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take1"), "STATUS_SUCCESS");
 }
 
 }  // namespace

@@ -1,18 +1,15 @@
-// Shared body tables: when they are written back, who is dropped from the cache, and that a table never reaches blocks
+// Shared body tables: who is dropped from the cache, and that a table never reaches blocks
 // that are no longer its file's. Objects are made by hand here, with real sections.
 
 #include "core/guards.h"
 #include "core/strings.h"
-#include "fsd/ccb.h"
 #include "media/body_table_cache.h"
-#include "media/handle_context.h"
+#include "media/body_table_object.h"
 #include "nt/kernel.h"
 #include "tests/driver/media_rig.h"
 
 namespace tests {
 namespace {
-
-constexpr LONGLONG kSecond = 10000000;
 
 class MediaBodyTables : public MediaTest {
   protected:
@@ -35,6 +32,7 @@ class MediaBodyTables : public MediaTest {
         *object = {};
         const UNICODE_STRING counted = Counted(name);
         EXPECT_EQ(VrkFsRtlCopyUnicodeString(&object->Name, &counted), STATUS_SUCCESS);
+        object->References = 1;
         object->CardInstance = Card();
         object->Volume = Volume();
         object->Frames = clip_.frames;
@@ -71,15 +69,6 @@ class MediaBodyTables : public MediaTest {
         std::memcpy(&first, table.data(), 2);
         return first;
     }
-    // Lets the clock run in small steps, the flush thread keeping up.
-    void Pass(int seconds) {
-        for (int i = 0; i < seconds; ++i) {
-            ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
-            nt::ClockAdvance(kSecond);
-        }
-        ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
-    }
-
     ClipSpec clip_;
     FileEntry entry_{};
 
@@ -99,44 +88,6 @@ class MediaBodyTables : public MediaTest {
         object->Flags |= kBodyTableVideoSection | kBodyTableVideoView;
     }
 };
-
-TEST_F(MediaBodyTables, TheThreadWritesWhatIsDue) {
-    BodyTableObject* object = Attach(u"\\RZV\\VOL\\F\\a.RZV");
-    Scribble(object, 77);
-    Pass(14);
-    EXPECT_NE(OnDisk(), 77) << "nobody wrote through a write reference";
-    {
-        MutexGuard lock(&Cache()->Mutex);
-        object->WriteReferences = 1;
-        object->Flags |= kBodyTableWritten;
-        object->FlushDeadline = nt::ClockNow() + kBodyTableFlushDelay;
-    }
-    Pass(9);
-    EXPECT_NE(OnDisk(), 77);
-    Pass(4);
-    EXPECT_EQ(OnDisk(), 77);
-    // And again for as long as the reference lasts; not while it is held off.
-    VrkFsBTRequestFlushSuspend(Cache());
-    VrkFsBTRequestFlushSuspend(Cache());
-    Scribble(object, 78);
-    Pass(14);
-    EXPECT_EQ(OnDisk(), 77);
-    const std::u16string otherName = u"\\RZV\\VOL\\F\\b.RZV";
-    const UNICODE_STRING other = Counted(otherName);
-    VrkFsBTFlushObjectByName(Cache(), &other);
-    EXPECT_EQ(OnDisk(), 77);
-    const std::u16string lowerName = u"\\rzv\\vol\\f\\A.rzv";
-    const UNICODE_STRING name = Counted(lowerName);
-    VrkFsBTFlushObjectByName(Cache(), &name);
-    EXPECT_EQ(OnDisk(), 78) << "a flush by name does not wait";
-    Scribble(object, 79);
-    VrkFsBTRequestFlushResume(Cache(), 5);
-    EXPECT_EQ(Cache()->SuspendCount, 0u);
-    Pass(14);
-    EXPECT_EQ(OnDisk(), 79);
-    VrkFsBTDereferenceObject(Cache(), object);
-    EXPECT_EQ(Cache()->UnreferencedCount, 1u);
-}
 
 TEST_F(MediaBodyTables, TheOldestOfThirtyThreeGoesAndIsWrittenBack) {
     BodyTableObject* oldest = Attach(u"\\RZV\\VOL\\F\\0");
@@ -191,31 +142,6 @@ TEST_F(MediaBodyTables, AReadSeesWhatApplicationsWroteToTheTable) {
     EXPECT_EQ(halves[14], 7);
     EXPECT_EQ(halves[15], 1);
     VrkFsBTDereferenceObject(Cache(), object);
-}
-
-TEST_F(MediaBodyTables, AControlHandleGivesItsSuspensionsBack) {
-    FILE_OBJECT fileObject{};
-    const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
-    ASSERT_EQ(VrkFsHCAllocateContext(&fileObject), STATUS_SUCCESS);
-    HandleContext* context = VrkFsHCGetContext(&fileObject);
-    for (int i = 0; i < 3; ++i) {
-        VrkFsHCBodyTableFlushSuspend(context);
-        VrkFsBTRequestFlushSuspend(Cache());
-    }
-    VrkFsBTRequestFlushSuspend(Cache());  // another handle's
-    VrkFsHCBodyTableFlushResume(context);
-    VrkFsBTRequestFlushResume(Cache(), 1);
-    VrkFsHCBodyTableFlushSync(context, Cache());
-    EXPECT_EQ(Cache()->SuspendCount, 1u);
-    VrkFsHCBodyTableFlushResume(context);  // none left to give
-    VrkFsHCBodyTableFlushSync(context, Cache());
-    EXPECT_EQ(Cache()->SuspendCount, 1u);
-    context->Signature = kCcbType;  // not ours: left alone
-    EXPECT_EQ(VrkFsHCGetContext(&fileObject), nullptr);
-    context->Signature = kHandleContextSignature;
-    VrkFsHCFreeContext(&fileObject);
-    EXPECT_EQ(fileObject.FsContext2, nullptr);
-    VrkFsHCFreeContext(&fileObject);
 }
 
 }  // namespace

@@ -2,10 +2,8 @@
 // the same file can be written properly afterwards. A clip that is written again survives whatever happens to the new
 // one.
 #include <algorithm>
-#include <functional>
 
 #include "media/media_file.h"
-#include "nt/kernel.h"
 #include "tests/driver/media_rig.h"
 
 namespace tests {
@@ -56,13 +54,11 @@ TEST_F(MediaHostile, ImagesThatContradictThemselvesAreRefused) {
         std::size_t size;
     } const cases[] = {
         {"magic", false, 0, 0x31565A52, 4},
-        {"chunk count 0", false, 8, 0, 4},
         {"chunk count 5", false, 8, 5, 4},
         {"chunk count 7 without alpha", false, 8, 7, 4},
         {"chunk count 4 with alpha", true, 8, 4, 4},
         {"chunk count beyond all", false, 8, 0xFFFFFFFF, 4},
         {"header of 0 bytes", false, 12, 0, 4},
-        {"header of 16 bytes", false, 12, 16, 4},
         {"header without a table", false, 12, 344, 4},
         {"header one short", false, 12, 344 + 511, 4},
         {"header one block long", false, 12, 344 + 1024, 4},
@@ -78,15 +74,12 @@ TEST_F(MediaHostile, ImagesThatContradictThemselvesAreRefused) {
         {"rate 30 without its flag", false, 324, 0, 4},
         {"frames that the table does not hold", false, 320, 65, 4},
         {"frames whose entries wrap", false, 320, 0x20000003, 4},
-        {"frames beyond all", false, 320, 0xFFFFFFFF, 4},
-        {"table chunk size 0", false, 328, 0, 8},
         {"table chunk size 15", false, 328, 15, 8},
         {"table chunk size, high half", false, 332, 1, 4},
         {"table chunk beyond the header", false, 328, 1024 + 16, 8},
         {"table chunk size wraps", false, 328, ~std::uint64_t{0}, 8},
         {"table chunk type", false, 336, 3, 4},
         {"field of 65536 sectors", false, 344, 0x80008000, 4},
-        {"field of 131070 sectors", false, 344 + 8, 0xFFFFFFFF, 4},
         {"alpha parameters not marked", true, 364, 4, 4},
         {"alpha parameters stream", true, 340, 0, 4},
         {"alpha frame count", true, 360, 2, 4},
@@ -318,45 +311,6 @@ TEST_F(MediaHostile, PowerGoesWhileAClipIsWrittenAgain) {
     }
     EXPECT_GE(sawOld, 2u);
     EXPECT_GE(sawNew, 2u);
-}
-
-TEST_F(MediaHostile, NoMemoryAtAnyPointOfACommit) {
-    StartVolume(2);
-    std::mt19937 random(19);
-    const ClipSpec old = RandomClip(random, 4, true, false, 2, 4);
-    const ClipSpec fresh = RandomClip(random, 6, true, false, 2, 4);
-    PutClip(u"a.RZV", old);
-    const Bytes image = BuildImage(fresh, true);
-    std::uint64_t fired = 1;
-    std::uint64_t refused = 0;
-    for (std::uint64_t point = 1; fired != 0 && point < 200; ++point) {
-        SCOPED_TRACE(point);
-        bool written = false;
-        {
-            const host::ScopedHandle handle = OpenClip(u"a.RZV");
-            const State before = StateOf(handle, u"a.RZV");
-            nt::FaultPlan plan;
-            plan.failAt = point;
-            nt::ArmFaults(plan);
-            const host::IoResult result = WriteAt(handle, image, 0, HeaderBytes(fresh));
-            fired = nt::FaultsFired();
-            nt::DisarmFaults();
-            written = result.status.Ok();
-            if (!written) {
-                EXPECT_EQ(host::StatusName(result.status), "STATUS_INSUFFICIENT_RESOURCES");
-                ExpectSame(before, StateOf(handle, u"a.RZV"));
-                EXPECT_TRUE(ReadRange(handle, 0, BuildImage(old, false).size()) == BuildImage(old, false));
-                ++refused;
-            }
-        }
-        if (written) {  // for the next round
-            const host::ScopedHandle handle = OpenClip(u"a.RZV");
-            const Bytes again = BuildImage(old, true);
-            ASSERT_TRUE(WriteAt(handle, again, 0, again.size()).status.Ok());
-        }
-    }
-    EXPECT_EQ(fired, 0u) << "every point was run";
-    EXPECT_GE(refused, 2u);
 }
 
 }  // namespace

@@ -1,10 +1,7 @@
 // Listings at every level, how they are packed into the caller's buffer, frames and RAM files of a clip shown as a
-// folder, and what watchers hear.
+// folder.
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "core/device_ext.h"
 #include "core/file_types.h"
@@ -274,48 +271,6 @@ TEST_F(MediaListing, PatternsStayWithTheHandle) {
             EXPECT_EQ(again.status, host::status::kNoMoreFiles);
         }
     }
-}
-
-TEST_F(MediaListing, WatchersHearOfWhatHappensInTheirFolder) {
-    const auto watch = [&](const std::u16string& path, bool tree, std::atomic<int>& told, host::Status& status) {
-        host::OpenRequest request;
-        request.path = u"P:" + path;
-        request.overlapped = true;
-        const host::OpenResult opened = User().Create(request);
-        EXPECT_TRUE(opened.status.Ok());
-        const host::Status asked = User().NotifyChangeDirectory(
-            opened.handle, 3, tree, {},
-            [&](host::IoResult result) {
-                status = result.status;
-                ++told;
-            },
-            nullptr);
-        EXPECT_EQ(host::StatusName(asked), "STATUS_PENDING");
-        return host::ScopedHandle(User(), opened.handle);
-    };
-    std::atomic<int> here = 0, above = 0, beside = 0;
-    host::Status hereStatus, aboveStatus, besideStatus;
-    {
-        const host::ScopedHandle folder = watch(u"\\RZV\\VOL\\F", false, here, hereStatus);
-        const host::ScopedHandle root = watch(u"\\", true, above, aboveStatus);
-        const host::ScopedHandle volume = watch(u"\\RZV\\VOL", false, beside, besideStatus);
-        // A worker registers the watchers, in its own time.
-        for (int i = 0; (here == 0 || above == 0) && i < 1000; ++i) {
-            const std::u16string name = u"new" + std::u16string(1, static_cast<char16_t>(u'A' + i));
-            EXPECT_TRUE(OpenClip(name, host::Disposition::kCreate));
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        EXPECT_EQ(here, 1);
-        EXPECT_EQ(above, 1);
-        EXPECT_EQ(beside, 0) << "a file in the folder is no change of the volume's list of folders";
-    }
-    EXPECT_EQ(beside, 1);
-    EXPECT_EQ(hereStatus, (host::Status{0x0000010C}));
-    EXPECT_EQ(besideStatus, (host::Status{0x0000010B}));
-    const host::ScopedHandle file = OpenClip(u"newA");
-    EXPECT_EQ(User().NotifyChangeDirectory(
-                  file.Get(), 3, false, {}, [](host::IoResult) {}, nullptr),
-              host::status::kInvalidParameter);
 }
 
 }  // namespace

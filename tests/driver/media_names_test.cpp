@@ -1,4 +1,4 @@
-// What frame files are called and how large they are, and which video parameters a media file may have.
+// What frame files are called, and which video parameters a media file may have.
 #include <gtest/gtest.h>
 #include <vrkfs/media.h>
 
@@ -32,12 +32,6 @@ class MediaNames : public testing::Test {
         FileType& type = global_.FileTypes[row];
         std::memcpy(type.Extension, extension, 6);
         type.Dot = dot;
-        type.FrameSize = 16;
-        type.FrameSizeWithAlpha = 20;
-        type.FrameSizeSdti1 = 28;
-        type.FrameSizeSdti1WithAlpha = 32;
-        type.FrameSizeSdti12 = 36;
-        type.FrameSizeSdti12WithAlpha = 40;
     }
     static std::u16string Name(const std::u16string& base, ULONG type, ULONG frames, ULONG index, ULONG first,
                                ULONG digits) {
@@ -126,38 +120,6 @@ TEST_F(MediaNames, LookingANameUpFindsWhatBuildingEveryNameFinds) {
         found += got;
     }
     EXPECT_GT(found, 100u);
-}
-
-TEST_F(MediaNames, FrameFileSizeFollowsTheStreamsFormats) {
-    constexpr ULONG kAlpha = kFileHasAlpha;
-    constexpr ULONG kVideoSet = kFileVideoFormatSet;
-    constexpr ULONG kAlphaSet = kFileAlphaFormatSet;
-    struct {
-        ULONG flags, video, alpha;
-        ULONGLONG size;
-    } const cases[] = {
-        {0, 5, 0, 16},
-        {kVideoSet, 0, 0, 16},
-        {kVideoSet, 1, 0, 28},
-        {kVideoSet, 11, 0, 28},
-        {kVideoSet, 12, 0, 36},
-        {kVideoSet, 13, 0, 36},
-        {kVideoSet, 14, 0, 16},
-        {kAlpha, 3, 3, 20},
-        {kAlpha | kVideoSet, 3, 3, 20},
-        {kAlpha | kVideoSet | kAlphaSet, 3, 3, 32},
-        {kAlpha | kVideoSet | kAlphaSet, 3, 4, 20},
-        {kAlpha | kVideoSet | kAlphaSet, 0, 0, 20},
-        {kAlpha | kVideoSet | kAlphaSet, 13, 13, 40},
-        {kAlpha | kVideoSet | kAlphaSet, 14, 14, 20},
-    };
-    for (const auto& test : cases) {
-        FileEntry entry{};
-        entry.Flags = test.flags;
-        entry.VideoFormat = test.video;
-        entry.AlphaFormat = test.alpha;
-        EXPECT_EQ(VrkFsGetFrameFileSize(1, &entry), test.size) << "case " << &test - cases;
-    }
 }
 
 TEST(MediaParameters, EachFieldIsChecked) {

@@ -156,28 +156,5 @@ TEST_F(MediaRam, NamesOrderAndLimit) {
     EXPECT_EQ(set_.Count, 3u);
 }
 
-TEST_F(MediaRam, WithoutMemoryTheFileStaysAsItIs) {
-    RamFile* file = Make(u"\\XYZ\\V\\F\\C", u"notes");
-    const UCHAR bytes[] = {'a', 'b', 'c', 'd'};
-    ULONG count = 4;
-    ASSERT_EQ(VrkFsVFWriteFile(file, bytes, 0, &count, 1000000), STATUS_SUCCESS);
-    nt::FaultPlan plan;
-    plan.failAt = 1;
-    plan.forEver = true;
-    nt::ArmFaults(plan);
-    count = 4;
-    EXPECT_EQ(VrkFsVFWriteFile(file, bytes, 100000, &count, 1000000), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(VrkFsVFSetEndOfFile(file, 1000000, 100000), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(VrkFsVFSetFileAllocation(file, 1000000, 10), STATUS_INSUFFICIENT_RESOURCES);
-    const std::u16string text = u"p";
-    const UNICODE_STRING parent = Counted(text);
-    RamFile* made = nullptr;
-    EXPECT_EQ(VrkFsVFCreateNewFile(&set_, &parent, &parent, 5, 9, &made), STATUS_INSUFFICIENT_RESOURCES);
-    nt::DisarmFaults();
-    EXPECT_EQ(set_.Count, 1u);
-    EXPECT_EQ(file->Allocation, 65536u);
-    EXPECT_EQ(Read(file, 0, 100), "abcd");
-}
-
 }  // namespace
 }  // namespace tests

@@ -49,26 +49,6 @@ class BlockMove : public DriverRig {
     }
 };
 
-TEST_F(BlockMove, OverlappingRangesArriveWhole) {
-    const struct {
-        ULONG source, count, destination;
-        std::uint64_t chunks;
-    } cases[] = {{1000, 600, 1100, 3}, {1100, 600, 1000, 3}, {1000, 257, 1001, 2}, {1001, 256, 1000, 1},
-                 {0, 1, 4095, 1},      {3000, 512, 0, 2},    {1000, 0, 1000, 0},   {1000, 600, 1000, 0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.source << " + " << c.count << " to " << c.destination);
-        Fill();
-        EXPECT_EQ(VrkFsHwMoveBlocks(Hw(), kId, c.source, c.count, c.destination, nullptr, 1, 1, nullptr),
-                  STATUS_SUCCESS);
-        const board::Counters counted = BoardOf(0).Count();
-        for (const Operation operation :
-             {Operation::kAcquire, Operation::kRead, Operation::kWrite, Operation::kRelease}) {
-            EXPECT_EQ(counted.Of(operation), c.chunks);
-        }
-        EXPECT_EQ(Contents(), c.chunks == 0 ? Moved(0, 0, 0) : Moved(c.source, c.count, c.destination));
-    }
-}
-
 TEST_F(BlockMove, GoesFromTheEndWhereTheDestinationIsHigher) {
     const struct {
         ULONG source, destination;

@@ -1,5 +1,4 @@
 #include <cstring>
-#include <numeric>
 
 #include "core/strings.h"
 #include "tests/driver/core_rig.h"
@@ -107,39 +106,6 @@ TEST_F(Storage, RecordReadsRepeatTestReportAndSubstitute) {
             EXPECT_EQ(entry.DataBlockCount + entry.DataStartLba + entry.FrameCount, 0u);
         } else {
             EXPECT_EQ(std::memcmp(&entry, &good, sizeof(entry)), 0);
-        }
-    }
-}
-
-TEST_F(Storage, EachKindOfRecordHasItsSubstitute) {
-    std::vector<UCHAR> buffer(sizeof(DirEntry));
-    const struct {
-        ULONG type, blocks, magic;
-        const char* name;
-    } cases[] = {{kHwRecordVolumeEntry, 2, 0, "VolumeEntry"},
-                 {kHwRecordDirEntry, 18, kDirEntryMagic, "DirEntry"},
-                 {kHwRecordFileEntry, 2, kFileEntryMagic, "FileEntry"},
-                 {kHwRecordBodyTable, 1, 0, "BodyTable"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Reset(0, 0);
-        GoWrong(Operation::kRead, Wrong::kFail, kAlways);
-        std::fill(buffer.begin(), buffer.end(), UCHAR{0xCC});
-        BOOLEAN substituted = FALSE;
-        EXPECT_EQ(VrkFsHwSCSIReadEx(Hw(), kId, 16000, c.blocks, buffer.data(), 0, c.type, TRUE, &substituted),
-                  STATUS_SUCCESS);
-        EXPECT_TRUE(substituted);
-        ULONG magic = 1;
-        std::memcpy(&magic, buffer.data(), sizeof(magic));
-        EXPECT_EQ(magic, c.magic);
-        EXPECT_EQ(Events(), std::vector<std::string>{"C0050006 read 3 16000 " + std::string(c.name) + " 0"});
-        if (c.type == kHwRecordDirEntry) {
-            const auto* folder = reinterpret_cast<const DirEntry*>(buffer.data());
-            EXPECT_EQ(folder->InUse, 1u);
-            EXPECT_EQ(folder->FileCount, 0u);
-            EXPECT_EQ(NameOf(*folder), u"BAD_DIR_16000");
-        } else if (c.magic == 0) {
-            EXPECT_EQ(std::accumulate(buffer.begin(), buffer.begin() + c.blocks * 512, 0u), 0u);
         }
     }
 }

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -177,14 +176,6 @@ class VolumeAllocator : public testing::Test {
         return VrkFsVolAllocAllocateSpecificUpperSpace(&alloc_, start, count);
     }
 
-    // As code of a driver, so that ordered failures meet it.
-    static void RunInDriver(const std::function<void()>& routine) {
-        running_ = &routine;
-        const nt::DriverImage image{&Entry, u"Routine", {}};
-        PDRIVER_OBJECT none = nullptr;
-        EXPECT_EQ(nt::LoadDriver(image, &none), STATUS_UNSUCCESSFUL);
-    }
-
     static std::string Text(const AllocSegmentList& list) {
         std::string text;
         for (const AllocSegment* at = list.FirstByPosition; at != nullptr; at = at->NextByPosition) {
@@ -233,12 +224,6 @@ class VolumeAllocator : public testing::Test {
     AllocObject alloc_{};
 
   private:
-    static NTSTATUS NTAPI Entry(PDRIVER_OBJECT, PUNICODE_STRING) {
-        (*running_)();
-        return STATUS_UNSUCCESSFUL;
-    }
-    static inline const std::function<void()>* running_ = nullptr;
-
     static void CheckTree(const AllocTreeNode* node, const AllocTreeNode* parent, std::size_t& count) {
         if (node == nullptr) {
             return;
@@ -258,70 +243,6 @@ class VolumeAllocator : public testing::Test {
         ASSERT_TRUE(node->Right == nullptr || node->Right->Key > node->Key);
     }
 };
-
-TEST_F(VolumeAllocator, TheUpperRegionGrowsAndShrinks) {
-    Make(1024, 98977);
-    EXPECT_EQ(State(), "1024+98977 |  | 100001 98977");
-    EXPECT_EQ(VrkFsVolAllocGetTotalBlocks(&alloc_), 100001u);
-    EXPECT_EQ(Upper(2), 99999u);
-    EXPECT_EQ(State(), "1024+98975 |  | 99999 98975");
-    EXPECT_EQ(Release(99999, 2), STATUS_SUCCESS);
-    EXPECT_EQ(State(), "1024+98977 |  | 100001 98977");
-    EXPECT_EQ(Upper(2), 99999u);
-    EXPECT_EQ(Upper(2), 99997u);
-    EXPECT_EQ(Upper(2), 99995u);
-    EXPECT_EQ(Release(99997, 2), STATUS_SUCCESS);
-    EXPECT_EQ(State(), "1024+98971 | 99997+2 | 99995 98973");
-    EXPECT_EQ(Upper(2), 99997u);
-    EXPECT_EQ(Upper(3), 99992u);
-    // The bottom goes, and with it the hole above it.
-    EXPECT_EQ(Release(99995, 2), STATUS_SUCCESS);
-    EXPECT_EQ(Release(99992, 3), STATUS_SUCCESS);
-    EXPECT_EQ(State(), "1024+98973 |  | 99997 98973");
-}
-
-TEST_F(VolumeAllocator, WhichSegmentIsTaken) {
-    Make(1024, 98977);
-    EXPECT_EQ(ClaimLower(1024, 976), STATUS_SUCCESS);
-    EXPECT_EQ(ClaimLower(2010, 2990), STATUS_SUCCESS);
-    EXPECT_EQ(ClaimUpper(5010, 94991), STATUS_SUCCESS);
-    EXPECT_EQ(State(), "2000+10 5000+10 |  | 5010 20");
-    EXPECT_EQ(Lower(10), 2000u);  // the first that fits
-    EXPECT_EQ(Release(90000, 4), STATUS_SUCCESS);
-    EXPECT_EQ(Release(95000, 3), STATUS_SUCCESS);
-    EXPECT_EQ(Release(97000, 3), STATUS_SUCCESS);
-    EXPECT_EQ(Upper(3), 97000u);  // the smallest that fits, the highest of equals
-    EXPECT_EQ(Upper(3), 95000u);
-    EXPECT_EQ(Upper(4), 90000u);
-    EXPECT_EQ(Upper(5), 5005u);  // from the top of the lower region
-    AllocRange first;
-    AllocRange second;
-    VrkFsVolAllocGetTwoLargestSegmentsInfo(&alloc_, &first, &second);
-    EXPECT_EQ(first.Start * 100000 + first.Count, 500000005u);
-    EXPECT_EQ(second.Start + second.Count, 0u);
-}
-
-// A mount's claims in any order that keeps data below records give the same regions.
-TEST_F(VolumeAllocator, ClaimsRebuildTheRegions) {
-    Make(1024, 10000);
-    EXPECT_EQ(ClaimUpper(11000, 2), STATUS_SUCCESS);
-    EXPECT_EQ(ClaimLower(1024, 100), STATUS_SUCCESS);
-    EXPECT_EQ(ClaimUpper(10990, 5), STATUS_SUCCESS);
-    EXPECT_EQ(ClaimUpper(11022, 2), STATUS_SUCCESS);
-    EXPECT_EQ(State(), "1124+9866 | 10995+5 11002+20 | 10990 9891");
-    // A record below data that was claimed before, a range that is taken, one that crosses the boundary.
-    EXPECT_EQ(ClaimLower(10000, 990), STATUS_SUCCESS);
-    EXPECT_EQ(ClaimUpper(9000, 2), kNoSpace);
-    EXPECT_EQ(ClaimUpper(10994, 2), kNoSpace);
-    EXPECT_EQ(ClaimLower(1100, 50), kNoSpace);
-    EXPECT_EQ(VrkFsVolAllocAllocateSpecificAnySpace(&alloc_, 9000, 2), STATUS_SUCCESS);
-    EXPECT_EQ(VrkFsVolAllocAllocateSpecificAnySpace(&alloc_, 11010, 2), STATUS_SUCCESS);
-    EXPECT_EQ(VrkFsVolAllocAllocateSpecificAnySpace(&alloc_, 9001, 2), kNoSpace);
-    EXPECT_EQ(State(), "1124+7876 9002+998 | 10995+5 11002+8 11012+10 | 10990 8897");
-    EXPECT_EQ(Release(9000, 2), STATUS_SUCCESS);
-    EXPECT_EQ(Release(11010, 2), STATUS_SUCCESS);
-    EXPECT_EQ(State(), "1124+8876 | 10995+5 11002+20 | 10990 8901");
-}
 
 TEST_F(VolumeAllocator, RefusedAndUnchanged) {
     Make(1024, 1000);
@@ -361,27 +282,6 @@ TEST_F(VolumeAllocator, RefusedAndUnchanged) {
     EXPECT_EQ(State(), before);
 }
 
-// Ranges of no blocks are legal everywhere and touch nothing.
-TEST_F(VolumeAllocator, NoBlocks) {
-    Make(1024, 10);
-    EXPECT_EQ(Lower(0) + Upper(0), 0u);
-    DualAllocation dual;
-    EXPECT_EQ(VrkFsVolAllocAllocateDualSpace(&alloc_, 0, 3, &dual), STATUS_SUCCESS);
-    EXPECT_EQ(dual.LowerStart, 0u);
-    EXPECT_EQ(dual.UpperStart, 1031u);
-    EXPECT_EQ(VrkFsVolAllocAllocateDualSpace(&alloc_, 7, 0, &dual), STATUS_SUCCESS);
-    EXPECT_EQ(dual.LowerStart, 1024u);
-    EXPECT_EQ(dual.UpperStart, 0u);
-    for (const ULONG start : {0u, 1024u, 0xFFFFFFFFu}) {
-        EXPECT_EQ(Release(start, 0), STATUS_SUCCESS);
-        EXPECT_EQ(ClaimLower(start, 0), STATUS_SUCCESS);
-        EXPECT_EQ(ClaimUpper(start, 0), STATUS_SUCCESS);
-        EXPECT_EQ(VrkFsVolAllocContestSpace(&alloc_, start, 0), STATUS_SUCCESS);
-        EXPECT_FALSE(VrkFsVolAllocIsOwnedSpace(&alloc_, start, 0));
-    }
-    EXPECT_EQ(State(), " |  | 1031 0");
-}
-
 TEST_F(VolumeAllocator, ContestedBlocksStayTaken) {
     Make(1024, 1000);
     const ULONG data = Lower(100);  // 1024 to 1123
@@ -416,50 +316,6 @@ TEST_F(VolumeAllocator, ContestedAtTheBoundary) {
     EXPECT_EQ(Release(table, 10), STATUS_SUCCESS);
     EXPECT_EQ(State(), "1024+994 | 2020+4 | 2018 998");
     EXPECT_EQ(Upper(5), 2013u);
-}
-
-// Without memory every operation either does all or nothing, and reserved records keep releases going.
-TEST_F(VolumeAllocator, WithoutMemory) {
-    Make(1024, 1000);
-    const ULONG start = Lower(500);
-    EXPECT_EQ(Lower(4), start + 500);
-    ULONG records[3];
-    for (ULONG& record : records) {
-        record = Upper(2);
-    }
-    const std::string before = State();
-    nt::FaultPlan plan;
-    plan.kinds = nt::FaultBit(nt::FaultKind::kPool);
-    plan.failAt = 1;
-    plan.forEver = true;
-    EXPECT_EQ(VrkFsVolAllocReserveSegments(&alloc_, 2), STATUS_SUCCESS);
-    nt::ArmFaults(plan);
-    RunInDriver([&] {
-        EXPECT_EQ(ClaimLower(start + 700, 2), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(ClaimUpper(start + 700, 2), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(VrkFsVolAllocContestSpace(&alloc_, 1800, 2), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(VrkFsVolAllocReserveSegments(&alloc_, 1), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(State(), before);
-        EXPECT_EQ(Release(start + 10, 10), STATUS_SUCCESS);  // with the two set aside
-        EXPECT_EQ(Release(records[1], 2), STATUS_SUCCESS);
-        const std::string state = State();
-        EXPECT_EQ(Release(start + 100, 10), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(State(), state);
-        EXPECT_EQ(Release(start, 10), STATUS_SUCCESS);  // merges, so it needs none
-        EXPECT_EQ(Release(start + 20, 80), STATUS_SUCCESS);
-        DualAllocation dual;
-        const std::string merged = State();
-        EXPECT_EQ(VrkFsVolAllocAllocateDualSpace(&alloc_, 100, 1000, &dual), kNoSpace);
-        EXPECT_EQ(State(), merged);
-    });
-    nt::DisarmFaults();
-    EXPECT_EQ(alloc_.ReservedCount, 2u);
-    ULONG got;
-    EXPECT_TRUE(VrkFsVolAllocAllocateLowerSpace(&alloc_, 100, &got));  // a segment goes: back into the reserve
-    EXPECT_EQ(got, start);
-    EXPECT_EQ(alloc_.SpareCount, 1u);
-    VrkFsVolAllocUnreserveSegments(&alloc_, 2);
-    EXPECT_EQ(alloc_.SpareCount + alloc_.ReservedCount, 0u);
 }
 
 // Writers of different files allocate at the same time.

@@ -82,15 +82,12 @@ TEST_F(VolumeBackup, WhatIsWrittenBack) {
         {"the alpha table", u"P:\\RZV\\V\\F\\X", 200, 9, 1024, 0, 1024},
         {"more than the table holds", u"P:\\RZV\\V\\F\\X", 200, 0, 5000, 1024, 0},
         {"another volume", u"P:\\RZV\\v\\F\\X", 200, 0, 800, 0, 0},
-        {"another folder", u"P:\\RZV\\V\\f\\X", 200, 0, 800, 0, 0},
         {"another file", u"P:\\RZV\\V\\F\\XX", 200, 0, 800, 0, 0},
         {"another length", u"P:\\RZV\\V\\F\\X", 198, 0, 800, 0, 0},
         {"fewer bytes than entries", u"P:\\RZV\\V\\F\\X", 200, 0, 799, 0, 0},
         {"no bytes", u"P:\\RZV\\V\\F\\X", 0, 0, 0, 0, 0},
         {"no file name", u"P:\\RZV\\V\\F\\", 200, 0, 800, 0, 0},
-        {"no folder", u"P:\\RZV\\V", 200, 0, 800, 0, 0},
         {"no colon", u"P;\\RZV\\V\\F\\X", 200, 0, 800, 0, 0},
-        {"a longer type", u"P:\\RZVV\\V\\F\\X", 200, 0, 800, 0, 0},
         {"a path without an end", u"P:\\RZV\\V\\F\\" + std::u16string(600, u'X'), 200, 0, 800, 0, 0},
         {"entries beyond counting", u"P:\\RZV\\V\\F\\X", 0x40000000, 0, 800, 0, 0},
     };
@@ -161,35 +158,6 @@ class VolumeBodyTables : public VolumeBackup {
     FCBCommon common_{};
     FileEntry clip_ = MakeClip();
 };
-
-TEST_F(VolumeBodyTables, FieldsGoAroundTheDisks) {
-    std::vector<BodyTableNode> nodes(2 * kFrames);
-    for (std::size_t k = 0; k < nodes.size(); ++k) {
-        nodes[k] = {static_cast<uint16_t>(k % 3), static_cast<uint16_t>(k % 2)};
-    }
-    PutTable(kTable, nodes);
-    PutTable(kAlphaTable, nodes);
-    std::vector<PlacedBodyTableNode> video(nodes.size());
-    std::vector<PlacedBodyTableNode> alpha(nodes.size());
-    ASSERT_EQ(Locked([&] { return VrkFsHwReadBodyTableNodes(Hw(), &file_, video.data(), alpha.data()); }),
-              STATUS_SUCCESS);
-    std::array<ULONG, 3> cursor = {1024, 1024, 1024};
-    for (std::size_t k = 0; k < nodes.size(); ++k) {
-        ASSERT_EQ(video[k].ScsiId, k % 3);
-        ASSERT_EQ(video[k].Lba, cursor[k % 3]);
-        ASSERT_EQ(alpha[k].Lba, cursor[k % 3] - 1024 + 2000);
-        cursor[k % 3] += VrkFsBodyTableNodeSectors(nodes[k]);
-    }
-    // Written from the placed form and read back.
-    std::vector<UCHAR> raw(1024, 0xEE);
-    ASSERT_EQ(Locked([&] {
-                  return VrkFsHwWriteBodyTableNodes(Hw(), kFrames, video.data(), alpha.data(), kTable, kAlphaTable,
-                                                    1024, 1024, Volume());
-              }),
-              STATUS_SUCCESS);
-    ASSERT_EQ(Locked([&] { return VrkFsHwReadBodyTable(Hw(), &file_, raw.data(), nullptr); }), STATUS_SUCCESS);
-    EXPECT_EQ(std::memcmp(raw.data(), nodes.data(), nodes.size() * 4), 0);
-}
 
 TEST_F(VolumeBodyTables, RecordsThatLie) {
     const struct {

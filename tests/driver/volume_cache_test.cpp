@@ -1,4 +1,4 @@
-// The entry cache: which record is found, which one goes when it is full, and what happens without memory.
+// The entry cache: which record is found, and which one goes when it is full.
 #include <gtest/gtest.h>
 
 #include <list>
@@ -96,42 +96,6 @@ TEST_F(VolumeCache, FoldersAreApart) {
     ASSERT_TRUE(VrkFsVolCacheFolderEntrySearch(&cache_, 2048 + 18 * 256, folder.get()));
     EXPECT_EQ(folder->CreationTime, 256u);
     EXPECT_EQ(folder->Name[255], 256);
-}
-
-// Every allocation of the set-up in turn; stores without memory leave the record out and harm nothing.
-TEST(VolumeCacheMemory, Failures) {
-    nt::Boot();
-    static VolCache cache;
-    static NTSTATUS outcome;
-    const auto setUp = [](PDRIVER_OBJECT, PUNICODE_STRING) -> NTSTATUS {
-        outcome = VrkFsVolCacheInitialize(&cache);
-        if (NT_SUCCESS(outcome)) {
-            FileEntry entry{};
-            VrkFsVolCacheFileEntryCache(&cache, &entry, 1024);
-            VrkFsVolCacheFileEntryCache(&cache, &entry, 1026);
-            const bool first = VrkFsVolCacheFileEntrySearch(&cache, 1024, &entry);
-            const bool second = VrkFsVolCacheFileEntrySearch(&cache, 1026, &entry);
-            EXPECT_EQ(cache.FileCount, ULONG{first} + ULONG{second});
-        }
-        VrkFsVolCacheFree(&cache);
-        return STATUS_UNSUCCESSFUL;
-    };
-    bool succeeded = false;
-    for (std::uint64_t n = 1; n < 20; ++n) {
-        nt::FaultPlan plan;
-        plan.failAt = n;
-        nt::ArmFaults(plan);
-        PDRIVER_OBJECT none = nullptr;
-        nt::LeakList leaks;
-        EXPECT_EQ(nt::LoadDriver({setUp, u"Routine", {}}, &none, &leaks), STATUS_UNSUCCESSFUL);
-        EXPECT_EQ(nt::ToString(leaks), "") << "allocation " << n;
-        nt::DisarmFaults();
-        EXPECT_TRUE(NT_SUCCESS(outcome) || outcome == STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_TRUE(n > 1 || !NT_SUCCESS(outcome));
-        succeeded = NT_SUCCESS(outcome);
-    }
-    EXPECT_TRUE(succeeded);
-    EXPECT_EQ(nt::ToString(nt::Shutdown()), "");
 }
 
 }  // namespace

@@ -1,21 +1,10 @@
-// From volume entries on disks to volumes: which disks make one, which names are seen, and what strangers' entries do.
+// From volume entries on disks to volumes: which disks make one, and what strangers' entries do.
 #include "tests/driver/volume_rig.h"
 
 namespace tests {
 namespace {
 
-class VolumeDiscovery : public VolumeTest {
-  protected:
-    static bool OpenByName(const std::u16string& name) {
-        const UNICODE_STRING counted = CountedName(name);
-        HwVolume* volume = nullptr;
-        const bool opened = Locked([&] { return VrkFsHwOpenVolume(Hw(), &counted, &volume); });
-        if (opened) {
-            VrkFsHwCloseVolume(Hw(), volume);
-        }
-        return opened;
-    }
-};
+class VolumeDiscovery : public VolumeTest {};
 
 struct EntryOnDisk {
     std::uint32_t id;
@@ -97,38 +86,6 @@ TEST_F(VolumeDiscovery, SizesFollowTheSmallestDisk) {
     EXPECT_EQ(free, 2 * (11999u - 5631));
 }
 
-TEST_F(VolumeDiscovery, NamesComeBackOneAtATime) {
-    Put(0, 0, MakeVolumeEntry(u"News", 1, 0, kRigTime));
-    Put(1, 0, MakeVolumeEntry(u"NEWS", 1, 0, kRigTime + 5));
-    Put(2, 0, MakeVolumeEntry(u"news", 1, 0, kRigTime + 9));
-    Start();
-    ASSERT_EQ(DescribeVolumes(), "News(0) NEWS(1)!conflict news(2)!conflict");
-    EXPECT_TRUE(OpenByName(u"nEwS"));
-    ULONGLONG total = 0;
-    ULONGLONG free = 0;
-    VrkFsHwGetTotalVolumeSpaceInfo(Hw(), &total, &free);
-    EXPECT_EQ(free, kRigDataBlocks);  // hidden volumes have none
-    LONGLONG time = -1;
-    VrkFsHwGetLatestVolumeTime(Hw(), &time);
-    EXPECT_EQ(time, static_cast<LONGLONG>(kRigTime));
-
-    const std::u16string sport = u"Sport";
-    const UNICODE_STRING newName = CountedName(sport);
-    const std::u16string news = u"neWS";
-    const UNICODE_STRING freed = CountedName(news);
-    EXPECT_EQ(Locked([&] {
-                  const NTSTATUS status = VrkFsHwRenameVolume(Hw(), Vcb(), Volume(), &newName);
-                  VrkFsHwResolveVolumeNameConflicts(Hw(), Vcb(), &freed);
-                  return status;
-              }),
-              STATUS_SUCCESS);
-    EXPECT_EQ(DescribeVolumes(), "Sport(0) NEWS(1) news(2)!conflict");
-    VrkFsHwGetLatestVolumeTime(Hw(), &time);
-    EXPECT_EQ(time, static_cast<LONGLONG>(kRigTime + 5));
-    Restart();
-    EXPECT_EQ(DescribeVolumes(), "Sport(0) NEWS(1) news(2)!conflict");
-}
-
 // Disks of one volume under two names would never find each other again.
 TEST_F(VolumeDiscovery, RenameThatFailsHalfWay) {
     for (ULONG id = 0; id < 3; ++id) {
@@ -149,34 +106,6 @@ TEST_F(VolumeDiscovery, RenameThatFailsHalfWay) {
     Board().Misbehave().Clear();
     Restart();
     EXPECT_EQ(DescribeVolumes(), "OldName(0,1,2)");
-}
-
-TEST_F(VolumeDiscovery, FlushForgetsAndRebuildFindsAgain) {
-    Put(0, 0, MakeVolumeEntry(u"A", 2, 0));
-    Put(1, 0, MakeVolumeEntry(u"A", 2, 1));
-    Put(2, 0, MakeVolumeEntry(u"B", 1, 0));
-    PutFolder(0, 3, MakeFolder(u"F"));
-    Start();
-    const auto flush = [&] { return VrkFsHwFlushVolumeCache(Hw(), Vcb()); };
-    const auto rebuild = [&] { return VrkFsHwRebuildVolumeCache(Hw(), Vcb()); };
-    EXPECT_EQ(Locked(flush), STATUS_SUCCESS);
-    EXPECT_EQ(DescribeVolumes(), "");
-    EXPECT_FALSE(OpenByName(u"A"));
-    EXPECT_NE(Vcb()->Flags & kVcbVolumesFlushed, 0u);
-    // What another party writes in the meantime is read fresh.
-    PutFolder(0, 3, MakeFolder(u"G"));
-    board::Misbehaviour rule;
-    rule.operation = board::Operation::kScan;
-    rule.count = 1;
-    Board().Misbehave().Add(rule);
-    EXPECT_FALSE(NT_SUCCESS(Locked(rebuild)));
-    EXPECT_NE(Vcb()->Flags & kVcbVolumesFlushed, 0u);
-    EXPECT_EQ(Locked(rebuild), STATUS_SUCCESS);
-    EXPECT_EQ(Vcb()->Flags & kVcbVolumesFlushed, 0u);
-    EXPECT_EQ(DescribeVolumes(), "A(0,1) B(2)");
-    EXPECT_EQ(ListFolders(), "3:G");
-    EXPECT_EQ(Locked(rebuild), STATUS_SUCCESS);  // once more over what is there
-    EXPECT_EQ(DescribeVolumes(), "A(0,1) B(2)");
 }
 
 }  // namespace

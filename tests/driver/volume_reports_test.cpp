@@ -4,7 +4,6 @@
 #include <thread>
 
 #include "tests/driver/volume_rig.h"
-#include "volume/format.h"
 
 namespace tests {
 namespace {
@@ -174,28 +173,6 @@ TEST_F(VolumeReports, WhoHearsWhat) {
         EXPECT_EQ(c.change(), STATUS_SUCCESS) << c.what;
         EXPECT_EQ(Heard(), c.heard) << c.what;
     }
-}
-
-// The volume list changes for the watchers of every type folder.
-TEST_F(VolumeReports, VolumesComeAndGo) {
-    AddWatch("root", u"\\", kAnything);
-    AddWatch("type", u"\\RZV", kFolderNames);
-    AddWatch("XYZ", u"\\XYZ", kFolderNames);
-    AwaitWatches();
-    VrkFsVolumeInfoRecord request{};
-    SetName(request.Name, u"New");
-    request.DeviceCount = 1;
-    request.Devices[0] = 2;
-    LONG result = 1;
-    EXPECT_EQ(Locked([&] { return VrkFsHwFormatVolume(Hw(), Vcb(), &request, &result); }), STATUS_SUCCESS);
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(Heard(), "type, XYZ");
-    AddWatch("type", u"\\RZV", kFolderNames);
-    AwaitWatches();
-    const std::u16string text = u"Newer";
-    const UNICODE_STRING name = CountedName(text);
-    EXPECT_EQ(Locked([&] { return VrkFsHwRenameVolume(Hw(), Vcb(), Volumes().back(), &name); }), STATUS_SUCCESS);
-    EXPECT_EQ(Heard(), "type");
 }
 
 }  // namespace

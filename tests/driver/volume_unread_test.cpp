@@ -119,24 +119,6 @@ TEST_F(VolumeUnread, ReadableTooLate) {
     EXPECT_FALSE(IsFree(1100));
 }
 
-// An unreadable file that is deleted gives back its record and nothing that it might have held.
-TEST_F(VolumeUnread, DeletedUnread) {
-    FailReads(5000, 5000);
-    Remount();
-    OpenedFolder folder;
-    OpenFolder(folder, 2);
-    BOOLEAN substituted = FALSE;
-    const FileEntry image = ReadFile(folder, 0, &substituted);
-    EXPECT_TRUE(substituted);
-    EXPECT_EQ(RemoveFile(folder, image, 0), STATUS_SUCCESS);
-    EXPECT_EQ(ListFiles(folder), "4:b");
-    EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102));
-    EXPECT_EQ(Volume()->Unread.Count, 0u);
-    Board().Misbehave().Clear();
-    EXPECT_EQ(Retry(), STATUS_SUCCESS);
-    EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102));
-}
-
 // A file that was read in between, and is deleted while what it names is still unclaimed: that may be another's by now.
 TEST_F(VolumeUnread, DeletedUnclaimed) {
     const struct {
@@ -214,48 +196,6 @@ TEST_F(VolumeUnread, DeletedFolderIsCountedOffOnce) {
     EXPECT_EQ(made.common.FolderEntryIndex, 0u);
     EXPECT_EQ(Volume()->FolderCount, 3u);
     EXPECT_EQ(Volume()->Unread.Count, 0u);
-}
-
-// Every allocation of a mount fails in turn: the volume is whole, or it is not there; nothing is left over. The other
-// volume that was mounted before stays.
-TEST_F(VolumeUnread, MountWithoutMemory) {
-    Stop();
-    Put(0, 0, MakeVolumeEntry(u"U", 1, 0));
-    PutFolder(0, 2, DirEntry{});
-    PutFolder(0, 3, DirEntry{});
-    Put(1, 0, MakeVolumeEntry(u"V", 1, 0));
-    for (ULONG slot = 0; slot < 3; ++slot) {
-        PutFolder(1, slot, MakeFolder(u"F", {{slot, 5000 + 4 * slot}, {9, 5002 + 4 * slot}}));
-        Put(1, 5000 + 4 * slot, MakePlainFile(u"a", 1024 + 100 * slot, 50));
-        Put(1, 5002 + 4 * slot, MakePlainFile(u"b", 1090 + 100 * slot, 10));
-    }
-    PutFolder(1, 5, MakeFolder(u"conflict", {{0, 5000}, {1, 5001}, {2, 3}}));
-    Start();
-    FailReads(5004, 5004);
-    bool done = false;
-    for (std::uint64_t n = 1; !done; ++n) {
-        ASSERT_LT(n, 2000u);
-        ASSERT_EQ(Locked([&] { return VrkFsHwFlushVolumeCache(Hw(), Vcb()); }), STATUS_SUCCESS);
-        nt::FaultPlan plan;
-        plan.kinds = nt::FaultBit(nt::FaultKind::kPool);
-        plan.failAt = n;
-        nt::ArmFaults(plan);
-        static_cast<void>(Locked([&] { return VrkFsHwRebuildVolumeCache(Hw(), Vcb()); }));
-        done = nt::FaultsFired() == 0;
-        nt::DisarmFaults();
-        const std::string volumes = DescribeVolumes();
-        if (volumes == "U(0) V(1)") {
-            // Without memory for a cached record or a hash the mount goes on.
-            EXPECT_EQ(VrkFsVolAllocGetFreeBlocks(&Volume(1)->Allocator), kRigDataBlocks - (6 * 2 + 130u))
-                << "allocation " << n;
-            EXPECT_EQ(ListFolders(Volume(1)), "0:F 1:F 2:F 5:conflict");
-        } else {
-            EXPECT_TRUE(volumes == "" || volumes == "U(0)!incomplete" || volumes == "U(0)" ||
-                        volumes == "U(0) V(1)!incomplete")
-                << "allocation " << n << ": " << volumes;
-        }
-    }
-    EXPECT_EQ(DescribeVolumes(), "U(0) V(1)");
 }
 
 }  // namespace

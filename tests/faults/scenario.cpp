@@ -1,11 +1,8 @@
 #include "tests/faults/scenario.h"
 
-#include <vrkfs/control.h>
-#include <vrkfs/records.h>
+#include <stdexcept>
 
-#include <algorithm>
-#include <cstring>
-
+#include "tests/faults/steps.h"
 #include "tests/support/machine_fixture.h"
 #include "tool/clip/writer.h"
 
@@ -13,139 +10,13 @@ namespace faults {
 namespace {
 
 namespace fs = std::filesystem;
-using host::Disposition;
-using host::Handle;
 using host::Process;
-using host::ScopedHandle;
-
-constexpr std::uint32_t kReadWrite = host::access::kReadData | host::access::kWriteData;
-constexpr std::size_t kChunk = 100'000;  // no multiple of a sector: partial sectors are part of the life
 
 // A failed kernel call, thrown so that the making of the template reads like a list of steps.
 void Need(host::Status status, const char* step) {
     if (!status.Ok()) {
         throw std::runtime_error(std::string(step) + ": " + host::StatusName(status));
     }
-}
-
-host::OpenResult OpenPath(Process& user, const std::u16string& path, Disposition disposition, std::uint32_t access,
-                          std::uint32_t options = 0) {
-    host::OpenRequest request;
-    request.path = u"P:" + path;
-    request.disposition = disposition;
-    request.access = access;
-    request.options = options;
-    return user.Create(request);
-}
-
-host::Status MakeFolder(Process& user, const std::u16string& path) {
-    const auto opened =
-        OpenPath(user, path, Disposition::kCreate, host::access::kReadData, host::option::kDirectoryFile);
-    const ScopedHandle folder(user, opened.handle);
-    return opened.status;
-}
-
-host::Status Format(Process& user, const std::u16string& name, std::uint32_t first, std::uint32_t count) {
-    host::OpenRequest request;
-    request.path = u"VrkFsDevice0";
-    request.access = kReadWrite;
-    const auto opened = user.Create(request);
-    if (!opened.status.Ok()) {
-        return opened.status;
-    }
-    const ScopedHandle control(user, opened.handle);
-    VrkFsVolumeInfoRecord record{};
-    std::memcpy(record.Name, name.data(), name.size() * sizeof(char16_t));
-    record.DeviceCount = count;
-    std::fill(std::begin(record.Devices), std::end(record.Devices), 0xFFFFFFFF);
-    for (std::uint32_t i = 0; i < count; ++i) {
-        record.Devices[i] = first + i;
-    }
-    std::int32_t result = -1;
-    const auto answer = user.DeviceControl(control.Get(), IOCTL_VRKFS_FORMAT_VOLUME, tests::BytesOf(record),
-                                           tests::WritableBytesOf(result));
-    return answer.status.Ok() && result != 0 ? host::status::kUnsuccessful : answer.status;
-}
-
-host::Status PutClip(Process& user, const std::u16string& path, const Bytes& image) {
-    const auto opened = OpenPath(user, path, Disposition::kCreate, kReadWrite);
-    if (!opened.status.Ok()) {
-        return opened.status;
-    }
-    const ScopedHandle file(user, opened.handle);
-    for (std::size_t done = 0; done < image.size();) {
-        const auto piece = std::span(image).subspan(done, std::min(kChunk, image.size() - done));
-        const auto written = user.Write(file.Get(), piece, done);
-        if (!written.status.Ok()) {
-            return written.status;
-        }
-        done += written.information;
-    }
-    return host::status::kSuccess;
-}
-
-host::Status GetClip(Process& user, const std::u16string& path, Bytes& image) {
-    const auto opened =
-        OpenPath(user, path, Disposition::kOpen, host::access::kReadData | host::access::kReadAttributes);
-    if (!opened.status.Ok()) {
-        return opened.status;
-    }
-    const ScopedHandle file(user, opened.handle);
-    host::FileFacts facts;
-    if (const host::Status status = host::QueryFacts(user, file.Get(), facts); !status.Ok()) {
-        return status;
-    }
-    if (facts.size > (64 << 20)) {
-        return host::status::kFileInvalid;
-    }
-    image.resize(facts.size);
-    for (std::size_t done = 0; done < image.size();) {
-        const auto piece = std::span(image).subspan(done, std::min(kChunk, image.size() - done));
-        const auto read = user.Read(file.Get(), piece, done);
-        if (!read.status.Ok()) {
-            return read.status;
-        }
-        done += read.information;
-    }
-    return host::status::kSuccess;
-}
-
-host::Status DeleteFile(Process& user, const std::u16string& path) {
-    const auto opened = OpenPath(user, path, Disposition::kOpen, host::access::kDelete);
-    if (!opened.status.Ok()) {
-        return opened.status;
-    }
-    ScopedHandle file(user, opened.handle);
-    return host::SetDeleteOnCleanup(user, file.Get(), true);
-}
-
-bool Listed(Process& user, const std::u16string& folder, const std::u16string& name, host::Status& status) {
-    const auto opened =
-        OpenPath(user, folder, Disposition::kOpen, host::access::kListDirectory, host::option::kDirectoryFile);
-    status = opened.status;
-    if (!status.Ok()) {
-        return false;
-    }
-    const ScopedHandle directory(user, opened.handle);
-    std::vector<host::DirectoryEntry> entries;
-    status = host::ListDirectory(user, directory.Get(), entries);
-    return std::any_of(entries.begin(), entries.end(), [&](const auto& entry) { return entry.name == name; });
-}
-
-// Free blocks of a volume, by one of its folders.
-std::uint64_t FreeBlocks(Process& user, const std::u16string& folder) {
-    host::OpenRequest request;
-    request.path = u"VrkFsDevice0";
-    request.access = kReadWrite;
-    const ScopedHandle control(user, user.Create(request).handle);
-    const ScopedHandle directory(
-        user,
-        OpenPath(user, folder, Disposition::kOpen, host::access::kListDirectory, host::option::kDirectoryFile).handle);
-    VrkFsVolumeSpaceInfo info{};
-    info.Handle = directory.Get();
-    const auto answer = user.DeviceControl(control.Get(), IOCTL_VRKFS_GET_VOLUME_SPACE_INFO, tests::BytesOf(info),
-                                           tests::WritableBytesOf(info));
-    return answer.status.Ok() ? info.FreeBlocks : ~std::uint64_t{0};
 }
 
 clip::ClipRecipe Recipe(std::uint64_t seed) {
@@ -166,7 +37,7 @@ struct TemplateStation {
 
     TemplateStation() {
         host::StationLayout layout;
-        layout.disks = 4;
+        layout.disks = 5;
         layout.diskBytes = 8 << 20;
         host::Problem problem = host::CreateStation(path, layout);
         auto machine = problem ? nullptr : host::Machine::Start(path, {}, problem);
@@ -180,6 +51,15 @@ struct TemplateStation {
         Need(PutClip(*user, u"\\RZV\\KEEP\\CLIPS\\OLD.RZV", NewClip()), "put OLD");
         Need(MakeFolder(*user, u"\\RZV\\KEEP\\SAFE"), "mkdir");
         Need(PutClip(*user, u"\\RZV\\KEEP\\SAFE\\KEEP.RZV", KeptClip()), "put SAFE");
+        for (const char16_t* folder : {u"CHANGES", u"OTHER", u"FOLDER"}) {
+            Need(MakeFolder(*user, std::u16string(u"\\RZV\\KEEP\\") + folder), "mkdir");
+        }
+        for (const char16_t* name : {u"CHANGES\\NAME.RZV", u"CHANGES\\WALK.RZV", u"CHANGES\\GONE.RZV",
+                                     u"CHANGES\\MOVE.RZV", u"CHANGES\\SLIDE.RZV", u"FOLDER\\IN.RZV"}) {
+            Need(PutClip(*user, std::u16string(u"\\RZV\\KEEP\\") + name, NewClip()), "put");
+        }
+        Need(Format(*user, u"LONE", 4, 1), "format");
+        Need(MakeFolder(*user, u"\\RZV\\LONE\\F"), "mkdir");
         user.reset();
     }
 };
@@ -211,14 +91,86 @@ void WorkOnFresh(Process& user) {
     }
 }
 
-void InspectClip(Process& user, const std::u16string& name, const Bytes& wanted, std::vector<std::string>& wrong) {
+// Steps that change what is there. MOVE is moved to places apart, SLIDE onto its own blocks.
+void WorkOnChanges(Process& user, Outcome& outcome) {
+    const std::u16string changes = u"\\RZV\\KEEP\\CHANGES\\";
+    outcome.renamed = RenameTo(user, changes + u"NAME.RZV", u"NAMED.RZV").Ok();
+    outcome.walked = RenameTo(user, changes + u"WALK.RZV", u"P:\\RZV\\KEEP\\OTHER\\WALKED.RZV").Ok();
+    const auto step = [&](const char* name, bool done) {
+        if (!done) {
+            outcome.failed.emplace_back(name);
+        }
+    };
+    step("rename the folder", RenameTo(user, u"\\RZV\\KEEP\\FOLDER", u"FOLDED").Ok());
+    step("rename the volume", RenameTo(user, u"\\RZV\\LONE", u"ALONE").Ok());
+    outcome.gone = DeleteFile(user, changes + u"GONE.RZV").Ok();
+    step("look at a table", LookAtTable(user, changes + u"MOVE.RZV"));
+    step("record in place", RecordInPlace(user, changes + u"TAKE.RZV"));
+    for (std::uint32_t segment = 0; segment < VRKFS_SEGMENT_COUNT; ++segment) {
+        const bool data = segment == VRKFS_SEGMENT_DATA || segment == VRKFS_SEGMENT_ALPHA_DATA;
+        step("move", MoveSegment(user, changes + u"MOVE.RZV", segment, data ? 1500 : -50));
+    }
+    step("move apart", MoveSegment(user, changes + u"SLIDE.RZV", VRKFS_SEGMENT_FILE_ENTRY, -300));
+    step("slide up", MoveSegment(user, changes + u"SLIDE.RZV", VRKFS_SEGMENT_FILE_ENTRY, 1));
+    step("move apart", MoveSegment(user, changes + u"SLIDE.RZV", VRKFS_SEGMENT_DATA, 3000));
+    step("slide down", MoveSegment(user, changes + u"SLIDE.RZV", VRKFS_SEGMENT_DATA, -3));
+}
+
+bool Reads(Process& user, const std::u16string& name, const Bytes& wanted, std::string* why = nullptr) {
     Bytes image;
     const host::Status status = GetClip(user, u"\\RZV\\KEEP\\" + name, image);
-    const std::string shown(name.begin(), name.end());
-    if (!status.Ok()) {
-        wrong.push_back(shown + " cannot be read afterwards: " + host::StatusName(status));
-    } else if (image != wanted) {
-        wrong.push_back(shown + " reads back with other bytes afterwards");
+    if (status.Ok() && image == wanted) {
+        return true;
+    }
+    if (why != nullptr) {
+        *why = std::string(name.begin(), name.end()) +
+               (status.Ok() ? " reads back with other bytes afterwards"
+                            : " cannot be read afterwards: " + host::StatusName(status));
+    }
+    return false;
+}
+
+void InspectClip(Process& user, const std::u16string& name, const Bytes& wanted, std::vector<std::string>& wrong) {
+    std::string why;
+    if (!Reads(user, name, wanted, &why)) {
+        wrong.push_back(why);
+    }
+}
+
+// What was changed is as before or as after; done, it is as after.
+void InspectChange(Process& user, const std::vector<std::u16string>& before, const std::u16string& after, bool done,
+                   std::vector<std::string>& wrong) {
+    std::string why;
+    bool found = Reads(user, after, NewClip(), &why);
+    for (const std::u16string& name : before) {
+        const bool there = Reads(user, name, NewClip());
+        if (done && there) {
+            wrong.push_back(std::string(name.begin(), name.end()) + " is still there");
+        }
+        found = found || (there && !done);
+    }
+    if (!found) {
+        wrong.push_back(why + ", nor is it where it was");
+    }
+}
+
+void InspectChanges(Process& user, const Outcome& before, std::vector<std::string>& wrong) {
+    InspectChange(user, {u"CHANGES\\NAME.RZV"}, u"CHANGES\\NAMED.RZV", before.renamed, wrong);
+    InspectChange(user, {u"CHANGES\\WALK.RZV", u"CHANGES\\WALKED.RZV"}, u"OTHER\\WALKED.RZV", before.walked, wrong);
+    InspectChange(user, {u"FOLDER\\IN.RZV"}, u"FOLDED\\IN.RZV", false, wrong);
+    InspectClip(user, u"CHANGES\\MOVE.RZV", NewClip(), wrong);
+    if (!before.slid) {
+        InspectClip(user, u"CHANGES\\SLIDE.RZV", NewClip(), wrong);
+    }
+    host::Status status;
+    const bool lone = Listed(user, u"\\RZV\\LONE", u"F", status) || Listed(user, u"\\RZV\\ALONE", u"F", status);
+    if (!lone) {
+        wrong.push_back("the renamed volume is lost");
+    }
+    Bytes image;
+    const bool there = GetClip(user, u"\\RZV\\KEEP\\CHANGES\\GONE.RZV", image).Ok();
+    if (there && (before.gone || image != NewClip())) {
+        wrong.push_back(before.gone ? "the deleted clip is still there" : "the clip not deleted has other bytes");
     }
 }
 
@@ -248,7 +200,7 @@ void CopyTemplate(const fs::path& to) {
     }
 }
 
-Outcome Live(const fs::path& station, const Hooks& hooks) {
+Outcome Live(Life life, const fs::path& station, const Hooks& hooks) {
     Outcome outcome;
     host::Problem problem;
     auto machine = host::Machine::Start(station, {}, problem);
@@ -261,8 +213,12 @@ Outcome Live(const fs::path& station, const Hooks& hooks) {
     }
     {
         auto user = machine->NewProcess();
-        WorkOnKeep(*user, outcome);
-        WorkOnFresh(*user);
+        if (life == Life::kRecording) {
+            WorkOnKeep(*user, outcome);
+            WorkOnFresh(*user);
+        } else {
+            WorkOnChanges(*user, outcome);
+        }
     }
     if (hooks.ending) {
         hooks.ending(*machine);
@@ -273,7 +229,7 @@ Outcome Live(const fs::path& station, const Hooks& hooks) {
     return outcome;
 }
 
-std::vector<std::string> Inspect(const fs::path& station, const Outcome& before) {
+std::vector<std::string> Inspect(Life life, const fs::path& station, const Outcome& before) {
     std::vector<std::string> wrong;
     host::Problem problem;
     auto machine = host::Machine::Start(station, {}, problem);
@@ -296,6 +252,9 @@ std::vector<std::string> Inspect(const fs::path& station, const Outcome& before)
         } else {
             InspectClip(*user, u"SAFE\\AGAIN.RZV", NewClip(), wrong);
             InspectClip(*user, u"SAFE\\KEEP.RZV", KeptClip(), wrong);
+        }
+        if (life == Life::kChanges && !before.torn) {
+            InspectChanges(*user, before, wrong);  // after the recording: no block that they name was given away
         }
         if (!DeleteFile(*user, u"\\RZV\\KEEP\\SAFE\\AGAIN.RZV").Ok() ||
             FreeBlocks(*user, u"\\RZV\\KEEP\\SAFE") != free) {

@@ -3,7 +3,7 @@
 
 #include "tests/nt/nt_kernel_fixture.h"
 
-// Events, mutexes, waits for several objects, and the manual clock.
+// Waits and time-outs, what may be freed when a wait ends, who gets a resource next, and the manual clock.
 
 namespace {
 
@@ -20,112 +20,8 @@ NTSTATUS Wait(PVOID object, const LONGLONG* ticks = nullptr) {
     return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, ticks != nullptr ? &timeout : nullptr);
 }
 
-NTSTATUS Poll(PVOID object) {
-    constexpr LONGLONG kNow = 0;
-    return Wait(object, &kNow);
-}
-
 using DispatcherTest = KernelTest;
 using ClockTest = ManualClockTest;
-
-TEST_F(DispatcherTest, EventsReturnTheirStateBeforeAndPollAsTheirKindSays) {
-    for (const EVENT_TYPE type : {NotificationEvent, SynchronizationEvent}) {
-        SCOPED_TRACE(type == NotificationEvent ? "notification" : "synchronisation");
-        KEVENT event;
-        KeInitializeEvent(&event, type, FALSE);
-        EXPECT_EQ(Poll(&event), STATUS_TIMEOUT);
-        EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 0);
-        EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 1);  // a second set is not kept
-        EXPECT_EQ(KeReadStateEvent(&event), 1);
-        EXPECT_EQ(Poll(&event), STATUS_SUCCESS);
-        EXPECT_EQ(Poll(&event), type == NotificationEvent ? STATUS_SUCCESS : STATUS_TIMEOUT);
-        EXPECT_EQ(KeResetEvent(&event), type == NotificationEvent ? 1 : 0);
-        EXPECT_EQ(KePulseEvent(&event, 0, FALSE), 0);  // nobody waits: nothing remains
-        EXPECT_EQ(Poll(&event), STATUS_TIMEOUT);
-    }
-}
-
-// Starts threads that wait for the object one behind the other and says, set by set, how many ran on.
-class Waiters {
-  public:
-    Waiters(PVOID object, int count) : object_(object) {
-        for (int i = 0; i < count; i++) {
-            threads_.emplace_back([this, i] {
-                EXPECT_EQ(Wait(object_), STATUS_SUCCESS);
-                std::lock_guard guard(lock_);
-                order_ += std::to_string(i);
-            });
-            EXPECT_TRUE(Eventually([&] { return Sleeping() == i + 1; }));
-        }
-    }
-    ~Waiters() {
-        for (std::thread& thread : threads_) {
-            thread.join();
-        }
-    }
-    std::string Order() {
-        std::lock_guard guard(lock_);
-        return order_;
-    }
-
-  private:
-    int Sleeping() const {
-        int count = 0;
-        const std::string text = nt::DescribeThreads();
-        for (size_t at = text.find("in a wait"); at != std::string::npos; at = text.find("in a wait", at + 1)) {
-            count++;
-        }
-        return count;
-    }
-    PVOID object_;
-    std::mutex lock_;
-    std::string order_;
-    std::vector<std::thread> threads_;
-};
-
-TEST_F(DispatcherTest, ASynchronisationEventLetsOneWaiterGoFirstComeFirstServed) {
-    KEVENT event;
-    KeInitializeEvent(&event, SynchronizationEvent, FALSE);
-    Waiters waiters(&event, 3);
-    for (const char* const expected : {"0", "01", "012"}) {
-        KeSetEvent(&event, 0, FALSE);
-        EXPECT_TRUE(Eventually([&] { return waiters.Order() == expected; })) << waiters.Order();
-    }
-    EXPECT_EQ(Poll(&event), STATUS_TIMEOUT);
-}
-
-TEST_F(DispatcherTest, ANotificationEventLetsAllGoAlsoByAPulse) {
-    for (const bool pulse : {false, true}) {
-        KEVENT event;
-        KeInitializeEvent(&event, NotificationEvent, FALSE);
-        Waiters waiters(&event, 3);
-        pulse ? KePulseEvent(&event, 0, FALSE) : KeSetEvent(&event, 0, FALSE);
-        EXPECT_TRUE(Eventually([&] { return waiters.Order().size() == 3; }));
-        EXPECT_EQ(KeReadStateEvent(&event), pulse ? 0 : 1);
-    }
-}
-
-TEST_F(DispatcherTest, AMutexCountsItsOwnersAcquires) {
-    KMUTEX mutex;
-    KeInitializeMutex(&mutex, 0);
-    EXPECT_EQ(Wait(&mutex), STATUS_SUCCESS);
-    EXPECT_EQ(Wait(&mutex), STATUS_SUCCESS);
-    const auto tryElsewhere = [&] {
-        NTSTATUS status = STATUS_UNSUCCESSFUL;
-        std::thread([&] {
-            status = Poll(&mutex);
-            if (status == STATUS_SUCCESS) {
-                KeReleaseMutex(&mutex, FALSE);
-            }
-        }).join();
-        return status;
-    };
-    EXPECT_EQ(tryElsewhere(), STATUS_TIMEOUT);
-    EXPECT_NE(KeReleaseMutex(&mutex, FALSE), 0);
-    EXPECT_EQ(tryElsewhere(), STATUS_TIMEOUT);
-    EXPECT_EQ(KeReleaseMutex(&mutex, FALSE), 0);
-    EXPECT_EQ(tryElsewhere(), STATUS_SUCCESS);
-}
 
 TEST_F(DispatcherTest, WaitsForSeveralObjectsTakeOneOrAllOfThem) {
     KEVENT a;
@@ -176,21 +72,62 @@ TEST_F(DispatcherTest, RealTimeOutsEnd) {
     EXPECT_EQ(Wait(&event, &past), STATUS_TIMEOUT);
 }
 
-TEST_F(DispatcherTest, AThreadObjectIsSignalledWhenTheThreadHasEnded) {
-    KEVENT go;
-    KeInitializeEvent(&go, NotificationEvent, FALSE);
-    HANDLE handle = nullptr;
-    ASSERT_EQ(PsCreateSystemThread(
-                  &handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, [](PVOID e) { Wait(e); }, &go),
-              STATUS_SUCCESS);
-    PVOID thread = nullptr;
-    ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *PsThreadType, KernelMode, &thread, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-    EXPECT_EQ(Poll(thread), STATUS_TIMEOUT);
-    KeSetEvent(&go, 0, FALSE);
-    EXPECT_EQ(Wait(thread), STATUS_SUCCESS);
-    EXPECT_EQ(Poll(thread), STATUS_SUCCESS);
-    ObfDereferenceObject(thread);
+// ---- resources ----
+
+TEST_F(DispatcherTest, AWaitingExclusiveKeepsNewSharersOutButNotExistingOnes) {
+    ERESOURCE resource;
+    ExInitializeResourceLite(&resource);
+    EXPECT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));
+    std::string order;
+    std::thread writer([&] {
+        ExAcquireResourceExclusiveLite(&resource, TRUE);
+        order += "x";
+        ExReleaseResourceLite(&resource);
+    });
+    EXPECT_TRUE(Eventually([&] { return ExGetExclusiveWaiterCount(&resource) == 1; }));
+    EXPECT_TRUE(ExAcquireResourceSharedLite(&resource, TRUE));
+    ExReleaseResourceLite(&resource);
+    std::thread reader([&] {
+        EXPECT_FALSE(ExAcquireResourceSharedLite(&resource, FALSE));
+        ExAcquireResourceSharedLite(&resource, TRUE);
+        order += "s";
+        ExReleaseResourceLite(&resource);
+    });
+    EXPECT_TRUE(Eventually([&] { return ExGetSharedWaiterCount(&resource) == 1; }));
+    ExReleaseResourceLite(&resource);  // the last sharer lets the exclusive waiter in first
+    writer.join();
+    reader.join();
+    EXPECT_EQ(order, "xs");
+    ExDeleteResourceLite(&resource);
+}
+
+// The last user drains the resource by acquiring it exclusively, deletes it and frees its memory at once, while the
+// thread that let it in may still be on its way out of the release.
+TEST_F(DispatcherTest, WhoDrainsAResourceMayFreeIt) {
+    for (int i = 0; i < 1500; i++) {
+        auto owned = std::make_unique<ERESOURCE>();
+        ERESOURCE* const shared = owned.get();
+        ExInitializeResourceLite(shared);
+        std::atomic<int> holding{0};
+        std::vector<std::thread> users;
+        for (int u = 0; u < 2; u++) {
+            users.emplace_back([&, shared, u] {
+                u == 0 ? ExAcquireResourceExclusiveLite(shared, TRUE) : ExAcquireResourceSharedLite(shared, TRUE);
+                holding++;
+                ExReleaseResourceLite(shared);
+            });
+        }
+        while (holding < 2) {
+            std::this_thread::yield();
+        }
+        ExAcquireResourceExclusiveLite(shared, TRUE);
+        ExReleaseResourceLite(shared);
+        ExDeleteResourceLite(shared);
+        owned.reset();
+        for (std::thread& user : users) {
+            user.join();
+        }
+    }
 }
 
 // ---- the manual clock ----

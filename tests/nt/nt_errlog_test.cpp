@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr ULONG kScsiFailed = 0xC0050006;
-
 class ErrorLogTest : public tests::StationTest {
   protected:
     void SetUp() override {
@@ -25,22 +23,20 @@ class ErrorLogTest : public tests::StationTest {
         StationTest::TearDown();
     }
 
-    // Writes an entry as the driver does: strings behind the dump data and four bytes.
-    static bool Log(PVOID object, ULONG eventId, const std::string& dump, const std::vector<std::u16string>& strings) {
-        size_t size = 48 + dump.size();
+    // Writes an entry as the driver does: strings behind the fixed part.
+    static bool Log(PVOID object, ULONG eventId, const std::vector<std::u16string>& strings) {
+        size_t size = 48;
         for (const std::u16string& string : strings) {
             size += (string.size() + 1) * sizeof(WCHAR);
         }
         auto* const packet =
-            static_cast<PIO_ERROR_LOG_PACKET>(size > 255 ? nullptr : IoAllocateErrorLogEntry(object, size & 0xFF));
+            static_cast<PIO_ERROR_LOG_PACKET>(IoAllocateErrorLogEntry(object, static_cast<UCHAR>(size)));
         if (packet == nullptr) {
             return false;
         }
         packet->ErrorCode = nt::StatusFromCode(eventId);
-        packet->DumpDataSize = static_cast<USHORT>(dump.size());
-        packet->StringOffset = static_cast<USHORT>(44 + dump.size());
+        packet->StringOffset = 44;
         packet->NumberOfStrings = static_cast<USHORT>(strings.size());
-        std::memcpy(packet->DumpData, dump.data(), dump.size());
         UCHAR* at = reinterpret_cast<UCHAR*>(packet) + packet->StringOffset;
         for (const std::u16string& string : strings) {
             std::memcpy(at, string.c_str(), (string.size() + 1) * sizeof(WCHAR));
@@ -53,30 +49,6 @@ class ErrorLogTest : public tests::StationTest {
     nt_test::TestDriver test_;
     PDRIVER_OBJECT driver_ = nullptr;
 };
-
-TEST_F(ErrorLogTest, EntriesComeBackWhole) {
-    const std::string dump = std::string("\x01\x00\xFF", 3) + std::string(37, 'd');
-    ASSERT_TRUE(Log(driver_, kScsiFailed, "", {u"read", u"3", u"4294967295", u"BodyTable", u"4"}));
-    ASSERT_TRUE(Log(test_.device, 0x4005000B, dump, {}));
-    ASSERT_TRUE(Log(driver_, 0xC0050002, std::string(100, 'x'), {u"\u00E9"}));  // the longest there is
-    EXPECT_FALSE(Log(driver_, 0xC0050002, std::string(108, 'x'), {}));
-    EXPECT_EQ(IoAllocateErrorLogEntry(driver_, 47), nullptr);
-    const nt::EventLogContents log = nt::ReadEventLog(files_.eventLog);
-    EXPECT_EQ(log.error, "");
-    EXPECT_EQ(log.damagedRecords, 0u);
-    ASSERT_EQ(log.entries.size(), 3u);
-    const nt::EventLogEntry& first = log.entries[0];
-    EXPECT_EQ(first.source, "Test");
-    EXPECT_EQ(first.device, "");
-    EXPECT_EQ(first.eventId, kScsiFailed);
-    EXPECT_EQ(first.strings, (std::vector<std::u16string>{u"read", u"3", u"4294967295", u"BodyTable", u"4"}));
-    EXPECT_TRUE(first.dumpData.empty());
-    const nt::EventLogEntry& second = log.entries[1];
-    EXPECT_EQ(second.device, "\\Device\\Test");
-    EXPECT_EQ(std::string(second.dumpData.begin(), second.dumpData.end()), dump);
-    EXPECT_LE(first.time, second.time);
-    EXPECT_GT(first.time, nt::kTicksFrom1601To1970);
-}
 
 int g_violations;
 
@@ -114,15 +86,15 @@ TEST_F(ErrorLogTest, PartsOutsideTheEntryAreRefused) {
 }
 
 TEST_F(ErrorLogTest, TornAndDamagedRecordsCostOnlyThemselves) {
-    ASSERT_TRUE(Log(driver_, 1, "", {u"one"}));
-    ASSERT_TRUE(Log(driver_, 2, "", {u"two"}));
+    ASSERT_TRUE(Log(driver_, 1, {u"one"}));
+    ASSERT_TRUE(Log(driver_, 2, {u"two"}));
     const std::string good = tests::ReadFile(files_.eventLog);
     for (const size_t cut : {size_t{1}, size_t{2}, size_t{40}, good.find('\n') + 1}) {
         tests::WriteFile(files_.eventLog, std::string_view(good).substr(0, good.size() - cut));
         const size_t before = nt::ReadEventLog(files_.eventLog).entries.size();
         EXPECT_EQ(before, cut == 1 ? 2u : 1u) << cut;
         EXPECT_EQ(nt::ReadEventLog(files_.eventLog).damagedRecords, 0u) << cut;
-        ASSERT_TRUE(Log(driver_, 3, "", {u"three"}));
+        ASSERT_TRUE(Log(driver_, 3, {u"three"}));
         const nt::EventLogContents log = nt::ReadEventLog(files_.eventLog);
         ASSERT_EQ(log.entries.size(), before + 1) << cut;
         EXPECT_EQ(log.entries.back().strings[0], u"three");
@@ -139,14 +111,14 @@ TEST_F(ErrorLogTest, TornAndDamagedRecordsCostOnlyThemselves) {
 }
 
 TEST_F(ErrorLogTest, ALongLogMovesAside) {
-    ASSERT_TRUE(Log(driver_, 1, "", {u"old"}));
+    ASSERT_TRUE(Log(driver_, 1, {u"old"}));
     const std::string line = tests::ReadFile(files_.eventLog);
     std::string filler;
     while (filler.size() < (8 << 20)) {
         filler += std::string(4000, ' ') + "\n";
     }
     tests::WriteFile(files_.eventLog, line + filler);
-    ASSERT_TRUE(Log(driver_, 2, "", {u"new"}));
+    ASSERT_TRUE(Log(driver_, 2, {u"new"}));
     EXPECT_LT(std::filesystem::file_size(files_.eventLog), 1000u);
     const nt::EventLogContents log = nt::ReadEventLog(files_.eventLog);
     ASSERT_EQ(log.entries.size(), 2u);
@@ -158,14 +130,14 @@ TEST_F(ErrorLogTest, NoFileNoTrouble) {
     EXPECT_TRUE(nt::ReadEventLog(files_.eventLog).entries.empty());
     EXPECT_EQ(nt::ReadEventLog(files_.eventLog).error, "");
     std::filesystem::create_directory(files_.eventLog);
-    EXPECT_TRUE(Log(driver_, 1, "", {u"lost"}));
+    EXPECT_TRUE(Log(driver_, 1, {u"lost"}));
     EXPECT_NE(nt::ReadEventLog(files_.eventLog).error, "");
     EXPECT_NE(nt::AttachStation(files_), "");
     std::filesystem::remove(files_.eventLog);
 
     files_.readOnly = true;
     ASSERT_EQ(nt::AttachStation(files_), "");
-    EXPECT_TRUE(Log(driver_, 1, "", {u"dropped"}));
+    EXPECT_TRUE(Log(driver_, 1, {u"dropped"}));
     EXPECT_FALSE(std::filesystem::exists(files_.eventLog));
 }
 

@@ -1,84 +1,17 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <set>
 
 #include "tests/nt/nt_kernel_fixture.h"
 
-// Share access, tokens, descriptor lists and probes, the work queue.
+// Tokens, descriptor lists and probes.
 
 namespace {
 
 using namespace nt_test;
 
 using ExecutiveTest = KernelTest;
-
-// ---- share access ----
-
-TEST_F(ExecutiveTest, ShareAccessFollowsTheTwoSidedRule) {
-    constexpr ACCESS_MASK kR = FILE_READ_DATA;
-    constexpr ACCESS_MASK kX = FILE_EXECUTE;
-    constexpr ACCESS_MASK kW = FILE_WRITE_DATA;
-    constexpr ACCESS_MASK kA = FILE_APPEND_DATA;
-    constexpr ACCESS_MASK kAttributes = FILE_READ_ATTRIBUTES | SYNCHRONIZE | FILE_WRITE_ATTRIBUTES;
-    constexpr ULONG kRead = FILE_SHARE_READ;
-    constexpr ULONG kWrite = FILE_SHARE_WRITE;
-    constexpr ULONG kDelete = FILE_SHARE_DELETE;
-    constexpr ULONG kAll = kRead | kWrite | kDelete;
-    struct Case {
-        ACCESS_MASK access1;
-        ULONG share1;
-        ACCESS_MASK access2;
-        ULONG share2;
-        bool allowed;
-    };
-    const Case cases[] = {
-        {kR, kRead, kR, kRead, true},
-        {kR, 0, kR, kRead, false},     // the first shares nothing
-        {kR, kRead, kR, 0, false},     // the second does not share what the first holds
-        {kX, kRead, kX, kRead, true},  // executing is reading
-        {kR, kRead, kW, kRead, false},
-        {kR, kRead | kWrite, kW, kRead, true},
-        {kA, kAll, kR, kRead, false},  // appending is writing
-        {kR, kRead, DELETE, kAll, false},
-        {kR, kRead | kDelete, DELETE, kRead, true},
-        {DELETE, kAll, kR, kRead | kWrite, false},
-        {kAttributes, 0, kR | kW | DELETE, 0, true},  // wants none of the three: in nobody's way
-        {kR | kW | DELETE, 0, kAttributes, 0, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        FILE_OBJECT first{};
-        FILE_OBJECT second{};
-        SHARE_ACCESS share{};
-        IoSetShareAccess(c.access1, c.share1, &first, &share);
-        EXPECT_EQ(IoCheckShareAccess(c.access2, c.share2, &second, &share, FALSE),
-                  c.allowed ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION);
-        EXPECT_LE(share.OpenCount, 1u);
-        if (IoCheckShareAccess(c.access2, c.share2, &second, &share, TRUE) == STATUS_SUCCESS) {
-            IoRemoveShareAccess(&first, &share);
-            FILE_OBJECT third{};  // now only the second's wishes count
-            EXPECT_EQ(IoCheckShareAccess(c.access1, c.share1, &third, &share, TRUE), STATUS_SUCCESS);
-            IoRemoveShareAccess(&second, &share);
-            IoRemoveShareAccess(&third, &share);
-        } else {
-            IoRemoveShareAccess(&first, &share);
-        }
-        EXPECT_EQ(share.OpenCount + share.Readers + share.Writers + share.Deleters + share.SharedRead +
-                      share.SharedWrite + share.SharedDelete,
-                  0u);
-    }
-    FILE_OBJECT none{};
-    SHARE_ACCESS share{};
-    IoSetShareAccess(kAttributes, kAll, &none, &share);
-    EXPECT_EQ(none.SharedRead + none.SharedWrite + none.SharedDelete + none.ReadAccess, 0);
-    FILE_OBJECT some{};
-    IoSetShareAccess(kX | DELETE, kWrite | kDelete, &some, &share);
-    EXPECT_EQ(some.ReadAccess * 32 + some.WriteAccess * 16 + some.DeleteAccess * 8 + some.SharedRead * 4 +
-                  some.SharedWrite * 2 + some.SharedDelete,
-              32 + 8 + 2 + 1);
-}
 
 // ---- tokens ----
 
@@ -173,40 +106,6 @@ TEST_F(ExecutiveTest, AProbeFindsEveryBadPageWithoutTouchingTheGoodOnes) {
     munmap(memory, kSize);
     munmap(shared, 2 * kPage);
     close(fd);
-}
-
-// ---- the work queue ----
-
-// Four items that wait for a fifth: on the real kernel they would wait for ever, and so they do here.
-TEST_F(ExecutiveTest, TheCriticalQueueHasFourThreadsForEverybody) {
-    struct Shared {
-        KEVENT open;
-        std::atomic<int> entered{0};
-        std::atomic<bool> fifthRan{false};
-        std::atomic<int> left{0};
-    } shared;
-    KeInitializeEvent(&shared.open, NotificationEvent, FALSE);
-    WORK_QUEUE_ITEM items[5];
-    for (int i = 0; i < 5; i++) {
-        ExInitializeWorkItem(
-            &items[i],
-            i < 4 ? [](PVOID context) {
-                auto& s = *static_cast<Shared*>(context);
-                s.entered++;
-                KeWaitForSingleObject(&s.open, Executive, KernelMode, FALSE, nullptr);
-                s.left++;
-            } : [](PVOID context) {
-                static_cast<Shared*>(context)->fifthRan = true;
-                static_cast<Shared*>(context)->left++;
-            },
-            &shared);
-        ExQueueWorkItem(&items[i], CriticalWorkQueue);
-    }
-    EXPECT_TRUE(Eventually([&] { return shared.entered == 4; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(shared.fifthRan);
-    KeSetEvent(&shared.open, 0, FALSE);
-    EXPECT_TRUE(Eventually([&] { return shared.left == 5; }));
 }
 
 }  // namespace

@@ -25,10 +25,10 @@ class FilesTest : public tests::StationTest {
     }
 
     static NTSTATUS Open(std::u16string_view name, HANDLE* file, ACCESS_MASK access = kRead,
-                         ULONG options = kSynchronous, ULONG share = FILE_SHARE_READ, ULONG disposition = FILE_OPEN) {
+                         ULONG options = kSynchronous) {
         IO_STATUS_BLOCK ioStatus;
         const NTSTATUS status = ZwCreateFile(file, access, Attributes(name), &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL,
-                                             share, disposition, options, nullptr, 0);
+                                             FILE_SHARE_READ, FILE_OPEN, options, nullptr, 0);
         EXPECT_EQ(ioStatus.Status, status);
         return status;
     }
@@ -78,59 +78,6 @@ TEST_F(FilesTest, NamesLeadNowhereElse) {
             ZwClose(file);
         }
     }
-}
-
-TEST_F(FilesTest, ReadsMoveThePosition) {
-    std::string content;
-    for (int i = 0; i < 3000; ++i) {
-        content += static_cast<char>(i * 7);
-    }
-    tests::WriteFile(backup_, content);
-    HANDLE file = nullptr;
-    ASSERT_EQ(Open(kBackup, &file), STATUS_SUCCESS);
-
-    IO_STATUS_BLOCK ioStatus;
-    FILE_STANDARD_INFORMATION information;
-    EXPECT_EQ(ZwQueryInformationFile(file, &ioStatus, &information, 23, FileStandardInformation),
-              STATUS_INFO_LENGTH_MISMATCH);
-    EXPECT_EQ(ZwQueryInformationFile(file, &ioStatus, &information, 24, FileBasicInformation),
-              STATUS_INVALID_INFO_CLASS);
-    ASSERT_EQ(ZwQueryInformationFile(file, &ioStatus, &information, 24, FileStandardInformation), STATUS_SUCCESS);
-    EXPECT_EQ(information.EndOfFile.QuadPart, 3000);
-    EXPECT_EQ(information.AllocationSize.QuadPart, 4096);
-    EXPECT_FALSE(information.Directory);
-
-    struct Case {
-        LONGLONG offset;  // -1: none given.
-        ULONG length;
-        NTSTATUS status;
-        size_t first;
-        size_t count;
-    };
-    const Case cases[] = {
-        {-1, 1056, STATUS_SUCCESS, 0, 1056},     {-1, 100, STATUS_SUCCESS, 1056, 100},
-        {-2, 5, STATUS_SUCCESS, 1156, 5},        {2990, 100, STATUS_SUCCESS, 2990, 10},
-        {-1, 1, STATUS_END_OF_FILE, 0, 0},       {3000, 0, STATUS_SUCCESS, 0, 0},
-        {-5, 1, STATUS_INVALID_PARAMETER, 0, 0}, {INT64_MAX, 10, STATUS_END_OF_FILE, 0, 0},
-    };
-    for (const Case& c : cases) {
-        std::string buffer(c.length, '#');
-        LARGE_INTEGER offset;
-        offset.QuadPart = c.offset;
-        const NTSTATUS status = ZwReadFile(file, nullptr, nullptr, nullptr, &ioStatus, buffer.data(), c.length,
-                                           c.offset == -1 ? nullptr : &offset, nullptr);
-        if (c.offset == INT64_MAX) {
-            EXPECT_FALSE(NT_SUCCESS(status));
-            continue;
-        }
-        EXPECT_EQ(status, c.status) << c.offset;
-        EXPECT_EQ(ioStatus.Information, c.count) << c.offset;
-        EXPECT_EQ(buffer.substr(0, c.count), content.substr(c.first, c.count));
-        EXPECT_EQ(buffer.substr(c.count), std::string(c.length - c.count, '#'));
-    }
-    ZwClose(file);
-    EXPECT_EQ(ZwReadFile(file, nullptr, nullptr, nullptr, &ioStatus, &ioStatus, 0, nullptr, nullptr),
-              STATUS_INVALID_HANDLE);
 }
 
 TEST_F(FilesTest, DeleteOnClose) {

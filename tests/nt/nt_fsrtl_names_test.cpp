@@ -11,44 +11,6 @@ namespace {
 
 using nt::CountedString;
 
-TEST(DissectName, SplitsWithoutCopying) {
-    struct Case {
-        std::u16string_view name;
-        std::u16string_view first;
-        const char16_t* remaining;  // Null: there is none.
-    };
-    const Case cases[] = {
-        {u"", u"", nullptr},       {u"a", u"a", nullptr},         {u"a\\b", u"a", u"b"},     {u"a\\", u"a", u""},
-        {u"\\b", u"b", nullptr},   {u"\\", u"", nullptr},         {u"a\\\\b", u"a", u"\\b"}, {u"\\\\b", u"", u"b"},
-        {u"a/b\\c", u"a/b", u"c"}, {u"\\a\\b\\c", u"a", u"b\\c"},
-    };
-    for (const Case& c : cases) {
-        const UNICODE_STRING name = CountedString(c.name);
-        UNICODE_STRING first;
-        UNICODE_STRING remaining;
-        FsRtlDissectName(name, &first, &remaining);
-        EXPECT_EQ(nt::View(&first), c.first) << nt::Utf8FromWide(c.name);
-        EXPECT_EQ(remaining.Buffer == nullptr, c.remaining == nullptr) << nt::Utf8FromWide(c.name);
-        EXPECT_EQ(nt::View(&remaining), c.remaining == nullptr ? u"" : c.remaining) << nt::Utf8FromWide(c.name);
-        if (remaining.Buffer != nullptr) {
-            EXPECT_GE(remaining.Buffer, name.Buffer);
-            EXPECT_LE(remaining.Buffer, name.Buffer + c.name.size());
-        }
-    }
-}
-
-TEST(WildCards, AreTheFive) {
-    for (const char16_t character : std::u16string(u"*?<>\"")) {
-        const std::u16string text = std::u16string(u"ab") + character;
-        UNICODE_STRING name = CountedString(text);
-        EXPECT_TRUE(FsRtlDoesNameContainWildCards(&name)) << static_cast<char>(character);
-    }
-    for (const std::u16string_view text : {u"", u"take.1", u"a|b:c\\d/e", u"[a]"}) {
-        UNICODE_STRING name = CountedString(text);
-        EXPECT_FALSE(FsRtlDoesNameContainWildCards(&name)) << nt::Utf8FromWide(text);
-    }
-}
-
 bool Matches(std::u16string_view expression, std::u16string_view name, bool ignoreCase = false) {
     UNICODE_STRING expressionString = CountedString(expression);
     UNICODE_STRING nameString = CountedString(name);
@@ -62,29 +24,20 @@ TEST(NameInExpression, Table) {
         bool matches;
     };
     const Case cases[] = {
-        {u"", u"", true},
         {u"*", u"", false},
-        {u"", u"a", false},
         {u"*", u"a.b.c", true},
         {u"f_*.*", u"f_1", false},
         {u"f_*.*", u"f_.x", true},
-        {u"abc", u"abcd", false},
-        {u"*b", u"ab.b", true},
         {u"*a*ab*abc", u"aabaabcdadabdabc", true},
         {u"*a*ab*abd", u"aabaabcdadabdabc", false},
-        // One character each, dots included.
-        {u"?", u"ab", false},
         {u"*.???", u"take.rzv", true},
         {u"*.???", u"take.rz", false},
         // DOS star: any run up to the last dot and, if needed, including it.
-        {u"<", u"a", true},
         {u"<.c", u"a.b.c", true},
-        {u"<d", u"a.b.c", false},
         {u"<", u"a.b", false},  // The run ends with the last dot.
         {u"ab<exe", u"abcd.exe", true},
         // DOS question mark: one character, or the end of its run at a dot or the end.
         {u">>>.c", u"a.c", true},
-        {u">>>.c", u"abc.c", true},
         {u">>>.c", u"abcd.c", false},
         // DOS dot: a dot, or nothing at the end.
         {u"a\"", u"a", true},

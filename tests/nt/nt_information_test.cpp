@@ -1,6 +1,6 @@
 #include "tests/nt/nt_system_fixture.h"
 
-// File and volume information and renames of a process.
+// File and volume information of a process.
 
 namespace {
 
@@ -67,69 +67,6 @@ TEST_F(SystemTest, LengthsAndRightsAreCheckedForUsersOnly) {
         EXPECT_EQ(ask(trusted, trustedHandle, c, 1), STATUS_SUCCESS);  // a trusted caller's go through as they are
         EXPECT_EQ(driver.Seen(), majors[c.kind]);
     }
-}
-
-TEST_F(SystemTest, ARenameWithAPathOpensTheTargetsParentFirst) {
-    const nt::Handle handle = Open(u"\\??\\T:\\dir\\old");
-    const nt::Handle folder = Open(u"\\??\\T:\\other");
-    struct Rename {
-        FILE_RENAME_INFORMATION info;
-        WCHAR rest[64];
-    };
-    struct Case {
-        const char* name;
-        std::u16string_view to;
-        bool inFolder;
-        ULONG length;  // of the name as told; 0: as it is
-        NTSTATUS status;
-        const char* seen;
-        std::u16string_view target;  // the name that the parent's open carries
-    };
-    const Case cases[] = {
-        {"a plain name", u"new", false, 0, STATUS_SUCCESS, "set", {}},
-        {"a full path", u"\\??\\T:\\dir2\\new", false, 0, STATUS_SUCCESS, "create set cleanup close", u"\\dir2\\new"},
-        {"below an open folder", u"sub\\new", true, 0, STATUS_SUCCESS, "create set cleanup close", u"sub\\new"},
-        {"a path to nowhere", u"\\??\\X:\\new", false, 0, STATUS_OBJECT_PATH_NOT_FOUND, "", {}},
-        {"another device", u"\\Device\\Second\\new", false, 0, STATUS_NOT_SAME_DEVICE, "create cleanup close",
-         u"\\new"},
-        {"no name", u"", false, 0, STATUS_INVALID_PARAMETER, "", {}},
-        {"half a character", u"new", false, 3, STATUS_INVALID_PARAMETER, "", {}},
-        {"a name beyond the buffer", u"new", false, 600, STATUS_INVALID_PARAMETER, "", {}},
-    };
-    PDEVICE_OBJECT second = nullptr;
-    ASSERT_EQ(IoCreateDevice(driver.object, 0, Name(u"\\Device\\Second"), FILE_DEVICE_UNKNOWN, 0, FALSE, &second),
-              STATUS_SUCCESS);
-    second->Flags &= ~DO_DEVICE_INITIALIZING;
-    std::u16string target;
-    PFILE_OBJECT parent = nullptr;
-    driver.on[IRP_MJ_CREATE] = [&](PDEVICE_OBJECT, PIRP irp) {
-        const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
-        EXPECT_NE(stack->Flags & SL_OPEN_TARGET_DIRECTORY, 0);
-        parent = stack->FileObject;
-        target.assign(parent->FileName.Buffer, parent->FileName.Length / 2);
-        return Complete(irp, STATUS_SUCCESS, FILE_DOES_NOT_EXIST);
-    };
-    driver.on[IRP_MJ_SET_INFORMATION] = [&](PDEVICE_OBJECT, PIRP irp) {
-        const auto& set = IoGetCurrentIrpStackLocation(irp)->Parameters.SetFile;
-        EXPECT_EQ(set.FileObject, parent);
-        EXPECT_TRUE(set.ReplaceIfExists);
-        return Complete(irp, STATUS_SUCCESS);
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        parent = nullptr;
-        target.clear();
-        driver.Forget();
-        Rename rename{};
-        rename.info.ReplaceIfExists = TRUE;
-        rename.info.RootDirectory = c.inFolder ? folder : 0;
-        rename.info.FileNameLength = c.length != 0 ? c.length : static_cast<ULONG>(c.to.size() * 2);
-        std::copy(c.to.begin(), c.to.end(), rename.info.FileName);
-        EXPECT_EQ(process->SetInformation(handle, nullptr, &rename, sizeof(rename), FileRenameInformation), c.status);
-        EXPECT_EQ(driver.Seen(), c.seen);
-        EXPECT_EQ(target, c.target);
-    }
-    IoDeleteDevice(second);
 }
 
 }  // namespace

@@ -8,69 +8,6 @@ namespace {
 
 using namespace nt_test;
 
-TEST_F(SystemTest, NamesResolveThroughLinksToTheDeviceWithTheLongestName) {
-    PDEVICE_OBJECT longer = nullptr;
-    ASSERT_EQ(IoCreateDevice(driver.object, 0, Name(u"\\Device\\Test\\Inner"), FILE_DEVICE_UNKNOWN, 0, FALSE, &longer),
-              STATUS_SUCCESS);
-    longer->Flags &= ~DO_DEVICE_INITIALIZING;
-    IoCreateSymbolicLink(Name(u"\\??\\Chain"), Name(u"\\DosDevices\\t:\\sub"));
-    IoCreateSymbolicLink(Name(u"\\??\\Loop"), Name(u"\\??\\Loop"));
-    std::u16string seenName;
-    PDEVICE_OBJECT seenDevice = nullptr;
-    driver.on[IRP_MJ_CREATE] = [&](PDEVICE_OBJECT device, PIRP irp) {
-        const PFILE_OBJECT file = IoGetCurrentIrpStackLocation(irp)->FileObject;
-        seenName.assign(file->FileName.Buffer, file->FileName.Length / 2);
-        seenDevice = device;
-        EXPECT_EQ(file->RelatedFileObject, nullptr);
-        EXPECT_EQ((file->Flags & FO_VOLUME_OPEN) != 0, seenName.empty());
-        return Complete(irp, STATUS_SUCCESS, FILE_OPENED);
-    };
-    struct Case {
-        std::u16string_view name;
-        NTSTATUS status;
-        std::u16string_view rest;
-        bool isLonger;
-    };
-    const Case cases[] = {
-        {u"\\Device\\Test", STATUS_SUCCESS, u"", false},
-        {u"\\Device\\Test\\", STATUS_SUCCESS, u"\\", false},
-        {u"\\Device\\Test\\\\a\\", STATUS_SUCCESS, u"\\\\a\\", false},
-        {u"\\DosDevices\\T:\\RZV\\Vol", STATUS_SUCCESS, u"\\RZV\\Vol", false},
-        {u"\\dosdevices\\CHAIN\\x", STATUS_SUCCESS, u"\\sub\\x", false},
-        {u"\\Device\\Test\\Inner", STATUS_SUCCESS, u"", true},
-        {u"\\Device\\Test\\inner\\x", STATUS_SUCCESS, u"\\x", true},
-        {u"\\Device\\Test\\Inner2", STATUS_SUCCESS, u"\\Inner2", false},
-        {u"\\Device\\Test2", STATUS_OBJECT_NAME_NOT_FOUND, {}, false},
-        {u"\\??\\X:", STATUS_OBJECT_NAME_NOT_FOUND, {}, false},
-        {u"\\??\\X:\\a", STATUS_OBJECT_PATH_NOT_FOUND, {}, false},
-        {u"\\Nowhere\\a", STATUS_OBJECT_PATH_NOT_FOUND, {}, false},
-        {u"\\??\\Loop", STATUS_OBJECT_NAME_INVALID, {}, false},
-        {u"T:\\a", STATUS_OBJECT_PATH_SYNTAX_BAD, {}, false},
-        {u"", STATUS_OBJECT_PATH_SYNTAX_BAD, {}, false},
-        {u"\\Driver\\Test", STATUS_OBJECT_TYPE_MISMATCH, {}, false},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.name.begin(), c.name.end()));
-        seenDevice = nullptr;
-        nt::Handle handle = 0;
-        IO_STATUS_BLOCK status{};
-        EXPECT_EQ(process->Open({.name = c.name}, &handle, &status), c.status);
-        EXPECT_EQ(status.Status, c.status);
-        EXPECT_EQ(handle != 0, c.status == STATUS_SUCCESS);
-        if (handle != 0) {
-            EXPECT_EQ(status.Information, FILE_OPENED);
-            EXPECT_EQ(seenName, c.rest);
-            EXPECT_EQ(seenDevice, c.isLonger ? longer : driver.device);
-            EXPECT_EQ(process->Close(handle), STATUS_SUCCESS);
-        } else {
-            EXPECT_EQ(seenDevice, nullptr);
-        }
-    }
-    IoDeleteSymbolicLink(Name(u"\\??\\Chain"));
-    IoDeleteSymbolicLink(Name(u"\\??\\Loop"));
-    IoDeleteDevice(longer);
-}
-
 TEST_F(SystemTest, WhatAnOpenMayNotAskTheDriverNeverSees) {
     const nt::Handle root = Open(u"\\??\\T:\\folder");
     const PVOID bad = reinterpret_cast<PVOID>(uintptr_t{4096});

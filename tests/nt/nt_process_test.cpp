@@ -1,5 +1,4 @@
 #include <atomic>
-#include <cstring>
 
 #include "nt/object_internal.h"
 #include "tests/nt/nt_system_fixture.h"
@@ -9,29 +8,6 @@
 namespace {
 
 using namespace nt_test;
-
-TEST_F(SystemTest, CleanupComesWithTheLastHandleAndCloseWithTheLastReference) {
-    const nt::Handle first = Open(u"\\??\\T:\\f");
-    nt::Process other("other");
-    nt::Handle second = 0;
-    ASSERT_EQ(process->Duplicate(first, other, &second), STATUS_SUCCESS);
-    PVOID file = nullptr;
-    {
-        const nt::AttachProcess attach(other.Object());
-        ASSERT_EQ(
-            ObReferenceObjectByHandle(nt::HandleFromValue(second), 0, *IoFileObjectType, UserMode, &file, nullptr),
-            STATUS_SUCCESS);
-    }
-    EXPECT_EQ(process->Close(first), STATUS_SUCCESS);
-    EXPECT_EQ(driver.Seen(), "");
-    EXPECT_EQ(process->Close(first), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(other.Close(second), STATUS_SUCCESS);
-    EXPECT_EQ(driver.Seen(), "cleanup");
-    EXPECT_EQ(driver.device->ReferenceCount, 1);
-    ObfDereferenceObject(file);
-    EXPECT_EQ(driver.Seen(), "cleanup close");
-    EXPECT_EQ(driver.device->ReferenceCount, 0);
-}
 
 // A posted read that ends after the last handle has gone: its completion drops the last reference, and the close runs
 // beside the driver's completing thread, which still holds its lock.
@@ -84,10 +60,13 @@ TEST_F(SystemTest, TheEndOfAProcessCancelsAwaitsThenClosesInOrder) {
     static std::function<void(const char*, PIRP)> noteCancel;
     noteCancel = note;
     driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
-        return PendUntilCancelled(irp, [](PDEVICE_OBJECT device, PIRP cancelled) {
+        IoMarkIrpPending(irp);
+        IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP cancelled) {
             noteCancel("cancel", cancelled);
-            CompleteAsCancelled(device, cancelled);
+            IoReleaseCancelSpinLock(cancelled->CancelIrql);
+            Complete(cancelled, STATUS_CANCELLED);
         });
+        return STATUS_PENDING;
     };
     driver.on[IRP_MJ_CLEANUP] = [&](PDEVICE_OBJECT, PIRP irp) {
         note("cleanup", irp);
@@ -116,33 +95,6 @@ TEST_F(SystemTest, TheEndOfAProcessCancelsAwaitsThenClosesInOrder) {
     nt::Handle late = 0;
     EXPECT_EQ(process->Open({.name = u"\\??\\T:"}, &late), STATUS_PROCESS_IS_TERMINATING);
     EXPECT_EQ(process->Read(handle, &status, nullptr, 0, &offset), STATUS_PROCESS_IS_TERMINATING);
-}
-
-TEST_F(SystemTest, CancelFindsItsRequestsByStatusBlockAndHandle) {
-    const nt::Handle a = Open(u"\\??\\T:\\a", 0);
-    const nt::Handle b = Open(u"\\??\\T:\\b", 0);
-    driver.on[IRP_MJ_READ] = [](PDEVICE_OBJECT, PIRP irp) { return PendUntilCancelled(irp, CompleteAsCancelled); };
-    IO_STATUS_BLOCK blocks[4] = {};
-    const LONGLONG offset = 0;
-    for (int i = 0; i < 4; i++) {
-        blocks[i].Status = STATUS_PENDING;
-        EXPECT_EQ(process->Read(i < 3 ? a : b, &blocks[i], nullptr, 0, &offset), STATUS_PENDING);
-    }
-    const auto left = [&] {
-        std::string text;
-        for (const IO_STATUS_BLOCK& block : blocks) {
-            text += block.Status == STATUS_PENDING ? 'p' : 'c';
-        }
-        return text;
-    };
-    EXPECT_EQ(process->CancelRequest(&blocks[1]), STATUS_SUCCESS);
-    EXPECT_EQ(left(), "pcpp");
-    EXPECT_EQ(process->CancelRequest(&blocks[1]), STATUS_NOT_FOUND);
-    EXPECT_EQ(process->CancelHandle(a), STATUS_SUCCESS);
-    EXPECT_EQ(left(), "cccp");
-    EXPECT_EQ(process->CancelHandle(a), STATUS_NOT_FOUND);
-    EXPECT_EQ(process->CancelHandle(b), STATUS_SUCCESS);
-    EXPECT_EQ(left(), "cccc");
 }
 
 TEST_F(SystemTest, HandlesAreOfTheirProcessTypeAndAccess) {
@@ -177,30 +129,6 @@ TEST_F(SystemTest, HandlesAreOfTheirProcessTypeAndAccess) {
         process->Close(next);
     }
     EXPECT_EQ(reference(*process, handle, 0, nullptr, UserMode), STATUS_INVALID_HANDLE);
-}
-
-TEST_F(SystemTest, AKernelHandleIsGoodInEveryProcessForTheKernelOnly) {
-    static KEVENT stop;
-    KeInitializeEvent(&stop, NotificationEvent, FALSE);
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    HANDLE handle = nullptr;
-    ASSERT_EQ(PsCreateSystemThread(
-                  &handle, 0, &attributes, nullptr, nullptr,
-                  [](PVOID) { KeWaitForSingleObject(&stop, Executive, KernelMode, FALSE, nullptr); }, nullptr),
-              STATUS_SUCCESS);
-    PVOID thread = nullptr;
-    EXPECT_EQ(process->Close(nt::HandleValue(handle)), STATUS_INVALID_HANDLE);
-    {
-        const nt::AttachProcess attach(process->Object());
-        EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, *PsThreadType, UserMode, &thread, nullptr),
-                  STATUS_INVALID_HANDLE);
-        EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, *PsThreadType, KernelMode, &thread, nullptr), STATUS_SUCCESS);
-        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
-    }
-    KeSetEvent(&stop, 0, FALSE);
-    KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
-    ObfDereferenceObject(thread);
 }
 
 }  // namespace

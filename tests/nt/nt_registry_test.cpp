@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <filesystem>
-#include <tuple>
 
 #include "nt/registry_store.h"
 #include "station_fixture.h"
@@ -126,18 +124,13 @@ class RegistryTest : public tests::StationTest {
         return ZwSetValueKey(key, &valueName, 0, type, data.data(), static_cast<ULONG>(data.size()));
     }
 
-    static NTSTATUS Query(HANDLE key, std::u16string_view name, KEY_VALUE_INFORMATION_CLASS informationClass,
-                          std::string* buffer, ULONG* needed) {
-        UNICODE_STRING valueName = nt::CountedString(name);
-        return ZwQueryValueKey(key, &valueName, informationClass, buffer->data(), static_cast<ULONG>(buffer->size()),
-                               needed);
-    }
-
     // The data of a value, through the partial information.
     static std::string Data(HANDLE key, std::u16string_view name) {
+        UNICODE_STRING valueName = nt::CountedString(name);
         std::string buffer(512, '\0');
         ULONG needed = 0;
-        const NTSTATUS status = Query(key, name, KeyValuePartialInformation, &buffer, &needed);
+        const NTSTATUS status =
+            ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, buffer.data(), 512, &needed);
         return NT_SUCCESS(status) ? buffer.substr(12, needed - 12) : "status";
     }
 };
@@ -158,82 +151,6 @@ TEST_F(RegistryTest, ValuesLiveOnTheDisk) {
     EXPECT_EQ(Data(again, u"DriveLetter0"), Bytes(std::u16string_view(u"R\0", 2)));
     EXPECT_EQ(Data(again, u"Missing"), "status");
     ZwClose(again);
-}
-
-TEST_F(RegistryTest, QueryAnswersByLength) {
-    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
-    const HANDLE key = Open(kParameters);
-    ASSERT_EQ(Set(key, u"Odd", REG_BINARY, "data!"), STATUS_SUCCESS);
-    struct Case {
-        KEY_VALUE_INFORMATION_CLASS informationClass;
-        ULONG length;
-        NTSTATUS status;
-        std::string tail;  // What follows the fixed part, as far as it is stored.
-    };
-    const std::string name = Bytes(u"Odd");
-    const Case cases[] = {
-        {KeyValueFullInformation, 19, STATUS_BUFFER_TOO_SMALL, ""},
-        {KeyValueFullInformation, 20, STATUS_BUFFER_OVERFLOW, ""},
-        {KeyValueFullInformation, 30, STATUS_BUFFER_OVERFLOW, name + std::string("\xEE\xEE") + "da"},
-        {KeyValueFullInformation, 33, STATUS_SUCCESS, name + std::string("\xEE\xEE") + "data!"},
-        {KeyValuePartialInformation, 11, STATUS_BUFFER_TOO_SMALL, ""},
-        {KeyValuePartialInformation, 16, STATUS_BUFFER_OVERFLOW, "data"},
-        {KeyValuePartialInformation, 17, STATUS_SUCCESS, "data!"},
-    };
-    for (const Case& c : cases) {
-        const bool full = c.informationClass == KeyValueFullInformation;
-        std::string buffer(c.length, '\xEE');
-        ULONG needed = 0;
-        EXPECT_EQ(Query(key, u"odd", c.informationClass, &buffer, &needed), c.status) << c.length;
-        EXPECT_EQ(needed, full ? 33u : 17u);
-        if (c.status == STATUS_BUFFER_TOO_SMALL) {
-            EXPECT_EQ(buffer, std::string(c.length, '\xEE'));
-            continue;
-        }
-        EXPECT_EQ(buffer.substr(full ? 20 : 12), c.tail) << c.length;
-        if (full) {
-            KEY_VALUE_FULL_INFORMATION fixed = {};
-            std::memcpy(&fixed, buffer.data(), 20);
-            EXPECT_EQ(std::tuple(fixed.Type, fixed.DataOffset, fixed.DataLength, fixed.NameLength),
-                      std::tuple(REG_BINARY, 28u, 5u, 6u));
-        }
-    }
-    ZwClose(key);
-}
-
-TEST_F(RegistryTest, PathsAndRights) {
-    ASSERT_EQ(nt::CreateRegistryKey(kParameters), STATUS_SUCCESS);
-    struct Case {
-        std::u16string_view path;
-        NTSTATUS status;
-    };
-    const Case absolute[] = {
-        {kService, STATUS_SUCCESS},
-        {u"\\Registry\\Machine\\Nothing", STATUS_OBJECT_NAME_NOT_FOUND},
-        {u"\\Registry\\", STATUS_OBJECT_NAME_INVALID},
-        {u"\\Registry\\Machine\\\\System", STATUS_OBJECT_NAME_INVALID},
-        {u"\\RegistryMachine", STATUS_OBJECT_PATH_NOT_FOUND},
-        {u"Registry\\Machine", STATUS_OBJECT_PATH_SYNTAX_BAD},
-    };
-    for (const Case& c : absolute) {
-        HANDLE key = nullptr;
-        EXPECT_EQ(ZwOpenKey(&key, KEY_READ, Attributes(c.path)), c.status) << nt::Utf8FromWide(c.path);
-        EXPECT_EQ(key == nullptr, !NT_SUCCESS(c.status));
-        if (key != nullptr) {
-            ZwClose(key);
-        }
-    }
-    const HANDLE readOnly = Open(kParameters, KEY_READ);
-    EXPECT_EQ(Set(readOnly, u"X", REG_DWORD, Bytes(1u)), STATUS_ACCESS_DENIED);
-    ZwClose(readOnly);
-    const HANDLE writeOnly = Open(kParameters, KEY_WRITE);
-    EXPECT_EQ(Set(writeOnly, u"X", REG_DWORD, Bytes(1u)), STATUS_SUCCESS);
-    std::string buffer(64, '\0');
-    ULONG needed = 0;
-    EXPECT_EQ(Query(writeOnly, u"X", KeyValueFullInformation, &buffer, &needed), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Set(writeOnly, u"big", REG_BINARY, std::string((1 << 20) + 1, 'x')), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(Set(writeOnly, std::u16string(1, 0xD800), REG_DWORD, Bytes(1u)), STATUS_OBJECT_NAME_INVALID);
-    ZwClose(writeOnly);
 }
 
 TEST_F(RegistryTest, AWriteThatCannotBeChangesNothing) {

@@ -14,7 +14,6 @@
 namespace {
 
 using nt::CountedString;
-using nt::View;
 
 TEST(Upcase, SimpleOneToOne) {
     struct Case {
@@ -66,74 +65,6 @@ TEST(UnicodeString, CompareByUnitThenLength) {
         EXPECT_EQ(RtlEqualUnicodeString(&left, &right, TRUE) != FALSE, c.insensitive == 0);
         EXPECT_EQ(RtlEqualUnicodeString(&left, &right, FALSE) != FALSE, c.exact == 0);
     }
-}
-
-// Copies into exactly as much heap memory as the string claims, so that a byte too many is seen.
-struct ExactString : UNICODE_STRING {
-    explicit ExactString(USHORT characters, std::u16string_view text = {}) : storage(characters, u'#') {
-        Length = static_cast<USHORT>(text.size() * sizeof(WCHAR));
-        MaximumLength = static_cast<USHORT>(characters * sizeof(WCHAR));
-        Buffer = storage.data();
-        std::copy(text.begin(), text.end(), storage.begin());
-    }
-    std::vector<WCHAR> storage;
-};
-
-TEST(UnicodeString, CopyCutsAndTerminates) {
-    struct Case {
-        USHORT room;  // Characters.
-        std::u16string_view source;
-        std::u16string_view result;
-        std::u16string_view memory;  // The buffer afterwards; '#' is untouched.
-    };
-    const Case cases[] = {
-        {4, u"ab", u"ab", std::u16string_view(u"ab\0#", 4)},
-        {2, u"ab", u"ab", u"ab"},
-        {1, u"ab", u"a", u"a"},
-        {0, u"ab", u"", u""},
-        {2, u"", u"", std::u16string_view(u"\0#", 2)},
-    };
-    for (const Case& c : cases) {
-        ExactString destination(c.room);
-        const UNICODE_STRING source = CountedString(c.source);
-        RtlCopyUnicodeString(&destination, &source);
-        EXPECT_EQ(View(&destination), c.result);
-        EXPECT_EQ(std::u16string_view(destination.storage.data(), c.room), c.memory);
-    }
-    ExactString destination(2, u"ab");
-    RtlCopyUnicodeString(&destination, nullptr);
-    EXPECT_EQ(destination.Length, 0);
-    EXPECT_EQ(destination.storage[0], 0);
-}
-
-TEST(UnicodeString, InitCountsUpToTheLimit) {
-    const std::u16string longText(40000, u'x');
-    UNICODE_STRING string;
-    RtlInitUnicodeString(&string, longText.c_str());
-    EXPECT_EQ(string.Length, 65532);
-    EXPECT_EQ(string.MaximumLength, 65534);
-    RtlInitUnicodeString(&string, nullptr);
-    EXPECT_EQ(string.Length + string.MaximumLength, 0);
-}
-
-TEST(UnicodeString, UpcaseInPlaceAndAllocated) {
-    nt::Boot();
-    const UNICODE_STRING source = CountedString(u"take \u00E9\u00DF\u00FF");
-    ExactString exact(static_cast<USHORT>(source.Length / sizeof(WCHAR)));
-    EXPECT_EQ(RtlUpcaseUnicodeString(&exact, &source, FALSE), STATUS_SUCCESS);
-    EXPECT_EQ(View(&exact), u"TAKE \u00C9\u00DF\u0178");
-    ExactString small(3, u"abc");
-    EXPECT_EQ(RtlUpcaseUnicodeString(&small, &source, FALSE), STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(View(&small), u"abc");
-
-    UNICODE_STRING allocated;
-    ASSERT_EQ(RtlUpcaseUnicodeString(&allocated, &source, TRUE), STATUS_SUCCESS);
-    EXPECT_EQ(View(&allocated), u"TAKE \u00C9\u00DF\u0178");
-    EXPECT_EQ(allocated.MaximumLength, allocated.Length);
-    RtlFreeUnicodeString(&allocated);
-    EXPECT_EQ(allocated.Buffer, nullptr);
-    RtlFreeUnicodeString(&allocated);
-    EXPECT_TRUE(nt::Shutdown().empty());
 }
 
 // ---- splay trees ----

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,11 +17,11 @@ constexpr std::u16string_view kName = u"\\BaseNamedObjects\\P:/RZV/VOL1/CLIPS/CL
 
 class SectionTest : public tests::StationTest {
   protected:
-    static NTSTATUS Create(HANDLE* section, std::u16string_view name, LONGLONG size, ULONG flags = OBJ_OPENIF,
-                           ACCESS_MASK access = SECTION_ALL_ACCESS, ULONG protection = PAGE_READWRITE) {
+    static NTSTATUS Create(HANDLE* section, std::u16string_view name, LONGLONG size) {
         LARGE_INTEGER maximum;
         maximum.QuadPart = size;
-        return ZwCreateSection(section, access, Attributes(name, flags), &maximum, protection, SEC_COMMIT, nullptr);
+        return ZwCreateSection(section, SECTION_ALL_ACCESS, Attributes(name, OBJ_OPENIF), &maximum, PAGE_READWRITE,
+                               SEC_COMMIT, nullptr);
     }
 
     static NTSTATUS Map(HANDLE section, void** address, SIZE_T* size, LONGLONG offset = 0,
@@ -33,67 +32,6 @@ class SectionTest : public tests::StationTest {
         return ZwMapViewOfSection(section, NtCurrentProcess(), address, 0, 0, &start, size, ViewShare, 0, protect);
     }
 };
-
-TEST_F(SectionTest, NamesAndSizes) {
-    struct Case {
-        std::u16string_view name;
-        LONGLONG size;
-        NTSTATUS status;
-    };
-    const Case cases[] = {
-        {kName, 24, STATUS_SUCCESS},
-        {kName, 0, STATUS_INVALID_PARAMETER_4},
-        {kName, -1, STATUS_INVALID_PARAMETER_4},
-        {kName, (LONGLONG{1} << 31) + 1, STATUS_SECTION_TOO_BIG},
-        {u"\\BaseNamedObjects\\", 24, STATUS_OBJECT_NAME_INVALID},
-        {u"\\BaseNamedObjects\\a\\b", 24, STATUS_OBJECT_PATH_NOT_FOUND},
-        {u"\\BaseNamedObject\\a", 24, STATUS_OBJECT_PATH_NOT_FOUND},
-        {u"BaseNamedObjects\\a", 24, STATUS_OBJECT_PATH_SYNTAX_BAD},
-    };
-    for (const Case& c : cases) {
-        HANDLE section = nullptr;
-        EXPECT_EQ(Create(&section, c.name, c.size), c.status) << nt::Utf8FromWide(c.name) << c.size;
-        EXPECT_EQ(section == nullptr, !NT_SUCCESS(c.status));
-        if (section != nullptr) {
-            ZwClose(section);
-        }
-    }
-    HANDLE section = nullptr;
-    EXPECT_EQ(ZwOpenSection(&section, SECTION_ALL_ACCESS, Attributes(kName)), STATUS_OBJECT_NAME_NOT_FOUND);
-}
-
-TEST_F(SectionTest, OneNameIsOneMemory) {
-    HANDLE first = nullptr;
-    HANDLE second = nullptr;
-    ASSERT_EQ(Create(&first, kName, 24 * 300), STATUS_SUCCESS);
-    EXPECT_EQ(Create(&second, kName, 24 * 300, 0), STATUS_OBJECT_NAME_COLLISION);
-    // The existing one is opened as it is, whatever size was asked for.
-    ASSERT_EQ(Create(&second, kName, 24), STATUS_OBJECT_NAME_EXISTS);
-    void* firstView = nullptr;
-    void* secondView = nullptr;
-    SIZE_T firstSize = 0;
-    SIZE_T secondSize = 0;
-    ASSERT_EQ(Map(first, &firstView, &firstSize), STATUS_SUCCESS);
-    ASSERT_EQ(Map(second, &secondView, &secondSize), STATUS_SUCCESS);
-    EXPECT_EQ(firstSize, 8192u);
-    EXPECT_EQ(secondSize, 8192u);
-    EXPECT_EQ(static_cast<char*>(firstView)[7199], 0);
-    std::memset(firstView, 0x5A, 7200);
-    EXPECT_EQ(std::memcmp(secondView, firstView, 7200), 0);
-    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), static_cast<char*>(firstView) + 5000), STATUS_SUCCESS);
-    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), firstView), STATUS_NOT_MAPPED_VIEW);
-    ZwClose(first);
-    ZwClose(second);
-    // The view keeps the memory.
-    EXPECT_EQ(static_cast<char*>(secondView)[7199], 0x5A);
-    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), secondView), STATUS_SUCCESS);
-    // Made anew it is zeroed.
-    ASSERT_EQ(Create(&first, kName, 24), STATUS_SUCCESS);
-    ASSERT_EQ(Map(first, &firstView, &(firstSize = 0)), STATUS_SUCCESS);
-    EXPECT_EQ(*static_cast<char*>(firstView), 0);
-    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), firstView), STATUS_SUCCESS);
-    ZwClose(first);
-}
 
 TEST_F(SectionTest, ViewsKeepToTheSectionAndItsRights) {
     HANDLE section = nullptr;

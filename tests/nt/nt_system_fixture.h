@@ -30,15 +30,4 @@ class SystemTest : public DriverTest {
     std::unique_ptr<nt::Process> process;
 };
 
-// Keeps the request until it is cancelled.
-inline NTSTATUS PendUntilCancelled(PIRP irp, PDRIVER_CANCEL cancel) {
-    IoMarkIrpPending(irp);
-    IoSetCancelRoutine(irp, cancel);
-    return STATUS_PENDING;
-}
-inline VOID NTAPI CompleteAsCancelled(PDEVICE_OBJECT, PIRP irp) {
-    IoReleaseCancelSpinLock(irp->CancelIrql);
-    Complete(irp, STATUS_CANCELLED);
-}
-
 }  // namespace nt_test

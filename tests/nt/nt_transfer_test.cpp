@@ -25,66 +25,6 @@ class GuardedPage {
     char* base_;
 };
 
-TEST_F(SystemTest, SynchronousHandlesKeepAPositionOverlappedOnesWantAnOffset) {
-    LONGLONG seen = 0;
-    const auto transfer = [&](PDEVICE_OBJECT, PIRP irp) {
-        const PIO_STACK_LOCATION stack = IoGetCurrentIrpStackLocation(irp);
-        seen = stack->Parameters.Read.ByteOffset.QuadPart;
-        EXPECT_EQ(irp->MdlAddress, nullptr);
-        if (IoIsOperationSynchronous(irp)) {
-            stack->FileObject->CurrentByteOffset.QuadPart = seen + stack->Parameters.Read.Length;
-        }
-        return Complete(irp, STATUS_SUCCESS, stack->Parameters.Read.Length);
-    };
-    driver.on[IRP_MJ_READ] = transfer;
-    driver.on[IRP_MJ_WRITE] = transfer;
-    char buffer[64];
-    IO_STATUS_BLOCK status{};
-    const nt::Handle sync = Open(u"\\??\\T:\\f");
-    const LONGLONG hundred = 100;
-    const LONGLONG negative = -5;
-    const auto position = [&] {
-        FILE_POSITION_INFORMATION at{};
-        driver.Forget();
-        EXPECT_EQ(process->QueryInformation(sync, &status, &at, sizeof(at), FilePositionInformation), STATUS_SUCCESS);
-        EXPECT_EQ(driver.Seen(), "");  // the driver is not asked
-        return at.CurrentByteOffset.QuadPart;
-    };
-    EXPECT_EQ(process->Read(sync, &status, buffer, 10), STATUS_SUCCESS);
-    EXPECT_EQ(seen, 0);
-    EXPECT_EQ(status.Information, 10u);
-    EXPECT_EQ(position(), 10);
-    EXPECT_EQ(process->Write(sync, &status, buffer, 5, &hundred), STATUS_SUCCESS);
-    EXPECT_EQ(seen, 100);
-    EXPECT_EQ(position(), 105);
-    FILE_POSITION_INFORMATION move{};
-    move.CurrentByteOffset.QuadPart = 7;
-    EXPECT_EQ(process->SetInformation(sync, &status, &move, sizeof(move), FilePositionInformation), STATUS_SUCCESS);
-    EXPECT_EQ(process->Read(sync, &status, buffer, 1), STATUS_SUCCESS);
-    EXPECT_EQ(seen, 7);
-    EXPECT_EQ(process->Read(sync, &status, buffer, 1, &negative), STATUS_INVALID_PARAMETER);
-    move.CurrentByteOffset.QuadPart = -1;
-    EXPECT_EQ(process->SetInformation(sync, &status, &move, sizeof(move), FilePositionInformation),
-              STATUS_INVALID_PARAMETER);
-    nt::Overlapped overlapped{};
-    EXPECT_EQ(process->Read(sync, &status, buffer, 1, nullptr, &overlapped), STATUS_INVALID_PARAMETER);
-    overlapped.optional = true;
-    EXPECT_EQ(process->Read(sync, &status, buffer, 1, nullptr, &overlapped), STATUS_SUCCESS);
-
-    const nt::Handle async = Open(u"\\??\\T:\\f", 0);
-    EXPECT_EQ(process->Read(async, &status, buffer, 1), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(process->Read(async, &status, buffer, 1, &hundred), STATUS_SUCCESS);
-    EXPECT_EQ(seen, 100);
-    const nt::Handle append = Open(u"\\??\\T:\\f", FILE_SYNCHRONOUS_IO_NONALERT, FILE_APPEND_DATA | SYNCHRONIZE);
-    EXPECT_EQ(process->Write(append, &status, buffer, 1, &hundred), STATUS_SUCCESS);
-    EXPECT_EQ(seen, -1);  // to the end of the file
-    EXPECT_EQ(process->Read(append, &status, buffer, 1, &hundred), STATUS_ACCESS_DENIED);
-    const nt::Handle whole = Open(u"\\??\\T:\\f", FILE_SYNCHRONOUS_IO_NONALERT | FILE_NO_INTERMEDIATE_BUFFERING);
-    EXPECT_EQ(process->Read(whole, &status, buffer, 100), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(process->Read(whole, &status, buffer, 512, &hundred), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(process->Read(whole, &status, buffer, 512), STATUS_SUCCESS);
-}
-
 TEST_F(SystemTest, OverlappedRequestsReportTheirEndExactlyOnce) {
     const nt::Handle handle = Open(u"\\??\\T:\\f", 0);
     for (const bool pend : {false, true}) {

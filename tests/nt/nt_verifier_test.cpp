@@ -56,21 +56,6 @@ void Elsewhere(const std::function<void()>& work) {
 const Misdeed kMisdeeds[] = {
     {"an event in paged pool", "an event at",
      [] { InPagedPool([](PVOID at) { KeInitializeEvent(static_cast<PKEVENT>(at), NotificationEvent, FALSE); }); }},
-    {"a resource in paged pool", "a resource at",
-     [] {
-         InPagedPool([](PVOID at) {
-             ExInitializeResourceLite(static_cast<PERESOURCE>(at));
-             ExDeleteResourceLite(static_cast<PERESOURCE>(at));
-         });
-     }},
-    {"a lookaside list in paged pool", "a lookaside list at",
-     [] {
-         InPagedPool([](PVOID at) {
-             auto* const list = static_cast<PPAGED_LOOKASIDE_LIST>(at);
-             ExInitializePagedLookasideList(list, nullptr, nullptr, 0, 32, kTag, 4);
-             ExDeletePagedLookasideList(list);
-         });
-     }},
     {"a work item in paged pool", "a work item at",
      [] {
          InPagedPool([](PVOID at) {
@@ -78,11 +63,6 @@ const Misdeed kMisdeeds[] = {
              ExInitializeWorkItem(item, DoNothing, nullptr);
              ExQueueWorkItem(item, CriticalWorkQueue);
          });
-     }},
-    {"freeing what is not allocated", "no allocated pool block",
-     [] {
-         int onStack = 0;
-         ExFreePool(&onStack);
      }},
     {"freeing twice", "no allocated pool block",
      [] {
@@ -424,20 +404,6 @@ TEST_F(VerifierTest, AnUnloadListsWhatTheDriverLeft) {
     EXPECT_NE(nt::ToString(nt::Shutdown()).find("running thread"), std::string::npos);
     nt::Boot();
     endThread();
-}
-
-TEST_F(VerifierTest, AFailedEntryReportsWhatItLeft) {
-    const auto entry = [](PDRIVER_OBJECT, PUNICODE_STRING) {
-        ExAllocatePoolWithTag(NonPagedPool, 24, kTag);
-        return STATUS_NO_SUCH_DEVICE;
-    };
-    PDRIVER_OBJECT driver = nullptr;
-    nt::LeakList leaks;
-    EXPECT_EQ(nt::LoadDriver({entry, u"Failing", u""}, &driver, &leaks), STATUS_NO_SUCH_DEVICE);
-    EXPECT_EQ(nt::ToString(leaks), "non-paged pool Test, 24 bytes\n");
-    EXPECT_EQ(nt::ToString(nt::Shutdown()), "non-paged pool Test, 24 bytes\n");
-    nt::Boot();
-    EXPECT_EQ(nt::GetStatistics().poolBlocks, 0u);  // given back
 }
 
 }  // namespace

@@ -1,0 +1,477 @@
+// Body tables through the control device: the sections' names, when tables reach the disk, and that the card stands
+// still for nobody.
+#include <atomic>
+#include <thread>
+
+#include "fsd/fcb.h"
+#include "media/body_table_cache.h"
+#include "media/body_table_object.h"
+#include "nt/kernel.h"
+#include "nt/system.h"
+#include "tests/driver/recorder_rig.h"
+
+namespace tests {
+namespace {
+
+constexpr LONGLONG kSecond = 10000000;
+constexpr const char* kTooSmall = "STATUS_BUFFER_TOO_SMALL";
+constexpr const char* kInvalid = "STATUS_INVALID_PARAMETER";
+
+class ControlBodyTables : public RecorderTest {
+  protected:
+    static BodyTableCache* Cache() { return &Card()->BodyTableCache; }
+
+    void StartWithClip(bool manualClock = false) {
+        host::MachineOptions options;
+        options.manualClock = manualClock;
+        StartVolume(1, options);
+        clip_.frames = 4;
+        clip_.videoFields = {1, 2, 3, 4, 5, 6, 7, 8};
+        PutClip(u"a.RZV", clip_);
+    }
+    host::ScopedHandle OpenToRead(const std::u16string& name) {
+        return {User(), Open(u"\\RZV\\VOL\\F\\" + name).handle};
+    }
+    // The first count of the clip's table, as an application changes it and as the disk has it.
+    static void Scribble(const host::Process::SectionView& view, std::uint16_t first) {
+        std::memcpy(view.bytes.data() + offsetof(VrkFsPlacedNode, Node), &first, 2);
+    }
+    int OnDisk(const std::u16string& name = u"a.RZV") {
+        std::uint16_t first;
+        std::memcpy(&first, RawBlocks(0, RawFile(name).VideoBodyTableLba, 1).data(), 2);
+        return first;
+    }
+    void Pass(int seconds) {
+        for (int i = 0; i < seconds; ++i) {
+            ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
+            nt::ClockAdvance(kSecond);
+        }
+        ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
+    }
+    host::Process::SectionView Map(host::Process& process, const std::u16string& name) {
+        host::Process::SectionView view;
+        EXPECT_EQ(host::StatusName(process.MapSection(name, true, view)), kOk);
+        return view;
+    }
+
+    ClipSpec clip_;
+};
+
+TEST_F(ControlBodyTables, AFinishedClipsTableIsSharedUnderItsName) {
+    StartWithClip();
+    const host::ScopedHandle reader = OpenToRead(u"A.rzv");
+    std::u16string name;
+    struct {
+        bool alpha;
+        std::size_t bytes;
+        const char* answer;
+    } const cases[] = {{false, 0, kTooSmall}, {false, 36, kTooSmall}, {false, 37, kTooSmall}, {false, 38, kOk},
+                       {false, 4000, kOk},    {true, 400, kTooSmall}, {true, 0, kTooSmall}};
+    for (const auto& test : cases) {
+        EXPECT_EQ(Reference(reader.Get(), &name, test.alpha, test.bytes), test.answer) << test.bytes;
+        EXPECT_EQ(name, test.answer == kOk ? u"P:/RZV/VOL/F/A.RZV" : u"?");
+    }
+    EXPECT_EQ(Cache()->ReferencedCount, 1u);
+    auto* object = CONTAINING_RECORD(Cache()->Referenced.Flink, BodyTableObject, Link);
+    EXPECT_EQ(object->WriteReferences, 0u) << "nobody can write through these handles";
+    {
+        const host::ScopedHandle writer = OpenClip(u"a.RZV");
+        EXPECT_EQ(Reference(writer.Get(), &name, false, 36), kTooSmall);
+        EXPECT_EQ(object->WriteReferences, 0u);
+        EXPECT_EQ(Reference(writer.Get(), &name), kOk);
+        EXPECT_EQ(CreateTable(writer.Get(), 100), kOk) << "it has one";
+        EXPECT_EQ(std::pair(object->WriteReferences, object->Frames), std::pair(1u, 4u));
+        EXPECT_EQ(Dereference(reader.Get()), kOk);
+        EXPECT_EQ(object->WriteReferences, 1u);
+    }
+    // Every field where it lies on the disk.
+    const host::Process::SectionView view = Map(User(), name);
+    std::uint32_t lba = RawFile(u"a.RZV").DataStartLba;
+    for (std::uint32_t field = 0; field < 8; ++field) {
+        VrkFsPlacedNode node;
+        std::memcpy(&node, view.bytes.data() + field * sizeof(node), sizeof(node));
+        EXPECT_EQ(std::tuple(node.ScsiId, node.Lba, VrkFsBodyTableNodeSectors(node.Node)),
+                  std::tuple(ids_[0], lba, clip_.videoFields[field]));
+        lba += clip_.videoFields[field];
+    }
+    OpenClip(u"plain", host::Disposition::kCreate).Reset();
+    EXPECT_EQ(Reference(OpenClip(u"plain").Get(), &name), "0xC00000F2") << "a section is never empty";
+    EXPECT_EQ(Cache()->ReferencedCount + Cache()->UnreferencedCount, 1u);
+}
+
+TEST_F(ControlBodyTables, TablesStayWithinTheirSectionsAndBlocks) {
+    StartWithClip();
+    host::ScopedHandle file = OpenClip(u"new.RZV", host::Disposition::kCreate);
+    const VrkFsVideoSpace space = Allocate(file.Get(), 2, 10);
+    std::u16string name;
+    for (const std::uint32_t frames : {0x05555556u, 0x20000000u, 0xFFFFFFFFu}) {  // times 24 or 8 they wrap
+        EXPECT_EQ(CreateTable(file.Get(), frames), kInvalid);
+    }
+    EXPECT_EQ(CreateTable(file.Get(), 128), kOk);
+    const std::uint32_t theirs = RawFile(u"a.RZV").VideoBodyTableLba;
+    struct {
+        std::uint32_t lba;
+        std::uint32_t blocks;
+        const char* answer;
+    } const cases[] = {
+        {theirs, 2, kInvalid},
+        {0, 0, kInvalid},
+        {space.BodyTableLba, 3, kInvalid},
+        {space.BodyTableLba, 1, kInvalid},
+        {space.BodyTableLba, 0x800001, kInvalid},
+        {space.BodyTableLba, 2, kOk},
+    };
+    for (const auto& test : cases) {
+        VrkFsVideoSpace given = space;
+        given.BodyTableLba = test.lba;
+        given.BodyTableBlocks = test.blocks;
+        EXPECT_EQ(AddNodes(file.Get(), given, &name), test.answer) << test.lba << " " << test.blocks;
+    }
+    const host::Process::SectionView view = Map(User(), name);
+    EXPECT_EQ(AddNodes(file.Get(), space, &name, true), kInvalid) << "the file has no alpha";
+
+    // The same name again, larger, while a program still has the old section.
+    VrkFsVideoFileUpdate update{};
+    update.Handle = file.Get();
+    update.VideoBodyTableAllocated = 2;
+    update.VideoDataAllocated = 10;
+    update.Flags = VRKFS_UPDATE_VIDEO;
+    EXPECT_EQ(Send(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update), kOk);
+    const VrkFsVideoSpace larger = Allocate(file.Get(), 100, 10);
+    EXPECT_EQ(CreateTable(file.Get(), 6000), kOk);
+    EXPECT_EQ(AddNodes(file.Get(), larger, &name), "STATUS_OBJECT_NAME_COLLISION");
+    User().UnmapSection(view);
+    EXPECT_EQ(AddNodes(file.Get(), larger, &name), kOk);
+    const host::Process::SectionView whole = Map(User(), name);
+    EXPECT_GE(whole.bytes.size(), 6000u * 24);
+
+    // What is settled away is not written to any more, even by a table that was shared before.
+    std::memset(whole.bytes.data(), 0x5A, whole.bytes.size());
+    update.VideoBodyTableAllocated = 100;
+    update.VideoBodyTableUsed = 1;
+    update.VideoDataUsed = 10;
+    update.FrameCount = 60;
+    EXPECT_EQ(Send(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update), kOk);
+    const Bytes freed = RawBlocks(0, larger.BodyTableLba + 1, 99);
+    file.Reset();
+    EXPECT_EQ(RawBlocks(0, larger.BodyTableLba, 1)[0], std::byte{0x5A});
+    EXPECT_TRUE(RawBlocks(0, larger.BodyTableLba + 1, 99) == freed);
+    ExpectImage(u"a.RZV", clip_);
+}
+
+TEST_F(ControlBodyTables, ACachedTableDoesNotReachBlocksThatWereGivenBack) {
+    StartVolume(1);
+    clip_.frames = 100;
+    clip_.videoFields.assign(200, 1);
+    PutClip(u"a.RZV", clip_);
+    std::u16string name;
+    {
+        const host::ScopedHandle writer = OpenClip(u"a.RZV");
+        ASSERT_EQ(Reference(writer.Get(), &name), kOk);
+        std::memset(Map(User(), name).bytes.data(), 0x5A, 2400);
+    }
+    ASSERT_EQ(Cache()->UnreferencedCount, 1u);
+    const host::ScopedHandle writer = OpenClip(u"a.RZV");
+    const VrkFsFileLocation place = Locate(writer.Get());
+    const Bytes freed = RawBlocks(0, place.BodyTableLba + 1, 1);
+    VrkFsVideoFileUpdate update{};
+    update.Handle = writer.Get();
+    update.FrameCount = 50;
+    update.VideoBodyTableAllocated = 2;
+    update.VideoBodyTableUsed = 1;
+    update.VideoDataAllocated = update.VideoDataUsed = place.DataBlocks;
+    update.Flags = VRKFS_UPDATE_VIDEO;
+    ASSERT_EQ(Send(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update), kOk);
+    // The block goes to a new file, whose owner would not like to find the old table in it.
+    const host::ScopedHandle other = OpenClip(u"b.RZV", host::Disposition::kCreate);
+    const VrkFsVideoSpace space = Allocate(other.Get(), 1, 1);
+    ASSERT_EQ(space.BodyTableLba, place.BodyTableLba + 1);
+    const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
+    VrkFsBTFlushUnrefObjects(Cache());
+    EXPECT_EQ(RawBlocks(0, place.BodyTableLba, 1)[8], std::byte{0x5A});
+    EXPECT_TRUE(RawBlocks(0, place.BodyTableLba + 1, 1) == freed);
+}
+
+TEST_F(ControlBodyTables, WhatWasWrittenIsNotLostWhenTheClipGetsAlpha) {
+    StartWithClip(true);  // nothing becomes due
+    std::u16string name;
+    for (const bool isNew : {false, true}) {
+        host::ScopedHandle writer = OpenClip(u"a.RZV");
+        ASSERT_EQ(Reference(writer.Get(), &name), kOk);
+        const std::uint16_t value = isNew ? 44 : 45;
+        Scribble(Map(User(), name), value);
+        writer.Reset();
+        writer = OpenClip(u"a.RZV");
+        EXPECT_NE(OnDisk(), value);
+        static_cast<void>(Allocate(writer.Get(), 1, 10, VRKFS_SPACE_ALPHA));
+        EXPECT_EQ(isNew ? CreateTable(writer.Get(), 4) : Reference(writer.Get(), &name), kOk);
+        EXPECT_EQ(OnDisk(), value);
+    }
+}
+
+// ---- Time ----
+
+TEST_F(ControlBodyTables, TablesReachTheDiskAtTheirPace) {
+    StartWithClip(true);
+    host::ScopedHandle writer = OpenClip(u"a.RZV");
+    std::u16string name;
+    ASSERT_EQ(Reference(writer.Get(), &name), kOk);
+    const host::Process::SectionView view = Map(User(), name);
+    std::uint16_t value = 101;
+    Scribble(view, value);
+    Pass(9);
+    EXPECT_EQ(OnDisk(), 0) << "before the 10 s are over";
+    Pass(4);
+    EXPECT_EQ(OnDisk(), value) << "within 2 s of them";
+    Scribble(view, ++value);
+    Pass(6);
+    EXPECT_EQ(OnDisk(), value - 1);
+    Pass(6);
+    EXPECT_EQ(OnDisk(), value) << "and again for as long as the reference lasts";
+    // Two suspensions, one resumed: held off until the control handle goes.
+    ASSERT_EQ(SendNothing(IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_SUSPEND), kOk);
+    ASSERT_EQ(SendNothing(IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_SUSPEND), kOk);
+    ASSERT_EQ(SendNothing(IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_RESUME), kOk);
+    Scribble(view, ++value);
+    Pass(30);
+    EXPECT_EQ(OnDisk(), value - 1);
+    CloseControl();
+    EXPECT_EQ(Cache()->SuspendCount, 0u);
+    Pass(3);
+    EXPECT_EQ(OnDisk(), value);
+
+    // Released without a word: once more, and then never again.
+    Scribble(view, ++value);
+    writer.Reset();
+    EXPECT_EQ(OnDisk(), value - 1);
+    Pass(13);
+    EXPECT_EQ(OnDisk(), value);
+    const auto* object = CONTAINING_RECORD(Cache()->Unreferenced.Flink, BodyTableObject, Link);
+    EXPECT_EQ(object->WriteReferences, 0u) << "the program that held it is gone";
+    Scribble(view, 7);
+    Pass(30);
+    EXPECT_EQ(OnDisk(), value);
+    // Found again it is written again, by whoever holds a write reference.
+    writer = OpenClip(u"a.RZV");
+    ASSERT_EQ(Reference(writer.Get(), &name), kOk);
+    Pass(13);
+    EXPECT_EQ(OnDisk(), 7);
+}
+
+TEST_F(ControlBodyTables, TheShutdownNoticeWritesBackAndLeavesOpenTablesAlone) {
+    StartWithClip(true);
+    host::ScopedHandle writer = OpenClip(u"a.RZV");
+    std::u16string name;
+    ASSERT_EQ(Reference(writer.Get(), &name), kOk);
+    Scribble(Map(User(), name), 99);
+    nt::SendShutdown();
+    EXPECT_EQ(OnDisk(), 99);
+    EXPECT_EQ(Reference(writer.Get(), &name), kOk);
+    writer.Reset();
+    EXPECT_EQ(Cache()->UnreferencedCount, 1u);
+    CloseControl();
+    Stop();  // the thread ends although the clock stands still
+}
+
+// ---- Many at once ----
+
+// All threads of the critical queue wait until this goes.
+class FullCriticalQueue {
+  public:
+    FullCriticalQueue() {
+        const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
+        state_ = static_cast<State*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(State), 1));
+        *state_ = {};
+        KeInitializeEvent(&state_->go, NotificationEvent, FALSE);
+        for (Item& item : state_->items) {
+            item.state = state_;
+            ExInitializeWorkItem(&item.work, Block, &item);
+            ExQueueWorkItem(&item.work, CriticalWorkQueue);
+        }
+        while (__atomic_load_n(&state_->waiting, __ATOMIC_ACQUIRE) != kThreads) {
+            std::this_thread::yield();
+        }
+    }
+    ~FullCriticalQueue() {
+        const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
+        KeSetEvent(&state_->go, 0, FALSE);
+        while (__atomic_load_n(&state_->waiting, __ATOMIC_ACQUIRE) != 0) {
+            std::this_thread::yield();
+        }
+        ExFreePoolWithTag(state_, 1);
+    }
+
+  private:
+    static constexpr int kThreads = 4;
+    struct State;
+    struct Item {
+        WORK_QUEUE_ITEM work;
+        State* state;
+    };
+    struct State {
+        KEVENT go;
+        Item items[kThreads];
+        int waiting;
+    };
+    static VOID NTAPI Block(PVOID context) {
+        State* state = static_cast<Item*>(context)->state;
+        __atomic_add_fetch(&state->waiting, 1, __ATOMIC_ACQ_REL);
+        KeWaitForSingleObject(&state->go, Executive, KernelMode, FALSE, nullptr);
+        __atomic_sub_fetch(&state->waiting, 1, __ATOMIC_ACQ_REL);
+    }
+
+    State* state_;
+};
+
+TEST_F(ControlBodyTables, NothingWaitsForTheCriticalQueue) {
+    StartWithClip();
+    PutClip(u"b.RZV", clip_);
+    PutClip(u"c.RZV", clip_);
+    std::u16string name;
+    std::vector<host::ScopedHandle> handles;
+    for (const char16_t* clip : {u"a.RZV", u"b.RZV", u"c.RZV"}) {
+        handles.push_back(OpenClip(clip));
+        ASSERT_EQ(Reference(handles.back().Get(), &name), kOk);
+    }
+    std::atomic<int> done = 0;
+    const host::ScopedHandle late = OpenClip(u"c.RZV");
+    VrkFsBodyTableReference request{};
+    request.Handle = late.Get();
+    host::OpenRequest open;
+    open.path = u"VrkFsDevice0";
+    open.overlapped = true;
+    const host::ScopedHandle control(User(), User().Create(open).handle);
+    std::vector<std::byte> output(400);
+    host::Status lateAnswer;
+    {
+        const FullCriticalQueue full;
+        host::RequestId id = 0;
+        const host::Status answer = User().DeviceControlOverlapped(
+            control.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE, BytesOf(request), output,
+            [&](host::IoResult result) {
+                lateAnswer = result.status;
+                ++done;
+            },
+            &id);
+        EXPECT_EQ(host::StatusName(answer), "STATUS_PENDING");
+        EXPECT_EQ(host::StatusName(host::Rename(User(), handles[0].Get(), u"renamed.RZV")), kOk);
+        EXPECT_EQ(host::StatusName(host::SetDeleteOnCleanup(User(), handles[1].Get(), true)), kOk);
+        EXPECT_EQ(ReadRange(OpenToRead(u"c.RZV"), 0, 4).size(), 4u);
+        handles.clear();
+        const_cast<host::ScopedHandle&>(late).Reset();
+        EXPECT_EQ(Format(u"VOL", {ids_[0]}), VRKFS_FORMAT_DEVICE_IN_USE) << "the posted request keeps its file";
+        EXPECT_EQ(SendOnly(IOCTL_VRKFS_LOCK_FILE_SYSTEM, VrkFsLockRequest{1}), "STATUS_ACCESS_DENIED");
+        EXPECT_EQ(done, 0);
+    }
+    while (done == 0) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(host::StatusName(lateAnswer), "STATUS_FILE_CLOSED");
+    ExpectImage(u"renamed.RZV", clip_);
+    const FullCriticalQueue full;
+    EXPECT_EQ(SendOnly(IOCTL_VRKFS_LOCK_FILE_SYSTEM, VrkFsLockRequest{1}), kOk);
+    EXPECT_EQ(Cache()->ReferencedCount + Cache()->UnreferencedCount, 0u);
+    EXPECT_EQ(SendNothing(IOCTL_VRKFS_UNLOCK_FILE_SYSTEM), kOk);
+    ExpectImage(u"c.RZV", clip_);
+    EXPECT_EQ(Format(u"VOL", {ids_[0]}), VRKFS_RESULT_DONE);
+}
+
+// Programs that refer to tables, write into them, read, rename, delete and lock, while the flush thread's time runs.
+class ControlStorm : public ControlBodyTables {
+  protected:
+    static constexpr int kSteps = 200;
+    static constexpr std::u16string_view kNames[] = {u"x.RZV", u"y.RZV", u"z.RZV"};
+
+    static host::ScopedHandle OpenAny(host::Process& process, std::u16string_view name, host::Disposition how) {
+        host::OpenRequest request;
+        request.path = u"P:\\RZV\\VOL\\F\\" + std::u16string(name);
+        request.access = host::access::kReadData | host::access::kWriteData | host::access::kDelete;
+        request.disposition = how;
+        return {process, process.Create(request).handle};
+    }
+    static host::ScopedHandle OpenDevice(host::Process& process) {
+        host::OpenRequest request;
+        request.path = u"VrkFsDevice0";
+        return {process, process.Create(request).handle};
+    }
+    // Another thing each time; whatever the others made of the file may refuse it.
+    static void Work(host::Process& process, unsigned seed) {
+        std::minstd_rand random(seed);
+        const host::ScopedHandle control = OpenDevice(process);
+        const Bytes image = BuildImage(SmallClip(), true);
+        std::vector<std::byte> buffer(2048);
+        for (int step = 0; step < kSteps; ++step) {
+            const std::u16string_view name = kNames[random() % 3];
+            const host::ScopedHandle file = OpenAny(process, name, host::Disposition::kOpenIf);
+            const std::uint32_t lock[1] = {static_cast<std::uint32_t>(random() % 2)};
+            VrkFsBodyTableReference request{};
+            request.Handle = file.Get();
+            switch (random() % 7) {
+                case 0:
+                    static_cast<void>(process.Write(file.Get(), image, 0));
+                    break;
+                case 1:
+                    static_cast<void>(process.Read(file.Get(), buffer, 0));
+                    break;
+                case 2:
+                    static_cast<void>(host::Rename(process, file.Get(), std::u16string(kNames[random() % 3])));
+                    break;
+                case 3:
+                    static_cast<void>(host::SetDeleteOnCleanup(process, file.Get(), true));
+                    break;
+                case 4:
+                    static_cast<void>(process.DeviceControl(control.Get(), IOCTL_VRKFS_LOCK_FILE_SYSTEM,
+                                                            std::as_bytes(std::span(lock)), {}));
+                    static_cast<void>(process.DeviceControl(control.Get(), IOCTL_VRKFS_UNLOCK_FILE_SYSTEM, {}, {}));
+                    break;
+                default:
+                    static_cast<void>(process.DeviceControl(control.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE,
+                                                            BytesOf(request), buffer));
+            }
+        }
+    }
+    static ClipSpec SmallClip() {
+        ClipSpec clip;
+        clip.frames = 2;
+        clip.videoFields = {1, 2, 1, 2};
+        return clip;
+    }
+};
+
+TEST_F(ControlStorm, LeavesWholeClipsAndNothingBehind) {
+    StartWithClip(true);
+    const std::uint64_t before = FreeBlocks();
+    std::vector<std::unique_ptr<host::Process>> processes;
+    for (int i = 0; i < 3; ++i) {
+        processes.push_back(Machine().NewProcess());
+    }
+    std::atomic<int> running = 3;
+    {
+        std::vector<std::jthread> threads;
+        for (unsigned i = 0; i < 3; ++i) {
+            threads.emplace_back([&, i] {
+                Work(*processes[i], 31 + i);
+                --running;
+            });
+        }
+        while (running != 0) {
+            nt::ClockAdvance(kSecond);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    processes.clear();
+    EXPECT_EQ(Cache()->ReferencedCount, 0u);
+    CloseControl();
+    Restart();
+    ExpectImage(u"a.RZV", clip_);
+    for (const std::u16string_view name : kNames) {
+        const host::ScopedHandle file = OpenAny(User(), name, host::Disposition::kOpen);
+        if (file) {
+            EXPECT_TRUE(host::SetDeleteOnCleanup(User(), file.Get(), true).Ok());
+        }
+    }
+    EXPECT_EQ(FreeBlocks(), before);
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,417 @@
+// Moving the pieces of a file: what is free afterwards, block for block, where the disk says the pieces are, and that
+// the clip still reads; and what keeps a piece where it is.
+#include <atomic>
+#include <thread>
+
+#include "core/device_ext.h"
+#include "core/file_types.h"
+#include "nt/kernel.h"
+#include "tests/driver/media_rig.h"
+
+namespace tests {
+namespace {
+
+constexpr ULONG kRecord = VRKFS_SEGMENT_FILE_ENTRY;
+constexpr ULONG kData = VRKFS_SEGMENT_DATA;
+constexpr ULONG kTable = VRKFS_SEGMENT_BODY_TABLE;
+constexpr ULONG kAlphaData = VRKFS_SEGMENT_ALPHA_DATA;
+constexpr ULONG kAlphaTable = VRKFS_SEGMENT_ALPHA_BODY_TABLE;
+constexpr std::int32_t kUntouched = 0x5A5A5A5A;
+constexpr std::uint32_t kFrames = 200;  // tables of 4 blocks
+
+using Lbas = std::array<std::uint32_t, VRKFS_SEGMENT_COUNT>;
+using Results = std::array<std::int32_t, VRKFS_SEGMENT_COUNT>;
+
+struct MoveAnswer {
+    std::string status;
+    std::uint64_t information = 0;
+    Results results{};
+    std::uint32_t progress = 0;
+};
+
+struct Place {
+    std::uint32_t start = 0;
+    std::uint32_t length = 0;
+    bool operator==(const Place&) const = default;
+};
+using Places = std::array<Place, VRKFS_SEGMENT_COUNT>;
+
+class ControlMove : public MediaTest {
+  protected:
+    void SetUp() override {
+        StartVolume(2);
+        AddType();
+        clip_ = Clip(1, true);
+        image_ = BuildImage(clip_, false);
+        PutClip(u"a.RZV", clip_);
+    }
+
+    // Fields of one to four sectors: 500 blocks on each disk, more than one chunk.
+    static ClipSpec Clip(std::uint64_t seed, bool alpha) {
+        std::mt19937 random(static_cast<unsigned>(seed));
+        ClipSpec clip = RandomClip(random, kFrames, alpha, false, 1, 4);
+        clip.seed = seed;
+        return clip;
+    }
+    static void AddType() {
+        const nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
+        FileType row{};
+        row.TypeCode = 7;
+        std::memcpy(row.Extension, u"XYZ", sizeof(row.Extension));
+        ASSERT_EQ(VrkFsGlobAddFileType(pVrkFsGlobalData, &row), STATUS_SUCCESS);
+    }
+
+    host::ScopedHandle Alone(const std::u16string& name, std::uint32_t shareAccess = 0, bool writing = false) {
+        host::OpenRequest request;
+        request.path = u"P:\\RZV\\VOL\\F\\" + name;
+        request.access = host::access::kReadData | (writing ? host::access::kWriteData : 0);
+        request.shareAccess = shareAccess;
+        const host::OpenResult opened = User().Create(request);
+        EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS");
+        return {User(), opened.handle};
+    }
+    MoveAnswer Move(host::Handle file, const Lbas& to, std::optional<std::uint32_t> counterName = {}) {
+        host::Process::NamedMemory counter;
+        EXPECT_TRUE(User().AllocateMemory(4, counter).Ok());
+        const host::ScopedHandle control(User(), OpenControl().handle);
+        VrkFsSegmentMove request{};
+        request.Handle = file;
+        std::copy(to.begin(), to.end(), request.NewLba);
+        std::fill(std::begin(request.Results), std::end(request.Results), kUntouched);
+        request.ProgressAddress = counterName.value_or(counter.name);
+        request.ScratchFile = request.ScratchProgress = 0xDEADBEEF;
+        const host::IoResult result = User().DeviceControl(control.Get(), IOCTL_VRKFS_MOVE_FILE_SEGMENTS,
+                                                           BytesOf(request), WritableBytesOf(request));
+        MoveAnswer answer{host::StatusName(result.status), result.information, {}, 0};
+        std::copy(std::begin(request.Results), std::end(request.Results), answer.results.begin());
+        std::memcpy(&answer.progress, counter.bytes.data(), 4);
+        User().FreeMemory(counter);
+        if (result.status.Ok()) {
+            EXPECT_EQ(result.information, sizeof(request));
+            EXPECT_EQ(request.ScratchFile | request.ScratchProgress, 0u) << "kernel values in the caller's buffer";
+        }
+        return answer;
+    }
+    MoveAnswer MoveOne(host::Handle file, ULONG kind, std::uint32_t to) {
+        Lbas lbas{};
+        lbas[kind] = to;
+        return Move(file, lbas);
+    }
+
+    // Where the disk says the pieces are.
+    Places OnDisk(const std::u16string& name) {
+        const DirEntry folder = RawRecord<DirEntry>(kLastLba - 4607);
+        EXPECT_EQ(folder.Checksum, VrkFsHwCalcFolderChecksum(&folder));
+        for (const ULONG lba : folder.FileTable) {
+            if (lba == 0) {
+                continue;
+            }
+            const FileEntry entry = RawRecord<FileEntry>(lba);
+            if (name == std::u16string(entry.Name)) {
+                EXPECT_EQ(entry.Checksum, VrkFsHwCalcFileChecksum(&entry));
+                return {{{lba, 2},
+                         {entry.DataStartLba, entry.DataBlockCount},
+                         {entry.VideoBodyTableLba, entry.VideoBodyTableBlockCount},
+                         {entry.AlphaDataStartLba, entry.AlphaDataBlockCount},
+                         {entry.AlphaBodyTableLba, entry.AlphaBodyTableBlockCount}}};
+            }
+        }
+        ADD_FAILURE() << "no such file on the disk";
+        return {};
+    }
+    // Which blocks are free, in either region.
+    static std::vector<bool> FreeMap() {
+        const AllocObject& alloc = Volume()->Allocator;
+        std::vector<bool> blocks(kDiskBlocks);
+        std::uint64_t count = 0;
+        for (const AllocSegmentList* list : {&alloc.Lower, &alloc.Upper}) {
+            for (const AllocSegment* at = list->FirstByPosition; at != nullptr; at = at->NextByPosition) {
+                std::fill_n(blocks.begin() + at->Start, at->Count, true);
+                count += at->Count;
+            }
+        }
+        EXPECT_EQ(count, VrkFsVolAllocGetFreeBlocks(&Volume()->Allocator));
+        return blocks;
+    }
+    static std::vector<bool> Exchanged(std::vector<bool> blocks, const Place& from, std::uint32_t to) {
+        std::fill_n(blocks.begin() + from.start, from.length, true);
+        std::fill_n(blocks.begin() + to, from.length, false);
+        return blocks;
+    }
+    bool ReadsBack(const host::ScopedHandle& handle, const Bytes& image) {
+        return ReadRange(handle, 0, image.size() + 100) == image;
+    }
+
+    std::string TableCode(host::Handle handle, std::uint32_t code) {
+        const host::ScopedHandle control(User(), OpenControl().handle);
+        Bytes input(12);
+        std::memcpy(input.data(), &handle, 4);
+        Bytes name(code == IOCTL_VRKFS_REFERENCE_BODY_TABLE ? 512 : 0);
+        return host::StatusName(User().DeviceControl(control.Get(), code, input, name).status);
+    }
+
+    ClipSpec clip_;
+    Bytes image_;
+};
+
+TEST_F(ControlMove, EachPieceGoesWhereItIsTold) {
+    host::ScopedHandle file = Alone(u"a.RZV");
+    ASSERT_TRUE(ReadsBack(file, image_));
+    const std::uint32_t high = Volume()->Allocator.Boundary;
+    const struct {
+        ULONG kind;
+        std::uint32_t first;     // a place apart
+        std::vector<int> steps;  // from there on, by blocks
+    } cases[] = {
+        {kRecord, high - 100, {1, -1, 2, -2, 40, -1}}, {kData, 4000, {40, -100, -40, 1, -1, 300, -300, 2000}},
+        {kTable, high - 200, {1, -1, 3, -3, 4, -4}},   {kAlphaData, 10000, {100, -40, 700, -1}},
+        {kAlphaTable, high - 300, {2, -1, 10}},
+    };
+    for (const auto& test : cases) {
+        std::uint32_t to = test.first;
+        std::vector<int> steps = test.steps;
+        steps.insert(steps.begin(), 0);
+        for (const int step : steps) {
+            to += step;
+            const Places before = OnDisk(u"a.RZV");
+            SCOPED_TRACE(testing::Message() << "segment " << test.kind << " from " << before[test.kind].start << " + "
+                                            << before[test.kind].length << " to " << to);
+            const std::vector<bool> wanted = Exchanged(FreeMap(), before[test.kind], to);
+            const MoveAnswer answer = MoveOne(file.Get(), test.kind, to);
+            ASSERT_EQ(answer.status, "STATUS_SUCCESS");
+            Results results;
+            results.fill(kUntouched);
+            results[test.kind] = VRKFS_RESULT_DONE;
+            ASSERT_EQ(answer.results, results);
+            EXPECT_EQ(answer.progress, before[test.kind].length);
+            ASSERT_TRUE(FreeMap() == wanted);
+            Places after = before;
+            after[test.kind].start = to;
+            ASSERT_EQ(OnDisk(u"a.RZV"), after);
+            ASSERT_TRUE(ReadsBack(file, image_)) << "through the handle that was open all the time";
+        }
+    }
+    // All at once, and the mount finds what the allocator says.
+    const Places now = OnDisk(u"a.RZV");
+    const Lbas all = {now[0].start + 10, now[1].start + 10, now[2].start + 10, now[3].start + 10, now[4].start + 10};
+    const MoveAnswer answer = Move(file.Get(), all);
+    EXPECT_EQ(answer.results, Results{});
+    EXPECT_EQ(answer.progress, 2 + now[1].length + now[2].length + now[3].length + now[4].length);
+    EXPECT_EQ(Move(file.Get(), {}).status, "STATUS_SUCCESS");
+    const std::vector<bool> free = FreeMap();
+    file.Reset();
+    Restart();
+    EXPECT_TRUE(FreeMap() == free);
+    ExpectImage(u"a.RZV", clip_);
+}
+
+TEST_F(ControlMove, PiecesThatCannotMoveStay) {
+    ClipSpec plainVideo = Clip(2, false);
+    PutClip(u"b.RZV", plainVideo);
+    ASSERT_TRUE(User().Close(OpenClip(u"plain", host::Disposition::kCreate).Release()).Ok());
+    const Places a = OnDisk(u"a.RZV");
+    const Places b = OnDisk(u"b.RZV");
+    const Places plain = OnDisk(u"plain");
+    const std::uint32_t high = Volume()->Allocator.Boundary;
+    const std::uint32_t last = Volume()->LastDataLba;
+    const std::uint32_t length = b[kData].length;
+    constexpr std::int32_t kStay = kUntouched;
+    const struct {
+        const char* what;
+        const char16_t* file;
+        Lbas to;
+        Results results;
+    } cases[] = {
+        {"where it is", u"b.RZV", {b[0].start, b[1].start, b[2].start, 0, 0}, {0, 0, 0, kStay, kStay}},
+        {"onto another file's data", u"b.RZV", {0, a[kData].start, 0, 0, 0}, {kStay, -1, kStay, kStay, kStay}},
+        {"half onto it", u"b.RZV", {0, a[kAlphaData].start + 3, 0, 0, 0}, {kStay, -1, kStay, kStay, kStay}},
+        {"onto records", u"b.RZV", {plain[0].start, high - length + 1, a[2].start, 0, 0}, {-1, -1, -1, kStay, kStay}},
+        {"outside the data area", u"b.RZV", {1023, 1, last, 0, 0}, {-1, -1, -1, kStay, kStay}},
+        {"beyond the end", u"b.RZV", {last, last - length + 2, 0xFFFFFFFF, 0, 0}, {-1, -1, -1, kStay, kStay}},
+        {"wrapping", u"b.RZV", {0xFFFFFFFF, 0xFFFFFFFF - length / 2, 0xFFFFFFFE, 0, 0}, {-1, -1, -1, kStay, kStay}},
+        {"no alpha", u"b.RZV", {0, 0, 0, 9000, high - 50}, {kStay, kStay, kStay, -2, -2}},
+        {"a plain file", u"plain", {0, 9000, high - 50, 9000, high - 50}, {kStay, -2, -2, -2, -2}},
+    };
+    const std::vector<bool> free = FreeMap();
+    for (const auto& test : cases) {
+        const host::ScopedHandle file = Alone(test.file);
+        Board().ResetCounters();
+        const MoveAnswer answer = Move(file.Get(), test.to);
+        EXPECT_EQ(answer.status, "STATUS_SUCCESS") << test.what;
+        EXPECT_EQ(answer.results, test.results) << test.what;
+        EXPECT_EQ(answer.progress, 0u) << test.what;
+        EXPECT_EQ(Board().Count().Of(board::Operation::kWrite), 0u) << test.what;
+        EXPECT_TRUE(FreeMap() == free) << test.what;
+    }
+    // A segment that has no place does not keep the others.
+    const host::ScopedHandle file = Alone(u"b.RZV");
+    EXPECT_EQ(Move(file.Get(), {high - 10, 9000, 0, 9000, a[kTable].start}).results, (Results{0, 0, kStay, -2, -2}));
+    const host::ScopedHandle empty = Alone(u"plain");
+    EXPECT_EQ(Move(empty.Get(), {high - 20, 9000, 0, 0, 0}).results, (Results{0, -2, kStay, kStay, kStay}));
+}
+
+TEST_F(ControlMove, OnlyWhoHasTheFileAloneMovesIt) {
+    const Places before = OnDisk(u"a.RZV");
+    const Lbas to = {0, 9000, 0, 0, 0};
+    for (const std::uint32_t share : {1u, 2u, 4u, 7u}) {
+        EXPECT_EQ(Move(Alone(u"a.RZV", share).Get(), to).status, "STATUS_ACCESS_DENIED") << share;
+    }
+    for (const char16_t* path : {u"", u"\\RZV\\VOL", u"\\RZV\\VOL\\F", u"\\RZV\\VOL\\F\\___Port0___"}) {
+        EXPECT_EQ(Move(host::ScopedHandle(User(), Open(path).handle).Get(), to).status, "STATUS_UNSUCCESSFUL");
+    }
+    EXPECT_EQ(Move(host::ScopedHandle(User(), OpenControl().handle).Get(), to).status, "STATUS_UNSUCCESSFUL");
+    for (const std::uint32_t bad : {0u, 0x7FFCu, 0xFFFFFFFFu}) {
+        EXPECT_EQ(Move(bad, to).status, bad == 0xFFFFFFFF ? "STATUS_UNSUCCESSFUL" : "STATUS_INVALID_HANDLE") << bad;
+    }
+    const host::ScopedHandle file = Alone(u"a.RZV");
+    {
+        // Sharing is kept per path: this one did not ask it.
+        const host::ScopedHandle other = OpenClip(u"a.RZV", host::Disposition::kOpen, u"XYZ");
+        EXPECT_EQ(Move(file.Get(), to).status, "STATUS_ACCESS_DENIED");
+    }
+    // Counters that are not the caller's memory.
+    const std::unique_ptr<host::Process> stranger = Machine().NewProcess();
+    host::Process::NamedMemory foreign;
+    host::Process::NamedMemory released;
+    ASSERT_TRUE(stranger->AllocateMemory(4, foreign).Ok());
+    ASSERT_TRUE(User().AllocateMemory(4, released).Ok());
+    User().FreeMemory(released);
+    for (const std::uint32_t name : {foreign.name, released.name, 0u, 1u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(Move(file.Get(), to, name).status, "STATUS_ACCESS_DENIED") << name;
+    }
+    host::Process::NamedMemory small;
+    ASSERT_TRUE(User().AllocateMemory(3, small).Ok());
+    EXPECT_EQ(Move(file.Get(), to, small.name).status, "STATUS_ACCESS_DENIED");
+    EXPECT_EQ(OnDisk(u"a.RZV"), before);
+    EXPECT_EQ(Move(file.Get(), to).results[kData], VRKFS_RESULT_DONE);
+}
+
+TEST_F(ControlMove, TablesInMemoryFollowOrHoldTheFile) {
+    const std::uint32_t high = Volume()->Allocator.Boundary;
+    {
+        const host::ScopedHandle reader = Alone(u"a.RZV");
+        ASSERT_EQ(TableCode(reader.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE), "STATUS_SUCCESS");
+        EXPECT_EQ(Move(reader.Get(), {high - 10, 9000, high - 20, 12000, high - 30}).results, Results{});
+        ASSERT_EQ(TableCode(reader.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE), "STATUS_SUCCESS");
+        host::Process::SectionView view;
+        ASSERT_TRUE(User().MapSection(u"P:/RZV/VOL/F/a.RZV", false, view).Ok());
+        VrkFsPlacedNode node{};
+        std::memcpy(&node, view.bytes.data(), sizeof(node));
+        EXPECT_EQ(node.Lba, 9000u);
+        User().UnmapSection(view);
+    }
+    const host::ScopedHandle writer = Alone(u"a.RZV", 0, true);
+    ASSERT_EQ(TableCode(writer.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE), "STATUS_SUCCESS");
+    const std::vector<bool> free = FreeMap();
+    EXPECT_EQ(Move(writer.Get(), {0, 4000, high - 40, 6000, high - 50}).results, (Results{kUntouched, -3, -3, -3, -3}));
+    EXPECT_EQ(MoveOne(writer.Get(), kData, 1).results[kData], VRKFS_MOVE_NOT_FREE) << "which is seen first";
+    EXPECT_TRUE(FreeMap() == free);
+    EXPECT_EQ(MoveOne(writer.Get(), kRecord, high - 60).results[kRecord], VRKFS_RESULT_DONE);
+    ASSERT_EQ(TableCode(writer.Get(), IOCTL_VRKFS_DEREFERENCE_BODY_TABLE), "STATUS_SUCCESS");
+    EXPECT_EQ(Move(writer.Get(), {0, 4000, high - 40, 6000, high - 50}).results, (Results{kUntouched, 0, 0, 0, 0}));
+    EXPECT_TRUE(ReadsBack(writer, image_));
+}
+
+// Somebody else's record names the same blocks: they are neither written over nor given back.
+TEST_F(ControlMove, DoubtfulBlocksStayWhereTheyAre) {
+    PutClip(u"b.RZV", Clip(2, false));
+    const Places a = OnDisk(u"a.RZV");
+    const Places b = OnDisk(u"b.RZV");
+    FileEntry entry = RawFile(u"b.RZV");
+    Stop();
+    {
+        entry.DataStartLba = a[kData].start + 5;
+        entry.Checksum = VrkFsHwCalcFileChecksum(&entry);
+        std::string error;
+        auto disk = board::Disk::Open((StationPath() / "card0" / "scsi0.img").string(), {}, error);
+        ASSERT_TRUE(disk && disk->Write(b[kRecord].start, 2, &entry)) << error;
+    }
+    Start();
+    const Bytes first = RawBlocks(0, a[kData].start, a[kData].length);
+    const Bytes second = RawBlocks(1, a[kData].start, a[kData].length);
+    const std::vector<bool> free = FreeMap();
+    const host::ScopedHandle file = Alone(u"b.RZV");
+    for (const std::uint32_t to : {9000u, a[kData].start + 4, entry.DataStartLba + 1}) {
+        const std::int32_t result = MoveOne(file.Get(), kData, to).results[kData];
+        EXPECT_LT(result, 0) << to;
+    }
+    EXPECT_TRUE(FreeMap() == free);
+    EXPECT_TRUE(RawBlocks(0, a[kData].start, a[kData].length) == first);
+    EXPECT_TRUE(RawBlocks(1, a[kData].start, a[kData].length) == second);
+}
+
+TEST_F(ControlMove, ACallerThatGoesAwayDoesNoHarm) {
+    const Places before = OnDisk(u"a.RZV");
+    auto caller = Machine().NewProcess();
+    host::OpenRequest request;
+    request.path = u"P:\\RZV\\VOL\\F\\a.RZV";
+    request.shareAccess = 0;
+    VrkFsSegmentMove move{};
+    move.Handle = caller->Create(request).handle;
+    request = {};
+    request.path = u"VrkFsDevice0";
+    request.overlapped = true;
+    const host::Handle control = caller->Create(request).handle;
+    host::Process::NamedMemory counter;
+    ASSERT_TRUE(caller->AllocateMemory(4, counter).Ok());
+    move.NewLba[kData] = before[kData].start + 10000;
+    move.ProgressAddress = counter.name;
+    board::Misbehaviour rule;
+    rule.what = board::Wrong::kHold;
+    rule.operation = board::Operation::kWrite;
+    rule.count = 2;
+    Board().Misbehave().Add(rule);
+    std::atomic<int> completions = 0;
+    const host::Status started = caller->DeviceControlOverlapped(
+        control, IOCTL_VRKFS_MOVE_FILE_SEGMENTS, BytesOf(move), WritableBytesOf(move),
+        [&](host::IoResult) { ++completions; }, nullptr);
+    EXPECT_EQ(host::StatusName(started), "STATUS_PENDING");
+    caller->FreeMemory(counter);
+    std::atomic<bool> gone = false;
+    std::thread leaving([&] {
+        caller.reset();
+        gone = true;
+    });
+    while (!gone) {
+        Board().ReleaseHeld();
+        std::this_thread::yield();
+    }
+    leaving.join();
+    EXPECT_EQ(completions, 1);
+    EXPECT_EQ(OnDisk(u"a.RZV")[kData].start, move.NewLba[kData]);
+    ExpectImage(u"a.RZV", clip_);
+}
+
+// Two files of one folder, and somebody who lists it: the folder's table is changed by one at a time.
+TEST_F(ControlMove, RecordsOfOneFolderMoveAtOnce) {
+    PutClip(u"b.RZV", Clip(2, false));
+    const std::uint32_t high = Volume()->Allocator.Boundary;
+    std::atomic<bool> over = false;
+    const auto wander = [&](const char16_t* name, std::uint32_t to) {
+        const host::ScopedHandle file = Alone(name);
+        for (std::uint32_t round = 0; round < 60; ++round) {
+            EXPECT_EQ(MoveOne(file.Get(), kRecord, to + round % 7).results[kRecord], VRKFS_RESULT_DONE);
+        }
+    };
+    std::thread lister([&] {
+        const host::ScopedHandle folder(User(), Open(u"\\RZV\\VOL\\F").handle);
+        while (!over) {
+            std::vector<host::DirectoryEntry> entries;
+            EXPECT_TRUE(host::ListDirectory(User(), folder.Get(), entries).Ok());
+            EXPECT_EQ(std::count_if(entries.begin(), entries.end(), [](const auto& e) { return e.size > 1000; }), 2);
+        }
+    });
+    std::thread other([&] { wander(u"b.RZV", high - 100); });
+    wander(u"a.RZV", high - 200);
+    other.join();
+    over = true;
+    lister.join();
+    const std::vector<bool> free = FreeMap();
+    Restart();
+    EXPECT_TRUE(FreeMap() == free);
+    ExpectImage(u"a.RZV", clip_);
+    ExpectImage(u"b.RZV", Clip(2, false));
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,228 @@
+// What is set for a card or for the driver through the control device, what of it lasts, and the drive's letter.
+#include <cstring>
+
+#include "core/card_instance.h"
+#include "core/device_ext.h"
+#include "core/file_types.h"
+#include "core/global_data.h"
+#include "nt/kernel.h"
+#include "tests/support/machine_fixture.h"
+
+namespace tests {
+namespace {
+
+class ControlSettings : public MachineTest {
+  protected:
+    void SetUp() override {
+        MakeStation(1, 16 << 20, 2);
+        Start();
+        ASSERT_EQ(Format(u"VOL", {0}), VRKFS_RESULT_DONE);
+    }
+    std::string Send(std::uint32_t code, std::span<const std::byte> in, std::span<std::byte> out = {},
+                     std::uint32_t card = 0) {
+        const host::ScopedHandle control(User(), OpenControl(card).handle);
+        const host::IoResult result = User().DeviceControl(control.Get(), code, in, out);
+        EXPECT_EQ(result.information, result.status.Ok() ? out.size() : 0u);
+        return host::StatusName(result.status);
+    }
+    VrkFsPreferences Prefs() {
+        VrkFsPreferences prefs;
+        std::memset(&prefs, 0xEE, sizeof(prefs));
+        EXPECT_EQ(Send(IOCTL_VRKFS_GET_PREFERENCES, {}, WritableBytesOf(prefs)), "STATUS_SUCCESS");
+        return prefs;
+    }
+    // The letter in force after asking for one.
+    char Ask(char letter) {
+        VrkFsPreferences prefs = Prefs();
+        prefs.DriveLetter = static_cast<std::uint8_t>(letter);
+        EXPECT_EQ(Send(IOCTL_VRKFS_SET_PREFERENCES, BytesOf(prefs)), "STATUS_SUCCESS");
+        return static_cast<char>(Prefs().DriveLetter);
+    }
+    // Whether the card's drive is there under the letter.
+    bool Opens(char letter) {
+        host::OpenRequest request;
+        request.path = std::u16string(1, static_cast<char16_t>(letter)) + u":\\RZV\\VOL";
+        const host::OpenResult opened = User().Create(request);
+        const host::ScopedHandle handle(User(), opened.handle);
+        return opened.status.Ok();
+    }
+    static NTSTATUS Link(char letter, bool make) {
+        std::u16string name = u"\\DosDevices\\P:";
+        name[12] = static_cast<char16_t>(letter);
+        std::u16string target = u"\\Device\\Nowhere";
+        UNICODE_STRING link;
+        UNICODE_STRING to;
+        RtlInitUnicodeString(&link, name.data());
+        RtlInitUnicodeString(&to, target.data());
+        return make ? IoCreateSymbolicLink(&link, &to) : IoDeleteSymbolicLink(&link);
+    }
+    static std::vector<CardInstance*> Cards() {
+        std::vector<CardInstance*> cards;
+        PLIST_ENTRY head = &pVrkFsGlobalData->CardInstances;
+        for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
+            cards.push_back(CONTAINING_RECORD(link, CardInstance, Link));
+        }
+        return cards;
+    }
+    bool IsConnected(std::uint32_t card) {
+        return VrkFsDiskExtOfDevice(Cards().at(card)->DiskDevice)->ServiceChannel.ServiceConnected != FALSE;
+    }
+    std::vector<std::u16string> Root() {
+        const host::ScopedHandle root(User(), Open(u"\\").handle);
+        std::vector<host::DirectoryEntry> entries;
+        EXPECT_TRUE(host::ListDirectory(User(), root.Get(), entries).Ok());
+        std::vector<std::u16string> names;
+        for (const auto& entry : entries) {
+            if (entry.name != u"." && entry.name != u"..") {
+                names.push_back(entry.name);
+            }
+        }
+        return names;
+    }
+    // A list of rows A00, A01, ... whose count says `count`.
+    std::string Register(std::uint32_t count, std::uint32_t rows, std::uint32_t card = 0, char16_t first = u'A') {
+        std::vector<std::byte> input(4 + rows * sizeof(VrkFsFileType));
+        std::memcpy(input.data(), &count, 4);
+        for (std::uint32_t row = 0; row < rows; ++row) {
+            VrkFsFileType type{};
+            type.TypeCode = row + 1;
+            const char16_t name[3] = {first, static_cast<char16_t>(u'0' + row / 10),
+                                      static_cast<char16_t>(u'0' + row % 10)};
+            std::memcpy(type.Extension, name, sizeof(name));
+            std::memcpy(input.data() + 4 + row * sizeof(type), &type, sizeof(type));
+        }
+        return Send(IOCTL_VRKFS_REGISTER_FILE_TYPES, input, {}, card);
+    }
+};
+
+TEST_F(ControlSettings, PreferencesLastAndReservedBytesDoNot) {
+    VrkFsPreferences prefs;
+    for (std::size_t i = 0; i < sizeof(prefs); ++i) {
+        reinterpret_cast<std::byte*>(&prefs)[i] = static_cast<std::byte>(i * 7 + 1);
+    }
+    prefs.DriveLetter = 'K';
+    ASSERT_EQ(Send(IOCTL_VRKFS_SET_PREFERENCES, BytesOf(prefs)), "STATUS_SUCCESS");
+    VrkFsPreferences now = Prefs();
+    EXPECT_EQ(std::memcmp(&now, &prefs, sizeof(prefs)), 0);
+    const VrkFsScsiPrefs scsi = {0, 0};
+    ASSERT_EQ(Send(IOCTL_VRKFS_SET_SCSI_PREFS, BytesOf(scsi)), "STATUS_SUCCESS");
+    Restart();
+    std::memset(prefs.Reserved, 0, sizeof(prefs.Reserved));
+    now = Prefs();
+    EXPECT_EQ(std::memcmp(&now, &prefs, sizeof(prefs)), 0);
+    EXPECT_TRUE(Opens('K'));
+    VrkFsScsiPrefs kept = {1, 1};
+    ASSERT_EQ(Send(IOCTL_VRKFS_GET_SCSI_PREFS, {}, WritableBytesOf(kept)), "STATUS_SUCCESS");
+    EXPECT_EQ(kept.MaxRetries, 0u);
+    EXPECT_EQ(kept.VerifyWrite, 0u);
+    // Numbers that no name and no disk could bear.
+    std::memset(&prefs, 0xFF, sizeof(prefs));
+    prefs.DriveLetter = 'K';
+    ASSERT_EQ(Send(IOCTL_VRKFS_SET_PREFERENCES, BytesOf(prefs)), "STATUS_SUCCESS");
+    const VrkFsScsiPrefs many = {0xFFFFFFFF, 0xFFFFFFFF};
+    ASSERT_EQ(Send(IOCTL_VRKFS_SET_SCSI_PREFS, BytesOf(many)), "STATUS_SUCCESS");
+    Board().Misbehave().Add({});
+    EXPECT_FALSE(
+        Open(u"\\RZV\\VOL\\NEW", host::Disposition::kCreate, host::access::kReadData, host::option::kDirectoryFile)
+            .status.Ok())
+        << "a disk that fails is given up";
+    Board().Misbehave().Clear();
+}
+
+TEST_F(ControlSettings, TheDriveTakesTheNextFreeLetter) {
+    ASSERT_TRUE(Opens('P'));
+    const struct {
+        char asked;
+        const char* taken;
+        char got;
+    } cases[] = {
+        {'S', "", 'S'},   {'Q', "", 'R'} /* Q is the other card's */,
+        {'r', "", 'R'},   {'Y', "YZA", 'B'},
+        {'*', "", 'P'},   {'Z', "", 'Z'},
+        {'\0', "P", 'R'},
+    };
+    char before = 'P';
+    for (const auto& test : cases) {
+        for (const char* letter = test.taken; *letter != 0; ++letter) {
+            ASSERT_EQ(Link(*letter, true), STATUS_SUCCESS);
+        }
+        EXPECT_EQ(Ask(test.asked), test.got) << test.asked;
+        EXPECT_TRUE(Opens(test.got)) << test.asked;
+        EXPECT_TRUE(before == test.got || !Opens(before)) << test.asked;
+        before = test.got;
+        for (const char* letter = test.taken; *letter != 0; ++letter) {
+            EXPECT_EQ(Link(*letter, false), STATUS_SUCCESS) << "somebody else's link is gone";
+        }
+    }
+    Restart();
+    EXPECT_TRUE(Opens('R'));
+}
+
+TEST_F(ControlSettings, ALinkThatIsNotTheDrivesStays) {
+    // An unchanged letter leaves the link alone, even a missing one; one that cannot be taken away stays the only one.
+    ASSERT_EQ(Link('P', false), STATUS_SUCCESS);
+    EXPECT_EQ(Ask('P'), 'P');
+    EXPECT_FALSE(Opens('P'));
+    EXPECT_EQ(Ask('G'), 'G');
+    EXPECT_FALSE(Opens('G'));
+    Restart();
+    ASSERT_TRUE(Opens('G'));
+    // A drive that found no letter has no link: what has the name it tried last is somebody else's.
+    nt::FaultPlan plan;
+    plan.kinds = nt::FaultBit(nt::FaultKind::kObject);
+    plan.failAt = 1;
+    plan.forEver = true;
+    nt::ArmFaults(plan);
+    const char tried = Ask('M');
+    nt::DisarmFaults();
+    EXPECT_FALSE(Opens('G'));
+    ASSERT_EQ(Link(tried, true), STATUS_SUCCESS);
+    EXPECT_EQ(Ask('H'), 'H');
+    EXPECT_TRUE(Opens('H'));
+    EXPECT_EQ(Link(tried, false), STATUS_SUCCESS);
+}
+
+TEST_F(ControlSettings, TheTableOfFileTypesHasAnEnd) {
+    ASSERT_EQ(Send(IOCTL_VRKFS_UNREGISTER_FILE_TYPES, {}), "STATUS_SUCCESS");
+    const struct {
+        std::uint32_t count;
+        std::uint32_t rows;
+        const char* status;
+        std::size_t types;  // afterwards, the built-in one included
+    } cases[] = {
+        {2, 1, "STATUS_BUFFER_TOO_SMALL", 1},
+        {0xFFFFFFFF, 2, "STATUS_BUFFER_TOO_SMALL", 1},
+        {0x05D1745E, 2, "STATUS_BUFFER_TOO_SMALL", 1} /* 4 + 44 * count wraps to 12 */,
+        {0, 1, "STATUS_SUCCESS", 1},
+        {32, 32, "STATUS_INSUFFICIENT_RESOURCES", 1},
+        {30, 31, "STATUS_SUCCESS", 31},
+        {2, 2, "STATUS_INSUFFICIENT_RESOURCES", 31},
+        {1, 1, "STATUS_SUCCESS", 32},
+        {1, 1, "STATUS_INSUFFICIENT_RESOURCES", 32},
+    };
+    for (const auto& test : cases) {
+        EXPECT_EQ(Register(test.count, test.rows), test.status) << test.count;
+        EXPECT_TRUE(IsConnected(0));
+        EXPECT_EQ(Root().size(), test.types) << test.count;
+    }
+    ASSERT_EQ(Send(IOCTL_VRKFS_UNREGISTER_FILE_TYPES, {}), "STATUS_SUCCESS");
+    EXPECT_FALSE(IsConnected(0));
+    EXPECT_EQ(Root(), std::vector<std::u16string>{u"RZV"});
+    // Both cards' services; the table is the driver's.
+    EXPECT_EQ(Register(1, 1, 1, u'B'), "STATUS_SUCCESS");
+    EXPECT_FALSE(IsConnected(0));
+    EXPECT_EQ(Register(1, 1, 0, u'C'), "STATUS_SUCCESS");
+    EXPECT_EQ(Root(), (std::vector<std::u16string>{u"RZV", u"B00", u"C00"}));
+    ASSERT_EQ(Send(IOCTL_VRKFS_UNREGISTER_FILE_TYPES, {}), "STATUS_SUCCESS");
+    EXPECT_TRUE(IsConnected(1));
+    EXPECT_FALSE(IsConnected(0));
+    const VrkFsSdtiFlagsRequest flags = {0x12345678};
+    EXPECT_EQ(Send(IOCTL_VRKFS_REGISTER_SDTI_FLAGS, BytesOf(flags)), "STATUS_SUCCESS");
+    EXPECT_TRUE(IsConnected(0));
+    EXPECT_EQ(pVrkFsGlobalData->SdtiFlags, 0x12345678u);
+    EXPECT_EQ(Send(IOCTL_VRKFS_UNREGISTER_FILE_TYPES, {}), "STATUS_SUCCESS");
+    EXPECT_EQ(Send(IOCTL_VRKFS_UNREGISTER_FILE_TYPES, {}, {}, 1), "STATUS_SUCCESS");
+}
+
+}  // namespace
+}  // namespace tests

@@ -1,0 +1,426 @@
+// Renames and moves: what refuses them, and that afterwards the disk, the listings, every open path, the frames and the
+// RAM files all say the same.
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "tests/driver/fsd_fixture.h"
+#include "tests/driver/media_rig.h"
+#include "volume/record_io.h"
+
+namespace tests {
+namespace {
+
+constexpr const char* kOk = "STATUS_SUCCESS";
+constexpr const char* kNotFound = "STATUS_OBJECT_NAME_NOT_FOUND";
+constexpr const char* kDenied = "STATUS_ACCESS_DENIED";
+constexpr std::uint32_t kAll =
+    kReadWrite | host::access::kDelete | host::access::kReadAttributes | host::access::kWriteAttributes;
+constexpr std::uint32_t kFileNameInformation = 9;
+
+std::string Narrow(std::u16string_view text) {
+    return {text.begin(), text.end()};
+}
+
+// VolA: Clips with Take1, Take2 and the clip Shot.RZV of three frames; Other with Taken. VolB: Store.
+class FsdRename : public FsdTest {
+  protected:
+    void SetUp() override {
+        FsdTest::SetUp();
+        Make(u"\\RZV\\VolA\\Clips\\Take2");
+        Make(u"\\RZV\\VolA\\Other", host::option::kDirectoryFile);
+        Make(u"\\RZV\\VolA\\Other\\Taken");
+        Make(u"\\RZV\\VolB\\Store", host::option::kDirectoryFile);
+        Make(u"\\RZV\\VolA\\Clips\\Shot.RZV");
+        const host::ScopedHandle shot = Hold(u"\\RZV\\VolA\\Clips\\Shot.RZV", kReadWrite);
+        const Bytes image = BuildImage(Clip(), true);
+        ASSERT_TRUE(User().Write(shot.Get(), image, 0).status.Ok());
+    }
+    static ClipSpec Clip() {
+        ClipSpec clip;
+        clip.videoFields = {1, 2, 3, 4, 5, 6};
+        return clip;
+    }
+    // To a name, or to a path that begins with the drive.
+    std::string Change(const host::ScopedHandle& handle, const std::u16string& target) {
+        return host::StatusName(host::Rename(User(), handle.Get(), target));
+    }
+    std::string Change(const std::u16string& path, const std::u16string& target) {
+        return Change(Hold(path, kAll), target);
+    }
+    std::vector<std::u16string> List(const std::u16string& path) {
+        std::vector<host::DirectoryEntry> entries;
+        EXPECT_TRUE(host::ListDirectory(User(), Hold(path).Get(), entries).Ok());
+        std::vector<std::u16string> names;
+        for (const host::DirectoryEntry& entry : entries) {
+            names.push_back(entry.name);
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    std::u16string NameOf(const host::ScopedHandle& handle) {
+        std::vector<std::byte> buffer(4096);
+        EXPECT_TRUE(User().QueryInformation(handle.Get(), kFileNameInformation, buffer).status.Ok());
+        std::uint32_t bytes = 0;
+        std::memcpy(&bytes, buffer.data(), sizeof(bytes));
+        return {reinterpret_cast<const char16_t*>(buffer.data() + 4), bytes / 2};
+    }
+    // The name by which body tables are known.
+    static std::u16string ObjectName(FCB* fcb) {
+        Locked([&] { EXPECT_EQ(VrkFsFCBCommonSetupFullName(Vcb(), fcb, fcb->Common), STATUS_SUCCESS); });
+        const UNICODE_STRING& name = fcb->Common->FullName;
+        return {name.Buffer, name.Length / sizeof(WCHAR)};
+    }
+    template <typename Record>
+    std::u16string NameOnDisk(ULONG lba) {
+        std::vector<std::byte> bytes(sizeof(Record));
+        EXPECT_TRUE(Board().DiskAt(0)->Read(lba, sizeof(Record) / 512, bytes.data()));
+        const WCHAR* field = reinterpret_cast<const Record*>(bytes.data())->Name;
+        const std::u16string name(field, kRecordNameChars);
+        const std::size_t end = name.find(u'\0');
+        EXPECT_EQ(name.find_first_not_of(u'\0', end), std::u16string::npos) << "a trace of an older name";
+        return name.substr(0, end);
+    }
+    std::u16string NameOnDisk(const FCB* fcb) {
+        const FCBCommon* common = fcb->Common;
+        switch (common->Level) {
+            case kLevelVolume:
+                return NameOnDisk<VolumeEntry>(0);
+            case kLevelFolder:
+                return NameOnDisk<DirEntry>(VrkFsHwFolderLba(common->VolumeHandle, common->FolderEntryIndex));
+            default:
+                return NameOnDisk<FileEntry>(common->RecordLba);
+        }
+    }
+    void WriteText(const std::u16string& path, const std::string& text) {
+        const host::OpenResult made = Open(path, host::Disposition::kCreate, kReadWrite);
+        ASSERT_EQ(host::StatusName(made.status), kOk);
+        const host::ScopedHandle handle(User(), made.handle);
+        EXPECT_TRUE(User().Write(handle.Get(), std::as_bytes(std::span(text)), 0).status.Ok());
+    }
+    std::string ReadText(const std::u16string& path) {
+        const host::ScopedHandle handle = Hold(path);
+        std::string text(100, '?');
+        text.resize(User().Read(handle.Get(), std::as_writable_bytes(std::span(text)), 0).information);
+        return text;
+    }
+    void ExpectShot(const std::u16string& path) {
+        const host::ScopedHandle handle = Hold(path);
+        const Bytes image = BuildImage(Clip(), false);
+        Bytes read(image.size());
+        EXPECT_EQ(User().Read(handle.Get(), read, 0).information, image.size());
+        EXPECT_TRUE(read == image);
+    }
+};
+
+TEST_F(FsdRename, RefusalsLeaveEverythingAsItIs) {
+    const struct {
+        std::u16string path;
+        std::u16string target;
+        const char* status;
+    } cases[] = {
+        {u"\\", u"x", "STATUS_INVALID_PARAMETER"},
+        {u"\\RZV", u"x", kDenied},
+        {u"\\FRM\\VolA\\Clips\\Take1", u"x", kDenied},
+        {u"\\FRM\\VolA\\Clips\\Shot.RZV\\Shot0000.FRM", u"x", kDenied},
+        {u"\\RZV\\VolA\\Clips\\___Port0___", u"x", kDenied},
+        {u"\\RZV\\VolA", u"volb", "STATUS_OBJECT_NAME_COLLISION"},
+        {u"\\RZV\\VolA\\Clips", u"OTHER", "STATUS_OBJECT_NAME_COLLISION"},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"TAKE2", "STATUS_OBJECT_NAME_COLLISION"},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"P:\\RZV\\VolA\\Other\\taken", "STATUS_OBJECT_NAME_COLLISION"},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"a*b", "STATUS_OBJECT_NAME_INVALID"},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"a\\b", "STATUS_OBJECT_NAME_INVALID"},
+        {u"\\RZV\\VolA\\Clips", u"a/b", "STATUS_OBJECT_NAME_INVALID"},
+        {u"\\RZV\\VolA", u"a:b", "STATUS_OBJECT_NAME_INVALID"},
+        {u"\\RZV\\VolA\\Clips\\Take1", std::u16string(u"Take1\0x", 7), "STATUS_OBJECT_NAME_INVALID"},
+        {u"\\RZV\\VolA\\Clips\\Take1", std::u16string(256, u'x'), "STATUS_OBJECT_NAME_INVALID"},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"", "STATUS_INVALID_PARAMETER"},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"___PORT0___", kDenied},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"P:\\RZV\\VolB\\Store\\x", kDenied},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"P:\\RZV\\VolA\\x", kDenied},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"P:\\x", kDenied},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"P:\\FRM\\VolA\\Clips\\Shot.RZV\\x", kDenied},
+        {u"\\RZV\\VolA\\Clips\\Take1", u"P:\\RZV\\VolA\\None\\x", "STATUS_OBJECT_PATH_NOT_FOUND"},
+        {u"\\RZV\\VolA\\Clips", u"P:\\RZV\\VolA\\Other\\x", kDenied},
+        {u"\\RZV\\VolA\\Clips", u"P:\\XYZ\\VolA\\x", kDenied},  // its own volume, but another path
+        {u"\\RZV\\VolA", u"P:\\XYZ\\New", kDenied},
+    };
+    for (const auto& test : cases) {
+        EXPECT_EQ(Change(test.path, test.target), test.status) << Narrow(test.path) << " to " << Narrow(test.target);
+        ExpectIdle("after a refusal");
+    }
+    EXPECT_EQ(List(u"\\RZV"), (std::vector<std::u16string>{u"VolA", u"VolB"}));
+    EXPECT_EQ(List(u"\\RZV\\VolA"), (std::vector<std::u16string>{u"Clips", u"Other"}));
+    EXPECT_EQ(List(u"\\RZV\\VolA\\Clips"), (std::vector<std::u16string>{u"Shot.RZV", u"Take1", u"Take2"}));
+    EXPECT_EQ(List(u"\\RZV\\VolA\\Other"), (std::vector<std::u16string>{u"Taken"}));
+}
+
+TEST_F(FsdRename, TheRecordsLengthsAreChecked) {
+    nt::Process trusted("trusted", KernelMode);  // nothing is checked before the driver
+    nt::OpenParameters parameters;
+    parameters.name = u"\\DosDevices\\P:\\RZV\\VolA\\Clips\\Take1";
+    parameters.desiredAccess = DELETE | SYNCHRONIZE;
+    nt::Handle handle = 0;
+    ASSERT_EQ(trusted.Open(parameters, &handle), STATUS_SUCCESS);
+    const struct {
+        ULONG length;
+        ULONG nameBytes;
+        NTSTATUS status;
+    } cases[] = {
+        {15, 2, STATUS_BUFFER_TOO_SMALL},        {16, 5, STATUS_INVALID_PARAMETER},
+        {16, 6, STATUS_INVALID_PARAMETER},       {16, 0xFFFFFFFE, STATUS_INVALID_PARAMETER},
+        {16, 3, STATUS_INVALID_PARAMETER},       {16, 0, STATUS_OBJECT_NAME_INVALID},
+        {1000, 514, STATUS_OBJECT_NAME_INVALID}, {16, 4, STATUS_SUCCESS},
+    };
+    for (const auto& test : cases) {
+        std::vector<std::byte> buffer(test.length);
+        if (test.length >= 16) {
+            std::memcpy(buffer.data() + 8, &test.nameBytes, 4);
+            for (std::size_t at = 12; at + 2 <= buffer.size(); at += 2) {
+                buffer[at] = std::byte{'n'};
+            }
+        }
+        IO_STATUS_BLOCK block{};
+        EXPECT_EQ(trusted.SetInformation(handle, &block, buffer.data(), test.length, FileRenameInformation),
+                  test.status)
+            << test.length << ", " << test.nameBytes;
+    }
+    EXPECT_EQ(trusted.Close(handle), STATUS_SUCCESS);
+    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\nn"), kOk);
+}
+
+// One object at a time through a row of names; another path to it is open all the while.
+TEST_F(FsdRename, DiskListingPathsAndObjectNamesAgree) {
+    const std::u16string longest(255, u'n');
+    const struct {
+        std::vector<std::u16string> path;  // behind the type folder; the last one is renamed
+    } objects[] = {{{u"VolA"}}, {{u"VolA", u"Clips"}}, {{u"VolA", u"Kept", u"Take1"}}};
+    for (const auto& object : objects) {
+        std::u16string folder;
+        for (std::size_t i = 0; i + 1 < object.path.size(); ++i) {
+            folder += u"\\" + object.path[i];
+        }
+        const std::u16string original = object.path.back();
+        const host::ScopedHandle handle = Hold(u"\\RZV" + folder + u"\\" + original, kAll);
+        const host::ScopedHandle other = Hold(u"\\XYZ" + folder + u"\\" + original, kAll);
+        const std::vector<std::u16string>& path = object.path;
+        FCB* const fcb = path.size() == 1   ? Find({u"RZV", path[0]})
+                         : path.size() == 2 ? Find({u"RZV", path[0], path[1]})
+                                            : Find({u"RZV", path[0], path[1], path[2]});
+        ASSERT_NE(fcb, nullptr);
+        std::u16string upper = original;
+        upper[1] = static_cast<char16_t>(upper[1] - u'a' + u'A');
+        std::u16string before = original;
+        bool throughOther = false;
+        for (const std::u16string& name : {upper, longest, std::u16string(u"x"), std::u16string(u"Final name")}) {
+            SCOPED_TRACE(Narrow(folder + u"\\" + before + u" to " + name));
+            ASSERT_EQ(Change(throughOther ? other : handle, name), kOk);
+            throughOther = !throughOther;
+            EXPECT_EQ(NameOf(handle), u"\\RZV" + folder + u"\\" + name);
+            EXPECT_EQ(NameOf(other), u"\\XYZ" + folder + u"\\" + name);
+            EXPECT_EQ(ObjectName(fcb), u"\\RZV" + folder + u"\\" + name);
+            EXPECT_EQ(NameOnDisk(fcb), name);
+            for (const char16_t* type : {u"\\RZV", u"\\XYZ", u"\\FRM"}) {
+                EXPECT_EQ(TryOpen(type + folder + u"\\" + name), kOk);
+                const auto names = List(type + folder);
+                EXPECT_EQ(std::count(names.begin(), names.end(), name), 1);
+                EXPECT_EQ(std::count(names.begin(), names.end(), before), 0);
+                if (name != upper) {
+                    EXPECT_EQ(TryOpen(type + folder + u"\\" + before), kNotFound);
+                }
+            }
+            before = name;
+        }
+        EXPECT_EQ(fcb->Common->ReferenceCount, 2u) << "an open by the new name finds the paths that are there";
+        ASSERT_EQ(Change(handle, path.size() == 1 ? u"VolA" : u"Kept"), kOk);
+    }
+    ExpectIdle("at the end");
+    RestartWithTypes();
+    EXPECT_EQ(List(u"\\RZV\\VolA"), (std::vector<std::u16string>{u"Kept", u"Other"}));
+    EXPECT_EQ(List(u"\\RZV\\VolA\\Kept"), (std::vector<std::u16string>{u"Kept", u"Shot.RZV", u"Take2"}));
+    ExpectShot(u"\\RZV\\VolA\\Kept\\Shot.RZV");
+}
+
+TEST_F(FsdRename, NothingMayBeOpenBelowAFolderOnAnyPath) {
+    for (const char16_t* folder : {u"\\RZV\\VolA", u"\\RZV\\VolA\\Clips"}) {
+        for (const char16_t* below :
+             {u"\\RZV\\VolA\\Clips\\Take1", u"\\XYZ\\VolA\\Clips\\Take1", u"\\FRM\\VolA\\Clips\\Shot.RZV\\Shot0001.FRM",
+              u"\\FRM\\VolA\\Clips\\___Port0___"}) {
+            const host::ScopedHandle held = Hold(below);
+            EXPECT_EQ(Change(folder, u"New"), kDenied) << Narrow(below);
+        }
+    }
+    const host::ScopedHandle same = Hold(u"\\XYZ\\VolA\\Clips");
+    const host::ScopedHandle beside = Hold(u"\\RZV\\VolA\\Other\\Taken");
+    EXPECT_EQ(Change(u"\\RZV\\VolA\\Clips", u"New"), kOk);
+    EXPECT_EQ(NameOf(same), u"\\XYZ\\VolA\\New");
+    EXPECT_EQ(NameOf(beside), u"\\RZV\\VolA\\Other\\Taken");
+}
+
+TEST_F(FsdRename, AMoveTakesEveryPathAlongWithinItsTypeFolder) {
+    WriteText(u"\\FRM\\VolA\\Clips\\Shot.RZV\\notes", "by the clip");
+    host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Shot.RZV", kAll);
+    host::ScopedHandle other = Hold(u"\\XYZ\\VolA\\Clips\\Shot.RZV", kAll);
+    host::ScopedHandle frame = Hold(u"\\FRM\\VolA\\Clips\\Shot.RZV\\Shot0002.FRM", kAll);
+    host::ScopedHandle notes = Hold(u"\\FRM\\VolA\\Clips\\Shot.RZV\\notes", kAll);
+    // The folder by the way of another type folder; then the same folder by a third way, which is no move.
+    ASSERT_EQ(Change(handle, u"P:\\XYZ\\VolA\\Other\\Moved.rzv"), kOk);
+    EXPECT_EQ(Find({u"RZV", u"VolA", u"Clips"}), nullptr);
+    EXPECT_EQ(Find({u"FRM", u"VolA", u"Clips"}), nullptr);
+    EXPECT_EQ(NameOf(frame), u"\\FRM\\VolA\\Other\\Moved.rzv\\Moved0002.FRM");
+    ASSERT_EQ(Change(handle, u"P:\\FRM\\VolA\\Other\\Again.rzv"), kOk);
+    EXPECT_EQ(NameOf(handle), u"\\RZV\\VolA\\Other\\Again.rzv");
+    EXPECT_EQ(NameOf(other), u"\\XYZ\\VolA\\Other\\Again.rzv");
+    EXPECT_EQ(NameOf(notes), u"\\FRM\\VolA\\Other\\Again.rzv\\notes");
+    EXPECT_EQ(ObjectName(Find({u"XYZ", u"VolA", u"Other", u"Again.rzv"})), u"\\RZV\\VolA\\Other\\Again.rzv");
+    EXPECT_EQ(TryOpen(u"\\FRM\\VolA\\Other\\Again.rzv\\Shot0002.FRM"), kNotFound);
+    EXPECT_EQ(TryOpen(u"\\FRM\\VolA\\Other\\Again.rzv\\Again0002.FRM"), kOk);
+    EXPECT_EQ(ReadText(u"\\FRM\\VolA\\Other\\Again.rzv\\notes"), "by the clip");
+    Make(u"\\RZV\\VolA\\Clips\\Next");  // takes the slot that the file had
+    handle.Reset();
+    // What the other paths change still reaches the record, and only that record.
+    FILE_BASIC_INFORMATION basic{};
+    basic.LastWriteTime.QuadPart = 132'000'000'000'000'000;
+    EXPECT_TRUE(User().SetInformation(other.Get(), FileBasicInformation, BytesOf(basic)).status.Ok());
+    other.Reset();
+    frame.Reset();
+    notes.Reset();
+    ExpectIdle("after the move");
+    RestartWithTypes();
+    EXPECT_EQ(List(u"\\RZV\\VolA\\Clips"), (std::vector<std::u16string>{u"Next", u"Take1", u"Take2"}));
+    EXPECT_EQ(List(u"\\RZV\\VolA\\Other"), (std::vector<std::u16string>{u"Again.rzv", u"Taken"}));
+    ExpectShot(u"\\RZV\\VolA\\Other\\Again.rzv");
+    host::FileFacts facts;
+    EXPECT_TRUE(host::QueryFacts(User(), Hold(u"\\RZV\\VolA\\Other\\Again.rzv", kAll).Get(), facts).Ok());
+    EXPECT_EQ(facts.lastWriteTime, basic.LastWriteTime.QuadPart);
+}
+
+TEST_F(FsdRename, PendingDeletesGoWithTheObject) {
+    const ULONGLONG freeBefore = FreeBlocks();
+    host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Shot.RZV", kAll);
+    ASSERT_EQ(SetDelete(handle, true), kOk);
+    EXPECT_EQ(Change(handle, u"P:\\RZV\\VolA\\Other\\Gone"), kOk);
+    handle.Reset();
+    EXPECT_EQ(List(u"\\RZV\\VolA\\Other"), (std::vector<std::u16string>{u"Taken"}));
+    EXPECT_GT(FreeBlocks(), freeBefore);
+
+    // A folder on its way out takes nothing in; one that is gone through another path neither.
+    Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
+    host::ScopedHandle leaving = Hold(u"\\XYZ\\VolA\\Empty", kAll);
+    const host::ScopedHandle target = Hold(u"\\RZV\\VolA\\Empty");
+    const host::ScopedHandle file = Hold(u"\\RZV\\VolA\\Clips\\Take1", kAll);
+    ASSERT_EQ(SetDelete(leaving, true), kOk);
+    EXPECT_EQ(Change(file, u"P:\\XYZ\\VolA\\Empty\\x"), "STATUS_DELETE_PENDING");
+    FCB* const targetFcb = Find({u"RZV", u"VolA", u"Empty"});
+    leaving.Reset();
+    FCB* const fileFcb = Find({u"RZV", u"VolA", u"Clips", u"Take1"});
+    const UNICODE_STRING name = Counted(u"x");
+    EXPECT_EQ(Locked([&] {
+                  ResourceGuard common;
+                  common.Exclusive(fileFcb->Common->Resource);
+                  return VrkFsFCBMove(targetFcb, fileFcb, &name, FALSE, &Card()->Hw);
+              }),
+              STATUS_DELETE_PENDING);
+
+    // A name that only the handles of a deleted file still carry is free, on their paths too.
+    host::ScopedHandle deleter = Hold(u"\\RZV\\VolA\\Clips\\Take2", kAll);
+    const host::ScopedHandle lingering = Hold(u"\\XYZ\\VolA\\Clips\\Take2", kAll);
+    const host::ScopedHandle otherPath = Hold(u"\\XYZ\\VolA\\Clips\\Take1");
+    ASSERT_EQ(SetDelete(deleter, true), kOk);
+    deleter.Reset();
+    EXPECT_EQ(Change(file, u"Take2"), kOk);
+    EXPECT_EQ(TryOpen(u"\\XYZ\\VolA\\Clips\\Take2"), kOk);
+    EXPECT_EQ(Change(lingering, u"back"), "STATUS_FILE_DELETED");
+}
+
+TEST_F(FsdRename, ARamFileTakesTheNameOfAFrameOnly) {
+    const std::u16string clip = u"\\FRM\\VolA\\Clips\\Shot.RZV\\";
+    WriteText(clip + u"new.frame", "picture");
+    WriteText(clip + u"notes", "text");
+    for (const char16_t* name : {u"notes", u"new.frame", u"Shot0003.FRM", u"a*", u"P:\\RZV\\VolA\\Clips\\x"}) {
+        EXPECT_EQ(Change(clip + u"new.frame", name), kDenied) << Narrow(name);
+        EXPECT_EQ(ReadText(clip + u"new.frame"), "picture");
+    }
+    host::ScopedHandle picture = Hold(clip + u"new.frame", kAll);
+    host::ScopedHandle reader = Hold(clip + u"new.frame");
+    EXPECT_EQ(Change(picture, u"shot0001.frm"), kOk);  // nobody serves the frame, and nobody is told
+    picture.Reset();
+    std::byte data[7];
+    EXPECT_EQ(User().Read(reader.Get(), data, 0).information, 7u) << "the last handle keeps it";
+    EXPECT_EQ(TryOpen(clip + u"new.frame"), "STATUS_DELETE_PENDING");
+    reader.Reset();
+    EXPECT_EQ(TryOpen(clip + u"new.frame"), kNotFound);
+    EXPECT_EQ(ReadText(clip + u"notes"), "text");
+}
+
+// One thread renames and moves a file back and forth; another lists or opens it.
+TEST_F(FsdRename, RenamesBesideListingsAndOpens) {
+    const std::u16string places[] = {u"P:\\RZV\\VolA\\Clips\\Take1", u"P:\\RZV\\VolA\\Clips\\Final",
+                                     u"P:\\RZV\\VolA\\Other\\Final"};
+    for (const bool listing : {true, false}) {
+        std::atomic<bool> done{false};
+        const std::unique_ptr<host::Process> second = Machine().NewProcess();
+        std::jthread renamer([&] {
+            for (int i = 0; i < 201; ++i) {
+                host::OpenRequest request;
+                request.path = places[i % 3];
+                request.access = kAll;
+                const host::OpenResult opened = second->Create(request);
+                EXPECT_EQ(host::StatusName(opened.status), kOk);
+                const host::ScopedHandle handle(*second, opened.handle);
+                const host::Status moved = host::Rename(*second, handle.Get(), places[(i + 1) % 3]);
+                EXPECT_EQ(host::StatusName(moved), kOk);
+            }
+            done = true;
+        });
+        const host::ScopedHandle folder = Hold(u"\\XYZ\\VolA\\Clips");
+        while (!done) {
+            if (listing) {
+                std::vector<host::DirectoryEntry> entries;
+                EXPECT_TRUE(host::ListDirectory(User(), folder.Get(), entries).Ok());
+                EXPECT_GE(entries.size(), 2u);
+                EXPECT_LE(entries.size(), 3u);
+                continue;
+            }
+            for (const std::u16string& place : places) {
+                const std::u16string path = u"\\XYZ" + place.substr(6);
+                const host::OpenResult opened = Open(path, host::Disposition::kOpen, kAll);
+                EXPECT_TRUE(opened.status.Ok() || host::StatusName(opened.status) == kNotFound)
+                    << host::StatusName(opened.status);
+                if (opened.status.Ok()) {
+                    const host::ScopedHandle handle(User(), opened.handle);
+                    EXPECT_TRUE(NameOf(handle).starts_with(u"\\XYZ\\VolA\\"));
+                }
+            }
+        }
+    }
+    ExpectIdle("at the end");
+    RestartWithTypes();
+    EXPECT_EQ(List(u"\\RZV\\VolA\\Clips").size() + List(u"\\RZV\\VolA\\Other").size(), 4u);
+}
+
+class FsdRenameCards : public MachineTest {};
+
+TEST_F(FsdRenameCards, NothingMovesToAnotherCard) {
+    MakeStation(1, 16 << 20, 2);
+    Start();
+    for (const std::uint32_t card : {0u, 1u}) {
+        ASSERT_EQ(Format(u"Vol", {0}, card), VRKFS_RESULT_DONE);
+    }
+    for (const char16_t* path : {u"P:\\RZV\\Vol\\F", u"Q:\\RZV\\Vol\\F", u"P:\\RZV\\Vol\\F\\File"}) {
+        host::OpenRequest request;
+        request.path = path;
+        request.disposition = host::Disposition::kCreate;
+        request.access = kAll;
+        request.options = std::u16string(path).ends_with(u"F") ? host::option::kDirectoryFile : 0;
+        const host::OpenResult made = User().Create(request);
+        ASSERT_TRUE(made.status.Ok());
+        const host::ScopedHandle handle(User(), made.handle);
+        if (request.options == 0) {
+            EXPECT_EQ(host::Rename(User(), handle.Get(), u"Q:\\RZV\\Vol\\F\\File").code, ULONG(STATUS_NOT_SAME_DEVICE));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tests

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "control/space_estimate.h"
 #include "core/global_data.h"
 #include "core/pool.h"
 #include "nt/kernel.h"
@@ -79,6 +80,21 @@ void AllocateAndRelease(benchmark::State& state) {
     state.SetItemsProcessed(8 * state.iterations());
 }
 BENCHMARK(AllocateAndRelease)->Arg(100)->Arg(100000);
+
+// The frames that fit, asked of a volume whose one large piece of free space has to give room for the tables too: the
+// answer lies far below where the trials begin.
+void EstimateFrames(benchmark::State& state) {
+    FragmentedSpace space(static_cast<ULONG>(state.range(0)));
+    const SpaceEstimate asked = {space.Alloc(), 4, 1, static_cast<ULONG>(state.range(1))};
+    for (auto _ : state) {
+        ULONG frames = 0;
+        Need(NT_SUCCESS(VrkFsIoctlEstimateFrames(&asked, &frames)) && frames != 0);
+    }
+}
+BENCHMARK(EstimateFrames)
+    ->ArgsProduct({{100, 100000}, {0, 1}})
+    ->ArgNames({"segments", "alpha"})
+    ->Unit(benchmark::kMicrosecond);
 
 void FolderChecksum(benchmark::State& state) {
     DirEntry entry;

@@ -1,0 +1,206 @@
+// The client library: that each function sends what it says and brings back what came, in C too, and that what a caller
+// passes wrongly is refused. What the codes do is tested with the driver.
+#include <thread>
+
+#include "tests/system/client_fixture.h"
+
+extern "C" int CountVolumesInC(VrkFsClient* client, char* firstName, size_t size);
+
+namespace tests {
+namespace {
+
+class Client : public ClientTest {
+  protected:
+    void SetUp() override { StartVolume(2); }
+};
+
+TEST_F(Client, SpeaksC) {
+    char name[16];
+    EXPECT_EQ(CountVolumesInC(client_.get(), name, sizeof(name)), 1);
+    EXPECT_STREQ(name, "VOL");
+    VrkFsClientStatusName(VRKFS_STATUS_ACCESS_DENIED, name, sizeof(name));
+    EXPECT_STREQ(name, "STATUS_ACCESS_D");
+}
+
+TEST_F(Client, CarriesSettingsAndVolumes) {
+    VrkFsPreferences preferences;
+    ASSERT_OK(VrkFsClientGetPreferences(client_.get(), control_, &preferences));
+    EXPECT_EQ(preferences.DriveLetter, 'P');
+    preferences.BaseFrameNumber = 4711;
+    ASSERT_OK(VrkFsClientSetPreferences(client_.get(), control_, &preferences));
+    VrkFsPreferences again{};
+    ASSERT_OK(VrkFsClientGetPreferences(client_.get(), control_, &again));
+    EXPECT_EQ(std::memcmp(&again, &preferences, sizeof(again)), 0);
+
+    const VrkFsScsiPrefs wanted{3, 1};
+    VrkFsScsiPrefs scsi{};
+    ASSERT_OK(VrkFsClientSetScsiPrefs(client_.get(), control_, &wanted));
+    ASSERT_OK(VrkFsClientGetScsiPrefs(client_.get(), control_, &scsi));
+    EXPECT_EQ(scsi.MaxRetries, 3u);
+    EXPECT_EQ(scsi.VerifyWrite, 1u);
+
+    VrkFsFileType types[2] = {};
+    types[0].TypeCode = 5;
+    std::u16string(u"TGA").copy(types[0].Extension, 3);
+    types[1].TypeCode = 6;
+    std::u16string(u"BMP").copy(types[1].Extension, 3);
+    ASSERT_OK(VrkFsClientRegisterFileTypes(client_.get(), control_, types, 2));
+    EXPECT_OK(VrkFsClientClose(client_.get(), OpenFile(u"P:\\BMP\\VOL\\CLIPS", VRKFS_OPEN_READ | VRKFS_OPEN_FOLDER)));
+    ASSERT_OK(VrkFsClientUnregisterFileTypes(client_.get(), control_));
+    VrkFsHandle folder = 0;
+    EXPECT_FALSE(VRKFS_SUCCEEDED(
+        VrkFsClientOpenFile(client_.get(), u"P:\\BMP\\VOL\\CLIPS", VRKFS_OPEN_READ | VRKFS_OPEN_FOLDER, &folder)));
+    EXPECT_OK(VrkFsClientRegisterSdtiFlags(client_.get(), control_, 1));
+    EXPECT_OK(VrkFsClientUnregisterFileTypes(client_.get(), control_));
+
+    VrkFsVolumeInfoRecord volumes[2] = {};
+    std::uint32_t count = 0;
+    ASSERT_OK(VrkFsClientQueryVolumes(client_.get(), control_, volumes, 2, &count));
+    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(volumes[0].DeviceCount, 2u);
+    EXPECT_EQ(volumes[1].DeviceCount, 0u);
+    std::int32_t result = 0;
+    volumes[0].DeviceCount = 3;
+    ASSERT_OK(VrkFsClientFormatVolume(client_.get(), control_, &volumes[0], &result));
+    EXPECT_EQ(result, VRKFS_FORMAT_BAD_DEVICE_COUNT);
+}
+
+TEST_F(Client, LocksAndDismounts) {
+    VrkFsHandle other = 0;
+    ASSERT_OK(VrkFsClientOpenControl(client_.get(), 0, &other));
+    ASSERT_OK(VrkFsClientLock(client_.get(), control_, 1));
+    EXPECT_EQ(VrkFsClientLock(client_.get(), other, 0), VRKFS_STATUS_ACCESS_DENIED);
+    std::uint32_t count = 1;
+    EXPECT_OK(VrkFsClientQueryVolumes(client_.get(), other, nullptr, 0, &count));
+    EXPECT_EQ(count, 0u);  // dropped
+    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientUnlock(client_.get(), other)));
+    ASSERT_OK(VrkFsClientUnlock(client_.get(), control_));
+    EXPECT_OK(VrkFsClientQueryVolumes(client_.get(), other, nullptr, 0, &count));
+    EXPECT_EQ(count, 1u);
+
+    const VrkFsHandle folder = OpenFile(u"P:\\RZV\\VOL\\CLIPS", VRKFS_OPEN_PLAYER | VRKFS_OPEN_FOLDER);
+    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientDismountVolume(client_.get(), control_, 0)));
+    EXPECT_OK(VrkFsClientClose(client_.get(), folder));
+    EXPECT_OK(VrkFsClientDismountVolume(client_.get(), control_, 0));
+}
+
+// ---- A clip's facts, its tables, and moving it ----
+
+TEST_F(Client, TellsAndMovesAClip) {
+    const examples::RecordOrder order = Order(u"CLIP.RZV", true, 3);
+    ASSERT_TRUE(examples::Record(client_.get(), order));
+    VrkFsHandle file = OpenFile(order.path, VRKFS_OPEN_MOVER);
+    VrkFsFileLocation place{};
+    ASSERT_OK(VrkFsClientGetFileLocation(client_.get(), control_, file, &place));
+    EXPECT_EQ(place.FileEntryBlocks, 2u);
+    EXPECT_NE(place.AlphaDataLba, 0u);
+    VrkFsVolumeSpaceInfo space{};
+    space.VideoBlocksPerFrame = 24;
+    ASSERT_OK(VrkFsClientGetVolumeSpace(client_.get(), control_, file, &space));
+    EXPECT_GT(space.FrameEstimate, 0u);
+    ASSERT_OK(VrkFsClientSetSdtiType(client_.get(), control_, file, 5, 0));
+    std::uint32_t sdti = 0;
+    std::byte entry[VRKFS_FILE_ENTRY_SIZE];
+    ASSERT_OK(VrkFsClientGetFileEntry(client_.get(), control_, file, entry));
+    std::memcpy(&sdti, entry + 0x78, sizeof(sdti));
+    EXPECT_EQ(sdti, 5u);
+    ASSERT_OK(VrkFsClientSetSdtiType(client_.get(), control_, file, 0, 0));
+
+    // Written through the section while the write-back is held off, and read back by the file system.
+    VrkFsSectionName name;
+    ASSERT_OK(VrkFsClientSuspendBodyTableFlush(client_.get(), control_));
+    ASSERT_OK(VrkFsClientReferenceBodyTable(client_.get(), control_, file, VRKFS_STREAM_VIDEO, &name));
+    VrkFsSegmentMove move{};
+    move.NewLba[VRKFS_SEGMENT_DATA] = place.DataLba + 4000;
+    ASSERT_OK(VrkFsClientMoveFileSegments(client_.get(), control_, file, &move, nullptr));
+    EXPECT_EQ(move.Results[VRKFS_SEGMENT_DATA], VRKFS_MOVE_FAILED);  // somebody may be writing into the tables
+    ASSERT_OK(VrkFsClientDereferenceBodyTable(client_.get(), control_, file));
+    ASSERT_OK(VrkFsClientResumeBodyTableFlush(client_.get(), control_));
+
+    VrkFsBuffer progress;
+    ASSERT_OK(VrkFsClientAllocateBuffer(client_.get(), sizeof(std::uint32_t), &progress));
+    move.NewLba[VRKFS_SEGMENT_ALPHA_DATA] = place.AlphaDataLba + 5000;
+    move.NewLba[VRKFS_SEGMENT_BODY_TABLE] = place.BodyTableLba - 300;
+    move.NewLba[VRKFS_SEGMENT_FILE_ENTRY] = place.FileEntryLba - 1;
+    ASSERT_OK(VrkFsClientMoveFileSegments(client_.get(), control_, file, &move, &progress));
+    EXPECT_EQ(VrkFsClientReadProgress(&progress),
+              place.DataBlocks + place.AlphaDataBlocks + place.BodyTableBlocks + place.FileEntryBlocks);
+    VrkFsFileLocation moved{};
+    ASSERT_OK(VrkFsClientGetFileLocation(client_.get(), control_, file, &moved));
+    EXPECT_EQ(moved.DataLba, place.DataLba + 4000);
+    EXPECT_EQ(moved.FileEntryLba, place.FileEntryLba - 1);
+    VrkFsClientFreeBuffer(client_.get(), &progress);
+    EXPECT_OK(VrkFsClientClose(client_.get(), file));
+    ExpectClip(order);
+    RestartVolume();
+    ExpectClip(order);
+}
+
+TEST_F(Client, RefusesWhatItCannotCarry) {
+    VrkFsHandle disks = 0;
+    VrkFsHandle nothing = 0;
+    ASSERT_OK(VrkFsClientOpenDisks(client_.get(), 0, &disks));
+    EXPECT_EQ(VrkFsClientOpenDisks(client_.get(), 10, &nothing), VRKFS_STATUS_INVALID_PARAMETER);
+    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientOpenControl(client_.get(), 3, &nothing)));
+
+    VrkScsiDeviceInfo disk{};
+    ASSERT_OK(VrkFsClientQueryDisk(client_.get(), disks, 1, &disk));
+    EXPECT_EQ(disk.State, VRK_DEVICE_STATE_DISK);
+    VrkFsBuffer buffer;
+    ASSERT_OK(VrkFsClientAllocateBuffer(client_.get(), 4 * VRKFS_SECTOR_SIZE, &buffer));
+    EXPECT_OK(VrkFsClientReadBlocks(client_.get(), disks, 1, disk.LastLba - 3, 4, &buffer));
+    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientReadBlocks(client_.get(), disks, 1, disk.LastLba - 2, 4, &buffer)));
+    EXPECT_EQ(VrkFsClientReadBlocks(client_.get(), disks, 1, 0, 5, &buffer), VRKFS_STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(VrkFsClientWriteBlocks(client_.get(), disks, 1, 0, 0xFFFFFFFF, &buffer), VRKFS_STATUS_INVALID_PARAMETER);
+
+    // A buffer is its client's, and only while it is not freed.
+    const client::ClientPointer other = NewClient();
+    VrkFsHandle otherDisks = 0;
+    ASSERT_OK(VrkFsClientOpenDisks(other.get(), 0, &otherDisks));
+    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientReadBlocks(other.get(), otherDisks, 1, 0, 1, &buffer)));
+    VrkFsBuffer again = buffer;
+    VrkFsClientFreeBuffer(other.get(), &again);
+    EXPECT_OK(VrkFsClientReadBlocks(client_.get(), disks, 1, 0, 1, &buffer));
+    const VrkFsBuffer freed = buffer;
+    VrkFsClientFreeBuffer(client_.get(), &buffer);
+    again = freed;
+    VrkFsClientFreeBuffer(client_.get(), &again);
+    ASSERT_OK(VrkFsClientAllocateBuffer(client_.get(), 4 * VRKFS_SECTOR_SIZE, &buffer));
+    ASSERT_OK(VrkFsClientAllocateBuffer(client_.get(), 4 * VRKFS_SECTOR_SIZE, &again));
+    EXPECT_NE(buffer.Bytes, again.Bytes) << "freed twice, handed out once";
+    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientReadBlocks(client_.get(), disks, 1, 0, 1, &freed)));
+    EXPECT_EQ(VrkFsClientAllocateBuffer(client_.get(), 0, &buffer), VRKFS_STATUS_INVALID_PARAMETER);
+
+    // Names of sections that are none.
+    VrkFsNodeView view = {};
+    VrkFsSectionName name = {};
+    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientMapNodes(client_.get(), &name, 0, &view)));
+    std::fill(std::begin(name.Text), std::end(name.Text), u'x');
+    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientMapNodes(client_.get(), &name, 0, &view)));
+}
+
+// A player that comes before the recorder has made its tables gets none, and spoils nothing.
+TEST_F(Client, ComesTooEarlyForTheTables) {
+    examples::RecordOrder order = Order(u"CLIP.RZV", true, 4);
+    VrkFsHandle early = 0;
+    int refused = 0;
+    order.watch = [&](examples::RecordStep step, std::uint32_t) {
+        if (step < examples::RecordStep::kNodesAdded) {
+            VrkFsSectionName name;
+            early = early != 0 ? early : OpenFile(order.path, VRKFS_OPEN_PLAYER);
+            for (const std::uint32_t stream : {VRKFS_STREAM_VIDEO, VRKFS_STREAM_ALPHA}) {
+                refused += VRKFS_SUCCEEDED(VrkFsClientReferenceBodyTable(client_.get(), control_, early, stream, &name))
+                               ? 0
+                               : 1;
+            }
+        }
+        return true;
+    };
+    EXPECT_TRUE(examples::Record(NewClient().get(), order));
+    EXPECT_EQ(refused, 8);
+    EXPECT_OK(VrkFsClientClose(client_.get(), early));
+    ExpectClip(order);
+}
+
+}  // namespace
+}  // namespace tests

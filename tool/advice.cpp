@@ -18,6 +18,8 @@ constexpr host::Status kIoTimeout{0xC00000B5};
 constexpr host::Status kDeviceError{0xC0000185};
 constexpr host::Status kConfigurationError{0xC0000182};
 constexpr host::Status kWriteProtected{0xC00000A2};
+constexpr host::Status kNotSameDevice{0xC00000D4};
+constexpr host::Status kInvalidVolumeLabel{0xC0000086};
 
 // The first row that fits counts: what is particular to an operation stands before what holds for all.
 constexpr Row kRows[] = {
@@ -49,6 +51,24 @@ constexpr Row kRows[] = {
     {Operation::kRead, host::status::kAccessDenied, "only clips can be read: see vrkfs ls -l"},
     {Operation::kRead, host::status::kFileIsADirectory, "it is a folder: vrkfs ls lists it"},
     {Operation::kRead, host::status::kEndOfFile, "nothing was recorded into this file"},
+
+    {Operation::kMove, host::status::kObjectNameCollision,
+     "something with that name is there already: delete it first, or take another name"},
+    {Operation::kMove, host::status::kAccessDenied,
+     "a clip moves to a folder of its own volume with room (at most 2048 clips), folders and volumes keep their place, "
+     "and nothing in them may be open; into another volume copy it: vrkfs get, vrkfs put"},
+    {Operation::kMove, host::status::kObjectPathNotFound, "make the folder first: vrkfs mkdir"},
+    {Operation::kMove, kNotSameDevice, "drives share nothing: copy it with vrkfs get and vrkfs put"},
+    {Operation::kMove, host::status::kDiskFull, "the folder's record cannot be written: see vrkfs volumes"},
+
+    {Operation::kTouch, host::status::kFileIsADirectory, "only the time of a clip can be set"},
+    {Operation::kTouch, host::status::kAccessDenied, "only the time of a clip can be set"},
+    {Operation::kLabel, kInvalidVolumeLabel, "a label has at most 32 characters"},
+    {Operation::kLock, host::status::kAccessDenied,
+     "something on the drive is open, or it is locked already: wait until the other program has ended"},
+    {Operation::kRecord, host::status::kUnsuccessful, "only clips have such a record: see vrkfs ls -l"},
+    {Operation::kRecord, host::status::kFileIsADirectory,
+     "it is a folder; only clips have such a record: see vrkfs ls"},
 
     {Operation::kList, host::status::kAccessDenied, "the file system is locked by another program: wait for it"},
     {Operation::kListVolumes, host::status::kAccessDenied, "the file system is locked by another program: wait for it"},
@@ -87,6 +107,10 @@ std::string AdviceFor(Operation operation, host::Status status) {
 
 Failure DriverFailure(Operation operation, const std::string& what, host::Status status) {
     return {.what = what, .status = host::StatusName(status), .advice = AdviceFor(operation, status)};
+}
+
+Failure ReservedName(const std::string& what) {
+    return {.what = what + ": the name is reserved", .advice = "take another name", .state = "nothing was changed"};
 }
 
 }  // namespace tool

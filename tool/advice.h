@@ -17,11 +17,19 @@ enum class Operation {
     kRemoveFile,
     kPut,
     kRead,
+    kMove,
+    kTouch,
+    kLabel,
+    kSettings,
+    kLock,
+    kRecord,
 };
 
 [[nodiscard]] std::string AdviceFor(Operation operation, host::Status status);
 
 // "WHAT: STATUS_...; advice"
 [[nodiscard]] Failure DriverFailure(Operation operation, const std::string& what, host::Status status);
+// For a name that nothing is to get.
+[[nodiscard]] Failure ReservedName(const std::string& what);
 
 }  // namespace tool

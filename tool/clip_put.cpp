@@ -13,9 +13,9 @@ constexpr std::uint32_t kFileCreated = 2;  // the action of a create that made s
 constexpr std::size_t kMaxNameCharacters = 255;
 constexpr int kBesideNames = 10;  // names to try for the copy beside a clip
 
-// "NAME.new", "NAME.new2", ...: a name of its own length limit.
-std::u16string BesideName(const std::u16string& name, int attempt) {
-    std::u16string suffix = u".new";
+// "NAME.new", "NAME.new2", ... with the ending ".new": within the limit of names.
+std::u16string BesideName(const std::u16string& name, const std::u16string& ending, int attempt) {
+    std::u16string suffix = ending;
     if (attempt > 0) {
         suffix += static_cast<char16_t>(u'1' + attempt);
     }
@@ -127,39 +127,21 @@ Result ClipPut::ReadBack(const DrivePath& path, const ClipDigest& digest) {
     }
 }
 
-Result ClipPut::Copy(const DrivePath& from, const DrivePath& to, const ClipDigest& digest) {
-    progress_.Begin("copying");
-    std::unique_ptr<DriveFile> source;
-    host::FileFacts facts;
-    const host::Status status = OpenForReading(process_, from, source, facts);
-    if (!status.Ok()) {
-        return DriverFailure(Operation::kRead, "cannot read " + from.Display(), status);
-    }
-    try {
-        ClipTransfer transfer(source->Source(facts.size));
-        if (const auto problem = transfer.ReadHeader()) {
-            return Failure{.what = from.Display() + ": " + problem->Line()};
+// NAME.new, NAME.new2 and so on; false leaves the last one tried.
+bool ClipPut::FindFreeName(const DrivePath& path, const std::u16string& ending, DrivePath& found) {
+    for (int attempt = 0; attempt < kBesideNames; ++attempt) {
+        found = path.Sibling(BesideName(path.names.back(), ending, attempt));
+        host::FileFacts facts;
+        if (LookAt(process_, found, facts) == host::status::kObjectNameNotFound) {
+            return true;
         }
-        if (Result failure = PutNew(transfer, to)) {
-            return failure;
-        }
-    } catch (const DriveError& error) {
-        return DriverFailure(Operation::kRead, error.what(), error.Status());
     }
-    Result failure = ReadBack(to, digest);
-    if (failure && !Delete(process_, to, false).Ok()) {
-        failure->state = "what is left of " + to.Display() + " can be deleted with vrkfs rm";
-    }
-    return failure;
+    return false;
 }
 
 Result ClipPut::PutBeside(ClipTransfer& transfer, const DrivePath& path, DrivePath& beside) {
-    for (int attempt = 0; attempt < kBesideNames; ++attempt) {
-        beside = path.Sibling(BesideName(path.names.back(), attempt));
-        host::FileFacts facts;
-        if (LookAt(process_, beside, facts) == host::status::kObjectNameNotFound) {
-            return PutNew(transfer, beside);
-        }
+    if (FindFreeName(path, u".new", beside)) {
+        return PutNew(transfer, beside);
     }
     return Failure{.what = "no name is free for a copy beside " + path.Display(),
                    .advice = "delete the copies " + beside.Display() + " and such with vrkfs rm"};
@@ -184,17 +166,36 @@ Result ClipPut::Replace(ClipTransfer& transfer, const DrivePath& path) {
     if (const Result failure = ReadBack(beside, transfer.Digest())) {
         return RemoveBeside(*failure, beside, path);
     }
-    if (const host::Status status = Delete(process_, path, false); !status.Ok()) {
-        return RemoveBeside(DriverFailure(Operation::kRemoveFile, "cannot delete the old " + path.Display(), status),
+    return Swap(beside, path);
+}
+
+// The new clip is whole and durable; the old one goes when the new one stands under its name.
+Result ClipPut::Swap(const DrivePath& beside, const DrivePath& path) {
+    DrivePath old;
+    if (!FindFreeName(path, u".old", old)) {
+        return RemoveBeside({.what = "no name is free for the old clip beside " + path.Display(),
+                             .advice = "delete the copies " + old.Display() + " and such with vrkfs rm"},
                             beside, path);
     }
-    if (Result failure = Copy(beside, path, transfer.Digest())) {
-        failure->state = And(failure->state, "the old clip is gone, and the new one is whole as " + beside.Display());
-        failure->advice = "put it again, then delete " + beside.Display() + " with vrkfs rm";
+    if (const host::Status status = RenameOnDrive(process_, path, old.names.back()); !status.Ok()) {
+        return RemoveBeside(DriverFailure(Operation::kMove, "cannot put the old " + path.Display() + " aside", status),
+                            beside, path);
+    }
+    if (const host::Status status = RenameOnDrive(process_, beside, path.names.back()); !status.Ok()) {
+        Failure failure = DriverFailure(Operation::kMove, "cannot rename " + beside.Display(), status);
+        if (RenameOnDrive(process_, old, path.names.back()).Ok()) {
+            return RemoveBeside(failure, beside, path);
+        }
+        failure.state = "the old clip is " + old.Display() + ", and the new one is whole as " + beside.Display();
         return failure;
     }
-    if (const host::Status status = Delete(process_, beside, false); !status.Ok()) {
-        Failure failure = DriverFailure(Operation::kRemoveFile, "cannot delete the copy " + beside.Display(), status);
+    Result unsynced = session_.Sync();
+    if (unsynced) {
+        unsynced->state = path.Display() + " is the new clip, and the old one is " + old.Display();
+        return unsynced;
+    }
+    if (const host::Status status = Delete(process_, old, false); !status.Ok()) {
+        Failure failure = DriverFailure(Operation::kRemoveFile, "cannot delete the old clip " + old.Display(), status);
         failure.state = path.Display() + " is the new clip";
         return failure;
     }

@@ -19,9 +19,8 @@ class ClipPut {
     [[nodiscard]] Result PutNew(ClipTransfer& transfer, const DrivePath& path);
 
     // In place of the clip that stands there. At every moment one whole and durable clip exists, the old or the new
-    // one: the new one is written beside the old one and read back, then the old one goes, and the new one is copied to
-    // its name.
-    // Two copies of the new clip have to fit in the end. A rename will replace the copy once drives know it.
+    // one: the new one is written beside the old one and read back; then the old one is renamed, the new one takes its
+    // name, and the old one goes.
     [[nodiscard]] Result Replace(ClipTransfer& transfer, const DrivePath& path);
 
   private:
@@ -30,9 +29,9 @@ class ClipPut {
     [[nodiscard]] Result CheckSize(const DrivePath& path, std::uint64_t bytes);
     // Whether what is read back from the drive is the clip of that digest; then it is made durable.
     [[nodiscard]] Result ReadBack(const DrivePath& path, const ClipDigest& digest);
-    // From a whole clip on the drive to a name that is free.
-    [[nodiscard]] Result Copy(const DrivePath& from, const DrivePath& to, const ClipDigest& digest);
     [[nodiscard]] Result PutBeside(ClipTransfer& transfer, const DrivePath& path, DrivePath& beside);
+    [[nodiscard]] bool FindFreeName(const DrivePath& path, const std::u16string& ending, DrivePath& found);
+    [[nodiscard]] Result Swap(const DrivePath& beside, const DrivePath& path);
     [[nodiscard]] Failure RemoveBeside(Failure failure, const DrivePath& beside, const DrivePath& path);
 
     Session& session_;

@@ -88,4 +88,16 @@ host::Status Delete(host::Process& process, const DrivePath& path, bool folder) 
     return gone ? host::status::kSuccess : after;
 }
 
+host::Status RenameOnDrive(host::Process& process, const DrivePath& path, const std::u16string& target) {
+    host::OpenRequest request;
+    request.path = path.Open();
+    request.access = host::access::kDelete | host::access::kReadAttributes;
+    const host::OpenResult opened = process.Create(request);
+    if (!opened.status.Ok()) {
+        return opened.status;
+    }
+    const host::ScopedHandle handle(process, opened.handle);
+    return host::Rename(process, opened.handle, target);
+}
+
 }  // namespace tool

@@ -80,4 +80,7 @@ class DriveFile {
 // where nobody can report its failure.
 [[nodiscard]] host::Status Delete(host::Process& process, const DrivePath& path, bool folder);
 
+// To a name in the same place or a whole path, as host::Rename.
+[[nodiscard]] host::Status RenameOnDrive(host::Process& process, const DrivePath& path, const std::u16string& target);
+
 }  // namespace tool

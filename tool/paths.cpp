@@ -83,4 +83,15 @@ DrivePath DrivePath::Sibling(std::u16string name) const {
     return sibling;
 }
 
+bool DrivePath::IsReserved() const {
+    if (names.empty()) {
+        return false;
+    }
+    std::u16string name = names.back();
+    for (char16_t& unit : name) {
+        unit = unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit - u'A' + u'a') : unit;
+    }
+    return name == u"." || name == u".." || (Depth() == kFileLevel && name == u"___port0___");
+}
+
 }  // namespace tool

@@ -33,6 +33,9 @@ struct DrivePath {
     [[nodiscard]] std::string Display() const;  // as a person reads it: P:/RZV/VOLUME
     [[nodiscard]] DrivePath Child(std::u16string name) const;
     [[nodiscard]] DrivePath Sibling(std::u16string name) const;  // another name in the same place; not for the root
+    // Nothing is to get the last name: every folder has the driver's command port under its name, in any case, and "."
+    // and ".." mean other places to whoever types them. The driver itself takes dots for a name.
+    [[nodiscard]] bool IsReserved() const;
 };
 
 }  // namespace tool

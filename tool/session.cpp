@@ -64,6 +64,21 @@ Result Session::Resolve(const TypedPath& typed, DrivePath& path) const {
                    .advice = "this station has " + Letters(cards)};
 }
 
+Result Session::ChooseCard(const std::optional<std::uint32_t>& number, host::CardFacts& card) const {
+    const std::vector<host::CardFacts>& cards = Cards();
+    if (!number && cards.size() != 1) {
+        return UsageFailure("the station has " + std::to_string(cards.size()) + " cards", "say which one: --card N");
+    }
+    for (const host::CardFacts& each : cards) {
+        if (number.value_or(each.index) == each.index) {
+            card = each;
+            return std::nullopt;
+        }
+    }
+    return Failure{.what = "the station has no card " + std::to_string(*number),
+                   .advice = "give --card the number of one that is there"};
+}
+
 Result Session::Sync() {
     const host::Problem problem = machine_->SyncImages();
     return problem ? Result(ProblemFailure(problem)) : std::nullopt;

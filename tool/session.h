@@ -3,7 +3,9 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "host/machine.h"
 #include "host/process.h"
@@ -18,6 +20,8 @@ struct CommonOptions {
     std::string station;    // -s; else the environment's VRKFS_STATION
     bool json = false;      // --json
     bool readOnly = false;  // --read-only, where a command takes it
+    // What stands behind "--", word for word: the parser takes "[a,b]" for two words.
+    std::vector<std::string> behindMark;
 };
 
 // The station's directory as the options or the environment name it.
@@ -34,6 +38,11 @@ class Session {
 
     // Finds the card of a path. A failure is a usage error when the path lacks a letter that it needs.
     [[nodiscard]] Result Resolve(const TypedPath& typed, DrivePath& path) const;
+
+    // The card of that number, or the only one. Not naming one of several is a usage error.
+    [[nodiscard]] Result ChooseCard(const std::optional<std::uint32_t>& number, host::CardFacts& card) const;
+
+    [[nodiscard]] host::Machine& Machine() { return *machine_; }
 
     // Makes everything written so far durable.
     [[nodiscard]] Result Sync();

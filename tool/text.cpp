@@ -4,6 +4,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <limits>
 
 namespace tool {
 namespace {
@@ -92,6 +93,39 @@ std::optional<char16_t> EscapeAt(std::string_view text, std::size_t at) {
     const char* end = text.data() + at + 5;
     const auto parsed = std::from_chars(text.data() + at + 1, end, unit, 16);
     return parsed.ec == std::errc() && parsed.ptr == end ? std::optional<char16_t>(unit) : std::nullopt;
+}
+
+// As many digits, then one of the separators if there is any and the text goes on.
+std::optional<int> TakeNumber(std::string_view& text, std::size_t digits, std::string_view separators) {
+    int number = 0;
+    if (text.size() < digits) {
+        return std::nullopt;
+    }
+    for (const char digit : text.substr(0, digits)) {
+        if (digit < '0' || digit > '9') {
+            return std::nullopt;
+        }
+        number = number * 10 + (digit - '0');
+    }
+    text.remove_prefix(digits);
+    if (!text.empty() && !separators.empty() && text != "Z") {
+        if (separators.find(text.front()) == separators.npos) {
+            return std::nullopt;
+        }
+        text.remove_prefix(1);
+        if (text.empty()) {
+            return std::nullopt;
+        }
+    }
+    return number;
+}
+
+// Times of the drive begin in 1601; the first instant of all stands for "none".
+std::optional<std::int64_t> FromUnixSeconds(std::int64_t second) {
+    constexpr std::int64_t kPerSecond = 10'000'000;
+    constexpr std::int64_t kEpoch = 11'644'473'600;  // 1970, in seconds from 1601
+    constexpr std::int64_t kLast = std::numeric_limits<std::int64_t>::max() / kPerSecond - kEpoch;
+    return second > -kEpoch && second <= kLast ? std::optional((second + kEpoch) * kPerSecond) : std::nullopt;
 }
 
 }  // namespace
@@ -185,6 +219,36 @@ std::string FormatTime(std::int64_t time, bool iso) {
                   static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), iso ? 'T' : ' ',
                   second / 3600, second / 60 % 60, second % 60, iso ? "Z" : "");
     return text;
+}
+
+std::optional<std::int64_t> ParseTime(std::string_view text) {
+    using namespace std::chrono;
+    if (text == "now") {
+        return FromUnixSeconds(duration_cast<seconds>(system_clock::now().time_since_epoch()).count());
+    }
+    if (text.starts_with('@')) {
+        std::int64_t second = 0;
+        const auto parsed = std::from_chars(text.data() + 1, text.data() + text.size(), second);
+        const bool whole = parsed.ec == std::errc() && parsed.ptr == text.data() + text.size();
+        return whole ? FromUnixSeconds(second) : std::nullopt;
+    }
+    const auto onYear = TakeNumber(text, 4, "-");
+    const auto onMonth = TakeNumber(text, 2, "-");
+    const auto onDay = TakeNumber(text, 2, " T");
+    const bool hasTime = !text.empty() && text != "Z";
+    const auto hour = hasTime ? TakeNumber(text, 2, ":") : 0;
+    const auto minute = hasTime ? TakeNumber(text, 2, ":") : 0;
+    const auto second = hasTime ? TakeNumber(text, 2, "") : 0;
+    if (!onYear || !onMonth || !onDay || !hour || !minute || !second || (!text.empty() && text != "Z")) {
+        return std::nullopt;
+    }
+    const year_month_day date{year(*onYear), month(static_cast<unsigned>(*onMonth)),
+                              day(static_cast<unsigned>(*onDay))};
+    if (!date.ok() || *hour > 23 || *minute > 59 || *second > 59) {
+        return std::nullopt;
+    }
+    const std::int64_t days = sys_days(date).time_since_epoch().count();
+    return FromUnixSeconds(days * 86400 + *hour * 3600 + *minute * 60 + *second);
 }
 
 std::size_t DisplayWidth(std::string_view text) {

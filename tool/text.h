@@ -34,6 +34,10 @@ namespace tool {
 // From 100 ns since 1601: "2024-02-29 13:05:59", or with `iso` "2024-02-29T13:05:59Z"; "-" when it is no time.
 [[nodiscard]] std::string FormatTime(std::int64_t time, bool iso = false);
 
+// "2024-02-29", "2024-02-29 13:05:59" (or with a T, or with a Z behind it), "@1709211959" (seconds since 1970), "now":
+// all UTC, as 100 ns since 1601; nothing when it is no such time.
+[[nodiscard]] std::optional<std::int64_t> ParseTime(std::string_view text);
+
 // Columns that UTF-8 text takes, one for each character.
 [[nodiscard]] std::size_t DisplayWidth(std::string_view text);
 [[nodiscard]] std::string PadRight(std::string_view text, std::size_t width);

@@ -41,10 +41,11 @@ std::string ListOfIds(const std::vector<std::uint32_t>& ids) {
     return text;
 }
 
-host::OpenResult OpenControl(host::Process& process, std::uint32_t card) {
+host::OpenResult OpenControl(host::Process& process, std::uint32_t card, bool overlapped) {
     host::OpenRequest request;
     request.path = u"VrkFsDevice" + std::u16string(1, static_cast<char16_t>(u'0' + card));
     request.access = host::access::kReadData | host::access::kWriteData;
+    request.overlapped = overlapped;
     return process.Create(request);
 }
 

@@ -29,7 +29,7 @@ struct VolumeSpace {
 [[nodiscard]] std::string ListOfIds(const std::vector<std::uint32_t>& ids);
 
 // Opens a card's control device.
-[[nodiscard]] host::OpenResult OpenControl(host::Process& process, std::uint32_t card);
+[[nodiscard]] host::OpenResult OpenControl(host::Process& process, std::uint32_t card, bool overlapped = false);
 
 [[nodiscard]] host::Status ListVolumes(host::Process& process, std::uint32_t card, std::vector<Volume>& volumes);
 

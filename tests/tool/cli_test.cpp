@@ -65,6 +65,38 @@ TEST_F(Cli, MistakesOfTheLine) {
         {"info", 2, "PATH is required"},
         {"info P:/RZV", 1, "STATUS_FILE_IS_A_DIRECTORY"},
         {"info P:/NONE", 1, "STATUS_OBJECT_NAME_NOT_FOUND"},
+        {"mv P:/RZV", 2, "DST is required"},
+        {"mv P:/RZV/A/B/C X:/RZV/A/B/C", 1, "this station has P:"},
+        {"mv P:/RZV/A/B P:/RZV/A/B/C", 2, "no place for a folder"},
+        {"mv P:/RZV/A/B/C P:/RZV/A", 2, "no place for a clip"},
+        {"mv P:/RZV A", 2, "keeps its name"},
+        {"mv P:/RZV/A B", 1, "STATUS_OBJECT_NAME_NOT_FOUND"},
+        {"touch -d yesterday P:/RZV/A/B/C", 2, "is no time"},
+        {"touch P:/RZV", 1, "only the time of a clip"},
+        {"df P:/", 2, "P:/"},
+        {"space P:/RZV", 2, "--video"},
+        {"space --video 0", 2, "1 or more"},
+        {"space P:/RZV --video 1", 2, "lies on no volume"},
+        {"label 123456789012345678901234567890123", 2, "32 characters"},
+        {"label A --card 1", 1, "no card 1"},
+        {"entry P:/RZV", 1, "STATUS_FILE_IS_A_DIRECTORY"},
+        {"app-info P:/A --set @/none", 1, "cannot be read"},
+        {"app-info P:/A --set @/none --text A", 2, "--text"},
+        {"owner", 2, "LBA is required"},
+        {"owner 4294967296", 2, "4294967296"},
+        {"owner 1", 1, "there is no volume"},
+        {"owner 1 --volume P:/RZV/A/B", 2, "is no volume"},
+        {"prefs DriveLetters", 2, "there are MinFrameDigits, "},
+        {"prefs DriveLetter PQ", 2, "A to Z"},
+        {"prefs HCrop 4294967296", 2, "0 to 4294967295"},
+        {"prefs HCrop ''", 2, "0 to 4294967295"},
+        {"scsi-prefs ScsiMaxRetries 101", 2, "0 to 100"},
+        {"scsi-prefs HCrop", 2, "there are ScsiMaxRetries, ScsiVerifyWrite"},
+        {"exclusive", 2, "COMMAND is required"},
+        {"exclusive true", 2, "behind --"},
+        {"exclusive true -- false", 2, "false"},
+        {"exclusive -- @/none", 1, "No such file"},
+        {"exclusive --card 1 -- true", 1, "no card 1"},
         {"events P:/", 2, "P:/"},
         {"events -s", 2, "-s"},
         {"events -s @/none", 1, "create-station"},
@@ -168,6 +200,8 @@ TEST_F(Cli, NamesThatNoTerminalShows) {
     ExpectFailure(Run("mkdir P:/RZV/ONE/\xFF"), 2, "UTF-8");
     ExpectFailure(Run("mkdir P:/RZV/ONE/a*"), 1, "STATUS_OBJECT_NAME_INVALID");
     ExpectFailure(Run("put @/clip P:/RZV/ONE/A/___port0___ --replace"), 1, "the name is reserved");
+    ExpectFailure(Run("mkdir P:/RZV/ONE/.."), 1, "the name is reserved");
+    ExpectFailure(Run("mv P:/RZV/ONE/A ."), 1, "the name is reserved");
     EXPECT_EQ(Run("ls P:/RZV/ONE/A").out, "");
 }
 

@@ -61,6 +61,39 @@ TEST(Text, SizesAndTimes) {
     EXPECT_EQ(tool::FormatTime(0x7FFFFFFFFFFFFFFF).substr(0, 6), "30828-");
 }
 
+TEST(Text, TimesAsTyped) {
+    constexpr std::int64_t kLeapDay = 133'536'855'590'000'000;  // 2024-02-29 13:05:59
+    const std::pair<const char*, std::optional<std::int64_t>> cases[] = {
+        {"2024-02-29 13:05:59", kLeapDay},
+        {"2024-02-29T13:05:59Z", kLeapDay},
+        {"@1709211959", kLeapDay},
+        {"2024-02-29", kLeapDay - 471'590'000'000},
+        {"2024-02-29Z", kLeapDay - 471'590'000'000},
+        {"@-11644473599", 10'000'000},
+        {"9999-12-31T23:59:59", 2'650'467'743'990'000'000},
+        {"@-11644473600", std::nullopt},  // stands for "no time"
+        {"@9223372036854775807", std::nullopt},
+        {"2023-02-29", std::nullopt},
+        {"2024-13-01", std::nullopt},
+        {"1600-01-01", std::nullopt},
+        {"2024-02-29T24:00:00", std::nullopt},
+        {"2024-02-29T13:05:60", std::nullopt},
+        {"2024-02-29T13:05", std::nullopt},
+        {"2024-02-29T", std::nullopt},
+        {"2024-02-29 13:05:59 ", std::nullopt},
+        {"2024-02-29+13:05:59", std::nullopt},
+        {" 2024-02-29", std::nullopt},
+        {"24-2-29", std::nullopt},
+        {"yesterday", std::nullopt},
+        {"@", std::nullopt},
+        {"", std::nullopt},
+    };
+    for (const auto& [typed, time] : cases) {
+        EXPECT_EQ(tool::ParseTime(typed), time) << typed;
+    }
+    EXPECT_GT(tool::ParseTime("now"), kLeapDay);
+}
+
 TEST(Text, PathsAsTyped) {
     struct Case {
         const char* typed;

@@ -17,7 +17,16 @@ void AddMakeAndRemove(CLI::App& app, CommonOptions& common);
 void AddPut(CLI::App& app, CommonOptions& common);
 void AddGetAndCat(CLI::App& app, CommonOptions& common);
 void AddInfo(CLI::App& app, CommonOptions& common);
+void AddMoveAndTouch(CLI::App& app, CommonOptions& common);
+void AddLabel(CLI::App& app, CommonOptions& common);
+void AddSpace(CLI::App& app, CommonOptions& common);  // df, space
+void AddSettings(CLI::App& app, CommonOptions& common);
+void AddEntry(CLI::App& app, CommonOptions& common);  // entry, app-info
+void AddOwner(CLI::App& app, CommonOptions& common);
+void AddExclusive(CLI::App& app, CommonOptions& common);
 void AddEvents(CLI::App& app, CommonOptions& common);
+void AddMap(CLI::App& app, CommonOptions& common);
+void AddDefrag(CLI::App& app, CommonOptions& common);
 
 // Leaves the parse with an exit status, unless it is 0.
 inline void Finish(int status) {

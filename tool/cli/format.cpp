@@ -91,6 +91,9 @@ Result ReadRequest(const FormatOptions& options, FormatRequest& request) {
     if (!name || name->empty() || name->size() >= VRKFS_VOLUME_NAME_CHARS) {
         return UsageFailure("--name wants 1 to 255 characters in UTF-8");
     }
+    if (DrivePath{.names = {*name}}.IsReserved()) {
+        return UsageFailure("the name '" + options.name + "' is reserved");
+    }
     request.name = *name;
     return std::nullopt;
 }

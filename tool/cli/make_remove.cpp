@@ -8,6 +8,9 @@ namespace tool {
 namespace {
 
 Result MakeFolder(Session& session, const Output& output, const DrivePath& path) {
+    if (path.IsReserved()) {
+        return ReservedName("cannot make folder " + path.Display());
+    }
     host::OpenRequest request;
     request.path = path.Open();
     request.access = host::access::kListDirectory | host::access::kReadAttributes;

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <optional>
@@ -80,6 +81,12 @@ bool AsksForJson(int count, char** arguments) {
     return false;
 }
 
+std::vector<std::string> WordsBehindMark(int count, char** arguments) {
+    char** const end = arguments + count;
+    char** const mark = std::find_if(arguments, end, [](const char* word) { return std::strcmp(word, "--") == 0; });
+    return mark == end ? std::vector<std::string>() : std::vector<std::string>(mark + 1, end);
+}
+
 // "clip make" when the line got as far as that.
 std::string ChosenCommand(const CLI::App& app) {
     std::string name;
@@ -142,6 +149,15 @@ void AddCommands(CLI::App& app, CommonOptions& common, ClipBar& bar) {
     AddPut(app, common);
     AddGetAndCat(app, common);
     AddInfo(app, common);
+    AddMoveAndTouch(app, common);
+    AddSpace(app, common);
+    AddLabel(app, common);
+    AddEntry(app, common);
+    AddOwner(app, common);
+    AddSettings(app, common);
+    AddExclusive(app, common);
+    AddMap(app, common);
+    AddDefrag(app, common);
     AddEvents(app, common);
     AddClip(app, bar);
 }
@@ -182,6 +198,7 @@ int RunProgram(int count, char** arguments) {
     InstallInterrupt();
     const bool json = AsksForJson(count, arguments);
     CommonOptions common;
+    common.behindMark = WordsBehindMark(count, arguments);
     ClipBar bar(json);
     CLI::App app(kProgramHelp, "vrkfs");
     AddCommands(app, common, bar);

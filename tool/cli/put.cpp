@@ -40,14 +40,6 @@ Result FindPlace(const PutOptions& options, DrivePath& path) {
     return std::nullopt;
 }
 
-// Every folder has the driver's command port under this name, in any case.
-bool IsPortName(std::u16string name) {
-    for (char16_t& unit : name) {
-        unit = unit >= u'A' && unit <= u'Z' ? static_cast<char16_t>(unit - u'A' + u'a') : unit;
-    }
-    return name == u"___port0___";
-}
-
 // `written`: seconds until the drive had it all; `durable`: until the images had it for good.
 void ReportPut(const Output& output, const DrivePath& path, const clip::ClipLayout& layout, bool replaced,
                double written, double durable) {
@@ -74,10 +66,8 @@ Result Put(Session& session, const Output& output, const PutOptions& options, Cl
     if (Result misplaced = FindPlace(options, path)) {
         return misplaced;
     }
-    if (IsPortName(path.names.back())) {
-        return Failure{.what = "cannot make " + path.Display() + ": the name is reserved",
-                       .advice = "take another name",
-                       .state = "nothing was changed"};
+    if (path.IsReserved()) {
+        return ReservedName("cannot make " + path.Display());
     }
     host::FileFacts facts;
     const host::Status status = LookAt(session.Process(), path, facts);
@@ -129,8 +119,8 @@ void AddPut(CLI::App& app, CommonOptions& common) {
         app, "put", "Write a clip to a drive",
         R"(LOCAL is a clip as a file; - is standard input. It is checked as it passes, and what is no whole clip leaves nothing on
 the drive. With a folder as PATH the clip keeps its name. A clip that is there already is replaced with --replace only:
-the new one is first written beside it, as NAME.new, and read back; the old one goes when the new one is whole, which
-needs room for one more copy.
+the new one is first written beside it, as NAME.new, and read back; then the old one becomes NAME.old, the new one takes
+its name, and the old one is deleted. Whenever that ends early, a whole clip is there under one of these names.
 
   vrkfs put bars.rzv P:/RZV/NEWS/MONDAY
   vrkfs put bars.rzv P:/RZV/NEWS/MONDAY/opener.rzv --replace

@@ -209,7 +209,9 @@ TEST_F(MediaImage, EachTransferAnswersForItsPlace) {
         {image.size() + 16, image.size() + 20, host::status::kFileInvalid, 0},
     };
     for (const auto& test : writes) {
-        const host::IoResult result = WriteAt(handle, longer, test.from, test.to);
+        const std::size_t source = test.from < longer.size() ? test.from : 0;
+        const host::IoResult result = User().Write(
+            handle.Get(), std::span<const std::byte>(longer).subspan(source, test.to - test.from), test.from);
         EXPECT_EQ(host::StatusName(result.status), host::StatusName(test.status)) << test.from << " to " << test.to;
         EXPECT_EQ(result.information, test.information) << test.from << " to " << test.to;
     }

@@ -65,8 +65,11 @@ void ReportOwners(const Output& output, const VolumePlacement& volume, std::uint
     for (const Owner& owner : owners) {
         const std::string disks =
             owner.everyDisk ? "of every disk" : "of disk " + std::to_string(volume.devices.front());
-        output.Report(head + owner.path + ", " + owner.what + " (blocks " + std::to_string(owner.range.first) + " to " +
-                          std::to_string(owner.range.End() - 1) + " " + disks + ")",
+        std::string line = head;
+        line.append(owner.path).append(", ").append(owner.what);
+        line.append(" (blocks ").append(std::to_string(owner.range.first)).append(" to ");
+        line.append(std::to_string(owner.range.End() - 1)).append(" ").append(disks).append(")");
+        output.Report(line,
                       {{"volume", volume.path.Display()},
                        {"block", block},
                        {"owner", owner.path},

@@ -33,6 +33,11 @@ NTSTATUS GetNameBuffer(const IRPContext* Context, NameBuffer* Name) {
     return Name->Bytes != 0 && Name->Address == nullptr ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS;
 }
 
+NTSTATUS GetName(const IRPContext* Context, const BodyTableObject* Object, bool Alpha, const NameBuffer& Name) {
+    return Alpha ? VrkFsBTGetAlphaName(CacheOf(Context), Object, Name.Address, Name.Bytes)
+                 : VrkFsBTGetVideoName(CacheOf(Context), Object, Name.Address, Name.Bytes);
+}
+
 VOID CountWriter(const IRPContext* Context, const PostedFile* File) {
     if (File->FileObject->WriteAccess) {
         VrkFsBTWriteAccessReference(CacheOf(Context), File->Fcb->Common->BodyTable);
@@ -69,8 +74,7 @@ NTSTATUS ReferenceTable(IRPContext* Context, const PostedFile* File) {
         return status;
     }
     const BodyTableObject* object = File->Fcb->Common->BodyTable;
-    status = request->Alpha != 0 ? VrkFsBTGetAlphaName(CacheOf(Context), object, name.Address, name.Bytes)
-                                 : VrkFsBTGetVideoName(CacheOf(Context), object, name.Address, name.Bytes);
+    status = GetName(Context, object, request->Alpha != 0, name);
     if (NT_SUCCESS(status)) {
         CountWriter(Context, File);
     }
@@ -115,38 +119,30 @@ bool IsOwnTable(const VrkFsBodyTableNodes* Nodes, const FileEntry* Entry, bool A
            VrkFsHwGetBodyTableSize(Object->Frames) <= ULONGLONG{Nodes->BodyTableBlocks} * kBlockSize;
 }
 
-NTSTATUS AddVideoNodes(IRPContext* Context, const PostedFile* File) {
+NTSTATUS AddNodes(IRPContext* Context, const PostedFile* File, bool Alpha) {
     const auto* nodes = VrkFsIoctlSystemBuffer<const VrkFsBodyTableNodes>(Context->Irp);
-    const FileEntry* entry = File->Fcb->Common->FileEntry;
+    BodyTableCache* cache = CacheOf(Context);
     BodyTableObject* object = File->Fcb->Common->BodyTable;
     NameBuffer name;
     NTSTATUS status = GetNameBuffer(Context, &name);
     if (!NT_SUCCESS(status) || object == nullptr) {
         return status;
     }
-    if (!IsOwnTable(nodes, entry, false, object)) {
+    if (!IsOwnTable(nodes, File->Fcb->Common->FileEntry, Alpha, object)) {
         return STATUS_INVALID_PARAMETER;
     }
-    status =
-        VrkFsBTCreateNewVideoNodes(CacheOf(Context), object, nodes->BodyTableLba, nodes->BodyTableBlocks * kBlockSize);
-    return NT_SUCCESS(status) ? VrkFsBTGetVideoName(CacheOf(Context), object, name.Address, name.Bytes) : status;
+    const ULONG bytes = nodes->BodyTableBlocks * kBlockSize;
+    status = Alpha ? VrkFsBTCreateNewAlphaNodes(cache, object, nodes->BodyTableLba, bytes)
+                   : VrkFsBTCreateNewVideoNodes(cache, object, nodes->BodyTableLba, bytes);
+    return NT_SUCCESS(status) ? GetName(Context, object, Alpha, name) : status;
+}
+
+NTSTATUS AddVideoNodes(IRPContext* Context, const PostedFile* File) {
+    return AddNodes(Context, File, false);
 }
 
 NTSTATUS AddAlphaNodes(IRPContext* Context, const PostedFile* File) {
-    const auto* nodes = VrkFsIoctlSystemBuffer<const VrkFsBodyTableNodes>(Context->Irp);
-    const FileEntry* entry = File->Fcb->Common->FileEntry;
-    BodyTableObject* object = File->Fcb->Common->BodyTable;
-    NameBuffer name;
-    NTSTATUS status = GetNameBuffer(Context, &name);
-    if (!NT_SUCCESS(status) || object == nullptr) {
-        return status;
-    }
-    if (!IsOwnTable(nodes, entry, true, object)) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    status =
-        VrkFsBTCreateNewAlphaNodes(CacheOf(Context), object, nodes->BodyTableLba, nodes->BodyTableBlocks * kBlockSize);
-    return NT_SUCCESS(status) ? VrkFsBTGetAlphaName(CacheOf(Context), object, name.Address, name.Bytes) : status;
+    return AddNodes(Context, File, true);
 }
 
 }  // namespace

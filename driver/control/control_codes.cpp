@@ -85,6 +85,9 @@ const ControlCodeRule* VrkFsIoctlFindRule(ULONG Code) {
 
 NTSTATUS VrkFsIoctlCheckLengths(PIRP Irp) {
     const ControlCodeRule* rule = VrkFsIoctlFindRule(VrkFsIoctlCodeOf(Irp));
+    if (rule == nullptr) {
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
     if (VrkFsIoctlInLength(Irp) < rule->InLength || VrkFsIoctlOutLength(Irp) < rule->OutLength) {
         return STATUS_BUFFER_TOO_SMALL;
     }

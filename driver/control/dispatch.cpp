@@ -12,10 +12,7 @@ namespace {
 
 // A code whose work is still to be written accepts and refuses the same buffers as it will then.
 NTSTATUS VrkFsIoctlLaterCode(PIRP Irp) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (NT_SUCCESS(status)) {
-        status = VrkFsIoctlCheckContentLength(Irp);
-    }
+    const NTSTATUS status = VrkFsIoctlCheckContentLength(Irp);
     return NT_SUCCESS(status) ? STATUS_NOT_IMPLEMENTED : status;
 }
 
@@ -71,6 +68,11 @@ extern "C" NTSTATUS NTAPI VrkFsDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp
 }
 
 NTSTATUS VrkFsGenericDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    // Before anything else, so that no handler has to.
+    const NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
     switch (VrkFsIoctlCodeOf(Irp)) {
         case IOCTL_VRKFS_FORMAT_VOLUME:
             return VrkFsIoctlFormatVolume(DeviceObject, Irp);

@@ -21,7 +21,8 @@ struct ControlCodeRule {
 
 // The rule of a code, or null for a code that does not exist.
 [[nodiscard]] const ControlCodeRule* VrkFsIoctlFindRule(ULONG Code);
-// STATUS_BUFFER_TOO_SMALL when the request's buffers are shorter than its code demands. Any code that has a rule.
+// STATUS_BUFFER_TOO_SMALL when the request's buffers are shorter than its code demands; STATUS_INVALID_DEVICE_REQUEST
+// for a code that does not exist. The dispatch asks this once for every request: handlers rely on their lengths.
 [[nodiscard]] NTSTATUS VrkFsIoctlCheckLengths(PIRP Irp);
 // The same for the two codes whose buffers must also be as long as the input says (a list of file types, a service
 // response). After VrkFsIoctlCheckLengths; the other codes pass.

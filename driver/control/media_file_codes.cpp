@@ -33,10 +33,7 @@ using MediaFileWork = NTSTATUS (*)(FCB* Fcb, PVOID Record);
 // Length checks, the VCB's resource, the handle, and the file's own resource around the work.
 NTSTATUS WithMediaFile(PDEVICE_OBJECT DeviceObject, PIRP Irp, BOOLEAN ExclusiveVcb, BOOLEAN Changes,
                        ULONG_PTR Information, MediaFileWork Work) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
+    NTSTATUS status;
     CardInstance* card = VrkFsCardOfDevice(DeviceObject);
     PFILE_OBJECT fileObject = nullptr;
     {

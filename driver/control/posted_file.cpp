@@ -21,9 +21,9 @@ uint32_t* ScratchOf(const IRPContext* Context, ULONG Offset) {
 }
 
 NTSTATUS CheckAndPost(IRPContext* Context, ULONG ScratchOffset) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Context->Irp);
+    NTSTATUS status;
     PostedFile file = {};
-    if (NT_SUCCESS(status)) {
+    {
         ResourceGuard volume;
         volume.Shared(&VcbOf(Context)->Resource);
         status = VrkFsIoctlResolvePosted(Context, &file);

@@ -353,10 +353,7 @@ NTSTATUS ResolveAlone(IRPContext* Context, PostedFile* File) {
 
 // *File and *CounterMdl are left with what has been obtained.
 NTSTATUS PrepareMove(IRPContext* Context, PostedFile* File, PMDL* CounterMdl) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Context->Irp);
-    if (NT_SUCCESS(status)) {
-        status = ResolveAlone(Context, File);
-    }
+    NTSTATUS status = ResolveAlone(Context, File);
     if (NT_SUCCESS(status)) {
         status = LockCounter(Context, CounterMdl);
     }

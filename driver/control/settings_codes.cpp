@@ -31,10 +31,6 @@ VOID ChangeDriveLetter(CardInstance* Card, PUCHAR Letter) {
 }  // namespace
 
 NTSTATUS VrkFsIoctlGetPreferences(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    const NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     CardInstance* card = VrkFsCardOfDevice(DeviceObject);
     *VrkFsIoctlSystemBuffer<VrkFsPreferences>(Irp) = VrkFsGlobPreferencesOf(card);
     Irp->IoStatus.Information = sizeof(VrkFsPreferences);
@@ -42,13 +38,9 @@ NTSTATUS VrkFsIoctlGetPreferences(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlSetPreferences(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     CardInstance* card = VrkFsCardOfDevice(DeviceObject);
     VrkFsPreferences prefs = *VrkFsIoctlSystemBuffer<const VrkFsPreferences>(Irp);
-    status = VrkFsSReqUpdatePrefs(ChannelOf(card), &prefs);
+    const NTSTATUS status = VrkFsSReqUpdatePrefs(ChannelOf(card), &prefs);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -68,10 +60,6 @@ NTSTATUS VrkFsIoctlSetPreferences(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlGetScsiPrefs(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    const NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     CardInstance* card = VrkFsCardOfDevice(DeviceObject);
     *VrkFsIoctlSystemBuffer<VrkFsScsiPrefs>(Irp) = VrkFsGlobScsiPrefsOf(card);
     Irp->IoStatus.Information = sizeof(VrkFsScsiPrefs);
@@ -79,10 +67,6 @@ NTSTATUS VrkFsIoctlGetScsiPrefs(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlSetScsiPrefs(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    const NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     CardInstance* card = VrkFsCardOfDevice(DeviceObject);
     EventLockGuard lock(&card->SettingsLock);
     const VrkFsScsiPrefs prefs = *VrkFsIoctlSystemBuffer<const VrkFsScsiPrefs>(Irp);
@@ -95,12 +79,8 @@ NTSTATUS VrkFsIoctlSetScsiPrefs(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlRegisterFileTypes(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     VrkFsSReqServiceConnect(ChannelOf(VrkFsCardOfDevice(DeviceObject)));
-    status = VrkFsIoctlCheckContentLength(Irp);
+    const NTSTATUS status = VrkFsIoctlCheckContentLength(Irp);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -116,10 +96,6 @@ NTSTATUS VrkFsIoctlUnregisterFileTypes(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlRegisterSDTIFlags(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    const NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     VrkFsSReqServiceConnect(ChannelOf(VrkFsCardOfDevice(DeviceObject)));
     // Every opener of a command port reads it, without a lock.
     __atomic_store_n(&pVrkFsGlobalData->SdtiFlags, VrkFsIoctlSystemBuffer<const VrkFsSdtiFlagsRequest>(Irp)->SdtiFlags,

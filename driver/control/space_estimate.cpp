@@ -153,13 +153,9 @@ NTSTATUS VrkFsIoctlEstimateFrames(const SpaceEstimate* Estimate, PULONG Frames) 
 }
 
 NTSTATUS VrkFsIoctlGetVolumeSpaceInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     PFILE_OBJECT fileObject = nullptr;
-    status = VrkFsIoctlMeasureHandle(VrkFsCardOfDevice(DeviceObject), VrkFsIoctlSystemBuffer<VrkFsVolumeSpaceInfo>(Irp),
-                                     &fileObject);
+    NTSTATUS status = VrkFsIoctlMeasureHandle(VrkFsCardOfDevice(DeviceObject),
+                                              VrkFsIoctlSystemBuffer<VrkFsVolumeSpaceInfo>(Irp), &fileObject);
     if (fileObject != nullptr) {
         ObDereferenceObject(fileObject);
     }

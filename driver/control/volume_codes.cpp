@@ -17,12 +17,9 @@ VCB* VcbOfDevice(PDEVICE_OBJECT DeviceObject) {
 }  // namespace
 
 NTSTATUS VrkFsIoctlDismountVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     VCB* vcb = VcbOfDevice(DeviceObject);
-    status = VrkFsVCBDismountVolume(vcb, VrkFsIoctlSystemBuffer<const VrkFsDismountRequest>(Irp)->Force != 0);
+    const NTSTATUS status =
+        VrkFsVCBDismountVolume(vcb, VrkFsIoctlSystemBuffer<const VrkFsDismountRequest>(Irp)->Force != 0);
     if (NT_SUCCESS(status)) {
         ResourceGuard lock;
         lock.Exclusive(&vcb->Resource);
@@ -32,10 +29,6 @@ NTSTATUS VrkFsIoctlDismountVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlFormatVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     CardInstance* card = VrkFsCardOfDevice(DeviceObject);
     VCB* vcb = &VrkFsDiskExtOfDevice(card->DiskDevice)->Vcb;
     ResourceGuard lock;
@@ -44,7 +37,8 @@ NTSTATUS VrkFsIoctlFormatVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     VrkFsBTFlushUnrefObjects(&card->BodyTableCache);
 
     LONG result = VRKFS_RESULT_DONE;
-    status = VrkFsHwFormatVolume(&card->Hw, vcb, VrkFsIoctlSystemBuffer<const VrkFsVolumeInfoRecord>(Irp), &result);
+    NTSTATUS status =
+        VrkFsHwFormatVolume(&card->Hw, vcb, VrkFsIoctlSystemBuffer<const VrkFsVolumeInfoRecord>(Irp), &result);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -54,10 +48,6 @@ NTSTATUS VrkFsIoctlFormatVolume(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlQueryVolumeInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    const NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     const ULONG outLength = IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceIoControl.OutputBufferLength;
     const ULONG capacity = (outLength - offsetof(VrkFsVolumeList, Volumes)) / sizeof(VrkFsVolumeInfoRecord);
     auto* list = VrkFsIoctlSystemBuffer<VrkFsVolumeList>(Irp);
@@ -88,17 +78,13 @@ NTSTATUS VrkFsIoctlQueryVolumeInfo(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlLockFileSystem(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    NTSTATUS status = VrkFsIoctlCheckLengths(Irp);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
     const bool drop = VrkFsIoctlSystemBuffer<const VrkFsLockRequest>(Irp)->Drop != 0;
     CardInstance* card = VrkFsCardOfDevice(DeviceObject);
     VCB* vcb = VcbOfDevice(DeviceObject);
     ResourceGuard lock;
     lock.Exclusive(&vcb->Resource);
     VrkFsBTFlushUnrefObjects(&card->BodyTableCache);
-    status = VrkFsVCBLockVolume(vcb, IoGetCurrentIrpStackLocation(Irp)->FileObject);
+    NTSTATUS status = VrkFsVCBLockVolume(vcb, IoGetCurrentIrpStackLocation(Irp)->FileObject);
     if (NT_SUCCESS(status) && drop) {
         status = VrkFsHwFlushVolumeCache(&card->Hw, vcb);
         if (!NT_SUCCESS(status)) {

@@ -92,7 +92,10 @@ int Spawn(const ForegroundProgram& program, pid_t& child) {
         sigaddset(&signals, signal);
     }
     ::posix_spawnattr_setsigdefault(&attributes, &signals);
-    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    ::posix_spawnattr_setsigmask(&attributes, &blocked);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     const int error = ::posix_spawnp(&child, words.front().c_str(), nullptr, &attributes, Pointers(words).data(),
                                      Pointers(variables).data());
     ::posix_spawnattr_destroy(&attributes);

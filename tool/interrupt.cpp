@@ -39,6 +39,12 @@ void InstallInterrupt() {
     sigemptyset(&action.sa_mask);
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
+    // Whoever started this program may have left them blocked (some test and service runners do): they would be lost.
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    sigaddset(&wanted, SIGINT);
+    sigaddset(&wanted, SIGTERM);
+    ::pthread_sigmask(SIG_UNBLOCK, &wanted, nullptr);
     ::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is a failed write, not the end of the program
 }
 

@@ -239,7 +239,7 @@ TEST_F(DriveCommands, AProgramHasTheDisksToItself) {
     EXPECT_EQ(told.out, "0: 0 1 2 3\nVOL0\n0\n1\n") << told.err;
     EXPECT_EQ(Run("exclusive -- echo ls --json {} [x,y] --").out, "ls --json {} [x,y] --\n");
     EXPECT_EQ(exclusive("kill -9 $$").status, 128 + SIGKILL);
-    EXPECT_EQ(exclusive("kill -TERM $PPID; sleep 60 & wait").status, 128 + SIGTERM);
+    EXPECT_EQ(exclusive("kill -TERM $PPID; sleep 20 & wait").status, 128 + SIGTERM);
     EXPECT_EQ(exclusive("kill -INT $PPID; exit 5").status, 5);
 
     // Whatever it did to the disks is found afterwards, in the same run.

@@ -214,6 +214,10 @@ const std::vector<CardFacts>& Machine::Cards() const {
     return parts_->cards;
 }
 
+bool Machine::ReadOnly() const {
+    return parts_->options.readOnly;
+}
+
 board::Board* Machine::BoardOf(std::uint32_t card) {
     return card < parts_->boards.size() ? parts_->boards[card].get() : nullptr;
 }

@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "host/process.h"
-#include "host/station.h"
+#include "host/access.h"
 
 namespace board {
 class Board;
@@ -24,35 +23,26 @@ struct MachineOptions {
     bool manualClock = false;       // time moves when the test says (nt/kernel.h)
 };
 
-// What a card offers once the driver has started.
-struct CardFacts {
-    std::uint32_t index = 0;
-    char driveLetter = 0;
-};
-
-class Machine {
+class Machine final : public Access {
   public:
     // Locks the station and starts it. Null with `problem` filled when anything fails; nothing is left over then.
     static std::unique_ptr<Machine> Start(const std::filesystem::path& station, const MachineOptions& options,
                                           Problem& problem);
-    ~Machine();  // Stop(), its report printed to standard error if it is not clean
+    ~Machine() override;  // Stop(), its report printed to standard error if it is not clean
 
     // Every process must be gone. Sends the shutdown request, unloads, unplugs, syncs the images, and returns what the
     // verifier found left over (empty: nothing).
     std::vector<std::string> Stop();
 
     std::unique_ptr<Process> NewProcess();
-    const std::vector<CardFacts>& Cards() const;
-    board::Board* BoardOf(std::uint32_t card);  // null when there is no such card
-    // Makes everything acknowledged so far durable.
-    Problem SyncImages();
+    std::unique_ptr<Process> NewProcess(Problem&) override { return NewProcess(); }
+    const std::vector<CardFacts>& Cards() const override;
+    bool ReadOnly() const override;
+    Problem SyncImages() override;
+    Problem ReleaseDisks(std::uint32_t card) override;
+    Problem TakeDisks(std::uint32_t card) override;
 
-    // For raw work on a card's disks, which a process must have locked the file system for: syncs and closes the
-    // images, so that until TakeDisks every request to the card's disks fails; a problem says that something may be
-    // lost.
-    Problem ReleaseDisks(std::uint32_t card);
-    // Opens what the station's directory holds for the card now. Disks that cannot be opened are left out and named.
-    Problem TakeDisks(std::uint32_t card);
+    board::Board* BoardOf(std::uint32_t card);  // null when there is no such card
 
   private:
     struct Parts;

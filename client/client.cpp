@@ -127,6 +127,13 @@ VrkFsStatus VrkFsClientClose(VrkFsClient* client, VrkFsHandle handle) {
     return Guarded([&] { return client->process->Close(handle); });
 }
 
+void VrkFsClientCancel(VrkFsClient* client, VrkFsHandle handle) {
+    (void)Guarded([&]() -> VrkFsStatus {
+        client->process->CancelAll(handle);
+        return VRKFS_STATUS_SUCCESS;
+    });
+}
+
 // ---- Views of body tables ----
 
 VrkFsStatus VrkFsClientMapNodes(VrkFsClient* client, const VrkFsSectionName* name, int writable, VrkFsNodeView* view) {

@@ -221,3 +221,16 @@ VrkFsStatus VrkFsClientMoveFileSegments(VrkFsClient* client, VrkFsHandle control
 uint32_t VrkFsClientReadProgress(const VrkFsBuffer* progress) {
     return std::atomic_ref(*static_cast<std::uint32_t*>(progress->Bytes)).load(std::memory_order_relaxed);
 }
+
+// ---- The service ----
+
+VrkFsStatus VrkFsClientFetchServiceRequest(VrkFsClient* client, VrkFsHandle control, VrkFsServiceRequest* request) {
+    return Receive(client, control, IOCTL_VRKFS_SEND_SERVICE_REQUEST, request);
+}
+
+VrkFsStatus VrkFsClientSendServiceResponse(VrkFsClient* client, VrkFsHandle control,
+                                           const VrkFsServiceResponse* response, size_t size, void* data,
+                                           size_t dataBytes) {
+    return Control(client, control, IOCTL_VRKFS_SEND_SERVICE_RESPONSE,
+                   {reinterpret_cast<const std::byte*>(response), size}, {static_cast<std::byte*>(data), dataBytes});
+}

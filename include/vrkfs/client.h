@@ -23,6 +23,7 @@
 #include <vrkfs/board.h>
 #include <vrkfs/control.h>
 #include <vrkfs/media.h>
+#include <vrkfs/service.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -78,11 +79,14 @@ VrkFsStatus VrkFsClientOpenFile(VrkFsClient* client, const VrkFsChar* path, uint
  * open it. STATUS_CANNOT_DELETE for what cannot go. */
 VrkFsStatus VrkFsClientSetDelete(VrkFsClient* client, VrkFsHandle file, int deleteIt);
 VrkFsStatus VrkFsClientClose(VrkFsClient* client, VrkFsHandle handle);
+/* Asks for an early end of whatever other threads wait for on the handle; they get STATUS_CANCELLED unless they got
+ * what they wanted first. A call that comes later is not touched. */
+void VrkFsClientCancel(VrkFsClient* client, VrkFsHandle handle);
 
 /* ---- Control codes ------------------------------------------------------------------------------------------- */
-/* One function for each code but the two by which the service takes and answers requests. `control` is the card's
- * control device; a file or folder is an open handle on the same card's drive. The records are described in
- * <vrkfs/control.h>; those that carry a handle have it filled in from `file`. */
+/* One function for each code; those by which a service works come last. `control` is the card's control device; a file
+ * or folder is an open handle on the same card's drive. The records are described in <vrkfs/control.h>; those that
+ * carry a handle have it filled in from `file`. */
 
 VrkFsStatus VrkFsClientDismountVolume(VrkFsClient* client, VrkFsHandle control, int force);
 /* result: VRKFS_RESULT_DONE or VRKFS_FORMAT_... */
@@ -198,6 +202,18 @@ VrkFsStatus VrkFsClientQueryDisk(VrkFsClient* client, VrkFsHandle disks, uint32_
 VrkFsStatus VrkFsClientMoveFileSegments(VrkFsClient* client, VrkFsHandle control, VrkFsHandle file,
                                         VrkFsSegmentMove* move, const VrkFsBuffer* progress);
 uint32_t VrkFsClientReadProgress(const VrkFsBuffer* progress);
+
+/* ---- Being the service ---------------------------------------------------------------------------------------- */
+
+/* After VrkFsClientRegisterFileTypes or VrkFsClientRegisterSdtiFlags. Waits until the driver has something to do, for
+ * as long as that takes: VrkFsClientCancel ends the wait. One thread at a time. */
+VrkFsStatus VrkFsClientFetchServiceRequest(VrkFsClient* client, VrkFsHandle control, VrkFsServiceRequest* request);
+/* response: `size` bytes, at least VRKFS_SERVICE_RESPONSE_MIN_SIZE, more with several rows. data: what a read delivers;
+ * where a write's next bytes come; null for the others. Returns when the driver has taken or filled it. A request is
+ * answered within VRKFS_SERVICE_TIMEOUT_SECONDS, and so is every piece of a read or write. */
+VrkFsStatus VrkFsClientSendServiceResponse(VrkFsClient* client, VrkFsHandle control,
+                                           const VrkFsServiceResponse* response, size_t size, void* data,
+                                           size_t dataBytes);
 
 #ifdef __cplusplus
 } /* extern "C" */

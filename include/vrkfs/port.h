@@ -33,22 +33,55 @@ VRKFS_ASSERT_SIZE(VrkFsPortCommand, 8);
 /* Payload of VRKFS_PORT_CREATE_MEDIA_FILE; what a shorter payload leaves out is zero. */
 typedef struct VrkFsPortCreation {
     VrkFsChar Path[VRKFS_PORT_PATH_CHARS]; /* zero-terminated, relative to the port's folder */
-    uint8_t Parameters[24];                /* for the service */
+    uint8_t Parameters[24];                /* for the service: a VrkFsPortCreationParameters */
 } VrkFsPortCreation;
 
 VRKFS_ASSERT_SIZE(VrkFsPortCreation, 1048);
 VRKFS_ASSERT_OFFSET(VrkFsPortCreation, Parameters, 1024);
 
+#define VRKFS_PORT_CREATION_VERSION 1u
+#define VRKFS_PORT_ALPHA 0x1u /* Flags: with an alpha stream */
+
+/* What the service makes: a clip of black frames in uncompressed 8-bit 4:2:2, wholly transparent where it has alpha. */
+typedef struct VrkFsPortCreationParameters {
+    uint32_t Version;      /* VRKFS_PORT_CREATION_VERSION */
+    uint32_t LineStandard; /* 525 or 625 */
+    uint32_t FrameCount;   /* 1 and up, as many as can be written before the driver stops waiting */
+    uint32_t Flags;        /* VRKFS_PORT_ALPHA */
+    uint32_t Reserved[2];  /* 0 */
+} VrkFsPortCreationParameters;
+
+VRKFS_ASSERT_SIZE(VrkFsPortCreationParameters, 24);
+VRKFS_ASSERT_OFFSET(VrkFsPortCreationParameters, Flags, 12);
+
 /* Payload of VRKFS_PORT_AVAILABLE_SPACE. */
 typedef struct VrkFsPortSpaceQuery {
     VrkFsChar Path[VRKFS_PORT_PATH_CHARS]; /* zero-terminated; used only when the port is not inside a volume */
-    uint8_t Parameters[8];                 /* for the service */
+    uint8_t Parameters[8];                 /* for the service: a VrkFsPortSpaceParameters */
 } VrkFsPortSpaceQuery;
 
 VRKFS_ASSERT_SIZE(VrkFsPortSpaceQuery, 1032);
 VRKFS_ASSERT_OFFSET(VrkFsPortSpaceQuery, Parameters, 1024);
 
-#define VRKFS_PORT_SPACE_INFO_SIZE 24u /* as the service gave it */
+/* All zero, as a shorter payload leaves them, asks for the blocks alone. */
+typedef struct VrkFsPortSpaceParameters {
+    uint32_t LineStandard; /* 525 or 625: for how many frames of it there is room; or 0 */
+    uint32_t Flags;        /* VRKFS_PORT_ALPHA */
+} VrkFsPortSpaceParameters;
+
+VRKFS_ASSERT_SIZE(VrkFsPortSpaceParameters, 8);
+
+#define VRKFS_PORT_SPACE_INFO_SIZE 24u /* as the service gave it: a VrkFsPortSpaceInfo */
+
+typedef struct VrkFsPortSpaceInfo {
+    uint64_t FreeBlocks;   /* 512 bytes each, over all disks */
+    uint64_t TotalBlocks;  /* likewise */
+    uint32_t FrameCount;   /* uncompressed frames that a new clip can have; 0 if no standard was given */
+    uint32_t FieldSectors; /* what a field of the standard takes; 0 if none was given */
+} VrkFsPortSpaceInfo;
+
+VRKFS_ASSERT_SIZE(VrkFsPortSpaceInfo, VRKFS_PORT_SPACE_INFO_SIZE);
+VRKFS_ASSERT_OFFSET(VrkFsPortSpaceInfo, FrameCount, 16);
 
 typedef struct VrkFsPortReply {
     uint32_t Length; /* of the reply, this header included */

@@ -67,12 +67,13 @@ VRKFS_ASSERT_OFFSET(VrkFsScsiPrefs, VerifyWrite, 4);
 
 #define VRKFS_FILE_TYPE_BUILT_IN 0u          /* TypeCode of the media type that the driver itself serves */
 #define VRKFS_FILE_TYPE_CREATE_AND_DELETE 0u /* AccessMode: files may be created and deleted through their type */
+#define VRKFS_FILE_TYPE_FRAME_FOLDERS 2u     /* AccessMode: a file is a folder of its frames */
 #define VRKFS_FILE_TYPE_EXTENSION_CHARS 3u
 #define VRKFS_FILE_TYPE_DOT 1u /* Dot: a "." stands between base name and frame number */
 
 typedef struct VrkFsFileType {
     uint32_t TypeCode;   /* handed to the service with each request for a file of the type */
-    uint32_t AccessMode; /* VRKFS_FILE_TYPE_CREATE_AND_DELETE or another value */
+    uint32_t AccessMode; /* VRKFS_FILE_TYPE_CREATE_AND_DELETE, VRKFS_FILE_TYPE_FRAME_FOLDERS or another value */
     VrkFsChar Extension[VRKFS_FILE_TYPE_EXTENSION_CHARS]; /* also the name of the type's folder; no terminator */
     uint16_t Unused;
     /* Sizes in bytes of a frame file, by SDTI type: none or 14 and up, 1 to 11, 12 and 13. */

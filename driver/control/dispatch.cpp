@@ -10,12 +10,6 @@
 
 namespace {
 
-// A code whose work is still to be written accepts and refuses the same buffers as it will then.
-NTSTATUS VrkFsIoctlLaterCode(PIRP Irp) {
-    const NTSTATUS status = VrkFsIoctlCheckContentLength(Irp);
-    return NT_SUCCESS(status) ? STATUS_NOT_IMPLEMENTED : status;
-}
-
 // Either pass of a posted code.
 NTSTATUS VrkFsIoctlCallPosted(ULONG Code, IRPContext* Context) {
     switch (Code) {
@@ -129,8 +123,9 @@ NTSTATUS VrkFsGenericDeviceIOCTL(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
             return VrkFsIoctlUnlockFileSystem(DeviceObject, Irp);
 
         case IOCTL_VRKFS_SEND_SERVICE_REQUEST:
+            return VrkFsIoctlSendServiceRequest(DeviceObject, Irp);
         case IOCTL_VRKFS_SEND_SERVICE_RESPONSE:
-            return VrkFsIoctlLaterCode(Irp);
+            return VrkFsIoctlSendServiceResponse(DeviceObject, Irp);
 
         default:
             return STATUS_INVALID_DEVICE_REQUEST;

@@ -81,6 +81,9 @@ inline constexpr ULONG kIoctlWantFile = 0x2;
 [[nodiscard]] NTSTATUS VrkFsIoctlRegisterFileTypes(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 [[nodiscard]] NTSTATUS VrkFsIoctlUnregisterFileTypes(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 [[nodiscard]] NTSTATUS VrkFsIoctlRegisterSDTIFlags(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// service_codes.cpp; STATUS_PENDING until the driver has used what was posted
+[[nodiscard]] NTSTATUS VrkFsIoctlSendServiceRequest(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+[[nodiscard]] NTSTATUS VrkFsIoctlSendServiceResponse(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 // media_file_codes.cpp
 [[nodiscard]] NTSTATUS VrkFsIoctlAllocateVideoSpace(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 [[nodiscard]] NTSTATUS VrkFsIoctlUpdateVideoFile(PDEVICE_OBJECT DeviceObject, PIRP Irp);

@@ -1,102 +1,175 @@
-// Set-up, teardown and state of the channel. The exchange with the service is still to come: nothing connects a channel
-// yet, and the operations answer as a channel without a service does.
+// The channel's record: its slots and who claims what is in them, and the connections.
 #include "control/service_channel.h"
+
+#include "core/card_instance.h"
+#include "core/device_ext.h"
+#include "core/guards.h"
 
 namespace {
 
-// What an operation says that found no service; a service that is there cannot be asked yet.
-NTSTATUS VrkFsSReqUnserved(const ServiceChannel* Channel, NTSTATUS Disconnected) {
-    return Channel->ServiceConnected ? STATUS_NOT_IMPLEMENTED : Disconnected;
+constexpr LONGLONG kServiceTimeout = LONGLONG{VRKFS_SERVICE_TIMEOUT_SECONDS} * 10'000'000;
+
+struct CancelLockGuard {
+    CancelLockGuard() { IoAcquireCancelSpinLock(&Irql); }
+    ~CancelLockGuard() { IoReleaseCancelSpinLock(Irql); }
+    CancelLockGuard(const CancelLockGuard&) = delete;
+    CancelLockGuard& operator=(const CancelLockGuard&) = delete;
+
+    KIRQL Irql;
+};
+
+// All of these: the cancel lock is held.
+
+NTSTATUS Post(PIRP* Slot, PKEVENT Event, PIRP Irp) {
+    if (Irp->Cancel) {
+        return STATUS_CANCELLED;
+    }
+    if (*Slot != nullptr) {
+        return STATUS_DEVICE_BUSY;
+    }
+    IoMarkIrpPending(Irp);
+    static_cast<void>(IoSetCancelRoutine(Irp, VrkFsSReqCancel));
+    *Slot = Irp;
+    KeSetEvent(Event, IO_NO_INCREMENT, FALSE);
+    return STATUS_PENDING;
 }
 
-// Completes what is posted in the slot as cancelled, unless its cancel routine has it already.
-VOID VrkFsSReqCancelSlot(PIRP* Slot) {
+PIRP Take(PIRP* Slot) {
     PIRP irp = *Slot;
     *Slot = nullptr;
-    if (irp == nullptr || IoSetCancelRoutine(irp, nullptr) == nullptr) {
-        return;
+    if (irp != nullptr) {
+        static_cast<void>(IoSetCancelRoutine(irp, nullptr));
     }
-    irp->IoStatus.Status = STATUS_CANCELLED;
-    irp->IoStatus.Information = 0;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return irp;
+}
+
+// What nobody has claimed; null if there is none.
+PIRP TakeUnclaimed(PIRP* Slot, PKEVENT Event) {
+    return KeResetEvent(Event) != 0 ? Take(Slot) : nullptr;
+}
+
+VOID CompleteCancelled(PIRP Irp) {
+    if (Irp != nullptr) {
+        VrkFsSReqComplete(Irp, STATUS_CANCELLED, 0);
+    }
 }
 
 }  // namespace
 
-VOID VrkFsSReqInitialize(ServiceChannel* Channel) {
+NTSTATUS VrkFsSReqInitialize(ServiceChannel* Channel) {
     RtlZeroMemory(Channel, sizeof(*Channel));
     KeInitializeEvent(&Channel->FetchEvent, SynchronizationEvent, FALSE);
     KeInitializeEvent(&Channel->ResponseEvent, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&Channel->ExchangeLock, SynchronizationEvent, TRUE);
+    return VrkFsSReqStartWorker(&Channel->Worker);
 }
 
 VOID VrkFsSReqCleanup(ServiceChannel* Channel) {
-    VrkFsSReqCancelSlot(&Channel->FetchIrp);
-    VrkFsSReqCancelSlot(&Channel->ResponseIrp);
+    VrkFsSReqStopWorker(&Channel->Worker);
+    PIRP fetch = nullptr;
+    PIRP response = nullptr;
+    {
+        CancelLockGuard lock;
+        fetch = TakeUnclaimed(&Channel->FetchIrp, &Channel->FetchEvent);
+        response = TakeUnclaimed(&Channel->ResponseIrp, &Channel->ResponseEvent);
+    }
+    CompleteCancelled(fetch);
+    CompleteCancelled(response);
 }
 
-VOID VrkFsSReqServiceConnect(ServiceChannel* Channel) {
+VOID VrkFsSReqServiceConnect(ServiceChannel* Channel, BOOLEAN Anew) {
+    CancelLockGuard lock;
+    if (Anew || !Channel->ServiceConnected) {
+        ++Channel->Connection;
+    }
+    if (Channel->Connection == 0) {
+        ++Channel->Connection;
+    }
     Channel->ServiceConnected = TRUE;
 }
 
 VOID VrkFsSReqServiceDisconnect(ServiceChannel* Channel) {
+    CancelLockGuard lock;
     Channel->ServiceConnected = FALSE;
 }
 
-NTSTATUS VrkFsSReqOpen(ServiceChannel* Channel, WCHAR DriveLetter, PCUNICODE_STRING FullPath, PULONG ServiceHandle) {
-    UNREFERENCED_PARAMETER(DriveLetter);
-    UNREFERENCED_PARAMETER(FullPath);
-    *ServiceHandle = 0;
-    return VrkFsSReqUnserved(Channel, STATUS_UNSUCCESSFUL);
+NTSTATUS VrkFsSReqRequestArrival(ServiceChannel* Channel, PIRP Irp) {
+    CancelLockGuard lock;
+    return Post(&Channel->FetchIrp, &Channel->FetchEvent, Irp);
 }
 
-NTSTATUS VrkFsSReqClean(ServiceChannel* Channel, ULONG ServiceHandle, ULONG TypeCode, ULONG FrameIndex) {
-    UNREFERENCED_PARAMETER(ServiceHandle);
-    UNREFERENCED_PARAMETER(TypeCode);
-    UNREFERENCED_PARAMETER(FrameIndex);
-    return VrkFsSReqUnserved(Channel, STATUS_UNSUCCESSFUL);
+NTSTATUS VrkFsSReqResponseArrival(ServiceChannel* Channel, PIRP Irp) {
+    CancelLockGuard lock;
+    return Channel->ResponseWanted ? Post(&Channel->ResponseIrp, &Channel->ResponseEvent, Irp) : STATUS_CANCELLED;
 }
 
-NTSTATUS VrkFsSReqClose(ServiceChannel* Channel, ULONG ServiceHandle) {
-    UNREFERENCED_PARAMETER(ServiceHandle);
-    return VrkFsSReqUnserved(Channel, STATUS_UNSUCCESSFUL);
+VOID NTAPI VrkFsSReqCancel(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    ServiceChannel* channel = &VrkFsDiskExtOfDevice(VrkFsCardOfDevice(DeviceObject)->DiskDevice)->ServiceChannel;
+    PIRP unclaimed = nullptr;
+    if (channel->FetchIrp == Irp) {
+        unclaimed = TakeUnclaimed(&channel->FetchIrp, &channel->FetchEvent);
+    } else if (channel->ResponseIrp == Irp) {
+        unclaimed = TakeUnclaimed(&channel->ResponseIrp, &channel->ResponseEvent);
+    }
+    IoReleaseCancelSpinLock(Irp->CancelIrql);
+    CompleteCancelled(unclaimed);
 }
 
-NTSTATUS VrkFsSReqRead(ServiceChannel* Channel, ULONG ServiceHandle, ULONG TypeCode, ULONG OffsetLow, ULONG OffsetHigh,
-                       ULONG ByteCount, ULONG FrameIndex, PVOID Buffer) {
-    UNREFERENCED_PARAMETER(ServiceHandle);
-    UNREFERENCED_PARAMETER(TypeCode);
-    UNREFERENCED_PARAMETER(OffsetLow);
-    UNREFERENCED_PARAMETER(OffsetHigh);
-    UNREFERENCED_PARAMETER(ByteCount);
-    UNREFERENCED_PARAMETER(FrameIndex);
-    UNREFERENCED_PARAMETER(Buffer);
-    return VrkFsSReqUnserved(Channel, STATUS_UNSUCCESSFUL);
+ULONG VrkFsSReqConnectionOf(ServiceChannel* Channel) {
+    CancelLockGuard lock;
+    return Channel->ServiceConnected ? Channel->Connection : 0;
 }
 
-NTSTATUS VrkFsSReqWrite(ServiceChannel* Channel, ULONG ServiceHandle, ULONG TypeCode, ULONG OffsetLow, ULONG OffsetHigh,
-                        ULONG ByteCount, ULONG FrameIndex, const VOID* Buffer) {
-    UNREFERENCED_PARAMETER(ServiceHandle);
-    UNREFERENCED_PARAMETER(TypeCode);
-    UNREFERENCED_PARAMETER(OffsetLow);
-    UNREFERENCED_PARAMETER(OffsetHigh);
-    UNREFERENCED_PARAMETER(ByteCount);
-    UNREFERENCED_PARAMETER(FrameIndex);
-    UNREFERENCED_PARAMETER(Buffer);
-    return VrkFsSReqUnserved(Channel, STATUS_UNSUCCESSFUL);
+BOOLEAN VrkFsSReqIsCurrent(ServiceChannel* Channel, ServiceHandle Handle) {
+    CancelLockGuard lock;
+    return Handle.Connection == Channel->Connection;
 }
 
-NTSTATUS VrkFsSReqUpdatePrefs(ServiceChannel* Channel, const VrkFsPreferences* Prefs) {
-    UNREFERENCED_PARAMETER(Prefs);
-    return VrkFsSReqUnserved(Channel, STATUS_SUCCESS);
+VOID VrkFsSReqServiceLost(ServiceChannel* Channel, ULONG Connection) {
+    CancelLockGuard lock;
+    if (Channel->Connection == Connection) {
+        Channel->ServiceConnected = FALSE;
+    }
 }
 
-NTSTATUS VrkFsSReqGetAvailableSpace(ServiceChannel* Channel, const VrkFsPortSpaceQuery* Query, PUCHAR SpaceInfo) {
-    UNREFERENCED_PARAMETER(Query);
-    UNREFERENCED_PARAMETER(SpaceInfo);
-    return VrkFsSReqUnserved(Channel, STATUS_SUCCESS);
+NTSTATUS VrkFsSReqAwait(ServiceChannel* Channel, PKEVENT Event) {
+    PVOID events[] = {&Channel->Worker.StopEvent, Event};
+    LARGE_INTEGER timeout;
+    timeout.QuadPart = -kServiceTimeout;
+    switch (KeWaitForMultipleObjects(2, events, WaitAny, Executive, KernelMode, FALSE, &timeout, nullptr)) {
+        case STATUS_WAIT_0 + 1:
+            return STATUS_SUCCESS;
+        case STATUS_TIMEOUT:
+            return STATUS_TIMEOUT;
+        default:
+            return STATUS_CANCELLED;
+    }
 }
 
-NTSTATUS VrkFsSReqCreateMediaFile(ServiceChannel* Channel, const VrkFsPortCreation* Creation) {
-    UNREFERENCED_PARAMETER(Creation);
-    return VrkFsSReqUnserved(Channel, STATUS_SUCCESS);
+PIRP VrkFsSReqClaimFetch(ServiceChannel* Channel) {
+    CancelLockGuard lock;
+    PIRP irp = Take(&Channel->FetchIrp);
+    Channel->ResponseWanted = irp != nullptr;
+    return irp;
+}
+
+PIRP VrkFsSReqClaimResponse(ServiceChannel* Channel) {
+    CancelLockGuard lock;
+    return Take(&Channel->ResponseIrp);
+}
+
+VOID VrkFsSReqRefuseResponses(ServiceChannel* Channel) {
+    PIRP late = nullptr;
+    {
+        CancelLockGuard lock;
+        Channel->ResponseWanted = FALSE;
+        late = TakeUnclaimed(&Channel->ResponseIrp, &Channel->ResponseEvent);
+    }
+    CompleteCancelled(late);
+}
+
+VOID VrkFsSReqComplete(PIRP Irp, NTSTATUS Status, ULONG_PTR Information) {
+    Irp->IoStatus.Status = Status;
+    Irp->IoStatus.Information = Information;
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
 }

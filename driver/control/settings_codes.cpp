@@ -79,7 +79,7 @@ NTSTATUS VrkFsIoctlSetScsiPrefs(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlRegisterFileTypes(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    VrkFsSReqServiceConnect(ChannelOf(VrkFsCardOfDevice(DeviceObject)));
+    VrkFsSReqServiceConnect(ChannelOf(VrkFsCardOfDevice(DeviceObject)), TRUE);
     const NTSTATUS status = VrkFsIoctlCheckContentLength(Irp);
     if (!NT_SUCCESS(status)) {
         return status;
@@ -96,7 +96,7 @@ NTSTATUS VrkFsIoctlUnregisterFileTypes(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
 }
 
 NTSTATUS VrkFsIoctlRegisterSDTIFlags(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    VrkFsSReqServiceConnect(ChannelOf(VrkFsCardOfDevice(DeviceObject)));
+    VrkFsSReqServiceConnect(ChannelOf(VrkFsCardOfDevice(DeviceObject)), FALSE);
     // Every opener of a command port reads it, without a lock.
     __atomic_store_n(&pVrkFsGlobalData->SdtiFlags, VrkFsIoctlSystemBuffer<const VrkFsSdtiFlagsRequest>(Irp)->SdtiFlags,
                      __ATOMIC_RELAXED);

@@ -17,14 +17,19 @@ NTSTATUS VrkFsDiskDeviceExtInit(DiskDeviceExt* Ext, PDEVICE_OBJECT Device, CardI
     Ext->ExtType = kExtTypeDisk;
     Ext->DeviceObject = Device;
     Ext->Instance = Card;
-    const NTSTATUS status = VrkFsVCBInitialize(&Ext->Vcb, Device);
+    NTSTATUS status = VrkFsVCBInitialize(&Ext->Vcb, Device);
     if (!NT_SUCCESS(status)) {
         VrkFsGlobLogStartFailure("Init VCB failed", nullptr, 0);
         VrkFsDiskDeviceExtFree(Ext);
         return status;
     }
     Ext->Flags |= kDiskExtVcb;
-    VrkFsSReqInitialize(&Ext->ServiceChannel);
+    status = VrkFsSReqInitialize(&Ext->ServiceChannel);
+    if (!NT_SUCCESS(status)) {
+        VrkFsGlobLogStartFailure("Init. service channel failed", nullptr, 0);
+        VrkFsDiskDeviceExtFree(Ext);
+        return status;
+    }
     Ext->Flags |= kDiskExtServiceChannel;
     return status;
 }

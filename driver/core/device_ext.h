@@ -35,7 +35,7 @@ inline constexpr ULONG kDiskExtServiceChannel = 0x02;  // ServiceChannel initial
 
 [[nodiscard]] NTSTATUS VrkFsDeviceExtInit(DeviceExt* Ext, PDEVICE_OBJECT Device, CardInstance* Card);
 VOID VrkFsDeviceExtFree(DeviceExt* Ext);
-// Fails with the VCB's status (logged as "Init VCB failed") and is then released again.
+// Fails with the VCB's or the service channel's status (logged) and is then released again.
 [[nodiscard]] NTSTATUS VrkFsDiskDeviceExtInit(DiskDeviceExt* Ext, PDEVICE_OBJECT Device, CardInstance* Card);
 // May be called on a half-built extension and twice.
 VOID VrkFsDiskDeviceExtFree(DiskDeviceExt* Ext);

@@ -15,7 +15,7 @@ namespace {
 
 // What the user-mode service is told about once every lock is released, when the FCB may be gone.
 struct ServiceNotice {
-    ULONG Handle;
+    ServiceHandle Handle;
     ULONG TypeCode;
     ULONG FrameIndex;
 };
@@ -112,7 +112,7 @@ NTSTATUS VrkFsCommonCleanup(IRPContext* Context) {
         }
         static_cast<void>(VrkFsCompleteRequest(Context, status, 0));
     }
-    if (notice.Handle != 0) {
+    if (notice.Handle.Value != 0) {
         static_cast<void>(VrkFsSReqClean(channel, notice.Handle, notice.TypeCode, notice.FrameIndex));
     }
     return status;

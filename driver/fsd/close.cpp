@@ -40,29 +40,34 @@ NTSTATUS CloseControlHandle(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     return VrkFsAnswerRequest(Irp, STATUS_SUCCESS);
 }
 
+// What the user-mode service is told once every lock is released; Close is null for nothing.
+struct ServiceNotice {
+    ServiceHandle Handle;
+    ServiceClose* Close;
+};
+
 // The last close of the path takes the service's handle out of the FCB.
-ULONG TakeServiceHandle(FCB* Fcb) {
+ServiceNotice TakeServiceHandle(FCB* Fcb) {
     ResourceGuard fcb;
     fcb.Exclusive(Fcb->Resource);
-    const bool served = Fcb->Level >= kLevelFile && (Fcb->Flags & kFcbCommandPort) == 0;
-    const ULONG handle = served ? Fcb->ServiceHandle : 0;
-    Fcb->ServiceHandle = 0;
-    return handle;
+    const ServiceNotice notice = {Fcb->ServiceHandle, Fcb->ServiceClose};
+    Fcb->ServiceHandle = {};
+    Fcb->ServiceClose = nullptr;
+    return notice;
 }
 
-// Returns the service handle that is to be closed, or 0.
-ULONG CloseFcbOpen(VCB* Vcb, FCB* Fcb, PFILE_OBJECT FileObject, HwContext* Hw) {
+ServiceNotice CloseFcbOpen(VCB* Vcb, FCB* Fcb, PFILE_OBJECT FileObject, HwContext* Hw) {
     Fcb->ReferenceCount--;
     Vcb->FileOpenCount--;
     if (VrkFsIsReadOnlyOpen(FileObject)) {
         Vcb->ReadOnlyOpenCount--;
     }
     if (Fcb->ReferenceCount != 0 || (Fcb->Flags & kFcbRoot) != 0) {
-        return 0;
+        return {};
     }
-    const ULONG handle = TakeServiceHandle(Fcb);
+    const ServiceNotice notice = TakeServiceHandle(Fcb);
     VrkFsFCBRemove(Fcb, Hw);
-    return handle;
+    return notice;
 }
 
 }  // namespace
@@ -88,7 +93,7 @@ NTSTATUS VrkFsCommonClose(IRPContext* Context) {
         return VrkFsCompleteRequest(Context, STATUS_SUCCESS, 0);
     }
 
-    ULONG serviceHandle = 0;
+    ServiceNotice notice = {};
     {
         ResourceGuard volume;
         volume.Exclusive(&vcb->Resource);
@@ -100,12 +105,12 @@ NTSTATUS VrkFsCommonClose(IRPContext* Context) {
         if (type == kVrkFsVolumeOpen) {
             vcb->VolumeOpenCount--;
         } else {
-            serviceHandle = CloseFcbOpen(vcb, static_cast<FCB*>(fcbOrVcb), fileObject, &ext->Instance->Hw);
+            notice = CloseFcbOpen(vcb, static_cast<FCB*>(fcbOrVcb), fileObject, &ext->Instance->Hw);
         }
         static_cast<void>(VrkFsCompleteRequest(Context, STATUS_SUCCESS, 0));
     }
-    if (serviceHandle != 0) {
-        static_cast<void>(VrkFsSReqClose(&ext->ServiceChannel, serviceHandle));
+    if (notice.Close != nullptr) {
+        VrkFsSReqSendClose(notice.Close, notice.Handle);
     }
     return STATUS_SUCCESS;
 }

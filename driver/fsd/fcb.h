@@ -1,6 +1,7 @@
 // The file control block: one distinct path that is open or lies on the way to an open path.
 #pragma once
 
+#include "control/service_channel.h"
 #include "fsd/shared_flags.h"
 #include "media/media_file.h"
 #include "nt.h"
@@ -51,7 +52,7 @@ struct RenameStep {
 // Paged, from GlobalData's list. A create makes it for its path and for every folder on the way; it lives while it is
 // referenced or has children. Everything but the MediaFileObject and the ServiceHandle is guarded by the VCB's
 // Resource; those two by the FCB's own Resource or the FCBCommon's (see the data paths), and so are the flags that
-// belong to them.
+// belong to them. ServiceClose goes with the ServiceHandle.
 struct FCB {
     ULONG NodeType;  // kFcbNodeType
     PERESOURCE Resource;
@@ -67,10 +68,11 @@ struct FCB {
     LIST_ENTRY SiblingLink;  // in the parent's Children
     ULONG EntryIndex;        // level 5: frame number or RAM-file index
     SharedFlags Flags;
-    PRTL_SPLAY_LINKS ChildTree;  // folders: children by Name
-    LIST_ENTRY Children;         // folders only
-    RTL_SPLAY_LINKS SplayLinks;  // this FCB's node in the parent's ChildTree
-    ULONG ServiceHandle;         // the user-mode service's handle for this file; 0: none
+    PRTL_SPLAY_LINKS ChildTree;          // folders: children by Name
+    LIST_ENTRY Children;                 // folders only
+    RTL_SPLAY_LINKS SplayLinks;          // this FCB's node in the parent's ChildTree
+    struct ServiceHandle ServiceHandle;  // the user-mode service's, for this file
+    struct ServiceClose* ServiceClose;   // made with the handle, sent when the FCB goes; or null
     struct MediaFileObject MediaFileObject;
     struct RamFile* RamFile;  // RAM files: the record in the volume's set
     RenameStep Rename;

@@ -294,9 +294,8 @@ NTSTATUS VrkFsCommonQueryInformation(IRPContext* Context) {
 
 NTSTATUS VrkFsCommonSetInformation(IRPContext* Context) {
     const auto& asked = IoGetCurrentIrpStackLocation(Context->Irp)->Parameters.SetFile;
-    CardInstance* card = VrkFsDiskExtOfDevice(Context->DeviceObject)->Instance;
-    FrameImport import = {};
+    FrameImport* import = nullptr;
     const NTSTATUS status = VrkFsServeInformation(Context, asked.FileInformationClass, asked.Length, SetClass, &import);
-    VrkFsImportFrame(card, &import);
+    VrkFsImportFrame(import);
     return status;
 }

@@ -46,7 +46,7 @@ VOID Lock(ResourceGuard* Guard, PERESOURCE Resource, bool Shared) {
 }  // namespace
 
 NTSTATUS VrkFsServeInformation(IRPContext* Context, ULONG Class, ULONG Length, VrkFsInformationRoutine Routine,
-                               FrameImport* Import) {
+                               FrameImport** Import) {
     if (VrkFsIRPContextMustPost(Context)) {
         return VrkFsIRPContextPost(Context);
     }
@@ -56,7 +56,6 @@ NTSTATUS VrkFsServeInformation(IRPContext* Context, ULONG Class, ULONG Length, V
     request.Buffer = Context->Irp->AssociatedIrp.SystemBuffer;
     request.Length = Length;
     request.FileObject = stack->FileObject;
-    request.Import = Import;
     if (Context->MajorFunction == IRP_MJ_SET_INFORMATION) {
         request.TargetFolder = stack->Parameters.SetFile.FileObject;
     }
@@ -71,5 +70,8 @@ NTSTATUS VrkFsServeInformation(IRPContext* Context, ULONG Class, ULONG Length, V
         Lock(&common, request.Fcb->Common->Resource, query);
     }
     const NTSTATUS status = Routine(&request);
+    if (Import != nullptr) {
+        *Import = request.Import;
+    }
     return VrkFsCompleteRequest(Context, status, query && status == STATUS_SUCCESS ? request.Length : 0);
 }

@@ -73,6 +73,12 @@ VOID FillFromRequest(IRPContext* Context, PIRP Irp, PDEVICE_OBJECT DeviceObject)
     }
 }
 
+VOID PrepareToPost(IRPContext* Context) {
+    IoMarkIrpPending(Context->Irp);
+    Context->Flags |= kIrpContextPosted;
+    ExInitializeWorkItem(&Context->WorkItem, VrkFsIRPContextDispatch, Context);
+}
+
 }  // namespace
 
 VOID VrkFsIRPContextLListInitialize(PNPAGED_LOOKASIDE_LIST List) {
@@ -130,10 +136,14 @@ BOOLEAN VrkFsIRPContextMustPost(const IRPContext* Context) {
 }
 
 NTSTATUS VrkFsIRPContextPost(IRPContext* Context) {
-    IoMarkIrpPending(Context->Irp);
-    Context->Flags |= kIrpContextPosted;
-    ExInitializeWorkItem(&Context->WorkItem, VrkFsIRPContextDispatch, Context);
+    PrepareToPost(Context);
     ExQueueWorkItem(&Context->WorkItem, CriticalWorkQueue);
+    return STATUS_PENDING;
+}
+
+NTSTATUS VrkFsIRPContextPostForService(IRPContext* Context) {
+    PrepareToPost(Context);
+    VrkFsSReqQueueWork(&VrkFsDiskExtOfDevice(Context->DeviceObject)->ServiceChannel.Worker, &Context->WorkItem);
     return STATUS_PENDING;
 }
 

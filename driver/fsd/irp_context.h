@@ -9,7 +9,7 @@ struct VCB;
 
 // IRPContext::Flags
 inline constexpr ULONG kIrpContextCanWait = 0x01;  // the request may block in the thread that runs it
-inline constexpr ULONG kIrpContextPosted = 0x04;   // the request runs (or will run) in a worker thread
+inline constexpr ULONG kIrpContextPosted = 0x04;   // the request runs (or will run) in a thread of the system
 inline constexpr ULONG kIrpContextOwnsMdl = 0x08;  // the context built and locked the request's descriptor list
 inline constexpr ULONG kIrpContextOnStack = 0x10;  // the record lives in its entry routine's frame, not on the list
 
@@ -62,6 +62,8 @@ VOID VrkFsIRPContextFree(PNPAGED_LOOKASIDE_LIST List, IRPContext* Context);
 // Marks the request pending and queues the context to the critical work queue. Always STATUS_PENDING; the context then
 // belongs to the worker.
 [[nodiscard]] NTSTATUS VrkFsIRPContextPost(IRPContext* Context);
+// The same for a request that may have to wait for the user-mode service: its card's service worker runs it.
+[[nodiscard]] NTSTATUS VrkFsIRPContextPostForService(IRPContext* Context);
 // TRUE when a common routine has to post the context before it does anything else.
 [[nodiscard]] BOOLEAN VrkFsIRPContextMustPost(const IRPContext* Context);
 // System address of the caller's data buffer; null when the pages cannot be mapped (fail with

@@ -219,31 +219,70 @@ NTSTATUS CopyImportData(const RamFile* File, FrameImport* Import) {
     return STATUS_SUCCESS;
 }
 
+VOID FreeImport(FrameImport* Import) {
+    VrkFsRtlFreeUnicodeString(&Import->MediaFile);
+    VrkFsFreePool(Import->Data);
+    VrkFsFreePool(Import);
+}
+
+NTSTATUS FillImport(FrameImport* Import, FCB* Fcb) {
+    FCBCommon* common = Fcb->Common;
+    NTSTATUS status = VrkFsFCBCommonSetupFullName(common->Vcb, Fcb, common);
+    if (NT_SUCCESS(status)) {
+        status = CopyImportData(Fcb->RamFile, Import);
+    }
+    if (NT_SUCCESS(status)) {
+        status = VrkFsRtlCopyUnicodeString(&Import->MediaFile, &common->FullName);
+    }
+    if (NT_SUCCESS(status)) {
+        status = VrkFsFCBSetDeletePending(Fcb);
+    }
+    return status;
+}
+
 // The import itself waits for the service, so it comes after every lock; the RAM file goes with its last handle.
 NTSTATUS OrderImport(InformationRequest* Request, ULONG FrameIndex) {
     FCB* fcb = Request->Fcb;
-    FCBCommon* common = fcb->Common;
-    FrameImport* import = Request->Import;
-    if (FrameIndex >= VrkFsGetFrameFileCount(common->FileEntry) || fcb->RamFile == nullptr) {
+    if (FrameIndex >= VrkFsGetFrameFileCount(fcb->Common->FileEntry) || fcb->RamFile == nullptr) {
         return STATUS_ACCESS_DENIED;  // another RAM file's name
     }
-    NTSTATUS status = VrkFsFCBCommonSetupFullName(common->Vcb, fcb, common);
-    if (NT_SUCCESS(status)) {
-        status = CopyImportData(fcb->RamFile, import);
+    auto* import = static_cast<FrameImport*>(VrkFsAllocatePool(NonPagedPool, sizeof(FrameImport)));
+    if (import == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
     }
-    if (NT_SUCCESS(status)) {
-        status = VrkFsRtlCopyUnicodeString(&import->MediaFile, &common->FullName);
-    }
+    *import = {};
+    const NTSTATUS status = FillImport(import, fcb);
     if (!NT_SUCCESS(status)) {
-        VrkFsFreePool(import->Data);
-        import->Data = nullptr;
+        FreeImport(import);
         return status;
     }
+    import->Card = VrkFsCardOfVcb(Request->Vcb);
     import->TypeCode = VrkFsFCBTypeCode(fcb);
     import->FrameIndex = FrameIndex;
     import->FileObject = Request->FileObject;
     ObReferenceObject(import->FileObject);
-    return VrkFsFCBSetDeletePending(fcb);
+    Request->Import = import;
+    return status;
+}
+
+ServiceChannel* ChannelOf(const FrameImport* Import) {
+    return &VrkFsDiskExtOfDevice(Import->Card->DiskDevice)->ServiceChannel;
+}
+
+VOID NTAPI VrkFsRunImport(PVOID Context) {
+    CriticalRegionGuard region;
+    auto* import = static_cast<FrameImport*>(Context);
+    ServiceChannel* channel = ChannelOf(import);
+    ServiceHandle handle = {};
+    if (NT_SUCCESS(VrkFsSReqOpen(channel, VrkFsGlobDriveLetter(import->Card), &import->MediaFile, &handle))) {
+        static_cast<void>(
+            VrkFsSReqWrite(channel, handle, import->TypeCode, 0, 0, import->Bytes, import->FrameIndex, import->Data));
+        static_cast<void>(VrkFsSReqClean(channel, handle, import->TypeCode, import->FrameIndex));
+        static_cast<void>(VrkFsSReqClose(channel, handle));
+    }
+    PFILE_OBJECT fileObject = import->FileObject;
+    FreeImport(import);
+    ObDereferenceObject(fileObject);
 }
 
 }  // namespace
@@ -286,20 +325,15 @@ NTSTATUS VrkFsSetFileRenameInfo(InformationRequest* Request) {
     return VrkFsFCBMove(target.Folder, fcb, &target.Name, FALSE, hw);
 }
 
-VOID VrkFsImportFrame(CardInstance* Card, FrameImport* Import) {
-    if (Import->FileObject == nullptr) {
+VOID VrkFsImportFrame(FrameImport* Import) {
+    if (Import == nullptr) {
         return;
     }
-    ServiceChannel* channel = &VrkFsDiskExtOfDevice(Card->DiskDevice)->ServiceChannel;
-    const WCHAR letter = VrkFsGlobDriveLetter(Card);
-    ULONG handle = 0;
-    if (NT_SUCCESS(VrkFsSReqOpen(channel, letter, &Import->MediaFile, &handle))) {
-        static_cast<void>(
-            VrkFsSReqWrite(channel, handle, Import->TypeCode, 0, 0, Import->Bytes, Import->FrameIndex, Import->Data));
-        static_cast<void>(VrkFsSReqClean(channel, handle, Import->TypeCode, Import->FrameIndex));
-        static_cast<void>(VrkFsSReqClose(channel, handle));
+    ServiceWorker* worker = &ChannelOf(Import)->Worker;
+    if (VrkFsSReqIsSystemThread(worker)) {
+        ExInitializeWorkItem(&Import->Item, VrkFsRunImport, Import);
+        VrkFsSReqQueueWork(worker, &Import->Item);
+    } else {
+        VrkFsRunImport(Import);
     }
-    VrkFsRtlFreeUnicodeString(&Import->MediaFile);
-    VrkFsFreePool(Import->Data);
-    ObDereferenceObject(Import->FileObject);
 }

@@ -7,9 +7,11 @@ struct CardInstance;
 struct InformationRequest;
 
 // A frame that a RAM file has been renamed onto: all that the import needs, since the RAM file and its FCB may be gone
-// by the time it runs.
+// by the time it runs. In non-paged pool, made by the rename and freed by the import.
 struct FrameImport {
-    UNICODE_STRING MediaFile;  // own copy of its full name; empty: nothing to import
+    WORK_QUEUE_ITEM Item;
+    CardInstance* Card;
+    UNICODE_STRING MediaFile;  // own copy of its full name
     PUCHAR Data;               // paged pool, Bytes bytes; null for none
     ULONG Bytes;
     ULONG TypeCode;
@@ -22,6 +24,6 @@ struct FrameImport {
 // STATUS_OBJECT_NAME_COLLISION whatever ReplaceIfExists says; the statuses of VrkFsFCBRename and VrkFsFCBMove.
 [[nodiscard]] NTSTATUS VrkFsSetFileRenameInfo(InformationRequest* Request);
 
-// Hands the bytes to the user-mode service, which may take its time: no lock is held. Nobody is told how it went. Frees
-// what Import holds.
-VOID VrkFsImportFrame(CardInstance* Card, FrameImport* Import);
+// Hands the bytes to the user-mode service, which may take its time: no lock is held. A program's thread waits for it,
+// a system's leaves it to the service's worker. Nobody is told how it went. Frees Import; null is ignored.
+VOID VrkFsImportFrame(FrameImport* Import);

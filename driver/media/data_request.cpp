@@ -3,6 +3,7 @@
 #include "control/service_channel.h"
 #include "core/card_instance.h"
 #include "core/device_ext.h"
+#include "core/pool.h"
 #include "core/strings.h"
 #include "fsd/ccb.h"
 #include "fsd/fcb.h"
@@ -22,48 +23,63 @@ NTSTATUS CopyMediaName(const DataRequest* Request, PUNICODE_STRING Name) {
     return NT_SUCCESS(status) ? VrkFsRtlCopyUnicodeString(Name, &Request->Common->FullName) : status;
 }
 
-ULONG LookUpServiceHandle(FCB* Fcb) {
+// None, or one of the connection that stands.
+ServiceHandle LookUpServiceHandle(const DataRequest* Request) {
     ResourceGuard lock;
-    lock.Shared(Fcb->Resource);
-    return Fcb->ServiceHandle;
+    lock.Shared(Request->Fcb->Resource);
+    const ServiceHandle handle = Request->Fcb->ServiceHandle;
+    return VrkFsSReqIsCurrent(&Request->Ext->ServiceChannel, handle) ? handle : ServiceHandle{};
 }
 
-// Two transfers may both find the file unopened and both ask the service; the first answer stays.
-ULONG PublishServiceHandle(FCB* Fcb, ULONG Handle) {
+// Two transfers may both find the file unopened and both ask the service: the first answer stays. FALSE: another one
+// does, which *Handle is now; *Close is the caller's if it comes back.
+BOOLEAN PublishServiceHandle(FCB* Fcb, ServiceHandle* Handle, ServiceClose** Close) {
     ResourceGuard lock;
     lock.Exclusive(Fcb->Resource);
-    if (Fcb->ServiceHandle == 0) {
-        Fcb->ServiceHandle = Handle;
+    if (Fcb->ServiceHandle.Value != 0 && Fcb->ServiceHandle.Connection == Handle->Connection) {
+        *Handle = Fcb->ServiceHandle;
+        return FALSE;
     }
-    return Fcb->ServiceHandle;
+    Fcb->ServiceHandle = *Handle;
+    if (Fcb->ServiceClose == nullptr) {
+        Fcb->ServiceClose = *Close;
+        *Close = nullptr;
+    }
+    return TRUE;
 }
 
-NTSTATUS OpenServiceHandle(const DataRequest* Request, PULONG Handle) {
-    *Handle = LookUpServiceHandle(Request->Fcb);
-    if (*Handle != 0) {
-        return STATUS_SUCCESS;
-    }
+NTSTATUS AskForHandle(const DataRequest* Request, ServiceHandle* Handle) {
     UNICODE_STRING name = {};
     NTSTATUS status = CopyMediaName(Request, &name);
-    if (!NT_SUCCESS(status)) {
-        return status;
+    if (NT_SUCCESS(status)) {
+        status = VrkFsSReqOpen(&Request->Ext->ServiceChannel, VrkFsGlobDriveLetter(Request->Card), &name, Handle);
+        VrkFsRtlFreeUnicodeString(&name);
+    }
+    return status;
+}
+
+NTSTATUS OpenServiceHandle(const DataRequest* Request, ServiceHandle* Handle) {
+    *Handle = LookUpServiceHandle(Request);
+    if (Handle->Value != 0) {
+        return STATUS_SUCCESS;
     }
     ServiceChannel* channel = &Request->Ext->ServiceChannel;
-    ULONG opened = 0;
-    status = VrkFsSReqOpen(channel, VrkFsGlobDriveLetter(Request->Card), &name, &opened);
-    VrkFsRtlFreeUnicodeString(&name);
+    ServiceClose* close = nullptr;
+    NTSTATUS status = VrkFsSReqPrepareClose(channel, &close);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    *Handle = PublishServiceHandle(Request->Fcb, opened);
-    if (*Handle != opened) {
+    status = AskForHandle(Request, Handle);
+    const ServiceHandle opened = *Handle;
+    if (NT_SUCCESS(status) && !PublishServiceHandle(Request->Fcb, Handle, &close)) {
         static_cast<void>(VrkFsSReqClose(channel, opened));
     }
-    return STATUS_SUCCESS;
+    VrkFsFreePool(close);
+    return status;
 }
 
 // A service that has failed to read is not asked again through this FCB; one that could not open the file is.
-NTSTATUS ReadThroughService(const DataRequest* Request, ULONG Handle) {
+NTSTATUS ReadThroughService(const DataRequest* Request, ServiceHandle Handle) {
     const NTSTATUS status = VrkFsSReqRead(
         &Request->Ext->ServiceChannel, Handle, Request->Type->TypeCode, static_cast<ULONG>(Request->Offset),
         static_cast<ULONG>(Request->Offset >> 32), Request->Count, Request->Fcb->EntryIndex, Request->Buffer);
@@ -73,13 +89,26 @@ NTSTATUS ReadThroughService(const DataRequest* Request, ULONG Handle) {
     return status;
 }
 
-NTSTATUS WriteThroughService(const DataRequest* Request, ULONG Handle) {
+NTSTATUS WriteThroughService(const DataRequest* Request, ServiceHandle Handle) {
     return VrkFsSReqWrite(&Request->Ext->ServiceChannel, Handle, Request->Type->TypeCode,
                           static_cast<ULONG>(Request->Offset), static_cast<ULONG>(Request->Offset >> 32),
                           Request->Count, Request->Fcb->EntryIndex, Request->Buffer);
 }
 
 }  // namespace
+
+NTSTATUS VrkFsPostDataRequest(IRPContext* Context) {
+    VCB* vcb = nullptr;
+    CCB* ccb = nullptr;
+    PVOID fcbOrVcb = nullptr;
+    PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(Context->Irp)->FileObject;
+    if (VrkFsGetRequestType(fileObject, &vcb, &fcbOrVcb, &ccb) != kVrkFsFileOpen) {
+        return VrkFsIRPContextPost(Context);
+    }
+    const FCB* fcb = static_cast<const FCB*>(fcbOrVcb);
+    const bool waits = VrkFsFCBIsFrame(fcb) || (fcb->Flags & kFcbCommandPort) != 0;
+    return waits ? VrkFsIRPContextPostForService(Context) : VrkFsIRPContextPost(Context);
+}
 
 BOOLEAN VrkFsIsCommandPort(const DataRequest* Request) {
     return (Request->Fcb->Flags & kFcbCommandPort) != 0;
@@ -130,7 +159,7 @@ VOID VrkFsLockCommandPort(DataRequest* Request, ResourceGuard* PortLock) {
 
 NTSTATUS VrkFsMoveThroughService(DataRequest* Request, ServiceDirection Direction) {
     Request->CommonLock.Release();
-    ULONG handle = 0;
+    ServiceHandle handle = {};
     const NTSTATUS status = OpenServiceHandle(Request, &handle);
     if (!NT_SUCCESS(status)) {
         return status;

@@ -33,6 +33,10 @@ struct DataRequest {
     ResourceGuard CommonLock;
 };
 
+// Posts the request: where it may have to wait for the service, to the service's worker, so that enough of the system's
+// are left for the service's own requests.
+[[nodiscard]] NTSTATUS VrkFsPostDataRequest(IRPContext* Context);
+
 // Fills the request (zeroed by the caller) and takes the lock. STATUS_UNSUCCESSFUL without a file object,
 // STATUS_ACCESS_DENIED for anything but a file, STATUS_FILE_DELETED for a file that is gone. A length of 0 succeeds
 // whatever the file: the caller answers it at once.

@@ -165,7 +165,7 @@ NTSTATUS PerformRead(IRPContext* Context, DataRequest* Request) {
 
 NTSTATUS VrkFsCommonRead(IRPContext* Context) {
     if (VrkFsIRPContextMustPost(Context)) {
-        return VrkFsIRPContextPost(Context);
+        return VrkFsPostDataRequest(Context);
     }
     DataRequest request = {};
     const NTSTATUS status = PerformRead(Context, &request);

@@ -88,7 +88,7 @@ NTSTATUS PerformWrite(IRPContext* Context, DataRequest* Request) {
 
 NTSTATUS VrkFsCommonWrite(IRPContext* Context) {
     if (VrkFsIRPContextMustPost(Context)) {
-        return VrkFsIRPContextPost(Context);
+        return VrkFsPostDataRequest(Context);
     }
     DataRequest request = {};
     const NTSTATUS status = PerformWrite(Context, &request);

@@ -32,8 +32,8 @@ constexpr CodeCase kCodes[] = {
     {0x00222014, 664, 664, kInvalidHandle},
     {0x00222018, 48, 0, status::kSuccess},
     {0x0022201C, 0, 0, status::kSuccess},
-    {0x00222020, 0, 1568, status::kNotImplemented},
-    {0x00222026, 56, 0, status::kNotImplemented},
+    {0x00222020, 0, 1568, status::kPending},
+    {0x00222026, 56, 0, status::kCancelled},
     {0x00222028, 0, 41, status::kSuccess},
     {0x0022202C, 41, 0, status::kSuccess},
     {0x00222030, 4, 1024, kInvalidHandle},
@@ -89,6 +89,9 @@ TEST_F(ControlCodes, EveryCodeRefusesBuffersOneByteShort) {
         if (test.out != 0) {
             ExpectRefusedWithoutBytes(Send(control.Get(), test.code, test.in, test.out - 1), status::kBufferTooSmall,
                                       Name(test) + ", output");
+        }
+        if (test.answer.Pending()) {
+            continue;  // waits for work as long as its sender lives
         }
         const host::IoResult exact = Send(control.Get(), test.code, test.in, test.out);
         EXPECT_EQ(host::StatusName(exact.status), host::StatusName(test.answer)) << Name(test);
@@ -161,7 +164,7 @@ TEST_F(ControlCodes, BuffersMustHoldWhatTheirContentSays) {
         const bool isList = test.code == IOCTL_VRKFS_REGISTER_FILE_TYPES;
         EXPECT_EQ(answer(test.code, test.first, test.third, test.in, test.out), !test.fits ? "STATUS_BUFFER_TOO_SMALL"
                                                                                 : isList   ? "STATUS_SUCCESS"
-                                                                                           : "STATUS_NOT_IMPLEMENTED")
+                                                                                           : "STATUS_CANCELLED")
             << test.code << " " << test.first << " " << test.in << " " << test.out;
     }
 }

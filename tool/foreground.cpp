@@ -57,20 +57,23 @@ std::vector<std::string> MergedEnvironment(const ForegroundProgram& program) {
     std::vector<std::string> all;
     for (char** at = environ; *at != nullptr; ++at) {
         const std::string variable = *at;
-        const bool replaced = std::ranges::any_of(
-            program.environment, [&](const auto& own) { return variable.starts_with(own.first + "="); });
+        const std::string name = variable.substr(0, variable.find('='));
+        const bool replaced =
+            std::ranges::any_of(program.environment, [&](const auto& own) { return own.first == name; });
         if (!replaced) {
             all.push_back(variable);
         }
     }
     for (const auto& [name, value] : program.environment) {
-        all.push_back(name + "=" + value);
+        all.push_back(name);
+        all.back().append("=").append(value);
     }
     return all;
 }
 
 std::vector<char*> Pointers(std::vector<std::string>& words) {
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string& word : words) {
         pointers.push_back(word.data());
     }

@@ -237,7 +237,7 @@ void ClipVerifier::CompareField(SectorPlace place, std::span<const std::byte> fo
 
 std::string ClipVerifier::DescribeDifference(std::span<const std::byte> found, std::span<const std::byte> wanted,
                                              size_t at) const {
-    const std::string byte =
+    std::string byte =
         "byte " + std::to_string(at) + " of the sector is " + HexByte(found[at]) + " instead of " + HexByte(wanted[at]);
     if (std::ranges::all_of(found, [](std::byte value) { return value == std::byte{0}; })) {
         return "holds zeros";
@@ -249,7 +249,7 @@ std::string ClipVerifier::DescribeDifference(std::span<const std::byte> found, s
     if (!tag) {
         return byte;
     }
-    const std::string holds = "holds " + DescribePlace({tag->stream, tag->field, tag->sector});
+    std::string holds = "holds " + DescribePlace({tag->stream, tag->field, tag->sector});
     const ClipRecipe& recipe = verdict_.signature.recipe;
     const bool isThisClip = recipe.kind == ClipKind::Tagged && tag->seed == recipe.seed;
     return isThisClip ? holds : holds + " of another clip, seed " + std::to_string(tag->seed);

@@ -3,8 +3,12 @@
 // they did, one clip that they leave alone reads back afterwards, and what is put then lies beside it.
 #include <vrkfs/service.h>
 
+#include <atomic>
+#include <thread>
+
 #include "control/ioctl.h"
 #include "fuzz/fuzz_station.h"
+#include "tests/support/scripted_service.h"
 
 namespace fuzz {
 namespace {
@@ -56,6 +60,70 @@ constexpr std::uint8_t kWrongMethod = 0x08;
 
 constexpr std::size_t kMaxBuffer = 4096;
 
+// The service, as hostile as the input: it fetches every request, since nobody else would end the driver's wait for an
+// answer, and answers with whatever bytes come next until the driver wants no more.
+class Answerer {
+  public:
+    Answerer(host::Process& user, std::span<const std::byte> bytes) : user_(user), bytes_(bytes) {
+        host::OpenRequest request;
+        request.path = u"VrkFsDevice0";
+        request.access = kReadWrite;
+        request.overlapped = true;
+        control_ = host::ScopedHandle(user_, user_.Create(request).handle);
+        thread_ = std::thread([this] { Run(); });
+    }
+    ~Answerer() {
+        stop_ = true;
+        user_.CancelAll(control_.Get());
+        thread_.join();
+    }
+
+  private:
+    tests::PostedPtr Post(std::uint32_t code, std::vector<std::byte> in, std::vector<std::byte> out) {
+        return tests::Posted::Begin(std::move(in), std::move(out), [&](tests::Posted& posted, host::Completion done) {
+            return user_.DeviceControlOverlapped(control_.Get(), code, posted.in, posted.out, std::move(done),
+                                                 &posted.id);
+        });
+    }
+    std::size_t Next() {
+        const std::size_t next = bytes_.empty() ? 0 : static_cast<std::size_t>(bytes_[0]);
+        bytes_ = bytes_.subspan(std::min<std::size_t>(1, bytes_.size()));
+        return next;
+    }
+    void Run() {
+        while (!stop_) {
+            const tests::PostedPtr fetch = Post(IOCTL_VRKFS_SEND_SERVICE_REQUEST, {}, std::vector<std::byte>(1568));
+            while (stop_ && !fetch->IsOver()) {
+                user_.Cancel(fetch->id);
+            }
+            if (fetch->Wait().status.Ok()) {
+                const bool odd = Next() % 8 == 7;
+                while (Respond(tests::WordAt(fetch->out, 0), odd)) {
+                }
+            }
+        }
+    }
+    // False when the driver wants no more. An input that is used up refuses.
+    bool Respond(std::uint32_t type, bool odd) {
+        const bool over = bytes_.empty();
+        std::vector<std::byte> in(56 + Next() % 3 * 44);
+        for (std::size_t at = 8; at < in.size(); at += 4) {
+            in[at] = static_cast<std::byte>(Next());
+        }
+        const std::uint32_t head[] = {odd ? static_cast<std::uint32_t>(Next()) : type, over ? 1u : 0u};
+        std::memcpy(in.data(), head, sizeof(head));
+        const host::Status end =
+            Post(IOCTL_VRKFS_SEND_SERVICE_RESPONSE, in, std::vector<std::byte>(256))->Wait().status;
+        return end != host::status::kCancelled;
+    }
+
+    host::Process& user_;
+    std::span<const std::byte> bytes_;
+    host::ScopedHandle control_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
 class Caller {
   public:
     Caller(host::Process& user, Input& input) : user_(user), input_(input) {
@@ -70,6 +138,9 @@ class Caller {
         std::copy_n(u"XYZ", 3, types.Rows[0].Extension);
         types.Rows[0].FrameSize = 1000;
         types.Rows[0].FrameSizeWithAlpha = 1500;
+        (void)Tell(IOCTL_VRKFS_REGISTER_FILE_TYPES, types);
+        types.Rows[0].AccessMode = VRKFS_FILE_TYPE_FRAME_FOLDERS;
+        std::copy_n(u"FRM", 3, types.Rows[0].Extension);
         (void)Tell(IOCTL_VRKFS_REGISTER_FILE_TYPES, types);
         OpenAll();
     }
@@ -114,8 +185,9 @@ class Caller {
     }
     void OpenAll() {
         others_.clear();
-        for (const char16_t* path : {u"P:", u"P:\\", u"P:\\RZV\\V", u"P:\\RZV\\V\\A", u"P:\\RZV\\V\\A\\ONE.RZV",
-                                     u"P:\\RZV\\V\\A\\___Port0___", u"\\Device\\Vrk0"}) {
+        for (const char16_t* path :
+             {u"P:", u"P:\\", u"P:\\RZV\\V", u"P:\\RZV\\V\\A", u"P:\\RZV\\V\\A\\ONE.RZV", u"P:\\RZV\\V\\A\\___Port0___",
+              u"\\Device\\Vrk0", u"P:\\FRM\\V\\A\\ONE.RZV\\ONE0001.FRM"}) {
             others_.push_back(Open(path));
         }
     }
@@ -177,8 +249,11 @@ class Caller {
             formatted_ = formatted_ || (code == IOCTL_VRKFS_FORMAT_VOLUME && done.status.Ok());
         }
     }
-    // The two codes of a service may wait for work as long as the process lives.
+    // The two codes of a service may wait for work as long as the process lives. What fetches belongs to the answerer.
     void SendForService(std::uint32_t code, std::vector<std::byte> in, std::vector<std::byte> out) {
+        if (code == IOCTL_VRKFS_SEND_SERVICE_REQUEST && out.size() >= sizeof(VrkFsServiceRequest)) {
+            return;
+        }
         auto buffers =
             std::make_shared<std::pair<std::vector<std::byte>, std::vector<std::byte>>>(std::move(in), std::move(out));
         (void)user_.DeviceControlOverlapped(
@@ -190,7 +265,7 @@ class Caller {
         std::vector<std::byte> buffer(600);
         std::vector<host::DirectoryEntry> entries;
         host::FileFacts facts;
-        switch (input_.Take<std::uint8_t>() % 5) {
+        switch (input_.Take<std::uint8_t>() % 6) {
             case 0:
                 (void)user_.Read(handle, buffer, input_.Take<std::uint16_t>());
                 break;
@@ -202,6 +277,9 @@ class Caller {
                 break;
             case 3:
                 (void)user_.FileSystemControl(handle, input_.Take<std::uint32_t>(), buffer, buffer);
+                break;
+            case 4:
+                (void)user_.Write(handle, buffer, input_.Take<std::uint16_t>());
                 break;
             default:
                 (void)host::SetDeleteOnCleanup(user_, handle, (input_.Take<std::uint8_t>() & 1) != 0);
@@ -598,6 +676,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         auto machine = station.Start();
         {
             auto user = machine->NewProcess();
+            const fuzz::Answerer answerer(*user, std::as_bytes(std::span(data, size)));
             fuzz::Caller caller(*user, input);
             caller.Run();
             keepsVolume = caller.KeepsVolume();

@@ -34,6 +34,11 @@ NTSTATUS VrkFsGlobUpdateFileType(GlobalData* Global, const FileType* Row, ULONG 
     return STATUS_SUCCESS;
 }
 
+FileType VrkFsGlobFileType(GlobalData* Global, ULONG Index) {
+    FastMutexGuard lock(&Global->FileTypesLock);
+    return Global->FileTypes[Index < kMaxFileTypes ? Index : 0];
+}
+
 VOID VrkFsGlobRemoveFileTypes(GlobalData* Global) {
     FastMutexGuard lock(&Global->FileTypesLock);
     PublishCount(Global, 1);

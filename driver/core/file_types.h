@@ -5,9 +5,10 @@
 
 struct GlobalData;
 
-// The driver-wide table of media file types. Row 0 is the built-in type "RZV" and always there. The rows in use are
-// read by every create and enumeration without a lock: FileTypeCount never passes kMaxFileTypes and a row is whole
-// before it is counted. Changes are made one at a time, under GlobalData.FileTypesLock, by the functions below.
+// The driver-wide table of media file types. Row 0 is the built-in type "RZV", always there and never changed. The
+// service may replace the others at any time: they are copied and changed under GlobalData.FileTypesLock, by the
+// functions below. FileTypeCount is read without it: it never passes kMaxFileTypes, and a row is whole before it is
+// counted.
 using FileType = VrkFsFileType;
 
 inline constexpr ULONG kMaxFileTypes = 32;
@@ -19,6 +20,8 @@ inline constexpr ULONG kFileTypeExtensionChars = 3;
 [[nodiscard]] NTSTATUS VrkFsGlobAddFileTypes(GlobalData* Global, const FileType* Rows, ULONG Count);
 // Overwrites a row and leaves the count alone. Index outside the table: STATUS_INVALID_PARAMETER.
 [[nodiscard]] NTSTATUS VrkFsGlobUpdateFileType(GlobalData* Global, const FileType* Row, ULONG Index);
+// The row as it stands; row 0 for an index outside the table (a command port in the root has one).
+[[nodiscard]] FileType VrkFsGlobFileType(GlobalData* Global, ULONG Index);
 // Keeps row 0 only.
 VOID VrkFsGlobRemoveFileTypes(GlobalData* Global);
 // Rows in use, for walking the table; between 1 and kMaxFileTypes once the driver is loaded.

@@ -22,7 +22,7 @@ struct GlobalData {
     PAGED_LOOKASIDE_LIST CcbLookaside;                 // CCB
     PAGED_LOOKASIDE_LIST AllocSegmentLookaside;        // AllocSegment
     ULONG Flags;                                       // kGlobal...: what VrkFsGlobFree has to undo
-    FAST_MUTEX FileTypesLock;                          // changers of FileTypes and FileTypeCount, one at a time
+    FAST_MUTEX FileTypesLock;                          // FileTypes but for row 0, and changes of FileTypeCount
 };
 
 inline constexpr ULONG kGlobalCardFound = 0x01;  // at least one card instance is on the list

@@ -217,11 +217,11 @@ VOID VrkFsFCBRemoveUpTo(FCB* Fcb, const FCB* Stop, HwContext* Hw) {
 
 BOOLEAN VrkFsFCBTypeAllowsChanges(const FCB* Fcb) {
     return Fcb->TypeIndex < VrkFsGlobFileTypeCount(pVrkFsGlobalData) &&
-           pVrkFsGlobalData->FileTypes[Fcb->TypeIndex].AccessMode == VRKFS_FILE_TYPE_CREATE_AND_DELETE;
+           VrkFsGlobFileType(pVrkFsGlobalData, Fcb->TypeIndex).AccessMode == VRKFS_FILE_TYPE_CREATE_AND_DELETE;
 }
 
 ULONG VrkFsFCBTypeCode(const FCB* Fcb) {
-    return Fcb->TypeIndex < kMaxFileTypes ? pVrkFsGlobalData->FileTypes[Fcb->TypeIndex].TypeCode : 0;
+    return Fcb->TypeIndex < kMaxFileTypes ? VrkFsGlobFileType(pVrkFsGlobalData, Fcb->TypeIndex).TypeCode : 0;
 }
 
 BOOLEAN VrkFsIsComPortName(PCUNICODE_STRING Name) {

@@ -3,6 +3,7 @@
 #include "control/service_channel.h"
 #include "core/card_instance.h"
 #include "core/device_ext.h"
+#include "core/global_data.h"
 #include "core/pool.h"
 #include "core/strings.h"
 #include "fsd/ccb.h"
@@ -81,7 +82,7 @@ NTSTATUS OpenServiceHandle(const DataRequest* Request, ServiceHandle* Handle) {
 // A service that has failed to read is not asked again through this FCB; one that could not open the file is.
 NTSTATUS ReadThroughService(const DataRequest* Request, ServiceHandle Handle) {
     const NTSTATUS status = VrkFsSReqRead(
-        &Request->Ext->ServiceChannel, Handle, Request->Type->TypeCode, static_cast<ULONG>(Request->Offset),
+        &Request->Ext->ServiceChannel, Handle, Request->Type.TypeCode, static_cast<ULONG>(Request->Offset),
         static_cast<ULONG>(Request->Offset >> 32), Request->Count, Request->Fcb->EntryIndex, Request->Buffer);
     if (!NT_SUCCESS(status)) {
         Request->Fcb->Flags |= kFcbServiceReadFailed;
@@ -90,7 +91,7 @@ NTSTATUS ReadThroughService(const DataRequest* Request, ServiceHandle Handle) {
 }
 
 NTSTATUS WriteThroughService(const DataRequest* Request, ServiceHandle Handle) {
-    return VrkFsSReqWrite(&Request->Ext->ServiceChannel, Handle, Request->Type->TypeCode,
+    return VrkFsSReqWrite(&Request->Ext->ServiceChannel, Handle, Request->Type.TypeCode,
                           static_cast<ULONG>(Request->Offset), static_cast<ULONG>(Request->Offset >> 32),
                           Request->Count, Request->Fcb->EntryIndex, Request->Buffer);
 }
@@ -116,7 +117,7 @@ BOOLEAN VrkFsIsCommandPort(const DataRequest* Request) {
 
 BOOLEAN VrkFsIsMediaPath(const DataRequest* Request) {
     return Request->Fcb->Level == kLevelFile && !VrkFsIsCommandPort(Request) &&
-           Request->Type->TypeCode == VRKFS_FILE_TYPE_BUILT_IN;
+           Request->Type.TypeCode == VRKFS_FILE_TYPE_BUILT_IN;
 }
 
 NTSTATUS VrkFsBeginDataRequest(IRPContext* Context, ULONG Length, LARGE_INTEGER Offset, DataRequest* Request) {
@@ -134,7 +135,7 @@ NTSTATUS VrkFsBeginDataRequest(IRPContext* Context, ULONG Length, LARGE_INTEGER 
     Request->Common = Request->Fcb->Common;
     Request->Ext = VrkFsDiskExtOfDevice(Context->DeviceObject);
     Request->Card = Request->Ext->Instance;
-    Request->Type = VrkFsFileTypeRow(Request->Fcb->TypeIndex);
+    Request->Type = VrkFsGlobFileType(pVrkFsGlobalData, Request->Fcb->TypeIndex);
     Request->Length = Length;
     Request->Offset = static_cast<ULONGLONG>(Offset.QuadPart);
     Request->CommonLock.Exclusive(Request->Common->Resource);

@@ -25,11 +25,11 @@ struct DataRequest {
     FCBCommon* Common;
     CardInstance* Card;
     DiskDeviceExt* Ext;
-    const FileType* Type;  // row of the FCB's type folder; not meaningful for a command port
-    ULONG Length;          // bytes asked for
-    ULONGLONG Offset;      // bytes
-    ULONG Count;           // bytes to move, then bytes moved
-    PUCHAR Buffer;         // system address, or null until it is needed
+    FileType Type;     // row of the FCB's type folder; not meaningful for a command port
+    ULONG Length;      // bytes asked for
+    ULONGLONG Offset;  // bytes
+    ULONG Count;       // bytes to move, then bytes moved
+    PUCHAR Buffer;     // system address, or null until it is needed
     ResourceGuard CommonLock;
 };
 

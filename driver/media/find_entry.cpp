@@ -38,7 +38,7 @@ BOOLEAN ProduceType(DiskDeviceExt* Ext, ULONG Index, FoundEntry* Found) {
     KeQuerySystemTime(&now);
     Found->Time = now.QuadPart;
     VrkFsHwGetLatestVolumeTime(&Ext->Instance->Hw, &Found->Time);
-    SetName(Found, VrkFsFileTypeRow(Index)->Extension, kFileTypeExtensionChars);
+    SetName(Found, VrkFsGlobFileType(pVrkFsGlobalData, Index).Extension, kFileTypeExtensionChars);
     Found->Index = Index;
     Found->IsDirectory = TRUE;
     return TRUE;

@@ -32,9 +32,9 @@ BOOLEAN EndsWithBuiltInExtension(const WCHAR* Name, ULONG Chars) {
     if (tail[0] != VRKFS_W('.')) {
         return FALSE;
     }
-    const FileType* builtIn = VrkFsFileTypeRow(0);
+    const FileType& builtIn = pVrkFsGlobalData->FileTypes[0];
     for (ULONG i = 0; i < kFileTypeExtensionChars; ++i) {
-        if (RtlUpcaseUnicodeChar(tail[1 + i]) != RtlUpcaseUnicodeChar(builtIn->Extension[i])) {
+        if (RtlUpcaseUnicodeChar(tail[1 + i]) != RtlUpcaseUnicodeChar(builtIn.Extension[i])) {
             return FALSE;
         }
     }
@@ -51,19 +51,15 @@ BOOLEAN IsSdtiLarge(ULONG Type) {
 
 }  // namespace
 
-const FileType* VrkFsFileTypeRow(ULONG TypeIndex) {
-    return &pVrkFsGlobalData->FileTypes[TypeIndex < kMaxFileTypes ? TypeIndex : 0];
-}
-
 VOID VrkFsConstructFileFrameName(const WCHAR* BaseName, ULONG TypeIndex, ULONG FrameCount, ULONG FrameIndex,
                                  ULONG BaseFrameNumber, ULONG MinFrameDigits, FoundEntry* Found) {
-    const FileType* type = VrkFsFileTypeRow(TypeIndex);
+    const FileType type = VrkFsGlobFileType(pVrkFsGlobalData, TypeIndex);
     const ULONGLONG base = BaseFrameNumber;
     ULONGLONG number = base + FrameIndex;
     // Without a minimum all frames of the file get the width of the last one.
     const ULONG digits =
         MinFrameDigits != 0 ? std::max(MinFrameDigits, CountDigits(number)) : CountDigits(base + FrameCount - 1);
-    const BOOLEAN dot = type->Dot == VRKFS_FILE_TYPE_DOT;
+    const BOOLEAN dot = type.Dot == VRKFS_FILE_TYPE_DOT;
 
     ULONG baseChars = VrkFsRtlBoundedLength(BaseName, kFrameNameMaxChars);
     if (EndsWithBuiltInExtension(BaseName, baseChars)) {
@@ -76,7 +72,7 @@ VOID VrkFsConstructFileFrameName(const WCHAR* BaseName, ULONG TypeIndex, ULONG F
     Found->NameLength = position * sizeof(WCHAR);
     Found->Name[position] = 0;
     for (ULONG i = kFileTypeExtensionChars; i > 0; --i) {
-        Found->Name[--position] = type->Extension[i - 1];
+        Found->Name[--position] = type.Extension[i - 1];
     }
     Found->Name[--position] = VRKFS_W('.');
     for (ULONG i = 0; i < digits && position > 0; ++i, number /= 10) {
@@ -129,27 +125,27 @@ BOOLEAN VrkFsFindFrameByName(const WCHAR* BaseName, ULONG TypeIndex, ULONG Frame
 }
 
 ULONGLONG VrkFsGetFrameFileSize(ULONG TypeIndex, const FileEntry* Entry) {
-    const FileType* type = VrkFsFileTypeRow(TypeIndex);
+    const FileType type = VrkFsGlobFileType(pVrkFsGlobalData, TypeIndex);
     const ULONG video = Entry->VideoFormat;
     if ((Entry->Flags & kFileHasAlpha) == 0) {
         if ((Entry->Flags & kFileVideoFormatSet) != 0 && IsSdtiSmall(video)) {
-            return type->FrameSizeSdti1;
+            return type.FrameSizeSdti1;
         }
         if ((Entry->Flags & kFileVideoFormatSet) != 0 && IsSdtiLarge(video)) {
-            return type->FrameSizeSdti12;
+            return type.FrameSizeSdti12;
         }
-        return type->FrameSize;
+        return type.FrameSize;
     }
     constexpr ULONG kBothSet = kFileVideoFormatSet | kFileAlphaFormatSet;
     if ((Entry->Flags & kBothSet) == kBothSet && video == Entry->AlphaFormat) {
         if (IsSdtiSmall(video)) {
-            return type->FrameSizeSdti1WithAlpha;
+            return type.FrameSizeSdti1WithAlpha;
         }
         if (IsSdtiLarge(video)) {
-            return type->FrameSizeSdti12WithAlpha;
+            return type.FrameSizeSdti12WithAlpha;
         }
     }
-    return type->FrameSizeWithAlpha;
+    return type.FrameSizeWithAlpha;
 }
 
 ULONG VrkFsGetFrameFileCount(const FileEntry* Entry) {

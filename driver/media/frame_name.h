@@ -25,9 +25,6 @@ VOID VrkFsConstructFileFrameName(const WCHAR* BaseName, ULONG TypeIndex, ULONG F
                                            ULONG BaseFrameNumber, ULONG MinFrameDigits, PCUNICODE_STRING UpcasedName,
                                            PULONG FrameIndex, FoundEntry* Found);
 
-// The row of a type index, row 0 for an index outside the table (a command port in the root has one).
-[[nodiscard]] const FileType* VrkFsFileTypeRow(ULONG TypeIndex);
-
 // Bytes that a frame file of Entry reports under the type in row TypeIndex.
 [[nodiscard]] ULONGLONG VrkFsGetFrameFileSize(ULONG TypeIndex, const FileEntry* Entry);
 

@@ -111,7 +111,7 @@ NTSTATUS ReadCommandPort(DataRequest* Request) {
 
 NTSTATUS TransferRead(DataRequest* Request) {
     FCB* fcb = Request->Fcb;
-    const bool isBuiltIn = Request->Type->TypeCode == VRKFS_FILE_TYPE_BUILT_IN;
+    const bool isBuiltIn = Request->Type.TypeCode == VRKFS_FILE_TYPE_BUILT_IN;
     if (VrkFsIsCommandPort(Request)) {
         return ReadCommandPort(Request);
     }

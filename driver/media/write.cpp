@@ -40,7 +40,7 @@ NTSTATUS TransferWrite(DataRequest* Request) {
     if (VrkFsIsCommandPort(Request)) {
         return WriteCommandPort(Request);
     }
-    if (Request->Type->TypeCode == VRKFS_FILE_TYPE_BUILT_IN && (fcb->Flags & kFcbMediaObject) != 0) {
+    if (Request->Type.TypeCode == VRKFS_FILE_TYPE_BUILT_IN && (fcb->Flags & kFcbMediaObject) != 0) {
         return VrkFsRZVFileWrite(&fcb->MediaFileObject, Request->Buffer, Request->Offset, &Request->Count,
                                  &Request->Ccb->MediaCursor);
     }

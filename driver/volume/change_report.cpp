@@ -43,7 +43,8 @@ VOID Report(const ChangedPath* Changed, VCB* Vcb, ULONG Filter, ULONG Action) {
     path[length] = 0;
     const ULONG types = VrkFsGlobFileTypeCount(pVrkFsGlobalData);
     for (ULONG row = 0; row < types; ++row) {
-        RtlCopyMemory(path + 1, pVrkFsGlobalData->FileTypes[row].Extension, kFileTypeExtensionChars * sizeof(WCHAR));
+        const FileType type = VrkFsGlobFileType(pVrkFsGlobalData, row);
+        RtlCopyMemory(path + 1, type.Extension, kFileTypeExtensionChars * sizeof(WCHAR));
         VrkFsNotifyChange(Vcb, path, Filter, Action);
     }
     VrkFsFreePool(path);

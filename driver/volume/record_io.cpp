@@ -16,7 +16,7 @@ constexpr ULONG kAccessModeFolders = 2;
 
 BOOLEAN ShowsFilesAsFolders(const FCB* FolderFCB) {
     return FolderFCB->TypeIndex < VrkFsGlobFileTypeCount(pVrkFsGlobalData) &&
-           pVrkFsGlobalData->FileTypes[FolderFCB->TypeIndex].AccessMode == kAccessModeFolders;
+           VrkFsGlobFileType(pVrkFsGlobalData, FolderFCB->TypeIndex).AccessMode == kAccessModeFolders;
 }
 
 VOID AddRange(FileRanges* Ranges, ULONG Start, ULONG Count, FileRangeKind Kind) {

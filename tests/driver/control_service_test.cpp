@@ -1,10 +1,16 @@
 // The channel to the user-mode service: what goes over it, byte for byte; what an answer may do; silence, late answers,
-// cancelling, several operations at once, services that come and go.
+// cancelling, several operations at once, services that come and go; the commands of the port.
+#include <vrkfs/port.h>
+
 #include <algorithm>
 #include <atomic>
+#include <future>
 
 #include "core/device_ext.h"
-#include "tests/driver/service_rig.h"
+#include "nt/kernel.h"
+#include "nt/station.h"
+#include "tests/driver/media_rig.h"
+#include "tests/support/scripted_service.h"
 
 namespace tests {
 namespace {
@@ -13,226 +19,286 @@ const char* const kOk = "STATUS_SUCCESS";
 const char* const kFailed = "STATUS_UNSUCCESSFUL";
 const char* const kInvalid = "STATUS_INVALID_PARAMETER";
 const char* const kCancelled = "STATUS_CANCELLED";
+const char* const kRight = "the right bytes";
 
-class ServiceChannelTest : public ServiceTest {};
+class ServiceChannelTest : public MediaTest {
+  protected:
+    static constexpr std::uint32_t kFrames = 8;
 
-// ---- The records ----
+    void SetUp() override { StartWith({}); }
+    void StartWith(const host::MachineOptions& options) {
+        ASSERT_NO_FATAL_FAILURE(StartVolume(1, options));
+        std::mt19937 random(3);
+        clip_ = RandomClip(random, kFrames, false, false, 1, 9);
+        PutClip(u"CLIP.RZV", clip_);
+        service_ = std::make_unique<ScriptedService>(Machine());
+        ASSERT_TRUE(Service().Announce());
+        const host::ScopedHandle folder = OpenFile(u"\\TGA\\VOL\\F\\CLIP.RZV");
+        ASSERT_TRUE(host::ListDirectory(User(), folder.Get(), frames_, u"*.TGA").Ok());
+        ASSERT_EQ(frames_.size(), kFrames);
+    }
+    void TearDown() override {
+        service_.reset();
+        MediaTest::TearDown();
+    }
+    ScriptedService& Service() { return *service_; }
+
+    host::ScopedHandle OpenFile(const std::u16string& path, bool overlapped = false,
+                                host::Disposition disposition = host::Disposition::kOpen) {
+        host::OpenRequest request;
+        request.path = u"P:" + path;
+        request.access = kReadWriteDelete;
+        request.disposition = disposition;
+        request.overlapped = overlapped;
+        const host::OpenResult opened = User().Create(request);
+        EXPECT_EQ(host::StatusName(opened.status), kOk);
+        return {User(), opened.handle};
+    }
+    host::ScopedHandle OpenFrame(std::uint32_t frame, bool overlapped = false) {
+        return OpenFile(u"\\TGA\\VOL\\F\\CLIP.RZV\\" + frames_.at(frame).name, overlapped);
+    }
+    std::string Read(const host::ScopedHandle& file, std::uint32_t frame, std::uint32_t offset, std::uint32_t count) {
+        Bytes bytes(count);
+        const host::IoResult result = User().Read(file.Get(), bytes, offset);
+        const bool right = result.information == count && bytes == ScriptedService::Content(frame, offset, count);
+        return right ? kRight : host::StatusName(result.status);
+    }
+    std::string Write(const host::ScopedHandle& file, const Bytes& bytes, std::uint64_t offset = 0) {
+        return host::StatusName(User().Write(file.Get(), bytes, offset).status);
+    }
+    std::string SetPrefs() {
+        const VrkFsPreferences prefs = VrkFsGlobPreferencesOf(Card());
+        const host::ScopedHandle control(User(), OpenControl().handle);
+        return host::StatusName(
+            User().DeviceControl(control.Get(), IOCTL_VRKFS_SET_PREFERENCES, BytesOf(prefs), {}).status);
+    }
+    // Sends a command through the port of a folder; its result, as text.
+    std::string Command(const std::u16string& folder, std::uint32_t code, const std::u16string& path) {
+        const host::ScopedHandle port = OpenFile(folder + u"\\___Port0___");
+        const std::uint32_t size = code == VRKFS_PORT_CREATE_MEDIA_FILE ? 1056 : 1040;
+        Bytes command = Record(size, {{0, size}, {4, code}}, path, 8);
+        std::fill(command.begin() + 1032, command.end(), std::byte{0xA5});
+        EXPECT_EQ(Write(port, command), kOk);
+        reply_ = ReadRange(port, 0, 256);
+        return std::to_string(static_cast<std::int32_t>(WordAt(reply_, 4)));
+    }
+    // On a thread of its own, while the service does its part.
+    template <typename Call>
+    static auto Beside(Call call) {
+        return std::async(std::launch::async, std::move(call));
+    }
+    // Requests of these types, in any order.
+    void AwaitTypes(const std::string& wanted) {
+        std::string types;
+        for (int i = 0; i < 100'000 && types.size() < wanted.size(); ++i) {
+            types += Service().TakeTypes();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_TRUE(std::is_permutation(types.begin(), types.end(), wanted.begin(), wanted.end())) << types;
+        EXPECT_EQ(types.back(), '3');
+    }
+    std::vector<std::string> TimeOuts() {
+        std::vector<std::string> texts;
+        for (const nt::EventLogEntry& entry : nt::ReadEventLog((StationPath() / "events.log").string()).entries) {
+            if (entry.eventId == 0xC0050004) {
+                texts.emplace_back(entry.strings.at(0).begin(), entry.strings.at(0).end());
+            }
+        }
+        return texts;
+    }
+
+    static constexpr std::uint32_t kReadWriteDelete =
+        host::access::kReadData | host::access::kWriteData | host::access::kDelete;
+    ClipSpec clip_;
+    std::unique_ptr<ScriptedService> service_;
+    Bytes reply_;
+    std::vector<host::DirectoryEntry> frames_;
+};
 
 TEST_F(ServiceChannelTest, AllRequestsByteForByte) {
-    Bytes open = Record(1568, {{0, 1}});
-    PutText(open, 8, u"P:\\RZV\\VOL\\F\\CLIP.RZV");
-    const std::uint32_t kHandle = 0x71;
-    const auto expect = [&](const Bytes& wanted) {
-        const Bytes request = Service().Take();
-        EXPECT_TRUE(request == wanted) << "type " << WordAt(request, 0);
-        Service().Answer(request, 33);
-    };
-    {
-        host::ScopedHandle frame = OpenFrame(5);
-        auto read = Beside([&] { return Read(frame, 5, 100, 50); });
-        expect(open);
-        expect(Record(1568, {{0, 4}, {8, kHandle}, {12, 7}, {16, 100}, {24, 50}, {28, 5}}));
-        EXPECT_EQ(read.get(), "right");
-        const Bytes bytes = FrameBytes(1, 0, 70);
-        auto write = Beside([&] { return User().Write(frame.Get(), bytes, 0x1'0000'0002).information; });
-        expect(Record(1568, {{0, 5}, {8, kHandle}, {12, 7}, {16, 2}, {20, 1}, {24, 70}, {28, 5}}));
-        EXPECT_EQ(write.get(), 70u);
-        EXPECT_TRUE(Service().Written() == bytes);
-        auto close = Beside([&] { return User().Close(frame.Release()).Ok(); });
-        expect(Record(1568, {{0, 2}, {8, kHandle}, {12, 7}, {16, 5}}));
-        expect(Record(1568, {{0, 3}, {8, kHandle}}));
-        EXPECT_TRUE(close.get());
-    }
-    Bytes prefs = Record(1568, {{0, 6}});
     const VrkFsPreferences now = VrkFsGlobPreferencesOf(Card());
+    Bytes prefs = Record(1568, {{0, 6}});
     std::memcpy(prefs.data() + 8, &now, sizeof(now));
-    auto set = Beside([&] { return SetPrefs(); });
-    expect(prefs);
-    EXPECT_EQ(set.get(), kOk);
-
-    Bytes space = Record(1568, {{0, 7}});
-    PutText(space, 8, u"P:\\RZV\\VOL");
-    std::memset(space.data() + 1032, 0xA5, 8);
-    auto query = Beside([&] { return Command(u"\\RZV\\VOL\\F", VRKFS_PORT_AVAILABLE_SPACE, u"ignored"); });
-    Bytes request = Service().Take();
-    std::fill(request.begin() + 30, request.begin() + 1032, std::byte{});  // what is left of the client's path
-    EXPECT_TRUE(request == space);
-    Bytes answer = Record(56, {{0, 7}});
-    std::memset(answer.data() + 8, 0x5A, 24);
-    EXPECT_EQ(Service().Respond(answer)->WaitName(), kOk);
-    EXPECT_EQ(query.get(), 0u);
-    EXPECT_TRUE(std::equal(reply_.begin() + 8, reply_.end(), answer.begin() + 8, answer.begin() + 32));
-
-    Bytes creation = Record(1568, {{0, 8}});
-    PutText(creation, 8, u"P:\\RZV\\VOL\\F\\New.RZV");
-    std::memset(creation.data() + 1032, 0xA5, 24);
-    auto create = Beside([&] { return Command(u"\\RZV\\VOL\\F", VRKFS_PORT_CREATE_MEDIA_FILE, u"New.RZV"); });
-    expect(creation);
-    EXPECT_EQ(create.get(), 0u);
+    Bytes space = Record(1568, {{0, 7}}, u"P:\\RZV\\VOL", 8);
+    std::fill_n(space.begin() + 1032, 8, std::byte{0xA5});
+    Bytes creation = Record(1568, {{0, 8}}, u"P:\\RZV\\VOL\\F\\New.RZV", 8);
+    std::fill_n(creation.begin() + 1032, 24, std::byte{0xA5});
+    const Bytes wanted[] = {
+        Record(1568, {{0, 1}}, u"P:\\RZV\\VOL\\F\\CLIP.RZV", 8),
+        Record(1568, {{0, 4}, {8, 0x71}, {12, 7}, {16, 100}, {24, 50}, {28, 5}}),
+        Record(1568, {{0, 5}, {8, 0x71}, {12, 7}, {16, 2}, {20, 1}, {24, 70}, {28, 5}}),
+        Record(1568, {{0, 2}, {8, 0x71}, {12, 7}, {16, 5}}),
+        Record(1568, {{0, 3}, {8, 0x71}}),
+        prefs,
+        space,
+        creation,
+    };
+    const Bytes bytes = ScriptedService::Content(1, 0, 70);
+    auto client = Beside([&] {
+        {
+            const host::ScopedHandle frame = OpenFrame(5);
+            EXPECT_EQ(Read(frame, 5, 100, 50), kRight);
+            EXPECT_EQ(Write(frame, bytes, 0x1'0000'0002), kOk);
+        }
+        EXPECT_EQ(SetPrefs(), kOk);
+        EXPECT_EQ(Command(u"\\RZV\\VOL\\F", VRKFS_PORT_AVAILABLE_SPACE, u""), "0");
+        EXPECT_TRUE(std::equal(reply_.begin() + 8, reply_.end(), Bytes(24, std::byte{0x5A}).begin()));
+        EXPECT_EQ(Command(u"\\RZV\\VOL\\F", VRKFS_PORT_CREATE_MEDIA_FILE, u"New.RZV"), "0");
+    });
+    for (const Bytes& one : wanted) {
+        const Bytes request = Service().Take();
+        EXPECT_TRUE(request == one) << "type " << WordAt(one, 0);
+        Service().Answer(request, 33);
+    }
+    client.get();
+    EXPECT_TRUE(Service().Written() == bytes);
 }
-
-// ---- The answers ----
 
 TEST_F(ServiceChannelTest, PiecesOfATransfer) {
     struct {
         std::uint32_t bytes;
         std::vector<std::uint32_t> pieces;
-        bool fits;  // the last piece ends the transfer well
+        const char* end;  // of the last piece
     } const cases[] = {
-        {100, {60, 40}, true},
-        {100, {100}, true},
-        {3, {1, 1, 1}, true},
-        {4500, {4096, 403, 1}, true},
-        {100, {101}, false},
-        {100, {60, 41}, false},
-        {100, {0xFFFFFFFF}, false},  // what the output buffer cannot
-                                     // hold is refused before it gets so
-                                     // far
-        {100, {60, 0}, false},       // nothing would come of it, for ever
+        {100, {60, 40}, kOk},
+        {3, {1, 1, 1}, kOk},
+        {4500, {4096, 403, 1}, kOk},
+        {100, {101}, kInvalid},
+        {100, {60, 41}, kInvalid},
+        {100, {60, 0}, kInvalid},  // nothing would come of it, for ever
+        {100, {60, 0xFFFFFFFF}, "STATUS_BUFFER_TOO_SMALL"},
     };
-    for (const bool writing : {false, true}) {
+    for (const std::uint32_t type : {VRKFS_SERVICE_READ, VRKFS_SERVICE_WRITE}) {
         for (const auto& test : cases) {
-            host::ScopedHandle frame = OpenFrame(2);
-            const Bytes bytes = FrameBytes(2, 7, test.bytes);
-            auto transfer = Beside([&] {
-                return writing ? host::StatusName(User().Write(frame.Get(), bytes, 7).status)
-                               : Read(frame, 2, 7, test.bytes);
+            const bool reads = type == VRKFS_SERVICE_READ;
+            const bool fits = test.end == kOk;
+            const Bytes bytes = ScriptedService::Content(2, 7, test.bytes);
+            auto client = Beside([&] {
+                const host::ScopedHandle frame = OpenFrame(2);
+                EXPECT_EQ(reads ? Read(frame, 2, 7, test.bytes) : Write(frame, bytes, 7), !fits   ? kFailed
+                                                                                          : reads ? kRight
+                                                                                                  : kOk);
             });
             Service().Answer(Service().Take());
-            const std::uint32_t type = WordAt(Service().Take(), 0);
+            EXPECT_EQ(WordAt(Service().Take(), 0), type);
             Bytes got;
-            for (std::size_t i = 0; i < test.pieces.size(); ++i) {
-                const std::uint32_t count = test.pieces[i];
-                const bool last = i + 1 == test.pieces.size();
-                if (count == 0xFFFFFFFF) {
-                    EXPECT_EQ(Service().Respond(type, 0, count, Bytes(10))->WaitName(), "STATUS_BUFFER_TOO_SMALL");
-                    EXPECT_EQ(Service().Respond(type, 9)->WaitName(), kOk);
-                    continue;
+            for (const std::uint32_t& count : test.pieces) {
+                const bool hostile = count > 10'000;
+                // The buffer is longer than the piece.
+                Bytes piece =
+                    ScriptedService::Content(2, 7 + static_cast<std::uint32_t>(got.size()), hostile ? 9 : count);
+                piece.resize(piece.size() + 5);
+                const PostedPtr posted = Service().Respond(type, 0, count, reads ? piece : Bytes(piece.size()));
+                EXPECT_EQ(posted->End(), &count == &test.pieces.back() ? test.end : kOk) << count;
+                got.insert(got.end(), posted->out.begin(), posted->out.end() - 5);
+                if (hostile) {  // refused before it got so far: the driver still waits
+                    EXPECT_EQ(Service().Respond(type, 9)->End(), kOk);
                 }
-                Bytes piece(count + 5);  // longer than it says
-                for (std::uint32_t at = 0; !writing && at < count; ++at) {
-                    piece[at] = ScriptedService::Content(2, 7 + static_cast<std::uint32_t>(got.size()) + at);
-                }
-                const PostedPtr posted = Service().Respond(type, 0, count, piece);
-                EXPECT_EQ(posted->WaitName(), last && !test.fits ? kInvalid : kOk) << count;
-                got.insert(got.end(), posted->out.begin(), posted->out.begin() + count);
             }
-            EXPECT_EQ(transfer.get(), !test.fits ? kFailed : writing ? kOk : "right") << test.pieces[0];
-            EXPECT_TRUE(!writing || !test.fits || got == bytes);
-            auto close = Beside([&] { frame.Reset(); });
+            EXPECT_TRUE(!fits || got == bytes);
             Service().Answer(Service().Take());
             Service().Answer(Service().Take());
-            close.get();
+            client.get();
         }
     }
+    EXPECT_EQ(Service().TakeTypes().size(), 2 * std::size(cases) * 3);
 }
 
 TEST_F(ServiceChannelTest, AnswersThatRefuseOrMakeNoSense) {
     const auto rows = [](std::uint32_t count, std::uint32_t sent) {
         Bytes answer = Record(12 + std::max(sent, 1u) * 44, {{0, 6}, {8, count}});
         for (std::uint32_t row = 0; row < sent; ++row) {
-            std::memcpy(answer.data() + 12 + row * 44, &row, 4);
-            PutText(answer, 12 + row * 44 + 8, u"N" + std::u16string(2, static_cast<char16_t>(u'a' + row % 26)));
+            const Bytes one = Record(44, {{0, row}}, u"Nxx", 8);
+            std::copy(one.begin(), one.end(), answer.begin() + 12 + row * 44);
         }
         return answer;
     };
     struct {
         const char* what;
         Bytes answer;
-        const char* completion;
-        bool accepted;
+        const char* end;
+        const char* status;
     } const cases[] = {
-        {"refused", Record(56, {{0, 6}, {4, 1}, {8, 1}}), kOk, false},
-        {"of another request", Record(56, {{0, 8}}), kInvalid, false},
-        {"of no request", Record(56, {{0, 0xFFFFFFFF}}), kInvalid, false},
-        {"rows behind the input", rows(2, 1), kInvalid, false},
-        {"so many that their size wraps", rows(0x5D1745E, 2), kInvalid, false},
-        {"a row too many", rows(32, 32), kInvalid, false},
-        {"no row", rows(0, 0), kOk, true},
-        {"all rows", rows(31, 31), kOk, true},
+        {"refused", Record(56, {{0, 6}, {4, 1}, {8, 1}}), kOk, kFailed},
+        {"of another request", Record(56, {{0, 8}}), kInvalid, kFailed},
+        {"rows behind the input", rows(2, 1), kInvalid, kFailed},
+        {"so many that their size wraps", rows(0x5D1745E, 2), kInvalid, kFailed},
+        {"a row too many", rows(32, 32), kInvalid, kFailed},
+        {"no row", rows(0, 0), kOk, kOk},
+        {"all rows", rows(31, 31), kOk, kOk},
     };
-    const VrkFsPreferences before = VrkFsGlobPreferencesOf(Card());
     for (const auto& test : cases) {
-        VrkFsFileType builtIn = pVrkFsGlobalData->FileTypes[0];
-        auto set = Beside([&] { return SetPrefs(); });
-        Service().Take();
-        EXPECT_EQ(Service().Respond(test.answer)->WaitName(), test.completion) << test.what;
-        EXPECT_EQ(set.get(), test.accepted ? kOk : kFailed) << test.what;
-        EXPECT_EQ(pVrkFsGlobalData->FileTypeCount, 2u);
-        EXPECT_EQ(std::memcmp(&pVrkFsGlobalData->FileTypes[0], &builtIn, sizeof(builtIn)), 0);
-        const bool replaced = pVrkFsGlobalData->FileTypes[1].Extension[0] == u'N';
-        EXPECT_EQ(replaced, &test == std::end(cases) - 1) << test.what;
+        EXPECT_EQ(pVrkFsGlobalData->FileTypes[1].TypeCode, 7u) << "before " << test.what;
+        auto client = Beside([&] { return SetPrefs(); });
+        (void)Service().Take();
+        EXPECT_EQ(Service().Respond(test.answer)->End(), test.end) << test.what;
+        EXPECT_EQ(client.get(), test.status) << test.what;
     }
+    EXPECT_EQ(pVrkFsGlobalData->FileTypes[0].Extension[0], u'R');
+    EXPECT_EQ(pVrkFsGlobalData->FileTypes[1].Extension[0], u'N');
     EXPECT_EQ(pVrkFsGlobalData->FileTypes[31].TypeCode, 30u);
-    const VrkFsPreferences after = VrkFsGlobPreferencesOf(Card());
-    EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0);
-
+    EXPECT_EQ(pVrkFsGlobalData->FileTypeCount, 2u);
     Service().Leave();
-    Service().Announce();
-    // An open that is refused, or answered by no handle, is tried again by the next read.
-    const host::ScopedHandle frame = OpenFrame(0);
+    ASSERT_TRUE(Service().Announce());
+
+    // An open that is refused, or answered by no handle, is tried again; a read that fails half-way is the last one.
+    auto client = Beside([&] {
+        const host::ScopedHandle frame = OpenFrame(0);
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(Read(frame, 0, 0, 10), kFailed);
+        }
+    });
     for (const std::uint32_t result : {1u, 0u}) {
-        auto read = Beside([&] { return Read(frame, 0, 0, 10); });
         EXPECT_EQ(WordAt(Service().Take(), 0), 1u);
-        EXPECT_EQ(Service().Respond(1, result, result == 0 ? 0 : 77)->WaitName(), result == 0 ? kInvalid : kOk);
-        EXPECT_EQ(read.get(), kFailed);
+        EXPECT_EQ(Service().Respond(1, result)->End(), result == 0 ? kInvalid : kOk);
     }
-    // A read that is refused half-way fails whole, and is the last one of this open file.
-    auto read = Beside([&] { return Read(frame, 0, 0, 10); });
     Service().Answer(Service().Take());
-    Service().Take();
-    EXPECT_EQ(Service().Respond(4, 0, 4, Bytes(4))->WaitName(), kOk);
-    EXPECT_EQ(Service().Respond(4, 5)->WaitName(), kOk);
-    EXPECT_EQ(read.get(), kFailed);
-    EXPECT_EQ(Read(frame, 0, 0, 10), kFailed);
+    EXPECT_EQ(WordAt(Service().Take(), 0), 4u);
+    EXPECT_EQ(Service().Respond(4, 0, 4, Bytes(4))->End(), kOk);
+    EXPECT_EQ(Service().Respond(4, 5)->End(), kOk);
     Service().Serve();
+    client.get();
 }
 
-TEST_F(ServiceChannelTest, RequestsThatNobodyCanUse) {
+TEST_F(ServiceChannelTest, RequestsThatNobodyCanUseAndImports) {
     const PostedPtr fetch = Service().Fetch();
     EXPECT_EQ(Service().Fetch()->Wait().status.code, 0x80000011) << "one at a time";
-    for (std::uint32_t type = 0; type < 10; ++type) {
-        EXPECT_EQ(Service().Respond(type, 0)->WaitName(), kCancelled) << "nobody waits for an answer";
-    }
+    EXPECT_EQ(Service().Respond(6, 0)->End(), kCancelled) << "nobody waits for an answer";
     EXPECT_FALSE(fetch->IsOver());
     Service().Cancel(fetch);
-    EXPECT_EQ(fetch->WaitName(), kCancelled);
-    EXPECT_EQ(fetch->Wait().information, 0u);
-    const PostedPtr second = Service().Fetch();  // the slot is free again
-    EXPECT_FALSE(second->IsOver());
-    auto set = Beside([&] { return SetPrefs(); });
-    EXPECT_EQ(second->WaitName(), kOk);
-    EXPECT_EQ(Service().Respond(6, 0)->WaitName(), kOk);
-    EXPECT_EQ(set.get(), kOk);
-    EXPECT_EQ(Service().Respond(6, 0)->WaitName(), kCancelled) << "once is enough";
-    // A frame that a RAM file is renamed onto: every step of the import in its order, whoever does it.
+    EXPECT_EQ(fetch->End(), kCancelled);
+    auto client = Beside([&] { return SetPrefs(); });
+    EXPECT_EQ(WordAt(Service().Take(), 0), 6u);
+    EXPECT_EQ(Service().Respond(6, 0)->End(), kOk);
+    EXPECT_EQ(Service().Respond(6, 0)->End(), kCancelled) << "once is enough";
+    EXPECT_EQ(client.get(), kOk);
+
+    // A RAM file takes a frame's name: every step in its order, whichever thread it is left to.
     Service().Serve();
     for (const bool posted : {false, true}) {
         const host::ScopedHandle picture =
-            OpenFile(u"\\TGA\\VOL\\F\\CLIP.RZV\\a.picture", posted, host::Disposition::kCreate);
-        const Bytes bytes = FrameBytes(1, posted ? 1 : 2, posted ? 3000 : 0);
-        if (!bytes.empty()) {
-            EXPECT_TRUE(User().Write(picture.Get(), bytes, 0).status.Ok());
-        }
-        EXPECT_TRUE(host::Rename(User(), picture.Get(), names_[3]).Ok());
-        std::string types;
-        while (types.size() < 4) {
-            types += Service().TakeTypes();
-            std::this_thread::yield();
-        }
-        EXPECT_EQ(types, "1523");
+            OpenFile(u"\\TGA\\VOL\\F\\CLIP.RZV\\picture", posted, host::Disposition::kCreate);
+        const Bytes bytes = ScriptedService::Content(1, 0, posted ? 3000 : 0);
+        EXPECT_EQ(Write(picture, bytes), kOk);
+        EXPECT_TRUE(host::Rename(User(), picture.Get(), frames_[3].name).Ok());
+        AwaitTypes("1523");  // one exchange after the other, of one thread
         EXPECT_TRUE(Service().Written() == bytes);
     }
 }
 
 // ---- Silence ----
 
-class ServiceSilence : public ServiceTest {
+class ServiceSilence : public ServiceChannelTest {
   protected:
     void SetUp() override {
         host::MachineOptions options;
         options.manualClock = true;
         StartWith(options);
+    }
+    // The flush thread waits, and one that wants something of the service.
+    static void PassLimit() {
+        ASSERT_TRUE(nt::ClockAwaitTimedWaits(2, std::chrono::seconds(100)));
+        nt::ClockAdvance(600'000'000);
     }
 };
 
@@ -252,42 +318,37 @@ TEST_F(ServiceSilence, EveryStepHasALimit) {
         {"Get Available Volume Space", "", 7, "-1"},
         {"Create New Media File", "", 8, "-1"},
     };
+    const auto perform = [&](std::uint32_t type) -> std::string {
+        if (type >= 7) {
+            const auto code = type == 7 ? VRKFS_PORT_AVAILABLE_SPACE : VRKFS_PORT_CREATE_MEDIA_FILE;
+            return Command(u"\\RZV\\VOL", code, u"x");
+        }
+        if (type == 6) {
+            return SetPrefs();
+        }
+        host::ScopedHandle frame = OpenFrame(0);
+        const std::string moved = type == 5 ? Write(frame, Bytes(10)) : Read(frame, 0, 0, 10);
+        return moved == kRight ? host::StatusName(User().Close(frame.Release())) : moved;
+    };
     for (const bool fetches : {false, true}) {
         for (const auto& test : cases) {
-            auto operation = Beside([&]() -> std::string {
-                if (test.type >= 7) {
-                    const auto code = test.type == 7 ? VRKFS_PORT_AVAILABLE_SPACE : VRKFS_PORT_CREATE_MEDIA_FILE;
-                    return std::to_string(static_cast<std::int32_t>(Command(u"\\RZV\\VOL", code, u"x")));
-                }
-                if (test.type == 6) {
-                    return SetPrefs();
-                }
-                host::ScopedHandle frame = OpenFrame(0);
-                const std::string moved = test.type == 5
-                                              ? host::StatusName(User().Write(frame.Get(), Bytes(10), 0).status)
-                                              : Read(frame, 0, 0, 10);
-                const bool closes = test.type == 2 || test.type == 3;
-                EXPECT_TRUE(!closes || moved == "right");
-                return closes ? host::StatusName(User().Close(frame.Release())) : moved;
-            });
+            auto client = Beside([&] { return perform(test.type); });
             for (const char* type = test.before; *type != 0; ++type) {
-                const Bytes request = Service().Take();
-                ASSERT_EQ(WordAt(request, 0), static_cast<std::uint32_t>(*type - '0'));
-                Service().Answer(request);
+                Service().Answer(Service().Take());
             }
             if (fetches) {
                 EXPECT_EQ(WordAt(Service().Take(), 0), test.type);
             }
             PassLimit();
-            EXPECT_EQ(operation.get(), test.status) << test.event;
-            ASSERT_FALSE(TimeOuts().empty());
+            EXPECT_EQ(client.get(), test.status) << test.event;
             EXPECT_EQ(TimeOuts().back(), test.event);
+            EXPECT_EQ(Service().TakeTypes(), test.before);
             // Now there is no service: nothing waits any more, and an answer is too late.
-            EXPECT_EQ(Service().Respond(test.type, 0)->WaitName(), kCancelled);
+            EXPECT_EQ(Service().Respond(test.type, 0)->End(), kCancelled);
             EXPECT_EQ(Read(OpenFrame(1), 1, 0, 10), kFailed);
             EXPECT_EQ(SetPrefs(), kOk);
             Service().Leave();
-            Service().Announce();
+            ASSERT_TRUE(Service().Announce());
         }
     }
     EXPECT_EQ(TimeOuts().size(), 2 * std::size(cases));
@@ -295,75 +356,64 @@ TEST_F(ServiceSilence, EveryStepHasALimit) {
 
 TEST_F(ServiceSilence, WhoeverWaitsBehindFailsWithTheFirst) {
     std::vector<host::ScopedHandle> frames;
-    std::atomic<int> failed{0};
-    std::vector<Bytes> buffers(12, Bytes(10));
+    std::vector<PostedPtr> posted;
     std::vector<std::future<std::string>> waiting;
-    for (std::uint32_t i = 0; i < 12; ++i) {
-        frames.push_back(OpenFrame(i % kFrames, i % 2 == 0));
-        if (i % 2 == 0) {
-            EXPECT_TRUE(User()
-                            .ReadOverlapped(
-                                frames[i].Get(), buffers[i], 0,
-                                [&](host::IoResult result) { failed += result.status.Ok() ? 0 : 1; }, nullptr)
-                            .Pending());
-        } else {
-            waiting.push_back(Beside([&, i] { return Read(frames[i], 0, 0, 10); }));
-        }
+    for (std::uint32_t i = 0; i < kFrames; ++i) {
+        frames.push_back(OpenFrame(i, true));
+        posted.push_back(ReadAside(User(), frames[i].Get(), 0, 10));
+        waiting.push_back(Beside([&, i] { return Read(OpenFrame(i), i, 0, 10); }));
     }
-    Service().Take();
+    EXPECT_EQ(WordAt(Service().Take(), 0), 1u);
     PassLimit();
-    for (auto& one : waiting) {
-        EXPECT_EQ(one.get(), kFailed);
-    }
-    while (failed < 6) {
-        std::this_thread::yield();
+    for (std::uint32_t i = 0; i < kFrames; ++i) {
+        EXPECT_EQ(waiting[i].get(), kFailed);
+        EXPECT_EQ(posted[i]->End(), kFailed);
     }
     EXPECT_EQ(TimeOuts(), std::vector<std::string>{"File Open"});
 }
 
 TEST_F(ServiceSilence, DeathReturnAndOldHandles) {
     host::ScopedHandle frame = OpenFrame(4);
-    auto opening = Beside([&] { return Read(frame, 4, 0, 10); });
+    auto read = Beside([&] { return Read(frame, 4, 0, 10); });
     Service().Answer(Service().Take());
     Service().Answer(Service().Take());
-    EXPECT_EQ(opening.get(), "right");
+    EXPECT_EQ(read.get(), kRight);
 
     // The service ends without a word while a write waits for its answer, and another one comes before it is missed.
-    auto write = Beside([&] { return host::StatusName(User().Write(frame.Get(), Bytes(10), 0).status); });
+    auto write = Beside([&] { return Write(frame, Bytes(10)); });
     EXPECT_EQ(WordAt(Service().Take(), 0), 5u);
     const PostedPtr idle = Service().Fetch();
     Service().Die();
-    EXPECT_EQ(idle->WaitName(), kCancelled);
+    EXPECT_EQ(idle->End(), kCancelled);
     service_ = std::make_unique<ScriptedService>(Machine());
-    Service().Announce();
+    ASSERT_TRUE(Service().Announce());
     PassLimit();
     EXPECT_EQ(write.get(), kFailed);
     EXPECT_EQ(TimeOuts(), std::vector<std::string>{"File Write"});
 
     // The newcomer is not blamed for that, and is not told the other one's handles.
-    auto read = Beside([&] { return Read(frame, 4, 0, 10); });
-    Bytes request = Service().Take();
-    EXPECT_EQ(WordAt(request, 0), 1u);
-    EXPECT_EQ(Service().Respond(1, 0, 0x99)->WaitName(), kOk);
-    request = Service().Take();
+    read = Beside([&] { return Read(frame, 4, 0, 10); });
+    EXPECT_EQ(WordAt(Service().Take(), 0), 1u);
+    EXPECT_EQ(Service().Respond(1, 0, 0x99)->End(), kOk);
+    const Bytes request = Service().Take();
     EXPECT_EQ(WordAt(request, 8), 0x99u);
     Service().Answer(request);
-    EXPECT_EQ(read.get(), "right");
+    EXPECT_EQ(read.get(), kRight);
 
-    // Nor does one that leaves and comes back hear of what it forgot, not even a close.
+    // Nor does one that leaves and comes back hear of what it gave before, not even a close.
     Service().Leave();
-    Service().Announce();
-    EXPECT_TRUE(User().Close(frame.Release()).Ok());
+    ASSERT_TRUE(Service().Announce());
+    frame.Reset();
     auto set = Beside([&] { return SetPrefs(); });
     EXPECT_EQ(WordAt(Service().Take(), 0), 6u);
-    EXPECT_EQ(Service().Respond(6, 0)->WaitName(), kOk);
+    EXPECT_EQ(Service().Respond(6, 0)->End(), kOk);
     EXPECT_EQ(set.get(), kOk);
 }
 
 // ---- Several at once ----
 
-// The service reads the clip itself, with more requests at once than the system has workers, for every frame that it is
-// asked for; programs read frames, send commands, open, list and close beside it.
+// For every request the service reads the clip itself, with more reads at once than the system has workers; programs
+// read frames, send commands, open, list and close beside it.
 TEST_F(ServiceChannelTest, AServiceThatUsesTheDriveIsNotLockedOut) {
     const Bytes image = BuildImage(clip_, false);
     std::atomic<int> rounds{0};
@@ -374,17 +424,11 @@ TEST_F(ServiceChannelTest, AServiceThatUsesTheDriveIsNotLockedOut) {
         host::Process& process = Service().Process();
         const host::ScopedHandle clip(process, process.Create(request).handle);
         std::vector<PostedPtr> reads;
-        for (std::size_t i = 0; i < 6; ++i) {
-            const PostedPtr read = reads.emplace_back(std::make_shared<Posted>());
-            read->out.resize(image.size());
-            EXPECT_TRUE(
-                process
-                    .ReadOverlapped(
-                        clip.Get(), read->out, 0, [read](host::IoResult result) { read->Finish(result); }, nullptr)
-                    .Ok());
+        for (int i = 0; i < 6; ++i) {
+            reads.push_back(ReadAside(process, clip.Get(), 0, image.size()));
         }
         for (const PostedPtr& read : reads) {
-            EXPECT_EQ(read->WaitName(), kOk);
+            EXPECT_EQ(read->End(), kOk);
             EXPECT_TRUE(read->out == image);
         }
         rounds += 1;
@@ -393,43 +437,33 @@ TEST_F(ServiceChannelTest, AServiceThatUsesTheDriveIsNotLockedOut) {
     std::vector<PostedPtr> reads;
     for (std::uint32_t i = 0; i < 6; ++i) {
         frames.push_back(OpenFrame(i, true));
-        const PostedPtr read = reads.emplace_back(std::make_shared<Posted>());
-        read->out.resize(100);
-        EXPECT_TRUE(
-            User()
-                .ReadOverlapped(
-                    frames[i].Get(), read->out, i, [read](host::IoResult result) { read->Finish(result); }, nullptr)
-                .Ok());
+        reads.push_back(ReadAside(User(), frames[i].Get(), i, 100));
     }
-    auto commands = Beside([&] { return Command(u"\\RZV\\VOL\\F", VRKFS_PORT_CREATE_MEDIA_FILE, u"x"); });
-    auto closes = Beside([&] {
-        for (std::uint32_t i = 0; i < 5; ++i) {
-            host::ScopedHandle frame = OpenFrame(i);
-            EXPECT_EQ(Read(frame, i, 10, 10), "right");
+    auto beside = Beside([&] {
+        EXPECT_EQ(Command(u"\\RZV\\VOL\\F", VRKFS_PORT_CREATE_MEDIA_FILE, u"x"), "0");
+        for (std::uint32_t i = 0; i < 6; ++i) {
+            EXPECT_EQ(Read(OpenFrame(i), i, 10, 10), kRight);
         }
     });
-    for (int i = 0; rounds < 12; ++i) {
+    while (rounds < 12) {
         const host::ScopedHandle clip = OpenClip(u"CLIP.RZV");
-        std::vector<host::DirectoryEntry> entries;
         const host::ScopedHandle folder = OpenFile(u"\\TGA\\VOL\\F\\CLIP.RZV");
+        std::vector<host::DirectoryEntry> entries;
         EXPECT_TRUE(host::ListDirectory(User(), folder.Get(), entries).Ok());
     }
     for (std::uint32_t i = 0; i < 6; ++i) {
-        EXPECT_EQ(reads[i]->WaitName(), kOk);
-        EXPECT_TRUE(reads[i]->out == FrameBytes(i, i, 100));
+        EXPECT_EQ(reads[i]->End(), kOk);
+        EXPECT_TRUE(reads[i]->out == ScriptedService::Content(i, i, 100));
     }
-    EXPECT_EQ(commands.get(), 0u);
-    closes.get();
-    // A handle that is closed under its read: the service hears of the cleanup and, by whichever thread, of the close.
-    Service().TakeTypes();
-    Bytes late(100);
-    (void)User().ReadOverlapped(
-        frames[0].Get(), late, 0, [](host::IoResult) {}, nullptr);
+    beside.get();
+    // A handle that is closed under its read: the service hears of the close, by whichever thread.
+    (void)Service().TakeTypes();
+    frames.resize(1);
+    AwaitTypes("2323232323");
+    const PostedPtr late = ReadAside(User(), frames[0].Get(), 0, 100);
     frames.clear();
-    for (std::string types; std::count(types.begin(), types.end(), '3') < 6;) {
-        types += Service().TakeTypes();
-        std::this_thread::yield();
-    }
+    EXPECT_EQ(late->End(), kOk);
+    AwaitTypes("423");
     EXPECT_TRUE(TimeOuts().empty());
 }
 
@@ -437,42 +471,38 @@ TEST_F(ServiceChannelTest, RequestsCancelledAtAnyMomentEndOnce) {
     std::atomic<bool> done{false};
     std::thread service([&] {
         std::mt19937 random(11);
-        PostedPtr fetch = Service().Fetch();
         while (!done) {
+            const PostedPtr fetch = Service().Fetch();
             if (random() % 3 != 0) {
+                std::this_thread::yield();
                 Service().Cancel(fetch);
             }
-            if (!fetch->IsOver()) {
+            while (!fetch->IsOver() && !done) {
                 std::this_thread::yield();
+            }
+            Service().Cancel(fetch);
+            if (!fetch->Wait().status.Ok()) {
                 continue;
             }
-            if (fetch->Wait().status.Ok()) {
-                const std::uint32_t type = WordAt(fetch->out, 0);
-                const std::uint32_t count = type == VRKFS_SERVICE_READ ? WordAt(fetch->out, 24) : 0;
-                const Bytes data = FrameBytes(WordAt(fetch->out, 28), WordAt(fetch->out, 16), count);
-                const std::uint32_t word = type == VRKFS_SERVICE_OPEN ? 5 : count;
-                // Taken back or used, never both: what was taken back is sent again.
-                for (bool used = false; !used;) {
-                    const PostedPtr response = Service().Respond(type, 0, word, data);
-                    if (random() % 2 == 0) {
-                        Service().Cancel(response);
-                    }
-                    const std::string end = response->WaitName();
-                    used = end == kOk;
-                    EXPECT_TRUE(used || end == kCancelled) << end;
+            const std::uint32_t type = WordAt(fetch->out, 0);
+            const std::uint32_t count = type == VRKFS_SERVICE_READ ? WordAt(fetch->out, 24) : 0;
+            const Bytes data = ScriptedService::Content(WordAt(fetch->out, 28), WordAt(fetch->out, 16), count);
+            // Taken back or used, never both: what was taken back is sent again.
+            for (std::string end; end != kOk;) {
+                const PostedPtr response = Service().Respond(type, 0, type == VRKFS_SERVICE_OPEN ? 5 : count, data);
+                if (random() % 2 == 0) {
+                    Service().Cancel(response);
                 }
+                end = response->End();
+                ASSERT_TRUE(end == kOk || end == kCancelled) << end;
             }
-            fetch = Service().Fetch();
         }
-        Service().Cancel(fetch);
-        EXPECT_EQ(fetch->WaitName(), kCancelled);
     });
     std::vector<std::future<void>> readers;
     for (std::uint32_t i = 0; i < 3; ++i) {
         readers.push_back(Beside([&, i] {
             for (std::uint32_t step = 0; step < 60; ++step) {
-                const host::ScopedHandle frame = OpenFrame(i);
-                EXPECT_EQ(Read(frame, i, step, 200), "right");
+                EXPECT_EQ(Read(OpenFrame(i), i, step, 200), kRight);
             }
         }));
     }
@@ -484,8 +514,6 @@ TEST_F(ServiceChannelTest, RequestsCancelledAtAnyMomentEndOnce) {
     EXPECT_TRUE(TimeOuts().empty());
 }
 
-// ---- The port's commands, with a service to hear them ----
-
 TEST_F(ServiceChannelTest, CommandsNamePathsFromWhereThePortStands) {
     constexpr std::uint32_t kCreate = VRKFS_PORT_CREATE_MEDIA_FILE;
     constexpr std::uint32_t kSpace = VRKFS_PORT_AVAILABLE_SPACE;
@@ -493,13 +521,13 @@ TEST_F(ServiceChannelTest, CommandsNamePathsFromWhereThePortStands) {
         const char16_t* folder;
         std::uint32_t code;
         const char16_t* given;
-        const char16_t* told;  // null: refused before the service hears of it
+        std::u16string told;  // empty: refused before the service hears of it
     } const cases[] = {
         {u"", kCreate, u"RZV\\VOL\\F\\N", u"P:\\RZV\\VOL\\F\\N"},
         {u"\\RZV", kCreate, u"VOL\\F\\N", u"P:\\RZV\\VOL\\F\\N"},
         {u"\\TGA\\VOL", kCreate, u"F\\N", u"P:\\TGA\\VOL\\F\\N"},
         {u"\\RZV\\vol\\f", kCreate, u"N", u"P:\\RZV\\VOL\\F\\N"},
-        {u"\\TGA\\VOL\\F\\CLIP.RZV", kCreate, u"N", nullptr},
+        {u"\\TGA\\VOL\\F\\CLIP.RZV", kCreate, u"N", u""},
         {u"", kSpace, u"RZV\\VOL", u"P:\\RZV\\VOL"},
         {u"\\TGA", kSpace, u"VOL", u"P:\\TGA\\VOL"},
         {u"\\RZV\\VOL", kSpace, u"x", u"P:\\RZV\\VOL"},
@@ -511,9 +539,9 @@ TEST_F(ServiceChannelTest, CommandsNamePathsFromWhereThePortStands) {
         [&](const Bytes& request) { told = std::u16string(reinterpret_cast<const char16_t*>(request.data() + 8)); });
     for (const auto& test : cases) {
         told.clear();
-        EXPECT_EQ(Command(test.folder, test.code, test.given), test.told != nullptr ? 0 : 0xFFFFFFFF);
-        EXPECT_TRUE(told == (test.told != nullptr ? test.told : u"")) << &test - cases;
-        EXPECT_EQ(reply_.size(), test.told != nullptr && test.code == kSpace ? 32u : 8u);
+        EXPECT_EQ(Command(test.folder, test.code, test.given), test.told.empty() ? "-1" : "0");
+        EXPECT_TRUE(told == test.told) << &test - cases;
+        EXPECT_EQ(reply_.size(), !test.told.empty() && test.code == kSpace ? 32u : 8u);
     }
 }
 

@@ -19,6 +19,7 @@ class MediaNames : public testing::Test {
     void SetUp() override {
         saved_ = pVrkFsGlobalData;
         std::memset(static_cast<void*>(&global_), 0, sizeof(global_));
+        ExInitializeFastMutex(&global_.FileTypesLock);
         SetRow(0, u"RZV", 0);
         SetRow(1, u"XYZ", 0);
         SetRow(2, u"xyz", 1);

@@ -4,6 +4,7 @@
 
 #include "tests/faults/steps.h"
 #include "tests/support/machine_fixture.h"
+#include "tests/support/scripted_service.h"
 #include "tool/clip/writer.h"
 
 namespace faults {
@@ -116,6 +117,69 @@ void WorkOnChanges(Process& user, Outcome& outcome) {
     step("slide down", MoveSegment(user, changes + u"SLIDE.RZV", VRKFS_SEGMENT_DATA, -3));
 }
 
+// A frame read, written and closed.
+void WorkOnFrame(Process& user, const std::u16string& path, std::uint32_t frame, bool overlapped, Outcome& outcome) {
+    host::OpenRequest request;
+    request.path = u"P:" + path;
+    request.access = host::access::kReadData | host::access::kWriteData;
+    request.overlapped = overlapped;
+    const host::OpenResult opened = user.Create(request);
+    const host::ScopedHandle file(user, opened.handle);
+    Bytes bytes(3000);
+    const host::Status read = opened.status.Ok() ? user.Read(file.Get(), bytes, 1).status : opened.status;
+    if (read.Ok() && bytes != tests::ScriptedService::Content(frame, 1, 3000)) {
+        outcome.wrong.push_back("a frame was read with wrong bytes");
+    }
+    if (!read.Ok() || !user.Write(file.Get(), bytes, 0).status.Ok()) {
+        outcome.failed.push_back("use a frame");
+    }
+}
+
+// A RAM file is made beside the frames and takes the name of one.
+void ImportFrame(Process& user, const std::u16string& clip, const std::u16string& frame, Outcome& outcome) {
+    const host::ScopedHandle file(user, OpenPath(user, clip + u"\\new", host::Disposition::kCreate,
+                                                 host::access::kWriteData | host::access::kDelete)
+                                            .handle);
+    if (!user.Write(file.Get(), Bytes(500), 0).status.Ok() || !host::Rename(user, file.Get(), frame).Ok()) {
+        outcome.failed.push_back("import a frame");
+    }
+}
+
+void WorkThroughService(host::Machine& machine, Process& user, Outcome& outcome) {
+    tests::ScriptedService service(machine);
+    if (!service.Announce()) {
+        outcome.failed.push_back("announce the service");
+        return;
+    }
+    service.Serve();
+    const std::u16string clip = u"\\TGA\\KEEP\\CLIPS\\KEEP.RZV";
+    std::vector<host::DirectoryEntry> frames;
+    {
+        const host::ScopedHandle folder(user,
+                                        OpenPath(user, clip, host::Disposition::kOpen, host::access::kReadData).handle);
+        (void)host::ListDirectory(user, folder.Get(), frames, u"*.TGA");
+    }
+    for (std::uint32_t frame = 0; frame < frames.size() && frame < 2; ++frame) {
+        WorkOnFrame(user, clip + u"\\" + frames[frame].name, frame, frame == 1, outcome);
+        ImportFrame(user, clip, frames[frame].name, outcome);
+    }
+    for (const std::uint32_t code : {VRKFS_PORT_CREATE_MEDIA_FILE, VRKFS_PORT_AVAILABLE_SPACE}) {
+        const host::ScopedHandle port(user, OpenPath(user, u"\\RZV\\KEEP\\___Port0___", host::Disposition::kOpen,
+                                                     host::access::kReadData | host::access::kWriteData)
+                                                .handle);
+        Bytes reply(40);
+        if (!user.Write(port.Get(), tests::Record(16, {{0, 16}, {4, code}}, u"N", 8), 0).status.Ok() ||
+            !user.Read(port.Get(), reply, 0).status.Ok() || tests::WordAt(reply, 4) != 0) {
+            outcome.failed.push_back("use the port");
+        }
+    }
+    if (frames.empty()) {
+        outcome.failed.push_back("list the frames");
+    }
+    service.Stop();
+    service.Leave();
+}
+
 bool Reads(Process& user, const std::u16string& name, const Bytes& wanted, std::string* why = nullptr) {
     Bytes image;
     const host::Status status = GetClip(user, u"\\RZV\\KEEP\\" + name, image);
@@ -213,11 +277,16 @@ Outcome Live(Life life, const fs::path& station, const Hooks& hooks) {
     }
     {
         auto user = machine->NewProcess();
-        if (life == Life::kRecording) {
-            WorkOnKeep(*user, outcome);
-            WorkOnFresh(*user);
-        } else {
-            WorkOnChanges(*user, outcome);
+        switch (life) {
+            case Life::kRecording:
+                WorkOnKeep(*user, outcome);
+                WorkOnFresh(*user);
+                break;
+            case Life::kChanges:
+                WorkOnChanges(*user, outcome);
+                break;
+            case Life::kService:
+                WorkThroughService(*machine, *user, outcome);
         }
     }
     if (hooks.ending) {

@@ -24,8 +24,8 @@ const Bytes& NewClip();
 void CopyTemplate(const std::filesystem::path& to);
 
 // Clips recorded, read and deleted, volumes made; or what is there renamed, moved, deleted, recorded in place and moved
-// about on the disks.
-enum class Life { kRecording, kChanges };
+// about on the disks; or a clip's frames read, written and imported through a service, and its port used.
+enum class Life { kRecording, kChanges, kService };
 
 // Called when the machine runs, before the first request; and before it is stopped.
 struct Hooks {

@@ -1,6 +1,6 @@
-// Two lives with each allocation failing in turn, each board request, and the power cut at each write; once, and from
-// there on for ever. VRKFS_SWEEP=full runs every point, VRKFS_SWEEP_POINT=N that one alone; otherwise a spread of
-// points.
+// A station's lives with each allocation failing in turn, each board request, and the power cut at each write; once,
+// and from there on for ever. VRKFS_SWEEP=full runs every point, VRKFS_SWEEP_POINT=N that one alone; otherwise a spread
+// of points.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,8 +24,8 @@ struct Kind {
 };
 
 std::string NameOf(const testing::TestParamInfo<Kind>& info) {
-    return std::string(info.param.life == Life::kRecording ? "Recording" : "Changes") +
-           (info.param.forEver ? "ForEver" : "Once");
+    constexpr const char* kLives[] = {"Recording", "Changes", "Service"};
+    return std::string(kLives[static_cast<int>(info.param.life)]) + (info.param.forEver ? "ForEver" : "Once");
 }
 
 // Thousands of small stations are made and thrown away: in memory, where there is such a place.
@@ -132,7 +132,8 @@ TEST_P(KernelCalls, FailInTurn) {
 
 INSTANTIATE_TEST_SUITE_P(Faults, KernelCalls,
                          testing::Values(Kind{Life::kRecording, false}, Kind{Life::kRecording, true},
-                                         Kind{Life::kChanges, false}, Kind{Life::kChanges, true}),
+                                         Kind{Life::kChanges, false}, Kind{Life::kChanges, true},
+                                         Kind{Life::kService, false}, Kind{Life::kService, true}),
                          NameOf);
 
 // Board requests that fail, once the machine runs.

@@ -229,8 +229,12 @@ VrkFsStatus VrkFsClientFetchServiceRequest(VrkFsClient* client, VrkFsHandle cont
 }
 
 VrkFsStatus VrkFsClientSendServiceResponse(VrkFsClient* client, VrkFsHandle control,
-                                           const VrkFsServiceResponse* response, size_t size, void* data,
+                                           const VrkFsServiceResponse* response, size_t size, const VrkFsBuffer* data,
                                            size_t dataBytes) {
+    if (dataBytes > (data != nullptr ? data->Size : 0)) {
+        return VRKFS_STATUS_INVALID_PARAMETER;
+    }
     return Control(client, control, IOCTL_VRKFS_SEND_SERVICE_RESPONSE,
-                   {reinterpret_cast<const std::byte*>(response), size}, {static_cast<std::byte*>(data), dataBytes});
+                   {reinterpret_cast<const std::byte*>(response), size},
+                   {dataBytes != 0 ? static_cast<std::byte*>(data->Bytes) : nullptr, dataBytes});
 }

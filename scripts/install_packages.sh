@@ -5,7 +5,7 @@ set -euo pipefail
 
 build=(g++ cmake ninja-build ccache libcli11-dev nlohmann-json3-dev
     pkg-config libfuse3-dev fuse3 libjpeg-dev)
-test=(libgtest-dev libgmock-dev g++-mingw-w64-i686 binutils-mingw-w64-i686 mingw-w64-tools clang-format python3)
+test=(libgtest-dev libgmock-dev g++-mingw-w64-i686 binutils-mingw-w64-i686 mingw-w64-tools clang-format python3 netpbm)
 ci=(clang clang-tidy libclang-rt-14-dev libbenchmark-dev)
 
 packages=("${build[@]}")

@@ -37,12 +37,15 @@ typedef uint32_t VrkFsHandle; /* never 0 when open */
 
 #define VRKFS_STATUS_SUCCESS 0x00000000u
 #define VRKFS_STATUS_INVALID_PARAMETER 0xC000000Du
+#define VRKFS_STATUS_DEVICE_BUSY 0x80000011u
 #define VRKFS_STATUS_ACCESS_DENIED 0xC0000022u
 #define VRKFS_STATUS_BUFFER_TOO_SMALL 0xC0000023u /* also: the stream has no section (yet) */
 #define VRKFS_STATUS_OBJECT_NAME_NOT_FOUND 0xC0000034u
 #define VRKFS_STATUS_OBJECT_NAME_COLLISION 0xC0000035u
+#define VRKFS_STATUS_PORT_DISCONNECTED 0xC0000037u /* the daemon has gone */
 #define VRKFS_STATUS_SHARING_VIOLATION 0xC0000043u
 #define VRKFS_STATUS_INSUFFICIENT_RESOURCES 0xC000009Au
+#define VRKFS_STATUS_CANCELLED 0xC0000120u
 
 /* "STATUS_DISK_FULL", or the number of a status without a name; cut to `size` bytes with its terminating zero. */
 void VrkFsClientStatusName(VrkFsStatus status, char* text, size_t size);
@@ -208,11 +211,12 @@ uint32_t VrkFsClientReadProgress(const VrkFsBuffer* progress);
 /* After VrkFsClientRegisterFileTypes or VrkFsClientRegisterSdtiFlags. Waits until the driver has something to do, for
  * as long as that takes: VrkFsClientCancel ends the wait. One thread at a time. */
 VrkFsStatus VrkFsClientFetchServiceRequest(VrkFsClient* client, VrkFsHandle control, VrkFsServiceRequest* request);
-/* response: `size` bytes, at least VRKFS_SERVICE_RESPONSE_MIN_SIZE, more with several rows. data: what a read delivers;
- * where a write's next bytes come; null for the others. Returns when the driver has taken or filled it. A request is
- * answered within VRKFS_SERVICE_TIMEOUT_SECONDS, and so is every piece of a read or write. */
+/* response: `size` bytes, at least VRKFS_SERVICE_RESPONSE_MIN_SIZE, more with several rows. data: the first `dataBytes`
+ * of it are what a read delivers, or where a write's next bytes come; null for the others. Returns when the driver has
+ * taken or filled them; STATUS_CANCELLED when it does not wait for the answer (any more), since a request is answered
+ * within VRKFS_SERVICE_TIMEOUT_SECONDS, and so is every piece of a read or write. */
 VrkFsStatus VrkFsClientSendServiceResponse(VrkFsClient* client, VrkFsHandle control,
-                                           const VrkFsServiceResponse* response, size_t size, void* data,
+                                           const VrkFsServiceResponse* response, size_t size, const VrkFsBuffer* data,
                                            size_t dataBytes);
 
 #ifdef __cplusplus

@@ -39,6 +39,16 @@ inline service::Frame BarsFrame(const clip::ClipRecipe& recipe, std::uint32_t in
     return frame;
 }
 
+inline service::Bytes FileOf(service::FileKind kind, const service::Frame& frame) {
+    service::Bytes file;
+    std::string problem;
+    std::string note;
+    EXPECT_TRUE(service::FrameToFile(kind, frame, file, problem, note)) << problem;
+    EXPECT_EQ(note, "");
+    EXPECT_EQ(file.size(), service::FileSize(kind, frame.alpha));
+    return file;
+}
+
 // A binary PPM or PGM: its samples; `channels` is 3 or 1.
 struct NetPicture {
     std::uint32_t width = 0;

@@ -120,14 +120,6 @@ class ServiceTest : public MachineTest {
         return log_;
     }
 
-    static Bytes FileOf(FileKind kind, const service::Frame& frame) {
-        Bytes file;
-        std::string problem;
-        std::string note;
-        EXPECT_TRUE(service::FrameToFile(kind, frame, file, problem, note)) << problem;
-        return file;
-    }
-
     std::unique_ptr<service::Service> service_;
     std::thread work_;
     std::mutex logLock_;
@@ -162,6 +154,17 @@ TEST_F(ServiceTest, ClipsAreFoldersOfPictures) {
     }
     ExpectShows(ReadWhole(clip + u"\\BARS.0000.TGA"), FileKind::kTga, BarsFrame(recipe, 0));
     EXPECT_EQ(Log(), "serving 1 card\n");
+
+    // New settings bring new rows, the same again.
+    const client::ClientPointer client = client::MakeClient(Machine().NewProcess());
+    VrkFsHandle control = 0;
+    VrkFsPreferences preferences;
+    ASSERT_EQ(VrkFsClientOpenControl(client.get(), 0, &control), VRKFS_STATUS_SUCCESS);
+    ASSERT_EQ(VrkFsClientGetPreferences(client.get(), control, &preferences), VRKFS_STATUS_SUCCESS);
+    preferences.MinFrameDigits = 2;
+    ASSERT_EQ(VrkFsClientSetPreferences(client.get(), control, &preferences), VRKFS_STATUS_SUCCESS);
+    EXPECT_EQ(List(u"\\").size(), 5u);
+    EXPECT_TRUE(ReadWhole(u"\\YUV\\VOL\\CLIPS\\BARS.RZV\\BARS.01.YUV") == FileOf(FileKind::kYuv, BarsFrame(recipe, 1)));
 
     StopService();
     EXPECT_EQ(List(u"\\"), std::vector<std::u16string>{u"RZV"});
@@ -394,22 +397,6 @@ TEST_F(ServiceTest, OneServiceForAllCardsAndNoSecond) {
     held.Reset();
     EXPECT_EQ(List(u"\\").size(), 5u);
     EXPECT_TRUE(ReadWhole(place) == FileOf(FileKind::kTga, BarsFrame(BarsRecipe(625, false), 1)));
-}
-
-TEST_F(ServiceTest, NewSettingsKeepTheTypes) {
-    StartStation();
-    PutClip(u"BARS.RZV", BarsRecipe(625, false, 2));
-    StartService();
-    const client::ClientPointer client = client::MakeClient(Machine().NewProcess());
-    VrkFsHandle control = 0;
-    ASSERT_EQ(VrkFsClientOpenControl(client.get(), 0, &control), VRKFS_STATUS_SUCCESS);
-    VrkFsPreferences preferences;
-    ASSERT_EQ(VrkFsClientGetPreferences(client.get(), control, &preferences), VRKFS_STATUS_SUCCESS);
-    preferences.MinFrameDigits = 2;
-    ASSERT_EQ(VrkFsClientSetPreferences(client.get(), control, &preferences), VRKFS_STATUS_SUCCESS);
-    EXPECT_EQ(List(u"\\"), (std::vector<std::u16string>{u"RZV", u"TGA", u"BMP", u"YUV", u"RAW"}));
-    EXPECT_EQ(ReadWhole(u"\\YUV\\VOL\\CLIPS\\BARS.RZV\\BARS.01.YUV"),
-              FileOf(FileKind::kYuv, BarsFrame(BarsRecipe(625, false), 1)));
 }
 
 }  // namespace

@@ -31,8 +31,7 @@ struct Options {
 class Mount {
   public:
     // Mounted when it returns. Null with `problem` filled when it cannot be. The access must outlive the mount.
-    static std::unique_ptr<Mount> Start(host::Access& access, const Options& options, Log log,
-                                        host::Problem& problem);
+    static std::unique_ptr<Mount> Start(host::Access& access, const Options& options, Log log, host::Problem& problem);
     // Unmounts (lazily when something on it is still open) and ends its threads.
     ~Mount();
     Mount(const Mount&) = delete;

@@ -1,0 +1,173 @@
+// What the file tree's requests are to the drives. Every call returns 0 or an errno; a refusal that somebody may wonder
+// about stands in the journal. From several threads.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/access.h"
+#include "mount/journal.h"
+#include "mount/kernel_caches.h"
+#include "mount/mount.h"
+#include "mount/read_order.h"
+#include "mount/tree.h"
+
+namespace mount {
+
+// A file that a program has open.
+struct OpenFile {
+    NodePointer node;
+    Tree::Opening opening;
+    bool passes = false;  // its bytes go straight to the driver: the command port, frame and RAM files
+    bool keepPages = false;
+    bool isOpen = false;  // counted
+    std::mutex lock;      // guards the following
+    host::ScopedHandle handle;
+    ReadOrder order;
+
+    bool IsDirect() const { return !opening.cached; }
+};
+
+// What the kernel is told about a name.
+struct Found {
+    NodePointer node;        // null: nothing is there
+    double nameSeconds = 0;  // how long it may be remembered
+    double factsSeconds = 0;
+};
+
+struct Space {
+    std::uint64_t totalBlocks = 0;  // of 512 bytes
+    std::uint64_t freeBlocks = 0;
+};
+
+class FileSystem {
+  public:
+    FileSystem(host::Access& access, const Options& options, Log log);
+    ~FileSystem();
+
+    // Opens what it needs of the station.
+    host::Problem Start();
+    // What is still under way is brought to its end: nothing comes from the kernel any more.
+    void CloseAll();
+
+    [[nodiscard]] KernelCaches& Caches() { return caches_; }
+    [[nodiscard]] Tree& Nodes() { return tree_.value(); }
+    [[nodiscard]] const std::vector<std::unique_ptr<Drive>>& Drives() const { return drives_; }
+    [[nodiscard]] Journal& Notes() { return journal_; }
+    [[nodiscard]] bool IsReadOnly() const { return readOnly_; }
+
+    // ---- Names (lookup.cpp) ----
+    [[nodiscard]] int Lookup(std::uint64_t folder, std::string_view name, Found& found);
+    [[nodiscard]] int GetFacts(std::uint64_t inode, Snapshot& facts, double& seconds);
+    [[nodiscard]] double FactsSeconds(const Snapshot& facts) const;
+    // What the kernel is told about a node under that spelling of its name.
+    void Fill(const NodePointer& node, std::string_view spelling, Found& found);
+    struct Row {
+        std::string name;
+        NodePointer node;
+    };
+    [[nodiscard]] int ListFolder(const NodePointer& folder, std::vector<Row>& rows);
+    // Reads again what is known of a folder.
+    void Refresh(const NodePointer& folder);
+
+    // ---- Changes of names (change_names.cpp, replace.cpp) ----
+    [[nodiscard]] int MakeFolder(std::uint64_t folder, std::string_view name, Found& made);
+    [[nodiscard]] int RemoveFile(std::uint64_t folder, std::string_view name);
+    [[nodiscard]] int RemoveFolder(std::uint64_t folder, std::string_view name);
+    [[nodiscard]] int Rename(std::uint64_t folder, std::string_view name, std::uint64_t newFolder,
+                             std::string_view newName, bool mayReplace);
+
+    // ---- Files (open_files.cpp, write_files.cpp) ----
+    [[nodiscard]] int Open(std::uint64_t inode, int flags, std::unique_ptr<OpenFile>& file);
+    [[nodiscard]] int Create(std::uint64_t folder, std::string_view name, Found& made, std::unique_ptr<OpenFile>& file);
+    [[nodiscard]] int Read(OpenFile& file, std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count);
+    [[nodiscard]] int Write(OpenFile& file, std::uint64_t offset, std::span<const std::byte> bytes);
+    // A program has closed one of its descriptors; there may be more.
+    [[nodiscard]] int Flush(OpenFile& file);
+    void Release(std::unique_ptr<OpenFile> file);
+    [[nodiscard]] int Sync(OpenFile* file);
+    // file: null when the program gave a path.
+    [[nodiscard]] int Truncate(const NodePointer& node, OpenFile* file, std::uint64_t size);
+
+    // ---- Facts (facts.cpp) ----
+    [[nodiscard]] int SetTime(const NodePointer& node, std::int64_t time);
+    [[nodiscard]] int Measure(const NodePointer& node, Space& space);
+    [[nodiscard]] int GetAttribute(const NodePointer& node, std::string_view name, std::string& value);
+    [[nodiscard]] int SetAttribute(const NodePointer& node, std::string_view name, std::string_view value, int flags);
+    [[nodiscard]] int RemoveAttribute(const NodePointer& node, std::string_view name);
+    [[nodiscard]] int ListAttributes(const NodePointer& node, std::string& names);
+
+    void AddOpen(OpenFile* file);
+
+  private:
+    // Names.
+    [[nodiscard]] int NeedNames(const NodePointer& folder);
+    [[nodiscard]] host::Status ListLocked(const NodePointer& folder);
+    [[nodiscard]] int List(const NodePointer& folder, Clock::duration oldest);
+    void RefreshFacts(const NodePointer& folder, const Snapshot& facts);
+    [[nodiscard]] NodePointer Known(std::uint64_t inode);
+
+    // Changes of names. `folder` with its work lock held, where there is one to take.
+    struct Place {
+        NodePointer folder;
+        std::u16string name;
+        std::u16string key;
+    };
+    [[nodiscard]] int FindPlace(Operation operation, std::uint64_t folder, std::string_view name, Place& place);
+    [[nodiscard]] int CheckNewName(Operation operation, const Place& place);
+    [[nodiscard]] int CheckRoom(const Place& place, Operation operation, host::Status status);
+    [[nodiscard]] int RemoveOpen(const NodePointer& node, const Place& place, std::string_view spelling);
+    void Leave(const NodePointer& node, const Place& place, std::string_view spelling);
+    [[nodiscard]] int RenameRam(const NodePointer& node, const Place& from, const Place& to);
+    [[nodiscard]] int CheckMove(const NodePointer& node, const Place& from, const Place& to);
+    [[nodiscard]] int ClearTarget(const NodePointer& node, const NodePointer& target, const Place& to);
+    // Renames aside what stands in the place, under a name of that ending.
+    [[nodiscard]] host::Status PutAside(const Place& place, std::u16string_view ending, std::u16string& aside);
+    [[nodiscard]] host::Status RenameTo(const NodePointer& node, const Place& from, const Place& to);
+    // Puts what is named `from` into the place where another clip stands. `aside`: where the old one went.
+    [[nodiscard]] host::Status Swap(const Place& from, const Place& place, std::u16string& aside);
+    // Removes the old clip of a swap when the new one is durable.
+    [[nodiscard]] int RemoveOld(const NodePointer& folder, const std::u16string& aside, const std::string& display);
+    void RemoveAside(const NodePointer& folder, const std::u16string& aside, const std::string& display);
+
+    // Files.
+    [[nodiscard]] int OpenPassing(const NodePointer& node, int flags, OpenFile& file);
+    [[nodiscard]] int OpenHandle(OpenFile& file, bool cached);
+    [[nodiscard]] int ReadHandle(OpenFile& file, std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count);
+    [[nodiscard]] int TruncatePassing(const NodePointer& node, std::uint64_t size);
+    [[nodiscard]] int TruncateClip(const NodePointer& node, OpenFile* file, std::uint64_t size);
+    [[nodiscard]] int TruncateCopy(const NodePointer& node, OpenFile* file, ClipWriter& writer, std::uint64_t size);
+    [[nodiscard]] int Report(const NodePointer& node, const ClipWriter::Outcome& outcome);
+    [[nodiscard]] int BeginReplacement(const NodePointer& node, ClipWriter& writer);
+    [[nodiscard]] int Finish(const NodePointer& node, ClipWriter& writer);
+    [[nodiscard]] int CheckWritten(const NodePointer& node, const std::u16string& path, std::uint64_t total,
+                                   Facts& facts);
+    void GiveUp(const NodePointer& node, ClipWriter& writer);
+    void EndWriting(const NodePointer& node);
+    [[nodiscard]] int SyncImages(const std::string& display);
+
+    // Facts.
+    [[nodiscard]] int OpenForFacts(const NodePointer& node, std::uint32_t access, host::ScopedHandle& handle);
+
+    host::Access& access_;
+    const bool readOnly_;
+    const std::optional<char> onlyDrive_;
+    Journal journal_;
+    std::unique_ptr<host::Process> process_;
+    std::vector<std::unique_ptr<Drive>> drives_;
+    KernelCaches caches_;
+    std::optional<Tree> tree_;
+    std::mutex opensLock_;  // guards the following
+    std::set<OpenFile*> opens_;
+};
+
+}  // namespace mount

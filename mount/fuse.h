@@ -1,0 +1,5 @@
+// The one place that chooses libfuse's interface version.
+#pragma once
+
+#define FUSE_USE_VERSION 312
+#include <fuse_lowlevel.h>

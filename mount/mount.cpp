@@ -1,0 +1,181 @@
+#include "mount/mount.h"
+
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <list>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "mount/change_watch.h"
+#include "mount/mountpoint.h"
+#include "mount/requests.h"
+
+namespace mount {
+namespace {
+
+// libfuse tells its troubles on standard error only.
+std::string SessionOptions(const Options& options, bool readOnly) {
+    std::string text = "fsname=vrkfs,subtype=vrkfs,default_permissions";
+    text += readOnly ? ",ro" : "";
+    text += options.allowOther ? ",allow_other" : "";
+    return text;
+}
+
+void LogLibrary(fuse_log_level level, const char* format, va_list values) {
+    // What it says when a mount ends under it is no news.
+    if (level <= FUSE_LOG_ERR) {
+        ::vfprintf(stderr, format, values);
+    }
+}
+
+}  // namespace
+
+struct Mount::Parts {
+    Parts(host::Access& access, const Options& given, Log log)
+        : options(given), files(access, given, std::move(log)), context{files, options} {}
+    ~Parts();
+
+    host::Problem MakeSession();
+    host::Problem Watch(host::Access& access);
+    void Serve();
+    void TellEnded() const;
+    [[nodiscard]] std::thread WakeLoop();
+
+    const Options options;
+    FileSystem files;
+    RequestContext context;
+    std::list<ChangeWatch> watches;
+    fuse_session* session = nullptr;
+    bool mounted = false;
+    DeathWatch deathWatch;
+    std::thread loop;
+    int ended = -1;  // an event
+};
+
+// The kernel's answer to a mount that fails is an errno, which libfuse keeps to itself but for a line.
+host::Problem Mount::Parts::MakeSession() {
+    std::string text = SessionOptions(options, files.IsReadOnly());
+    std::string program = "vrkfs";
+    std::string flag = "-o";
+    std::vector<char*> words{program.data(), flag.data(), text.data(), nullptr};
+    fuse_args arguments = FUSE_ARGS_INIT(3, words.data());
+    fuse_set_log_func(&LogLibrary);
+    session = fuse_session_new(&arguments, &Requests(), sizeof(fuse_lowlevel_ops), &context);
+    fuse_opt_free_args(&arguments);
+    if (session == nullptr) {
+        return {"the mount's options are not taken", "see: vrkfs mount --help"};
+    }
+    if (::access("/dev/fuse", F_OK) != 0) {
+        return {"/dev/fuse is not there, so nothing can be mounted", "load the kernel's module: modprobe fuse"};
+    }
+    if (fuse_session_mount(session, options.mountpoint.c_str()) != 0) {
+        return {"'" + options.mountpoint.string() + "' cannot be mounted on",
+                "check /dev/fuse, your rights, and for allow_other /etc/fuse.conf"};
+    }
+    mounted = true;
+    return {};
+}
+
+host::Problem Mount::Parts::Watch(host::Access& access) {
+    for (const std::unique_ptr<Drive>& drive : files.Drives()) {
+        host::Problem problem;
+        std::unique_ptr<host::Process> process = access.NewProcess(problem);
+        if (!process) {
+            return problem;
+        }
+        watches.emplace_back(files, *drive, std::move(process), [this] { TellEnded(); });
+    }
+    return {};
+}
+
+void Mount::Parts::Serve() {
+    fuse_loop_config* const config = fuse_loop_cfg_create();
+    fuse_loop_cfg_set_clone_fd(config, 1);
+    fuse_loop_cfg_set_max_threads(config, options.threads);
+    fuse_loop_cfg_set_idle_threads(config, options.threads);
+    (void)fuse_session_loop_mt(session, config);
+    fuse_loop_cfg_destroy(config);
+    TellEnded();
+}
+
+void Mount::Parts::TellEnded() const {
+    const std::uint64_t one = 1;
+    if (::write(ended, &one, sizeof(one)) < 0) {
+        // It has been told already, more often than can be counted.
+    }
+}
+
+// Something on the mount is open, so the kernel does not end it. The loop looks whether it is to end when a request has
+// come: one of our own, from a thread that nobody waits for before the session has gone, for the loop may have looked
+// before.
+std::thread Mount::Parts::WakeLoop() {
+    fuse_session_exit(session);
+    return std::thread([place = options.mountpoint] {
+        struct stat status {};
+        (void)::lstat((place / "no such name").c_str(), &status);
+    });
+}
+
+Mount::Parts::~Parts() {
+    watches.clear();
+    files.Caches().Stop();
+    std::thread waker;
+    if (loop.joinable()) {
+        if (mounted && !Unmount(options.mountpoint, false)) {
+            waker = WakeLoop();
+        }
+        loop.join();
+    }
+    if (session != nullptr) {
+        if (mounted) {
+            fuse_session_unmount(session);
+        }
+        if (waker.joinable()) {
+            waker.join();
+        }
+        fuse_session_destroy(session);
+    }
+    files.CloseAll();
+    if (ended >= 0) {
+        ::close(ended);
+    }
+}
+
+std::unique_ptr<Mount> Mount::Start(host::Access& access, const Options& options, Log log, host::Problem& problem) {
+    auto parts = std::make_unique<Parts>(access, options, std::move(log));
+    problem = CheckMountpoint(options.mountpoint);
+    if (!problem) {
+        problem = parts->files.Start();
+    }
+    if (!problem) {
+        parts->ended = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        problem = parts->Watch(access);
+    }
+    if (!problem) {
+        problem = parts->MakeSession();
+    }
+    if (problem) {
+        return nullptr;
+    }
+    parts->files.Caches().Start(parts->session);
+    parts->deathWatch.Start(options.mountpoint);
+    Parts* const raw = parts.get();
+    parts->loop = std::thread([raw] { raw->Serve(); });
+    // The first request waits until the kernel and the loop have agreed on how they speak.
+    RaiseReadAhead(options.mountpoint);
+    return std::unique_ptr<Mount>(new Mount(std::move(parts)));
+}
+
+Mount::Mount(std::unique_ptr<Parts> parts) : parts_(std::move(parts)) {}
+
+Mount::~Mount() = default;
+
+int Mount::EndedDescriptor() const {
+    return parts_->ended;
+}
+
+}  // namespace mount

@@ -1,0 +1,181 @@
+#include "mount/mountpoint.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mount/system_unmount.h"
+
+extern char** environ;
+
+namespace mount {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr auto kStaleWait = std::chrono::seconds(2);
+constexpr auto kStaleStep = std::chrono::milliseconds(20);
+
+// A word on the line: all is well. Its end without one: the mount's program died. A place that answers is no dead
+// mount.
+constexpr const char* kDeathScript =
+    R"(trap '' INT TERM HUP; read -r word && exit 0; stat -- "$0" >/dev/null 2>&1 && exit 0
+umount -l -- "$0" 2>/dev/null || exec fusermount3 -u -z -q -- "$0")";
+
+// Runs a program with our standard streams closed to it but for `input`; its process, or -1.
+pid_t Spawn(std::vector<std::string> words, int input) {
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    if (::posix_spawn_file_actions_init(&actions) != 0) {
+        return -1;
+    }
+    if (::posix_spawnattr_init(&attributes) != 0) {
+        ::posix_spawn_file_actions_destroy(&actions);
+        return -1;
+    }
+    if (input >= 0) {
+        ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    } else {
+        ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    }
+    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    ::posix_spawn_file_actions_addchdir_np(&actions, "/");
+    ::posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+    sigset_t signals;
+    sigemptyset(&signals);
+    ::posix_spawnattr_setsigmask(&attributes, &signals);
+    sigfillset(&signals);
+    ::posix_spawnattr_setsigdefault(&attributes, &signals);
+    ::posix_spawnattr_setflags(&attributes,
+                               static_cast<short>(POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
+    std::vector<char*> pointers;
+    for (std::string& word : words) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    pid_t process = -1;
+    if (::posix_spawnp(&process, pointers.front(), &actions, &attributes, pointers.data(), environ) != 0) {
+        process = -1;
+    }
+    ::posix_spawnattr_destroy(&attributes);
+    ::posix_spawn_file_actions_destroy(&actions);
+    return process;
+}
+
+bool Succeeds(pid_t process) {
+    int status = 0;
+    while (process > 0 && ::waitpid(process, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+    }
+    return process > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+bool IsDead(const fs::path& place) {
+    struct stat status {};
+    return ::stat(place.c_str(), &status) != 0 && (errno == ENOTCONN || errno == ECONNABORTED);
+}
+
+// What watches over a mount that died clears its place; if that died too, we do.
+void ClearDead(const fs::path& place) {
+    for (auto waited = kStaleStep * 0; IsDead(place) && waited < kStaleWait; waited += kStaleStep) {
+        std::this_thread::sleep_for(kStaleStep);
+    }
+    if (IsDead(place)) {
+        Unmount(place, true);
+    }
+}
+
+}  // namespace
+
+host::Problem CheckMountpoint(const fs::path& place) {
+    const std::string name = "'" + place.string() + "'";
+    ClearDead(place);
+    struct stat status {};
+    if (::stat(place.c_str(), &status) != 0) {
+        return {name + ": " + std::strerror(errno), "make the directory first: mkdir"};
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        return {name + " is no directory", "a drive is mounted on an empty directory"};
+    }
+    struct stat above {};
+    if (::stat((place / "..").c_str(), &above) == 0 &&
+        (above.st_dev != status.st_dev || above.st_ino == status.st_ino)) {
+        return {"something is mounted on " + name + " already", "unmount it (umount), or take another directory"};
+    }
+    std::error_code error;
+    const bool empty = fs::is_empty(place, error);
+    if (error) {
+        return {name + ": " + error.message(), "check your rights to the directory"};
+    }
+    if (!empty) {
+        return {name + " is not empty", "take an empty directory: what is in this one would be out of sight"};
+    }
+    return {};
+}
+
+bool Unmount(const fs::path& place, bool lazily) {
+    const int error = system_call::Unmount(place.c_str(), lazily);
+    if (error != EPERM) {
+        return error != EBUSY;  // what is no mount any more is as good as unmounted
+    }
+    std::vector<std::string> words{"fusermount3", "-u", "-q"};
+    if (lazily) {
+        words.emplace_back("-z");
+    }
+    words.insert(words.end(), {"--", place.string()});
+    return Succeeds(Spawn(std::move(words), -1));
+}
+
+void RaiseReadAhead(const fs::path& place) {
+    struct stat status {};
+    if (::stat(place.c_str(), &status) == 0) {
+        std::ofstream setting("/sys/class/bdi/" + std::to_string(major(status.st_dev)) + ":" +
+                              std::to_string(minor(status.st_dev)) + "/read_ahead_kb");
+        setting << "1024";
+    }
+}
+
+void DeathWatch::Start(const fs::path& place) {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) {
+        return;
+    }
+    process_ = Spawn({"sh", "-c", kDeathScript, place.string()}, ends[0]);
+    ::close(ends[0]);
+    line_ = ends[1];
+}
+
+DeathWatch::~DeathWatch() {
+    if (line_ < 0) {
+        return;
+    }
+    // Nobody there to read is as good as done; the signal of that is not ours to take.
+    sigset_t pipe;
+    sigset_t before;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &pipe, &before);
+    if (::write(line_, "done\n", 5) < 0) {
+        const timespec none{};
+        ::sigtimedwait(&pipe, nullptr, &none);
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    ::close(line_);
+    (void)Succeeds(process_);
+}
+
+}  // namespace mount

@@ -1,0 +1,315 @@
+// Copying clips onto a drive. A new clip is written under its own name, one over another beside it. When all of it is
+// there, at the latest when the program closes it, it is closed and checked, and takes its place; what is not whole by
+// then is deleted, and what stood there before stays.
+#include <cerrno>
+
+#include "mount/file_system.h"
+#include "mount/names.h"
+
+namespace mount {
+namespace {
+
+constexpr unsigned kSideNames = 20;  // to try
+
+std::string Bytes(std::uint64_t count) {
+    return std::to_string(count);
+}
+
+}  // namespace
+
+int FileSystem::Create(std::uint64_t folder, std::string_view spelling, Found& made, std::unique_ptr<OpenFile>& file) {
+    Place place;
+    if (const int error = FindPlace(Operation::kCreate, folder, spelling, place); error != 0) {
+        return error;
+    }
+    if (const int error = CheckNewName(Operation::kCreate, place); error != 0) {
+        return error;
+    }
+    const std::string display = tree_->DisplayBelow(place.folder, place.name);
+    if (place.folder->level < kFolderLevel) {
+        return journal_.Refused(Operation::kCreate, display, EPERM, "clips stand in folders only");
+    }
+    file = std::make_unique<OpenFile>();
+    file->opening.writes = true;
+    file->passes = place.folder->level > kFolderLevel;
+    const std::lock_guard work(place.folder->listing->work);
+    const std::u16string path = tree_->PathBelow(place.folder, place.name);
+    Facts facts;
+    std::shared_ptr<ClipWriter> writer;
+    host::Status status;
+    if (file->passes) {
+        const host::OpenResult opened = place.folder->drive->Open(
+            path, host::access::kReadData | host::access::kWriteData | host::access::kReadAttributes, host::share::kAll,
+            host::Disposition::kCreate, host::option::kNonDirectoryFile);
+        status = opened.status;
+        if (status.Ok()) {
+            file->handle = host::ScopedHandle(*process_, opened.handle);
+            status = place.folder->drive->Look(opened.handle, facts);
+        }
+    } else {
+        writer = std::make_shared<ClipWriter>(*place.folder->drive);
+        status = writer->Create(path, facts);
+    }
+    if (!status.Ok()) {
+        return CheckRoom(place, Operation::kCreate, status);
+    }
+    const NodePointer node = tree_->Add(place.folder, place.name, false, facts, spelling);
+    tree_->SetWriter(node, writer);
+    file->node = node;
+    tree_->Opened(node, file->opening, file->keepPages);
+    file->isOpen = true;
+    AddOpen(file.get());
+    Fill(node, spelling, made);
+    return 0;
+}
+
+int FileSystem::Report(const NodePointer& node, const ClipWriter::Outcome& outcome) {
+    const std::string display = tree_->Display(node);
+    return outcome.error != 0 ? journal_.Refused(Operation::kWrite, display, outcome.error, outcome.reason)
+                              : journal_.Refused(Operation::kWrite, display, outcome.status);
+}
+
+// The copy goes beside the clip that it is to replace.
+int FileSystem::BeginReplacement(const NodePointer& node, ClipWriter& writer) {
+    const NodePointer folder = tree_->ParentOf(node);
+    if (folder == nullptr) {
+        return ENOENT;
+    }
+    const std::lock_guard work(folder->listing->work);
+    if (writer.HasFile()) {
+        return 0;
+    }
+    host::Status status = host::status::kObjectNameCollision;
+    std::u16string name;
+    for (unsigned attempt = 0; attempt < kSideNames && status == host::status::kObjectNameCollision; ++attempt) {
+        name = SideName(tree_->NameOf(node), u"new", attempt);
+        Facts facts;
+        status = writer.Create(tree_->PathBelow(folder, name), facts);
+    }
+    if (!status.Ok()) {
+        return CheckRoom({folder, tree_->NameOf(node), {}}, Operation::kCreate, status);
+    }
+    tree_->Hide(folder, name);
+    return 0;
+}
+
+int FileSystem::Write(OpenFile& file, std::uint64_t offset, std::span<const std::byte> bytes) {
+    if (file.passes) {
+        const host::IoResult result = process_->Write(file.handle.Get(), bytes, offset);
+        if (result.status.Ok() && result.information == bytes.size()) {
+            return 0;
+        }
+        const host::Status status = result.status.Ok() ? host::status::kEndOfFile : result.status;
+        return journal_.Refused(Operation::kWrite, tree_->Display(file.node), status);
+    }
+    const std::shared_ptr<ClipWriter> writer = tree_->NeedWriter(file.node);
+    if (!writer->HasFile()) {
+        if (offset != 0 && !tree_->IsTruncated(file.node)) {
+            return journal_.Refused(Operation::kWrite, tree_->Display(file.node), EPERM,
+                                    "a finished clip is not written into: copy a whole one over it");
+        }
+        if (const int error = BeginReplacement(file.node, *writer); error != 0) {
+            return error;
+        }
+    }
+    const bool hadFailed = !writer->Failed().Ok();
+    const ClipWriter::Outcome outcome = writer->Write(offset, bytes);
+    if (outcome.Ok()) {
+        return 0;
+    }
+    // What ended the copy is told once.
+    return hadFailed && outcome.error == 0 ? MeaningOf(Operation::kWrite, outcome.status).error
+                                           : Report(file.node, outcome);
+}
+
+// A program may close one of several descriptors of what it goes on writing, and shells do before the first byte: what
+// is not whole yet is only said to be so.
+int FileSystem::Flush(OpenFile& file) {
+    if (!file.opening.writes || file.passes) {
+        return 0;
+    }
+    const std::shared_ptr<ClipWriter> writer = tree_->WriterOf(file.node);
+    if (writer == nullptr || writer->IsOver()) {
+        return 0;
+    }
+    const ClipWriter::Outcome failed = writer->Failed();
+    if (!failed.Ok()) {
+        return MeaningOf(Operation::kWrite, failed.status).error;
+    }
+    if (!writer->HasBytes()) {
+        writer->Rest();
+        return 0;
+    }
+    return writer->IsWhole() ? Finish(file.node, *writer) : EINVAL;
+}
+
+// A record is written when its clip is closed, where a failure is told to nobody.
+int FileSystem::CheckWritten(const NodePointer& node, const std::u16string& path, std::uint64_t total, Facts& facts) {
+    const host::Status status = node->drive->Look(path, facts);
+    if (status.Ok() && facts.size == total) {
+        return 0;
+    }
+    const bool gone = node->drive->Remove(path, false, false).Ok();
+    return journal_.Refused(Operation::kWrite, tree_->Display(node), EIO,
+                            std::string("its record is not on the disk: see vrkfs events") +
+                                (gone ? "" : "; what is left of the copy can be deleted"));
+}
+
+int FileSystem::Finish(const NodePointer& node, ClipWriter& writer) {
+    const NodePointer folder = tree_->ParentOf(node);
+    if (folder == nullptr) {
+        writer.Discard();
+        return 0;
+    }
+    std::unique_lock work(folder->listing->work);
+    if (writer.IsOver()) {
+        return 0;
+    }
+    const std::u16string path = writer.Path();
+    const std::u16string own = tree_->PathOf(node);
+    const std::u16string sideName = path.substr(path.rfind(u'\\') + 1);
+    host::Status status = writer.Close();
+    Facts facts;
+    int error = CheckWritten(node, path, writer.Total(), facts);
+    std::u16string aside;
+    if (error == 0 && path != own) {
+        const Place place{folder, tree_->NameOf(node), {}};
+        status = Swap({folder, sideName, {}}, place, aside);
+        if (!status.Ok()) {
+            error = journal_.Refused(Operation::kWrite, tree_->Display(node), status);
+            (void)node->drive->Remove(path, false, false);
+        }
+    }
+    if (path != own) {
+        tree_->Show(folder, sideName);
+    } else if (error != 0) {
+        tree_->Remove(node);
+        caches_.TellRemoved(folder->inode, node->inode, TreeName(tree_->NameOf(node)));
+    }
+    tree_->WriterDone(node, error == 0 ? &facts : nullptr);
+    work.unlock();
+    return aside.empty() ? error : RemoveOld(folder, aside, tree_->Display(node));
+}
+
+// Deletes what is not whole.
+void FileSystem::GiveUp(const NodePointer& node, ClipWriter& writer) {
+    const NodePointer folder = tree_->ParentOf(node);
+    if (folder == nullptr) {
+        writer.Discard();
+        return;
+    }
+    const std::lock_guard work(folder->listing->work);
+    if (writer.IsOver()) {
+        return;
+    }
+    const std::string display = tree_->Display(node);
+    const std::u16string path = writer.Path();
+    const bool replaces = path != tree_->PathOf(node);
+    const std::string how = !writer.Failed().Ok() ? "could not be written"
+                            : writer.Total() == 0
+                                ? "was closed with " + Bytes(writer.End()) + " bytes, less than a header"
+                                : "was closed with " + Bytes(writer.End()) + " of " + Bytes(writer.Total()) + " bytes";
+    const bool gone = writer.Discard();
+    journal_.Line(display + ": the copy " + how + ": " +
+                  (replaces ? "the clip that was there stays as it is" : "it was deleted") +
+                  (gone ? "" : ", but something is left under " + TreeName(path.substr(path.rfind(u'\\') + 1))));
+    if (replaces) {
+        tree_->Show(folder, path.substr(path.rfind(u'\\') + 1));
+    } else {
+        const std::string name = TreeName(tree_->NameOf(node));
+        tree_->Remove(node);
+        caches_.TellRemoved(folder->inode, node->inode, name);
+    }
+}
+
+// The last who could write has closed it.
+void FileSystem::EndWriting(const NodePointer& node) {
+    const std::shared_ptr<ClipWriter> writer = tree_->WriterOf(node);
+    if (writer == nullptr) {
+        return;
+    }
+    if (!writer->IsOver()) {
+        if (writer->IsWhole()) {
+            (void)Finish(node, *writer);
+            return;
+        }
+        if (writer->HasBytes() || !writer->Failed().Ok()) {
+            GiveUp(node, *writer);
+        } else {
+            writer->Rest();
+            if (!writer->HasFile() && tree_->IsTruncated(node)) {
+                journal_.Line(tree_->Display(node) + ": stays as it is: nothing was written over it");
+            }
+        }
+    }
+    tree_->WriterDone(node, nullptr);
+}
+
+int FileSystem::Truncate(const NodePointer& node, OpenFile* file, std::uint64_t size) {
+    if (node->kind == Kind::kPort) {
+        return 0;
+    }
+    if (readOnly_) {
+        return EROFS;
+    }
+    if (node->IsFolder()) {
+        return EISDIR;
+    }
+    return node->IsClip() ? TruncateClip(node, file, size) : TruncatePassing(node, size);
+}
+
+// Frame files keep the size of their frame, whatever is asked: the driver takes it and changes nothing.
+int FileSystem::TruncatePassing(const NodePointer& node, std::uint64_t size) {
+    constexpr std::uint32_t kFileEndOfFileInformation = 20;
+    const host::OpenResult opened =
+        node->drive->Open(tree_->PathOf(node), host::access::kWriteData | host::access::kReadAttributes,
+                          host::share::kAll, host::Disposition::kOpen, host::option::kNonDirectoryFile);
+    host::Status status = opened.status;
+    if (status.Ok()) {
+        const host::ScopedHandle handle(*process_, opened.handle);
+        status = process_->SetInformation(opened.handle, kFileEndOfFileInformation, std::as_bytes(std::span(&size, 1)))
+                     .status;
+        Facts facts;
+        if (status.Ok() && node->drive->Look(opened.handle, facts).Ok()) {
+            tree_->SetFacts(node, facts.size, facts.time, false);
+        }
+    }
+    return status.Ok() ? 0 : journal_.Refused(Operation::kWrite, tree_->Display(node), status);
+}
+
+// Of a copy under way.
+int FileSystem::TruncateCopy(const NodePointer& node, OpenFile* file, ClipWriter& writer, std::uint64_t size) {
+    if (size == writer.End()) {
+        return 0;
+    }
+    if (size != 0) {
+        const ClipWriter::Outcome outcome = writer.Extend(size);
+        return outcome.Ok() ? 0 : Report(node, outcome);
+    }
+    const NodePointer folder = tree_->ParentOf(node);
+    if (file == nullptr || !file->isOpen || folder == nullptr) {
+        return journal_.Refused(Operation::kWrite, tree_->Display(node), EBUSY, "another copy onto it is under way");
+    }
+    const std::lock_guard work(folder->listing->work);
+    const host::Status status = writer.Restart();
+    return status.Ok() ? 0 : journal_.Refused(Operation::kWrite, tree_->Display(node), status);
+}
+
+int FileSystem::TruncateClip(const NodePointer& node, OpenFile* file, std::uint64_t size) {
+    const std::shared_ptr<ClipWriter> writer = tree_->WriterOf(node);
+    if (writer != nullptr && writer->HasFile() && !writer->IsOver()) {
+        return TruncateCopy(node, file, *writer, size);
+    }
+    if (size == 0 && file != nullptr) {
+        (void)tree_->NeedWriter(node);
+        (void)tree_->SetTruncated(node);
+        return 0;
+    }
+    if (size == tree_->Look(node).size) {
+        return 0;
+    }
+    return journal_.Refused(Operation::kWrite, tree_->Display(node), EPERM,
+                            "a clip has the size that its frames take: copy a whole one over it");
+}
+
+}  // namespace mount

@@ -1,0 +1,122 @@
+// The mount as such: its place, its end, its extras.
+#include "tests/mount/mount_fixture.h"
+
+namespace tests {
+namespace {
+
+using MountPlace = MountTest;
+
+TEST_F(MountPlace, AttributesOfAClip) {
+    Do("cp small $T/a");
+    ExpectOut("cd $T; for f in frames standard streams; do getfattr --only-values -n user.vrkfs.$f a; echo; done",
+              "9\n525\nvideo,alpha\n");
+    EXPECT_NE(Sh("getfattr -d $T/a").out.find("user.vrkfs.placement=\"record "), std::string::npos);
+    Do("setfattr -n user.vrkfs.appinfo -v take-one $T/a");
+    ExpectOut(
+        "getfattr --only-values -n user.vrkfs.appinfo $T/a | tr -d '\\000'; getfattr --only-values -n "
+        "user.vrkfs.appinfo $T/a | wc -c",
+        "take-one256\n");
+    // They go with a copy, and without harm out of the drive.
+    Do("cp -a $T/a $O/b && cmp $T/a $O/b && cp -p $T/a out.rzv && touch $T/none");
+    ExpectOut("getfattr --only-values -n user.vrkfs.appinfo $O/b | tr -d '\\000'", "take-one");
+    ExpectOut("getfattr -d $T/none; getfattr -d $T", "");
+    Remount();
+    ExpectOut("getfattr --only-values -n user.vrkfs.appinfo $T/a | tr -d '\\000'", "take-one");
+}
+
+// The driver's command port stands in every folder, in any case of its name, and in no listing.
+TEST_F(MountPlace, CommandPort) {
+    ExpectOut("stat -c %s $T/___port0___ m/P/___PORT0___", "2048\n2048\n");
+    ExpectOut("ls -A $T", "");
+    // It greets whoever opens it, and takes what is written at its place, whatever the size that it seems to have.
+    for (const char* port : {"$T/___Port0___", "m/P/RZV/___PORT0___", "m/P/___port0___"}) {
+        ExpectOut(std::string("head -c 256 ") + port + " | wc -c; head -c 8 " + port + " | tail -c 4", "16\nRZVF");
+    }
+    Do("exec 3<> $T/___port0___; head -c 16 <&3 > one; printf 12345678 >&3; exec 3>&-; test -s one");
+    Do("printf 12345678 > $T/___Port0___; truncate -s 0 $T/___Port0___; cat $T/___Port0___ > one; test -s one");
+    EXPECT_NE(Sh("rm $T/___Port0___").status, 0);
+}
+
+TEST_F(MountPlace, ReadOnlyWritesNothing) {
+    Do("cp small $T/a");
+    mount_.reset();
+    Stop();
+    const Outcome before = Sh("cd station && find . -type f -not -name '*lock*' | sort | xargs md5sum");
+    const auto expectRefusals = [&] {
+        for (const char* script : {"cp small $T/b", "cp small $T/a", "rm $T/a", "mv $T/a $T/b", "mkdir m/P/RZV/TWO/B",
+                                   "touch $T/a", "touch $T/b", "setfattr -n user.vrkfs.appinfo -v x $T/a"}) {
+            const Outcome refused = Sh(script);
+            EXPECT_NE(refused.out.find("Read-only file system"), std::string::npos) << script << ": " << refused.out;
+        }
+        Do("cmp small $T/a && ls -lR m > listing");
+    };
+    Start({.readOnly = true});
+    MountDrives();
+    expectRefusals();
+    mount_.reset();
+    Stop();
+    ExpectOut("cd station && find . -type f -not -name '*lock*' | sort | xargs md5sum", before.out);
+    // Refused at this door only, with a station that others may write.
+    Start();
+    MountDrives([](mount::Options& options) { options.readOnly = true; });
+    expectRefusals();
+}
+
+TEST_F(MountPlace, OptionsOfAMount) {
+    mount_.reset();
+    MountDrives([](mount::Options& options) {
+        options.drive = 'p';
+        options.owner = 12;
+        options.group = 34;
+        options.fileMode = 0640;
+        options.folderMode = 0750;
+    });
+    Do("cp small m/RZV/TWO/A/a && cmp small m/RZV/TWO/A/a");
+    ExpectOut("stat -c '%u %g %a' m m/RZV/TWO/A m/RZV/TWO/A/a", "12 34 750\n12 34 750\n12 34 640\n");
+}
+
+TEST_F(MountPlace, PlacesThatWillNotDo) {
+    std::filesystem::create_directory(At("full"));
+    std::ofstream(At("full/file")) << "x";
+    const std::pair<const char*, const char*> places[] = {
+        {"m", "something is mounted on"}, {"full", "is not empty"}, {"small", "is no directory"}, {"none", "No such"}};
+    for (const auto& [place, said] : places) {
+        mount::Options options;
+        options.mountpoint = At(place);
+        host::Problem problem;
+        EXPECT_FALSE(mount::Mount::Start(Machine(), options, {}, problem)) << place;
+        EXPECT_NE(problem.what.find(said), std::string::npos) << problem.what;
+    }
+    mount::Options options;
+    options.mountpoint = At("full");
+    options.drive = 'Z';
+    std::filesystem::remove(At("full/file"));
+    host::Problem problem;
+    EXPECT_FALSE(mount::Mount::Start(Machine(), options, {}, problem));
+    EXPECT_NE(problem.what.find("no drive Z:"), std::string::npos) << problem.what;
+}
+
+TEST_F(MountPlace, EndsWhenItIsTakenAwayOrGoesWhileInUse) {
+    Do("cp small $T/a");
+    Do("umount m || fusermount3 -u m");
+    std::uint64_t ended = 0;
+    EXPECT_TRUE(Eventually([&] { return ::read(mount_->EndedDescriptor(), &ended, sizeof(ended)) > 0; }));
+    mount_.reset();
+    MountDrives();
+    // A reader and a copy that are under way when it goes: the copy is deleted.
+    const int reader = ::open(At("m/P/RZV/TWO/A/a").c_str(), O_RDONLY | O_CLOEXEC);
+    const int writer = ::open(At("m/P/RZV/TWO/A/b").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    const std::string part = Contents(At("part"));
+    EXPECT_EQ(::write(writer, part.data(), part.size()), static_cast<ssize_t>(part.size()));
+    mount_.reset();
+    char byte = 0;
+    EXPECT_LT(::read(reader, &byte, 1), 0);
+    EXPECT_EQ(errno, ENOTCONN);
+    ::close(reader);
+    ::close(writer);
+    MountDrives();
+    ExpectOut("ls -A $T; cmp small $T/a", "a\n");
+}
+
+}  // namespace
+}  // namespace tests

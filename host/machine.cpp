@@ -1,6 +1,9 @@
 #include "host/machine.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <list>
+#include <mutex>
 
 #include "board/board.h"
 #include "host/local_process.h"
@@ -32,15 +35,17 @@ struct Machine::Parts {
     PDRIVER_OBJECT boardDriver = nullptr;
     PDRIVER_OBJECT driver = nullptr;
     std::vector<std::unique_ptr<board::Board>> boards;  // by card index; null where there is no card
-    std::vector<CardFacts> cards;
     bool stopped = false;
+
+    std::mutex cardsLock;                     // guards the following
+    std::list<std::vector<CardFacts>> cards;  // as they were found, the latest last; callers keep references
 
     Problem Boot();
     Problem PlugBoards();
     Problem PlugBoard(const CardPlace& card);
     Problem AttachDisk(const CardPlace& card, const DiskPlace& place) const;
     Problem LoadDriver();
-    void FindDriveLetters();
+    [[nodiscard]] std::vector<CardFacts> FindCards() const;
     std::vector<std::string> TakeDown();
 };
 
@@ -108,12 +113,12 @@ Problem Machine::Parts::LoadDriver() {
         return {"the driver did not start: " + StatusName(Status{static_cast<std::uint32_t>(status)}),
                 "see the event log: vrkfs events -s " + station->Directory().string()};
     }
-    FindDriveLetters();
     return {};
 }
 
 // A card's letter is the one whose link leads to its drive.
-void Machine::Parts::FindDriveLetters() {
+std::vector<CardFacts> Machine::Parts::FindCards() const {
+    std::vector<CardFacts> found;
     for (const CardPlace& card : station->Cards()) {
         const std::u16string device =
             u"\\Device\\VrkFsDiskDevice" + std::u16string(1, static_cast<char16_t>(u'0' + card.index));
@@ -121,11 +126,12 @@ void Machine::Parts::FindDriveLetters() {
             const std::u16string link = u"\\DosDevices\\" + std::u16string(1, static_cast<char16_t>(letter)) + u":";
             std::u16string target;
             if (NT_SUCCESS(nt::QueryLink(link, &target)) && target == device) {
-                cards.push_back({card.index, letter});
+                found.push_back({card.index, letter});
                 break;
             }
         }
     }
+    return found;
 }
 
 std::vector<std::string> Machine::Parts::TakeDown() {
@@ -210,8 +216,17 @@ std::unique_ptr<Process> Machine::NewProcess() {
     return std::make_unique<LocalProcess>(parts_->options.program);
 }
 
+// A letter changes when a program sets another one.
 const std::vector<CardFacts>& Machine::Cards() const {
-    return parts_->cards;
+    std::vector<CardFacts> now = parts_->FindCards();
+    const std::lock_guard hold(parts_->cardsLock);
+    const auto same = [](const CardFacts& one, const CardFacts& other) {
+        return one.index == other.index && one.driveLetter == other.driveLetter;
+    };
+    if (parts_->cards.empty() || !std::ranges::equal(parts_->cards.back(), now, same)) {
+        parts_->cards.push_back(std::move(now));
+    }
+    return parts_->cards.back();
 }
 
 bool Machine::ReadOnly() const {
@@ -223,6 +238,9 @@ board::Board* Machine::BoardOf(std::uint32_t card) {
 }
 
 Problem Machine::SyncImages() {
+    if (parts_->options.readOnly) {
+        return {};
+    }
     for (const auto& plugged : parts_->boards) {
         if (plugged && !plugged->SyncAll()) {
             return {"an image could not be synced", "check the disk that holds it"};

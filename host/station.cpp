@@ -124,9 +124,20 @@ int TryLock(int fd, bool shared) {
     return ::fcntl(fd, F_OFD_SETLK, &range) == 0 ? 0 : errno;
 }
 
+// Whether what keeps the lock from being had is somebody who only reads the station: such a one writes no name.
+bool IsHeldByReader(int fd) {
+    struct flock range {};
+    range.l_type = F_WRLCK;
+    range.l_whence = SEEK_SET;
+    return ::fcntl(fd, F_OFD_GETLK, &range) == 0 && range.l_type == F_RDLCK;
+}
+
 // Who runs the station, by what it wrote into the lock's file; it may be about to.
 std::string HolderOf(int fd) {
     std::string name;
+    if (IsHeldByReader(fd)) {
+        return "another program, which only reads it";
+    }
     for (int attempt = 0; name.empty() && attempt < 10; ++attempt) {
         std::this_thread::sleep_for(std::chrono::milliseconds(attempt * 5));
         char text[200];
@@ -224,18 +235,15 @@ std::unique_ptr<Station> Station::Read(const fs::path& directory, Problem& probl
 std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std::string& program, bool shared,
                                                Problem& problem) {
     const fs::path path = station.LockFile();
-    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0 && shared) {
-        fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);  // somebody else's read-only station
-        if (fd < 0) {
-            return std::unique_ptr<StationLock>(new StationLock(-1, shared));
-        }
-    }
-    if (fd < 0) {
+    // Who only reads writes nothing here either. A station that nobody has run yet has no such file; then the locks on
+    // the images keep others away.
+    const int fd =
+        shared ? ::open(path.c_str(), O_RDONLY | O_CLOEXEC) : ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0 && !shared) {
         problem = {Quoted(path) + ": " + std::strerror(errno), "check that you may write to the station's directory"};
         return nullptr;
     }
-    if (TryLock(fd, shared) != 0) {
+    if (fd >= 0 && TryLock(fd, shared) != 0) {
         const std::string name = HolderOf(fd);
         ::close(fd);
         problem = {"the station " + Quoted(station.Directory()) + " is in use by " +
@@ -243,13 +251,15 @@ std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std
                    "wait until it is done, or end it", true};
         return nullptr;
     }
-    // Nobody runs the station now, so whatever name stands there is of one who crashed.
-    const std::string text = shared ? "" : program + " (process " + std::to_string(::getpid()) + ")\n";
-    if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, text.data(), text.size(), 0) < 0) {
-        // The text only helps whoever waits; the lock itself stands.
-    }
     std::unique_ptr<StationLock> lock(new StationLock(fd, shared));
-    lock->named_ = !shared;
+    if (!shared) {
+        // Nobody runs the station now, so whatever name stands there is of one who crashed.
+        const std::string text = program + " (process " + std::to_string(::getpid()) + ")\n";
+        if (::ftruncate(fd, 0) != 0 || ::pwrite(fd, text.data(), text.size(), 0) < 0) {
+            // The text only helps whoever waits; the lock itself stands.
+        }
+        lock->named_ = true;
+    }
     for (const CardPlace& card : station.Cards()) {
         problem = lock->LockImages(card);
         if (problem) {

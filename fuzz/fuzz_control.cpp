@@ -541,6 +541,8 @@ class Caller {
     std::vector<host::ScopedHandle> others_;
 };
 
+}  // namespace
+
 // Every code with the lengths it wants and with one byte less, to the control device and elsewhere; a format that is
 // right but for open files, then without them.
 void WriteSeeds(Seeds& seeds) {
@@ -574,63 +576,24 @@ void WriteSeeds(Seeds& seeds) {
     // A clip recorded, settled, moved and renamed, and each request on files opened in each way.
     const std::uint8_t file = 0x00;
     for (const std::uint8_t alpha : {0, 1}) {
-        seeds.Add({kOpenMedia, 0,
-                   2,          0,
-                   kMedia,     kAllocate,
-                   file,       0,
-                   0,          4,
-                   kMedia,     kAllocate,
-                   file,       0,
-                   0,          5,
-                   kMedia,     kCreateTable,
-                   file,       0,
-                   kMedia,     kAddVideo,
-                   file,       0,
-                   0,          0,
-                   0,          kMedia,
-                   kAddAlpha,  file,
-                   0,          0,
-                   0,          0,
-                   kMedia,     kUseTable,
-                   1,          24,
-                   0,          0,
-                   0,          0,
-                   1,          0,
-                   0,          0,
-                   0,          0,
-                   0,          0,
-                   1,          0,
-                   0,          0,
-                   9,          0,
-                   0,          0,
-                   0,          0,
-                   0,          0,
-                   0,          kMedia,
-                   kUpdate,    file,
-                   3,          0,
-                   0,          0,
-                   0,          0,
-                   0,          0,
-                   0,          0,
-                   0,          0,
-                   kMedia,     kDereference,
-                   file,       0,
-                   kMedia,     kMove,
-                   file,       1,
-                   0x00,       0x18,
-                   1,          0x00,
-                   0x14,       0,
-                   0,          0,
-                   0,          0,
-                   0,          0,
-                   0,          0,
-                   0,          kMedia,
-                   kRename,    file,
-                   alpha,      kMedia,
-                   kAskAll,    file,
-                   0,          0,
-                   kMedia,     kReference,
-                   file,       alpha});
+        std::vector<std::uint8_t> life{kOpenMedia, 0, 2, 0};
+        const auto then = [&life](std::uint8_t what, std::initializer_list<std::uint8_t> rest) {
+            life.insert(life.end(), {kMedia, what});
+            life.insert(life.end(), rest);
+        };
+        then(kAllocate, {file, 0, 0, 4});
+        then(kAllocate, {file, 0, 0, 5});
+        then(kCreateTable, {file, 0});
+        then(kAddVideo, {file, 0, 0, 0, 0});
+        then(kAddAlpha, {file, 0, 0, 0, 0});
+        then(kUseTable, {1, 24, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0});
+        then(kUpdate, {file, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+        then(kDereference, {file, 0});
+        then(kMove, {file, 1, 0x00, 0x18, 1, 0x00, 0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+        then(kRename, {file, alpha});
+        then(kAskAll, {file, 0, 0});
+        then(kReference, {file, alpha});
+        seeds.Add(life);
     }
     for (std::uint8_t segment = 0; segment < VRKFS_SEGMENT_COUNT; ++segment) {
         for (const std::uint8_t off : {0, 1}) {
@@ -656,16 +619,7 @@ void WriteSeeds(Seeds& seeds) {
     }
 }
 
-}  // namespace
 }  // namespace fuzz
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    if (fuzz::Seeds seeds; seeds.Wanted()) {
-        fuzz::WriteSeeds(seeds);
-        std::exit(0);
-    }
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static fuzz::FuzzStation station;

@@ -114,8 +114,11 @@ void Damage(Input& input, const FuzzStation& station, const std::vector<Target>&
     }
 }
 
+}  // namespace
+
 // Each field of a record of each kind once, with the next value.
-void WriteSeeds(Seeds& seeds, const std::vector<Target>& targets) {
+void WriteSeeds(Seeds& seeds) {
+    const std::vector<Target> targets = FindTargets(FuzzStation());
     std::uint8_t value = 0;
     for (std::size_t i = 0; i < targets.size(); ++i) {
         const auto isSame = [&](const Target& other) {
@@ -132,16 +135,7 @@ void WriteSeeds(Seeds& seeds, const std::vector<Target>& targets) {
     }
 }
 
-}  // namespace
 }  // namespace fuzz
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    if (fuzz::Seeds seeds; seeds.Wanted()) {
-        fuzz::WriteSeeds(seeds, fuzz::FindTargets(fuzz::FuzzStation()));
-        std::exit(0);
-    }
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static fuzz::FuzzStation station;

@@ -73,6 +73,8 @@ void Move(host::Process& user, Input& input, const std::vector<std::byte>& image
     }
 }
 
+}  // namespace
+
 // Each word of the header once with one edge: the image as a whole, a piece of it again, read, reopened, read.
 void WriteSeeds(Seeds& seeds) {
     std::uint8_t value = 0;
@@ -90,16 +92,7 @@ void WriteSeeds(Seeds& seeds) {
     }
 }
 
-}  // namespace
 }  // namespace fuzz
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    if (fuzz::Seeds seeds; seeds.Wanted()) {
-        fuzz::WriteSeeds(seeds);
-        std::exit(0);
-    }
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static fuzz::FuzzStation station;
@@ -110,12 +103,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto user = machine->NewProcess();
     const std::uint64_t before = fuzz::FreeBlocks(*user);
     fuzz::Move(*user, input, image);
-    {
-        const host::ScopedHandle file(
-            *user, fuzz::OpenPath(*user, fuzz::kFile, host::Disposition::kOpen, fuzz::kReadWrite).handle);
-        if (!user->Write(file.Get(), good, 0).status.Ok()) {
-            fuzz::Fail("a file that took a bad image does not take a good one");
-        }
+    if (!fuzz::PutClip(*user, fuzz::kFile, host::Disposition::kOpen)) {
+        fuzz::Fail("a file that took a bad image does not take a good one");
     }
     if (!fuzz::HoldsTheClip(*user, fuzz::kFile)) {
         fuzz::Fail("a good image does not read back");

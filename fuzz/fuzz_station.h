@@ -87,6 +87,9 @@ class Seeds {
     int count_ = 0;
 };
 
+// Each fuzzer's own.
+void WriteSeeds(Seeds& seeds);
+
 // Values that field checks turn on.
 constexpr std::uint32_t kEdges[] = {0,    1,    2,    7,    15,   16,         17,         256,        525,   625,
                                     1023, 1024, 2048, 3583, 3584, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 65535, 65536};
@@ -219,10 +222,11 @@ inline bool HoldsTheClip(host::Process& user, const std::u16string& path) {
     return file && user.Read(file.Get(), back, 0).status.Ok() && back == image;
 }
 
-// Puts a clip at a name that is free; false when that is refused.
-inline bool PutClip(host::Process& user, const std::u16string& path) {
+// Puts a clip at a name that is free, or over what is there; false when that is refused.
+inline bool PutClip(host::Process& user, const std::u16string& path,
+                    host::Disposition disposition = host::Disposition::kCreate) {
     static const std::vector<std::byte> image = clip::MakeClipImage(FuzzStation::Recipe());
-    const host::ScopedHandle file(user, OpenPath(user, path, host::Disposition::kCreate, kReadWrite).handle);
+    const host::ScopedHandle file(user, OpenPath(user, path, disposition, kReadWrite).handle);
     return file && user.Write(file.Get(), image, 0).status.Ok();
 }
 
@@ -243,7 +247,7 @@ class Walk {
         }
         CheckPut();
         for (const std::u16string& folder : folders_) {
-            Overwrite(folder + u"\\TWO.RZV");
+            Put(folder + u"\\TWO.RZV", host::Disposition::kOpen);
             (void)DeletePath(user_, folder + u"\\ONE.RZV");
             Put(folder + u"\\NEWER.RZV");
         }
@@ -297,8 +301,8 @@ class Walk {
             (void)user_.Read(file.Get(), buffer, place);
         }
     }
-    void Put(const std::u16string& path) {
-        if (PutClip(user_, path)) {
+    void Put(const std::u16string& path, host::Disposition disposition = host::Disposition::kCreate) {
+        if (PutClip(user_, path, disposition)) {
             put_.push_back(path);
         }
     }
@@ -310,13 +314,6 @@ class Walk {
             }
         }
     }
-    void Overwrite(const std::u16string& path) {
-        static const std::vector<std::byte> image = clip::MakeClipImage(FuzzStation::Recipe());
-        const host::ScopedHandle file(user_, OpenPath(user_, path, host::Disposition::kOpen, kReadWrite).handle);
-        if (file && user_.Write(file.Get(), image, 0).status.Ok()) {
-            put_.push_back(path);
-        }
-    }
 
     host::Process& user_;
     std::vector<std::u16string> folders_;
@@ -324,3 +321,11 @@ class Walk {
 };
 
 }  // namespace fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    if (fuzz::Seeds seeds; seeds.Wanted()) {
+        fuzz::WriteSeeds(seeds);
+        std::exit(0);
+    }
+    return 0;
+}

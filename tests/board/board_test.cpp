@@ -162,32 +162,6 @@ TEST_F(MainBoard, MovesBlocksUpToTheLastOneAndNoneBeyond) {
     }
 }
 
-TEST_F(MainBoard, LetsGoOfItsDisksAndTakesOthers) {
-    // Somebody keeps reading: each request finds one disk, the other, or none.
-    std::atomic<bool> stop{false};
-    std::atomic<int> refused{0};
-    std::thread reader([&] {
-        for (Words words(kWords); !stop;) {
-            const NTSTATUS status = Transfer(VRK_SCSI_READ, 20, 1, words);
-            EXPECT_TRUE(status == STATUS_SUCCESS ? words == Named(20, 1) || words == Named(21, 1) : status == kGone);
-            refused += status == kGone ? 1 : 0;
-        }
-    });
-    EXPECT_TRUE(board_->DetachDisks());
-    while (refused == 0) {
-        std::this_thread::yield();
-    }
-    Words blocks = Named(0, 1);
-    EXPECT_EQ(board_->DiskAt(kId), nullptr);
-    EXPECT_EQ(Transfer(VRK_SCSI_WRITE, 10, 1, blocks), kGone);
-    EXPECT_TRUE(board_->SyncAll());
-    board_->AttachDisk(kId, MakeDisk(1));
-    stop = true;
-    reader.join();
-    EXPECT_EQ(Transfer(VRK_SCSI_READ, 20, 1, blocks), STATUS_SUCCESS);
-    EXPECT_EQ(blocks, Named(21, 1));
-}
-
 TEST_F(MainBoard, RefusesWhatItCannotUnderstandAndTouchesNothing) {
     Words buffer(kWords, 0xCC);
     const ULONG token = NtTokenCreate(buffer.data());

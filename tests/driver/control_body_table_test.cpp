@@ -209,6 +209,47 @@ TEST_F(ControlBodyTables, WhatWasWrittenIsNotLostWhenTheClipGetsAlpha) {
     }
 }
 
+TEST_F(ControlBodyTables, TheOldestOfThirtyThreeGoesAndIsWrittenBack) {
+    StartWithClip(true);
+    std::u16string name;
+    const auto use = [&](const std::u16string& clip) {
+        const host::ScopedHandle file = OpenClip(clip);
+        EXPECT_EQ(Reference(file.Get(), &name), kOk);
+        Scribble(Map(User(), name), 50);
+    };
+    use(u"a.RZV");
+    for (std::uint32_t i = 0; i < 32; ++i) {
+        EXPECT_EQ(std::pair(OnDisk(), Cache()->UnreferencedCount), std::pair(0, i + 1));
+        const std::u16string other = u"b" + std::u16string(1, static_cast<char16_t>(u'A' + i));
+        PutClip(other, clip_);
+        use(other);
+    }
+    EXPECT_EQ(std::pair(OnDisk(), Cache()->UnreferencedCount), std::pair(50, 32u));
+}
+
+TEST_F(ControlBodyTables, ATableThatIsSharedIsReadAndDoesNotOutliveItsBlocks) {
+    StartWithClip();
+    const std::uint32_t lba = RawFile(u"a.RZV").VideoBodyTableLba;
+    host::ScopedHandle writer = OpenClip(u"a.RZV");
+    std::u16string name;
+    ASSERT_EQ(Reference(writer.Get(), &name), kOk);
+    Scribble(Map(User(), name), 55);
+    std::uint16_t half;
+    std::memcpy(&half, ReadRange(OpenToRead(u"a.RZV"), 344, 2).data(), 2);
+    EXPECT_EQ(half, 55);
+    ClipSpec fresh = clip_;
+    fresh.seed = 2;
+    const Bytes image = BuildImage(fresh, true);
+    ASSERT_TRUE(WriteAt(writer, image, 0, image.size()).status.Ok());
+    // What lay in the old table's blocks is the business of whoever gets them now.
+    const Bytes before = RawBlocks(0, lba, 1);
+    writer.Reset();
+    const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
+    VrkFsBTFlushUnrefObjects(Cache());
+    EXPECT_TRUE(RawBlocks(0, lba, 1) == before);
+    ExpectImage(u"a.RZV", fresh);
+}
+
 // ---- Time ----
 
 TEST_F(ControlBodyTables, TablesReachTheDiskAtTheirPace) {

@@ -24,36 +24,21 @@ struct CodeCase {
 constexpr host::Status kInvalidHandle{0xC0000008};
 
 constexpr CodeCase kCodes[] = {
-    {0x00222000, 4, 0, status::kSuccess},
-    {0x00222004, 584, 4, status::kSuccess},
-    {0x00222008, 4, 4, status::kSuccess},
-    {0x0022200C, 620, 620, kInvalidHandle},
-    {0x00222010, 64, 64, kInvalidHandle},
-    {0x00222014, 664, 664, kInvalidHandle},
-    {0x00222018, 48, 0, status::kSuccess},
-    {0x0022201C, 0, 0, status::kSuccess},
-    {0x00222020, 0, 1568, status::kPending},
-    {0x00222026, 56, 0, status::kCancelled},
-    {0x00222028, 0, 41, status::kSuccess},
-    {0x0022202C, 41, 0, status::kSuccess},
-    {0x00222030, 4, 1024, kInvalidHandle},
-    {0x00222034, 260, 0, kInvalidHandle},
-    {0x00222038, 36, 36, kInvalidHandle},
-    {0x0022203E, 12, 0, kInvalidHandle},
-    {0x00222040, 8, 0, kInvalidHandle},
-    {0x00222044, 12, 0, kInvalidHandle},
-    {0x0022204A, 16, 0, kInvalidHandle},
-    {0x0022204E, 16, 0, kInvalidHandle},
-    {0x00222050, 44, 44, kInvalidHandle},
-    {0x00222054, 48, 56, kInvalidHandle},
-    {0x00222058, 0, 0, status::kSuccess},
-    {0x0022205C, 0, 0, status::kSuccess},
-    {0x00222060, 0, 8, status::kSuccess},
-    {0x00222064, 8, 0, status::kSuccess},
-    {0x00222068, 12, 0, kInvalidHandle},
-    {0x0022206C, 4, 0, status::kSuccess},
-    {0x00222070, 4, 0, status::kSuccess},
-    {0x00222074, 0, 0, status::kSuccess},
+    {0x00222000, 4, 0, status::kSuccess},    {0x00222004, 584, 4, status::kSuccess},
+    {0x00222008, 4, 4, status::kSuccess},    {0x0022200C, 620, 620, kInvalidHandle},
+    {0x00222010, 64, 64, kInvalidHandle},    {0x00222014, 664, 664, kInvalidHandle},
+    {0x00222018, 48, 0, status::kSuccess},   {0x0022201C, 0, 0, status::kSuccess},
+    {0x00222020, 0, 1568, status::kPending}, {0x00222026, 56, 0, status::kCancelled},
+    {0x00222028, 0, 41, status::kSuccess},   {0x0022202C, 41, 0, status::kSuccess},
+    {0x00222030, 4, 1024, kInvalidHandle},   {0x00222034, 260, 0, kInvalidHandle},
+    {0x00222038, 36, 36, kInvalidHandle},    {0x0022203E, 12, 0, kInvalidHandle},
+    {0x00222040, 8, 0, kInvalidHandle},      {0x00222044, 12, 0, kInvalidHandle},
+    {0x0022204A, 16, 0, kInvalidHandle},     {0x0022204E, 16, 0, kInvalidHandle},
+    {0x00222050, 44, 44, kInvalidHandle},    {0x00222054, 48, 56, kInvalidHandle},
+    {0x00222058, 0, 0, status::kSuccess},    {0x0022205C, 0, 0, status::kSuccess},
+    {0x00222060, 0, 8, status::kSuccess},    {0x00222064, 8, 0, status::kSuccess},
+    {0x00222068, 12, 0, kInvalidHandle},     {0x0022206C, 4, 0, status::kSuccess},
+    {0x00222070, 4, 0, status::kSuccess},    {0x00222074, 0, 0, status::kSuccess},
 };
 static_assert(std::size(kCodes) == 30);
 
@@ -210,22 +195,6 @@ TEST_F(ControlObjects, AHandleOfNoFileIsNotReadAsOne) {
         }
     }
     EXPECT_EQ(ZwClose(kept), STATUS_SUCCESS);
-}
-
-TEST_F(ControlObjects, ADeviceOfUnknownKindIsRefused) {
-    Boot();
-    Plug(0, {0});
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    nt::Process user("user");
-    nt::Handle control = 0;
-    ASSERT_EQ(user.Open({.name = u"\\Device\\VrkFsDevice0"}, &control), STATUS_SUCCESS);
-    auto* kind = static_cast<ULONG*>(Cards().front()->ControlDevice->DeviceExtension);
-    std::uint32_t zero = 0;
-    IO_STATUS_BLOCK io;
-    *kind = 2;
-    EXPECT_EQ(user.DeviceControl(control, &io, IOCTL_VRKFS_QUERY_VOLUME_INFO, &zero, 4, &zero, 4), STATUS_UNSUCCESSFUL);
-    *kind = 0;
-    EXPECT_EQ(user.DeviceControl(control, &io, IOCTL_VRKFS_QUERY_VOLUME_INFO, &zero, 4, &zero, 4), STATUS_SUCCESS);
 }
 
 }  // namespace

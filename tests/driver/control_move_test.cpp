@@ -4,7 +4,6 @@
 #include <thread>
 
 #include "core/device_ext.h"
-#include "core/file_types.h"
 #include "nt/kernel.h"
 #include "tests/driver/media_rig.h"
 
@@ -40,7 +39,7 @@ class ControlMove : public MediaTest {
   protected:
     void SetUp() override {
         StartVolume(2);
-        AddType();
+        AddType(u"XYZ");
         clip_ = Clip(1, true);
         image_ = BuildImage(clip_, false);
         PutClip(u"a.RZV", clip_);
@@ -52,13 +51,6 @@ class ControlMove : public MediaTest {
         ClipSpec clip = RandomClip(random, kFrames, alpha, false, 1, 4);
         clip.seed = seed;
         return clip;
-    }
-    static void AddType() {
-        const nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
-        FileType row{};
-        row.TypeCode = 7;
-        std::memcpy(row.Extension, u"XYZ", sizeof(row.Extension));
-        ASSERT_EQ(VrkFsGlobAddFileType(pVrkFsGlobalData, &row), STATUS_SUCCESS);
     }
 
     host::ScopedHandle Alone(const std::u16string& name, std::uint32_t shareAccess = 0, bool writing = false) {
@@ -322,9 +314,7 @@ TEST_F(ControlMove, DoubtfulBlocksStayWhereTheyAre) {
     {
         entry.DataStartLba = a[kData].start + 5;
         entry.Checksum = VrkFsHwCalcFileChecksum(&entry);
-        std::string error;
-        auto disk = board::Disk::Open((StationPath() / "card0" / "scsi0.img").string(), {}, error);
-        ASSERT_TRUE(disk && disk->Write(b[kRecord].start, 2, &entry)) << error;
+        ASSERT_TRUE(OpenImage(0).Write(b[kRecord].start, 2, &entry));
     }
     Start();
     const Bytes first = RawBlocks(0, a[kData].start, a[kData].length);

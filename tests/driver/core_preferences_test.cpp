@@ -37,19 +37,6 @@ class CoreTables : public DriverRig {
     GlobalData global_{};
 };
 
-TEST_F(CoreTables, MissingPreferencesTakeTheirDefaults) {
-    for (const ULONG card : {0u, 1u, 9u}) {  // cards 1 and 9 have no key at all
-        SCOPED_TRACE(card);
-        const Preferences prefs = Read(card);
-        Preferences expected{};
-        expected.MinFrameDigits = 4;
-        expected.RAMFileMaxSize = 2097152;
-        expected.TotalRAMFiles = 10;
-        expected.DriveLetter = static_cast<UCHAR>('P' + card);
-        EXPECT_EQ(std::memcmp(&prefs, &expected, sizeof(prefs)), 0);
-    }
-}
-
 TEST_F(CoreTables, ValuesOfTheWrongTypeAreReadAsBytes) {
     const UCHAR bytes[] = {1, 2, 3, 4, 5};
     SetData(u"Parameters", u"HCrop", REG_BINARY, bytes, 5);
@@ -89,33 +76,6 @@ TEST_F(CoreTables, ScsiPreferencesAreCompletedInTheRegistry) {
         EXPECT_EQ(Number(u"Parameters", u"ScsiMaxRetries"), c.retriesRead);
         EXPECT_EQ(Number(u"Parameters", u"ScsiVerifyWrite"), c.verifyRead);
     }
-}
-
-TEST_F(CoreTables, Strings) {
-    for (const auto& [value, text] : {std::pair{0u, "0"}, {9u, "9"}, {10u, "10"}, {4294967295u, "4294967295"}}) {
-        CHAR buffer[kIntegerStringBytes];
-        VrkFsRtlIntegerToString(value, buffer);
-        EXPECT_STREQ(buffer, text);
-    }
-    for (const USHORT length : {0, 2, 0xFFFC, 0xFFFE}) {
-        std::u16string text(length / 2, u'x');
-        UNICODE_STRING source = Counted(text);
-        UNICODE_STRING copy{};
-        const NTSTATUS status = VrkFsRtlCopyUnicodeString(&copy, &source);
-        if (length == 0xFFFE) {  // no room for the terminator in a 16-bit capacity
-            EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
-            EXPECT_EQ(copy.Buffer, nullptr);
-        } else {
-            ASSERT_EQ(status, STATUS_SUCCESS);
-            EXPECT_EQ(std::u16string(copy.Buffer), text);
-        }
-        VrkFsRtlFreeUnicodeString(&copy);
-        VrkFsRtlFreeUnicodeString(&copy);
-    }
-    WCHAR field[4] = {'a', 'b', 'c', 'd'};  // no terminator
-    EXPECT_EQ(VrkFsRtlBoundedString(field, 4).Length, 8);
-    VrkFsRtlWidenText("12345", field, 4);
-    EXPECT_EQ(std::u16string(field), u"123");
 }
 
 }  // namespace

@@ -55,32 +55,6 @@ TEST_F(StartUp, WithoutACardTheDriverDoesNotLoadAndSaysSoOnce) {
     EXPECT_FALSE(CardNamesTaken('0'));
 }
 
-TEST_F(StartUp, CardsAfterAGapAreFoundInOrder) {
-    Boot();
-    Plug(2);
-    Plug(0, {1});
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    const auto cards = Cards();
-    ASSERT_EQ(cards.size(), 2u);
-    for (const auto& [card, index, letter] : {std::tuple{cards[0], 0u, 'P'}, std::tuple{cards[1], 2u, 'R'}}) {
-        EXPECT_EQ(card->CardIndex, index);
-        EXPECT_EQ(card->Hw.CardIndex, index);
-        EXPECT_EQ(card->Prefs.DriveLetter, letter);
-        EXPECT_EQ(VrkFsCardOfDevice(card->ControlDevice), card);
-        EXPECT_EQ(VrkFsCardOfDevice(card->DiskDevice), card);
-        EXPECT_TRUE(CardNamesTaken(static_cast<char>('0' + index)));
-        EXPECT_TRUE(NameIsTaken(DriveLink(letter)));
-    }
-    EXPECT_FALSE(CardNamesTaken('1'));
-    EXPECT_EQ(BoardOf(0).Count().Of(Operation::kDeviceQuery), 16u);
-    EXPECT_EQ(BoardOf(0).Count().Of(Operation::kRead), 1u);  // one disk, one volume entry
-    EXPECT_EQ(BoardOf(2).Count().Of(Operation::kRead), 0u);
-    Unload();
-    EXPECT_FALSE(CardNamesTaken('0'));
-    EXPECT_FALSE(NameIsTaken(DriveLink('P')));
-    ASSERT_EQ(Load(), STATUS_SUCCESS) << "again after an unload";
-}
-
 TEST_F(StartUp, TheDriveLetterIsTheFirstFreeOneFromTheConfiguredOn) {
     const std::string all = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
     const struct {
@@ -191,23 +165,6 @@ TEST_F(StartUp, ABoardThatDoesNotAnswerCostsItsCardOnlyAndMayAnswerLater) {
         TearDown();
         SetUp();
     }
-}
-
-TEST_F(StartUp, ALateAnswerWithinTheLimitIsAnAnswer) {
-    Boot();
-    Misbehaviour rule;
-    rule.what = Wrong::kLate;
-    Plug(0, {1, 2}).Misbehave().Add(rule);
-    EXPECT_EQ(Load(), STATUS_SUCCESS);
-    EXPECT_EQ(Cards().at(0)->Hw.Devices[2].DeviceInfo.LastLba, kRigDiskBlocks - 1);
-}
-
-TEST_F(StartUp, OnlyUsableDisksAreRead) {
-    Boot();
-    board::Board& board = Plug(0, {0, 5, 7, 15});
-    board.OverrideDeviceState(5, 0xFE);
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    EXPECT_EQ(board.Count().Of(Operation::kRead), 2u);  // 0 and 15; never 7
 }
 
 }  // namespace

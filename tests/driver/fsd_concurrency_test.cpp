@@ -87,7 +87,7 @@ TEST_F(FsdConcurrency, CrossingOpensDeletesAndListingsLeaveNothingBehind) {
     RestartWithTypes();
     RemoveAll();
     EXPECT_EQ(FreeBlocks(), freeBefore);
-    EXPECT_EQ(FirstVolume()->FolderCount, 1u);
+    EXPECT_EQ(Volume()->FolderCount, 1u);
     ExpectIdle("at the end");
 }
 

@@ -1,4 +1,6 @@
 // Deleting: when it happens, what it leaves alone, and what other paths to the object then see.
+#include <algorithm>
+
 #include "tests/driver/fsd_fixture.h"
 #include "volume/entries.h"
 
@@ -16,7 +18,7 @@ class FsdDelete : public FsdTest {
         Locked([&] {
             FileEntry* entry = fcb->Common->FileEntry;
             DualAllocation dual{};
-            ASSERT_EQ(VrkFsVolAllocAllocateDualSpace(&FirstVolume()->Allocator, 40, 3, &dual), STATUS_SUCCESS);
+            ASSERT_EQ(VrkFsVolAllocAllocateDualSpace(&Volume()->Allocator, 40, 3, &dual), STATUS_SUCCESS);
             entry->Kind = kFileKindMedia;
             if (alpha) {
                 entry->AlphaDataStartLba = dual.LowerStart;
@@ -37,13 +39,12 @@ class FsdDelete : public FsdTest {
     // Space beside what was reserved last, so that neither merges with free space when it is given back.
     static DualAllocation TakeSome() {
         DualAllocation dual{};
-        Locked(
-            [&] { EXPECT_EQ(VrkFsVolAllocAllocateDualSpace(&FirstVolume()->Allocator, 7, 2, &dual), STATUS_SUCCESS); });
+        Locked([&] { EXPECT_EQ(VrkFsVolAllocAllocateDualSpace(&Volume()->Allocator, 7, 2, &dual), STATUS_SUCCESS); });
         return dual;
     }
     static void GiveBack(const DualAllocation& dual) {
         Locked([&] {
-            AllocObject* allocator = &FirstVolume()->Allocator;
+            AllocObject* allocator = &Volume()->Allocator;
             EXPECT_EQ(VrkFsVolAllocReleaseSpace(allocator, dual.LowerStart, dual.LowerCount), STATUS_SUCCESS);
             EXPECT_EQ(VrkFsVolAllocReleaseSpace(allocator, dual.UpperStart, dual.UpperCount), STATUS_SUCCESS);
         });
@@ -72,7 +73,7 @@ TEST_F(FsdDelete, HappensWhenTheLastHandleOfThePathGoes) {
     second.Reset();
     EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take2"), "STATUS_OBJECT_NAME_NOT_FOUND");
     EXPECT_EQ(FreeBlocks(), freeBefore);
-    EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
+    EXPECT_EQ(Volume()->Allocator.ReservedCount, 0u);
     ExpectIdle("after the delete");
 }
 
@@ -148,27 +149,20 @@ TEST_F(FsdDelete, OfOneFolderPathIsSeenByTheOther) {
 TEST_F(FsdDelete, NeedsNoMemoryOnceItIsPending) {
     const ULONGLONG freeBefore = FreeBlocks();
     std::vector<DualAllocation> between;
-    for (const char16_t* path : {u"\\RZV\\VolA\\Clips\\Doomed", u"\\RZV\\VolA\\Doomed"}) {
-        const bool folder = std::u16string(path) == u"\\RZV\\VolA\\Doomed";
-        Make(path, folder ? host::option::kDirectoryFile : 0);
-        host::ScopedHandle handle = Hold(path, kReadWriteDelete);
-        if (!folder) {  // with ranges that each become a segment of their own
-            for (const bool alpha : {false, true}) {
-                Reserve(Find({u"RZV", u"VolA", u"Clips", u"Doomed"}), alpha);
-                between.push_back(TakeSome());
-            }
-        }
-        EXPECT_EQ(SetDelete(handle, true), kOk);
-        ArmNoMemory();
-        handle.Reset();
-        nt::DisarmFaults();
-        EXPECT_EQ(TryOpen(path), "STATUS_OBJECT_NAME_NOT_FOUND");
+    Make(u"\\RZV\\VolA\\Clips\\Doomed");
+    host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Doomed", kReadWriteDelete);
+    for (const bool alpha : {false, true}) {  // ranges that each become a segment of their own
+        Reserve(Find({u"RZV", u"VolA", u"Clips", u"Doomed"}), alpha);
+        between.push_back(TakeSome());
     }
-    for (const DualAllocation& dual : between) {
-        GiveBack(dual);
-    }
+    EXPECT_EQ(SetDelete(handle, true), kOk);
+    ArmNoMemory();
+    handle.Reset();
+    nt::DisarmFaults();
+    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Doomed"), "STATUS_OBJECT_NAME_NOT_FOUND");
+    std::ranges::for_each(between, GiveBack);
     EXPECT_EQ(FreeBlocks(), freeBefore);
-    EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
+    EXPECT_EQ(Volume()->Allocator.ReservedCount, 0u);
     ExpectIdle("at the end");
 }
 
@@ -245,7 +239,7 @@ TEST_F(FsdSettle, SpaceStaysReservedUntilItCanBeGivenBack) {
     Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite).Reset();
     GiveBack(between);
     EXPECT_EQ(FreeBlocks(), freeBefore);
-    EXPECT_EQ(FirstVolume()->Allocator.ReservedCount, 0u);
+    EXPECT_EQ(Volume()->Allocator.ReservedCount, 0u);
     ExpectPlainOnDisk();
 }
 

@@ -98,15 +98,7 @@ class FsdInfoKinds : public FsdInfo {
   protected:
     void SetUp() override {
         FsdInfo::SetUp();
-        {
-            nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
-            FileType row{};
-            row.TypeCode = 9;
-            row.AccessMode = 2;
-            row.FrameSize = 1000;
-            std::memcpy(row.Extension, u"PIC", sizeof(row.Extension));
-            ASSERT_EQ(VrkFsGlobAddFileType(pVrkFsGlobalData, &row), STATUS_SUCCESS);
-        }
+        AddType(u"PIC", 2, 1000);
         Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
         Make(u"\\RZV\\VolA\\Clips\\Shot.RZV");
         ClipSpec clip;

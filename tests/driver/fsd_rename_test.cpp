@@ -49,13 +49,8 @@ class FsdRename : public FsdTest {
         return Change(Hold(path, kAll), target);
     }
     std::vector<std::u16string> List(const std::u16string& path) {
-        std::vector<host::DirectoryEntry> entries;
-        EXPECT_TRUE(host::ListDirectory(User(), Hold(path).Get(), entries).Ok());
-        std::vector<std::u16string> names;
-        for (const host::DirectoryEntry& entry : entries) {
-            names.push_back(entry.name);
-        }
-        std::sort(names.begin(), names.end());
+        std::vector<std::u16string> names = FsdTest::List(path);
+        std::ranges::sort(names);
         return names;
     }
     std::u16string NameOf(const host::ScopedHandle& handle) {
@@ -314,7 +309,7 @@ TEST_F(FsdRename, PendingDeletesGoWithTheObject) {
     FCB* const targetFcb = Find({u"RZV", u"VolA", u"Empty"});
     leaving.Reset();
     FCB* const fileFcb = Find({u"RZV", u"VolA", u"Clips", u"Take1"});
-    const UNICODE_STRING name = Counted(u"x");
+    const UNICODE_STRING name = CountedName(u"x");
     EXPECT_EQ(Locked([&] {
                   ResourceGuard common;
                   common.Exclusive(fileFcb->Common->Resource);
@@ -397,29 +392,6 @@ TEST_F(FsdRename, RenamesBesideListingsAndOpens) {
     ExpectIdle("at the end");
     RestartWithTypes();
     EXPECT_EQ(List(u"\\RZV\\VolA\\Clips").size() + List(u"\\RZV\\VolA\\Other").size(), 4u);
-}
-
-class FsdRenameCards : public MachineTest {};
-
-TEST_F(FsdRenameCards, NothingMovesToAnotherCard) {
-    MakeStation(1, 16 << 20, 2);
-    Start();
-    for (const std::uint32_t card : {0u, 1u}) {
-        ASSERT_EQ(Format(u"Vol", {0}, card), VRKFS_RESULT_DONE);
-    }
-    for (const char16_t* path : {u"P:\\RZV\\Vol\\F", u"Q:\\RZV\\Vol\\F", u"P:\\RZV\\Vol\\F\\File"}) {
-        host::OpenRequest request;
-        request.path = path;
-        request.disposition = host::Disposition::kCreate;
-        request.access = kAll;
-        request.options = std::u16string(path).ends_with(u"F") ? host::option::kDirectoryFile : 0;
-        const host::OpenResult made = User().Create(request);
-        ASSERT_TRUE(made.status.Ok());
-        const host::ScopedHandle handle(User(), made.handle);
-        if (request.options == 0) {
-            EXPECT_EQ(host::Rename(User(), handle.Get(), u"Q:\\RZV\\Vol\\F\\File").code, ULONG(STATUS_NOT_SAME_DEVICE));
-        }
-    }
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ class CraftedOpen {
         file_.Size = sizeof(file_);
         file_.DeviceObject = device;
         file_.Flags = FO_SYNCHRONOUS_IO;
-        file_.FileName = Counted(name_);
+        file_.FileName = CountedName(name_);
     }
     ~CraftedOpen() { Close(); }
     CraftedOpen(const CraftedOpen&) = delete;

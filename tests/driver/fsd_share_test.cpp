@@ -58,21 +58,5 @@ TEST_F(FsdShare, OpensOfOnePathRestrictEachOther) {
     ExpectIdle("at the end");
 }
 
-TEST_F(FsdShare, EachTypeFolderSharesForItself) {
-    const host::OpenResult first = OpenAs(u"\\RZV\\VolA\\Clips\\Take1", access::kWriteData, share::kNone);
-    const host::OpenResult second = OpenAs(u"\\XYZ\\VolA\\Clips\\Take1", access::kWriteData, share::kNone);
-    EXPECT_EQ(host::StatusName(second.status), "STATUS_SUCCESS");
-    EXPECT_TRUE(User().Close(first.handle).Ok());
-    EXPECT_TRUE(User().Close(second.handle).Ok());
-}
-
-TEST_F(FsdShare, TheCommandPortIsAlwaysShared) {
-    const host::OpenResult first = OpenAs(u"\\RZV\\VolA\\Clips\\___Port0___", kReadWrite, share::kNone);
-    const host::OpenResult second = OpenAs(u"\\RZV\\VolA\\Clips\\___Port0___", kReadWrite, share::kNone);
-    EXPECT_EQ(host::StatusName(second.status), "STATUS_SUCCESS");
-    EXPECT_TRUE(User().Close(first.handle).Ok());
-    EXPECT_TRUE(User().Close(second.handle).Ok());
-}
-
 }  // namespace
 }  // namespace tests

@@ -20,16 +20,6 @@ class FsdUnreadable : public FsdTest {
         EXPECT_EQ(Locked([] { return VrkFsHwFlushVolumeCache(&Card()->Hw, Vcb()); }), STATUS_SUCCESS);
         EXPECT_EQ(Locked([] { return VrkFsHwRebuildVolumeCache(&Card()->Hw, Vcb()); }), STATUS_SUCCESS);
     }
-    std::vector<std::u16string> List(const std::u16string& path) {
-        const host::ScopedHandle folder = Hold(path);
-        std::vector<host::DirectoryEntry> entries;
-        EXPECT_TRUE(host::ListDirectory(User(), folder.Get(), entries).Ok());
-        std::vector<std::u16string> names;
-        for (const host::DirectoryEntry& entry : entries) {
-            names.push_back(entry.name);
-        }
-        return names;
-    }
     ULONG RecordLba() {
         const host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Take1");
         return Find({u"RZV", u"VolA", u"Clips", u"Take1"})->Common->RecordLba;
@@ -77,7 +67,7 @@ TEST_F(FsdUnreadable, AStandInThatIsDeletedTakesOnlyTheFile) {
 }
 
 TEST_F(FsdUnreadable, AFolderKeepsWhatItHolds) {
-    RemountWithout(FirstVolume()->FirstDirLba, 18);
+    RemountWithout(Volume()->FirstDirLba, 18);
     const std::vector<std::u16string> names = List(u"\\RZV\\VolA");
     ASSERT_EQ(names.size(), 1u);
     ASSERT_TRUE(names[0].starts_with(u"BAD_DIR_"));

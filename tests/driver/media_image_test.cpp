@@ -147,34 +147,6 @@ TEST_F(MediaImage, DataMayComeInAnyOrderAndAgain) {
     }
 }
 
-TEST_F(MediaImage, AReadGoesWholeRunByWholeRun) {
-    StartVolume(2);
-    ClipSpec clip;
-    clip.frames = 3;
-    clip.videoFields = {10, 10, 0, 0, 7, 3};
-    PutClip(u"run.RZV", clip);
-    const host::ScopedHandle handle = OpenClip(u"run.RZV");
-    const std::uint64_t data = HeaderBytes(clip) + 16;
-    static_cast<void>(ReadRange(handle, 0, 16));  // sets the image up
-    struct {
-        std::uint64_t offset;
-        std::size_t length;
-        std::uint64_t requests, blocks;
-    } const cases[] = {
-        {data, 30 * 512, 4, 30},        // one per field that is not empty
-        {data + 511, 1, 1, 1},          // one sector for one byte
-        {data + 100, 4096, 3, 9},       // head, run, tail
-        {data + 19 * 512, 1024, 2, 2},  // over the empty fields
-        {data - 16, 16, 0, 0},
-    };
-    for (const auto& test : cases) {
-        Board().ResetCounters();
-        static_cast<void>(ReadRange(handle, test.offset, test.length));
-        EXPECT_EQ(Board().Count().Of(board::Operation::kRead), test.requests) << "at " << test.offset - data;
-        EXPECT_EQ(Board().Count().blocksRead, test.blocks) << "at " << test.offset - data;
-    }
-}
-
 TEST_F(MediaImage, EachTransferAnswersForItsPlace) {
     StartVolume(1);
     std::mt19937 random(3);

@@ -14,11 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "core/card_instance.h"
-#include "core/global_data.h"
-#include "tests/support/machine_fixture.h"
-#include "volume/allocator.h"
-#include "volume/hw_volume.h"
+#include "tests/support/driver_fixture.h"
 #include "volume/records.h"
 
 namespace tests {
@@ -164,7 +160,7 @@ inline Bytes BuildImage(const ClipSpec& clip, bool asWritten) {
 }
 
 // A machine with one volume "VOL" over all its disks and a folder "F" on it.
-class MediaTest : public MachineTest {
+class MediaTest : public DriverTest {
   protected:
     static constexpr std::uint32_t kDiskBlocks = 32768;
     static constexpr std::uint32_t kLastLba = kDiskBlocks - 1;
@@ -228,10 +224,6 @@ class MediaTest : public MachineTest {
         EXPECT_TRUE(ReadRange(handle, 0, image.size() + 100) == image) << "image of seed " << clip.seed;
     }
 
-    static CardInstance* Card() { return CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link); }
-    static HwVolume* Volume() { return CONTAINING_RECORD(Card()->Hw.Volumes.Flink, HwVolume, Link); }
-    std::uint64_t FreeBlocks() { return VrkFsVolAllocGetFreeBlocks(&Volume()->Allocator); }
-
     Bytes RawBlocks(std::uint32_t position, std::uint32_t lba, std::uint32_t count) {
         Bytes bytes(std::size_t{count} * 512);
         EXPECT_TRUE(Board().DiskAt(ids_.at(position))->Read(lba, count, bytes.data()));
@@ -287,12 +279,7 @@ class MediaTest : public MachineTest {
             entry.Position = position;
             std::memcpy(entry.Name, u"VOL", 6);
             entry.Checksum = VrkFsHwCalcVolumeChecksum(&entry);
-            std::string error;
-            const std::filesystem::path path =
-                StationPath() / "card0" / ("scsi" + std::to_string(ids_[position]) + ".img");
-            std::optional<board::Disk> disk = board::Disk::Open(path.string(), {}, error);
-            ASSERT_TRUE(disk) << error;
-            ASSERT_TRUE(disk->Write(0, 2, &entry));
+            ASSERT_TRUE(OpenImage(ids_[position]).Write(0, 2, &entry));
         }
     }
 };

@@ -1,10 +1,8 @@
-// A body table saved beside the driver finds its way back at the next mount, once; and body tables on disk are read and
-// written within their bounds.
+// A body table saved beside the driver finds its way back at the next mount, once.
 #include <fstream>
 
 #include "tests/driver/volume_rig.h"
 #include "volume/backup.h"
-#include "volume/body_table_io.h"
 
 namespace tests {
 namespace {
@@ -131,78 +129,6 @@ TEST_F(VolumeBackup, WhoGetsItAndWhere) {
         EXPECT_EQ(Board().Count().Of(board::Operation::kWrite), 0u) << lba;
         Stop();
     }
-}
-
-class VolumeBodyTables : public VolumeBackup {
-  protected:
-    void SetUp() override {
-        VolumeTest::SetUp();
-        for (ULONG position = 0; position < 3; ++position) {
-            Put(position, 0, MakeVolumeEntry(u"V", 3, position));
-        }
-        PutFolder(0, 0, MakeFolder(u"F", {{0, 5000}}));
-        Put(0, 5000, MakeClip());
-        file_.Common = &common_;
-        common_.FileEntry = &clip_;
-        Start();
-        common_.VolumeHandle = Volume();
-    }
-    // The three disks in position order are 0, 1, 2.
-    void PutTable(ULONG lba, const std::vector<BodyTableNode>& nodes) {
-        std::vector<UCHAR> bytes((nodes.size() * 4 + 511) / 512 * 512);
-        std::memcpy(bytes.data(), nodes.data(), nodes.size() * 4);
-        ASSERT_TRUE(Board().DiskAt(0)->Write(lba, static_cast<ULONG>(bytes.size() / 512), bytes.data()));
-    }
-
-    FCB file_{};
-    FCBCommon common_{};
-    FileEntry clip_ = MakeClip();
-};
-
-TEST_F(VolumeBodyTables, RecordsThatLie) {
-    const struct {
-        const char* what;
-        std::function<void(FileEntry&)> change;
-        NTSTATUS expected;
-        bool tableReadable = expected == STATUS_SUCCESS;
-    } cases[] = {
-        {"more blocks than the frames need", [](FileEntry& e) { e.VideoBodyTableBlockCount = 900; }, STATUS_SUCCESS},
-        {"fewer", [](FileEntry& e) { e.VideoBodyTableBlockCount = 1; }, STATUS_UNSUCCESSFUL},
-        {"no frames", [](FileEntry& e) { e.FrameCount = 0; }, STATUS_SUCCESS},
-        {"frames beyond counting", [](FileEntry& e) { e.FrameCount = 0xFFFFFFFF; }, STATUS_UNSUCCESSFUL},
-        {"frames and blocks beyond counting",
-         [](FileEntry& e) {
-             e.FrameCount = 0x20000000;
-             e.VideoBodyTableBlockCount = 0xFFFFFFFF;
-         },
-         STATUS_UNSUCCESSFUL},
-        {"outside the data area", [](FileEntry& e) { e.VideoBodyTableLba = kRigFirstDir; }, STATUS_UNSUCCESSFUL},
-        {"beyond the disk", [](FileEntry& e) { e.VideoBodyTableLba = 0xFFFFFFFF; }, STATUS_UNSUCCESSFUL},
-        {"data that runs off the disk", [](FileEntry& e) { e.DataStartLba = kRigLastData; }, STATUS_UNSUCCESSFUL, true},
-        {"data that wraps", [](FileEntry& e) { e.DataStartLba = 0xFFFFFFFF; }, STATUS_UNSUCCESSFUL, true},
-    };
-    PutTable(kTable, std::vector<BodyTableNode>(2 * kFrames, {1, 1}));
-    for (const auto& c : cases) {
-        clip_ = MakeClip(0);
-        c.change(clip_);
-        std::vector<PlacedBodyTableNode> nodes(clip_.FrameCount <= kFrames ? 2 * kFrames : 0);
-        EXPECT_EQ(Locked([&] { return VrkFsHwReadBodyTableNodes(Hw(), &file_, nodes.data(), nullptr); }), c.expected)
-            << c.what;
-        const std::size_t needed = clip_.FrameCount <= kFrames ? VrkFsHwGetBodyTableSize(clip_.FrameCount) : 0;
-        std::vector<UCHAR> raw(needed + 512, 0xEE);
-        const NTSTATUS status = Locked([&] { return VrkFsHwReadBodyTable(Hw(), &file_, raw.data(), nullptr); });
-        EXPECT_EQ(NT_SUCCESS(status), c.tableReadable) << c.what;
-        EXPECT_EQ(raw[needed], 0xEE) << c.what << ": read past the frames";
-    }
-    // Nothing is written to blocks that are not a file's own.
-    std::vector<UCHAR> bytes(1024);
-    const std::uint64_t writes = Board().Count().Of(board::Operation::kWrite);
-    for (const ULONG lba : {0u, 1023u, 7000u, kTable + 1, kRigLastData, kRigFirstDir, 0xFFFFFFFFu}) {
-        EXPECT_EQ(Locked([&] { return VrkFsHwWriteBodyTable(Hw(), bytes.data(), nullptr, lba, 0, 1024, 0, Volume()); }),
-                  STATUS_UNSUCCESSFUL)
-            << lba;
-    }
-    EXPECT_EQ(Board().Count().Of(board::Operation::kWrite), writes);
 }
 
 }  // namespace

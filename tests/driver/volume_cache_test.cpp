@@ -83,19 +83,4 @@ TEST_F(VolumeCache, AgreesWithAPlainList) {
     EXPECT_GT(reused, 1000u) << "the list was hardly ever full";
 }
 
-TEST_F(VolumeCache, FoldersAreApart) {
-    auto folder = std::make_unique<DirEntry>();
-    for (ULONG i = 0; i <= kMaxCachedFolders; ++i) {
-        folder->CreationTime = i;
-        folder->Name[255] = static_cast<WCHAR>(i);
-        VrkFsVolCacheFolderEntryCache(&cache_, folder.get(), 2048 + 18 * i);
-    }
-    EXPECT_EQ(cache_.FolderCount, kMaxCachedFolders);
-    EXPECT_FALSE(VrkFsVolCacheFolderEntrySearch(&cache_, 2048, folder.get()));
-    EXPECT_EQ(Search(2048 + 18), -1);
-    ASSERT_TRUE(VrkFsVolCacheFolderEntrySearch(&cache_, 2048 + 18 * 256, folder.get()));
-    EXPECT_EQ(folder->CreationTime, 256u);
-    EXPECT_EQ(folder->Name[255], 256);
-}
-
 }  // namespace

@@ -21,25 +21,6 @@ ULONG PlainChecksum(const std::vector<UCHAR>& bytes) {
     return (b << 16) + a;
 }
 
-template <typename Record>
-std::vector<UCHAR> BytesWithoutChecksum(Record record) {
-    record.Checksum = 0;
-    std::vector<UCHAR> bytes(sizeof(Record));
-    std::memcpy(bytes.data(), &record, sizeof(Record));
-    return bytes;
-}
-
-template <typename Record>
-Record RandomRecord(std::mt19937& random) {
-    std::vector<UCHAR> bytes(sizeof(Record));
-    for (UCHAR& byte : bytes) {
-        byte = static_cast<UCHAR>(random());
-    }
-    Record record;
-    std::memcpy(&record, bytes.data(), sizeof(Record));
-    return record;
-}
-
 UNICODE_STRING Counted(const std::u16string& text) {
     UNICODE_STRING string{};
     string.Buffer = const_cast<PWSTR>(text.data());
@@ -81,33 +62,6 @@ TEST(VolumeChecksum, AgreesWithTheDefinition) {
     }
 }
 
-template <typename Record, typename Checksum>
-void ExpectRecordRules(Checksum checksum, ULONG type, std::mt19937& random) {
-    for (int round = 0; round < 20; ++round) {
-        Record record = RandomRecord<Record>(random);
-        record.Magic |= 1;
-        const Record before = record;
-        record.Checksum = checksum(&record);
-        EXPECT_EQ(record.Checksum, PlainChecksum(BytesWithoutChecksum(before)));
-        EXPECT_TRUE(VrkFsHwVerifyChecksum(&record, type, FALSE));
-        EXPECT_TRUE(VrkFsHwVerifyChecksum(&record, type, TRUE));
-        reinterpret_cast<UCHAR*>(&record)[sizeof(Record) - 1] ^= 1;
-        EXPECT_FALSE(VrkFsHwVerifyChecksum(&record, type, FALSE));
-        EXPECT_FALSE(VrkFsHwVerifyChecksum(&record, type, TRUE));
-        EXPECT_FALSE(VrkFsHwVerifyChecksum(&record, kHwRecordBodyTable, TRUE));
-    }
-    Record empty{};
-    EXPECT_FALSE(VrkFsHwVerifyChecksum(&empty, type, FALSE));
-    EXPECT_TRUE(VrkFsHwVerifyChecksum(&empty, type, TRUE));
-}
-
-TEST(VolumeChecksum, RecordsAsRead) {
-    std::mt19937 random(11);
-    ExpectRecordRules<VolumeEntry>(VrkFsHwCalcVolumeChecksum, kHwRecordVolumeEntry, random);
-    ExpectRecordRules<DirEntry>(VrkFsHwCalcFolderChecksum, kHwRecordDirEntry, random);
-    ExpectRecordRules<FileEntry>(VrkFsHwCalcFileChecksum, kHwRecordFileEntry, random);
-}
-
 TEST(VolumeNames, Valid) {
     const struct {
         std::u16string name;
@@ -130,18 +84,6 @@ TEST(VolumeNames, Valid) {
     for (const auto& c : cases) {
         const UNICODE_STRING name = Counted(c.name);
         EXPECT_EQ(VrkFsHwIsValidFilename(&name) != FALSE, c.valid) << c.name.size();
-    }
-}
-
-TEST(VolumeRecords, Sizes) {
-    const struct {
-        ULONG frames;
-        ULONGLONG table;
-        ULONGLONG nodes;
-    } cases[] = {{0, 0, 0}, {1, 512, 24}, {64, 512, 1536}, {65, 1024, 1560}, {0xFFFFFFFF, 34359738368, 103079215080}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(VrkFsHwGetBodyTableSize(c.frames), c.table) << c.frames;
-        EXPECT_EQ(VrkFsHwGetBodyTableNodesSize(c.frames), c.nodes) << c.frames;
     }
 }
 

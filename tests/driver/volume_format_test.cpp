@@ -93,23 +93,6 @@ TEST_F(VolumeFormat, NewVolumeInMemoryAndOnDisk) {
     EXPECT_EQ(DescribeVolumes(), "Sport(3,1)");
 }
 
-// A 256-character name has no terminator on disk, and is a name like any other.
-TEST_F(VolumeFormat, LongestName) {
-    Start();
-    const std::u16string name(256, u'n');
-    EXPECT_EQ(Run(name, {0}), Result(0));
-    const UNICODE_STRING counted = CountedName(name);
-    HwVolume* volume = nullptr;
-    EXPECT_TRUE(Locked([&] { return VrkFsHwOpenVolume(Hw(), &counted, &volume); }));
-    VrkFsHwCloseVolume(Hw(), volume);
-    OpenedFolder folder;
-    EXPECT_EQ(CreateFolder(std::u16string(256, u'f'), folder), STATUS_SUCCESS);
-    Restart();
-    OpenFolder(folder, 0);
-    EXPECT_EQ(NameOf(folder.image.Name).size(), 256u);
-    EXPECT_EQ(ListFolders(), "0:" + std::string(256, 'f'));
-}
-
 TEST_F(VolumeFormat, OldVolumesLoseTheirDisks) {
     Start();
     ASSERT_EQ(Run(u"A", {0, 1}), Result(0));
@@ -124,24 +107,6 @@ TEST_F(VolumeFormat, OldVolumesLoseTheirDisks) {
     EXPECT_EQ(Run(u"C", {3}), Result(-28));
     EXPECT_EQ(Run(u"D", {3}), Result(0));
     EXPECT_EQ(DescribeVolumes(), "a(0,-)!incomplete C(1,2) D(3)");
-}
-
-// After any failed write no disk of the request belongs to a volume, the result is not written, and the same request
-// works when the disk does.
-TEST_F(VolumeFormat, EveryWriteCanFail) {
-    Start();
-    const std::uint64_t writes = 2 + 256;
-    for (std::uint64_t n = 0; n < writes; n += n < 3 || n > 250 ? 1 : 50) {
-        FailWrites(0, 0xFFFFFFFF, n);
-        const Outcome outcome = Run(u"V", {0, 1});
-        EXPECT_FALSE(NT_SUCCESS(outcome.status)) << n;
-        EXPECT_EQ(outcome.result, kNotWritten) << n;
-        EXPECT_EQ(DescribeVolumes(), "") << n;
-        EXPECT_EQ(Hw()->Devices[0].Volume, nullptr);
-        Board().Misbehave().Clear();
-    }
-    EXPECT_EQ(Run(u"V", {0, 1}), Result(0));
-    EXPECT_EQ(DescribeVolumes(), "V(0,1)");
 }
 
 }  // namespace

@@ -22,11 +22,7 @@ class VolumeReports : public VolumeTest {
         PutFolder(0, 1, MakeFolder(u"G"));
         Put(0, 5000, MakePlainFile(u"a"));
         Start();
-        nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
-        FileType row{};
-        row.TypeCode = 7;
-        std::memcpy(row.Extension, u"XYZ", sizeof(row.Extension));
-        ASSERT_EQ(VrkFsGlobAddFileType(pVrkFsGlobalData, &row), STATUS_SUCCESS);
+        AddType(u"XYZ");
     }
     void TearDown() override {
         static_cast<void>(Heard());

@@ -9,18 +9,12 @@
 #include <utility>
 #include <vector>
 
-#include "core/card_instance.h"
-#include "core/device_ext.h"
-#include "core/global_data.h"
-#include "core/guards.h"
 #include "fsd/fcb.h"
 #include "fsd/fcb_common.h"
 #include "media/directory.h"
-#include "nt/kernel.h"
 #include "storage/hw_context.h"
-#include "tests/support/machine_fixture.h"
+#include "tests/support/driver_fixture.h"
 #include "volume/entries.h"
-#include "volume/hw_volume.h"
 #include "volume/records.h"
 
 namespace tests {
@@ -31,14 +25,6 @@ inline constexpr ULONG kRigFirstDir = kRigLastLba - 4607;
 inline constexpr ULONG kRigLastData = kRigFirstDir - 1;
 inline constexpr ULONG kRigDataBlocks = kRigLastLba - 5631;
 inline constexpr ULONGLONG kRigTime = 0x01C0000000000000;
-
-inline UNICODE_STRING CountedName(const std::u16string& text) {
-    UNICODE_STRING string{};
-    string.Buffer = const_cast<PWSTR>(text.data());
-    string.Length = static_cast<USHORT>(text.size() * sizeof(WCHAR));
-    string.MaximumLength = string.Length;
-    return string;
-}
 
 inline void SetName(WCHAR (&field)[kRecordNameChars], const std::u16string& name) {
     std::memset(field, 0, sizeof(field));
@@ -106,7 +92,7 @@ struct OpenedFolder {
     OpenedFolder& operator=(const OpenedFolder&) = delete;
 };
 
-class VolumeTest : public MachineTest {
+class VolumeTest : public DriverTest {
   protected:
     void SetUp() override { MakeStation(4, std::uint64_t{kRigBlocks} * 512); }
 
@@ -127,12 +113,6 @@ class VolumeTest : public MachineTest {
     void ResizeDisk(std::uint32_t id, ULONG blocks) {
         std::filesystem::resize_file(ImagePath(id), std::uint64_t{blocks} * 512);
     }
-    board::Disk OpenImage(std::uint32_t id) {
-        std::string error;
-        std::optional<board::Disk> disk = board::Disk::Open(ImagePath(id).string(), {}, error);
-        EXPECT_TRUE(disk) << error;
-        return std::move(*disk);
-    }
     std::filesystem::path ImagePath(std::uint32_t id) const {
         return StationPath() / "card0" / ("scsi" + std::to_string(id) + ".img");
     }
@@ -142,7 +122,7 @@ class VolumeTest : public MachineTest {
 
     // With one attempt for each record, so that an ordered failure is a failure.
     void Start() {
-        MachineTest::Start();
+        DriverTest::Start();
         if (machine_) {
             Card()->ScsiPrefs = {};
         }
@@ -152,18 +132,6 @@ class VolumeTest : public MachineTest {
         Start();
     }
 
-    static CardInstance* Card() { return CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link); }
-    static HwContext* Hw() { return &Card()->Hw; }
-    static VCB* Vcb() { return &VrkFsDiskExtOfDevice(Card()->DiskDevice)->Vcb; }
-    static std::vector<HwVolume*> Volumes() {
-        std::vector<HwVolume*> volumes;
-        for (PLIST_ENTRY link = Hw()->Volumes.Flink; link != &Hw()->Volumes; link = link->Flink) {
-            volumes.push_back(CONTAINING_RECORD(link, HwVolume, Link));
-        }
-        return volumes;
-    }
-    static HwVolume* Volume(std::size_t index = 0) { return Volumes().at(index); }
-    static ULONGLONG FreeBlocks() { return VrkFsVolAllocGetFreeBlocks(&Volume()->Allocator); }
     // "NEWS(1) OLD(5,-)!incomplete": every volume with its devices and what hides it.
     static std::string DescribeVolumes() {
         std::string text;
@@ -179,16 +147,6 @@ class VolumeTest : public MachineTest {
             text += (volume->Flags & kVolumeNameConflict) != 0 ? "!conflict" : "";
         }
         return text;
-    }
-
-    // Runs the routine as the driver's code under the lock that a create or a set request holds.
-    template <typename Routine>
-    static auto Locked(Routine routine) {
-        nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
-        CriticalRegionGuard region;
-        ResourceGuard volume;
-        volume.Exclusive(&Vcb()->Resource);
-        return routine();
     }
 
     static void OpenFolder(OpenedFolder& folder, ULONG slot, HwVolume* volume = nullptr) {

@@ -23,22 +23,6 @@ NTSTATUS Wait(PVOID object, const LONGLONG* ticks = nullptr) {
 using DispatcherTest = KernelTest;
 using ClockTest = ManualClockTest;
 
-TEST_F(DispatcherTest, WaitsForSeveralObjectsTakeOneOrAllOfThem) {
-    KEVENT a;
-    KEVENT b;
-    KeInitializeEvent(&a, SynchronizationEvent, FALSE);
-    KeInitializeEvent(&b, SynchronizationEvent, TRUE);
-    PVOID objects[] = {&a, &b};
-    LARGE_INTEGER now = Ticks(0);
-    const auto wait = [&](WAIT_TYPE type) {
-        return KeWaitForMultipleObjects(2, objects, type, Executive, KernelMode, FALSE, &now, nullptr);
-    };
-    EXPECT_EQ(wait(WaitAll), STATUS_TIMEOUT);
-    EXPECT_EQ(KeReadStateEvent(&b), 1);  // nothing is taken by half
-    EXPECT_EQ(wait(WaitAny), STATUS_WAIT_1);
-    EXPECT_EQ(wait(WaitAny), STATUS_TIMEOUT);
-}
-
 // The waiter owns the event's memory and frees it as soon as it runs: the setter must not look back.
 TEST_F(DispatcherTest, AWaiterMayFreeTheEventAsSoonAsItIsLetGo) {
     std::atomic<KEVENT*> shared{nullptr};
@@ -58,18 +42,6 @@ TEST_F(DispatcherTest, AWaiterMayFreeTheEventAsSoonAsItIsLetGo) {
     }
     stop = true;
     setter.join();
-}
-
-TEST_F(DispatcherTest, RealTimeOutsEnd) {
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    const LONGLONG relative = -5 * nt::kTicksPerMillisecond;
-    EXPECT_EQ(Wait(&event, &relative), STATUS_TIMEOUT);
-    const LONGLONG absolute = nt::ClockNow() + 5 * nt::kTicksPerMillisecond;
-    EXPECT_EQ(Wait(&event, &absolute), STATUS_TIMEOUT);
-    EXPECT_GE(nt::ClockNow(), absolute);
-    const LONGLONG past = 1;
-    EXPECT_EQ(Wait(&event, &past), STATUS_TIMEOUT);
 }
 
 // ---- resources ----

@@ -50,41 +50,6 @@ class ErrorLogTest : public tests::StationTest {
     PDRIVER_OBJECT driver_ = nullptr;
 };
 
-int g_violations;
-
-TEST_F(ErrorLogTest, PartsOutsideTheEntryAreRefused) {
-    struct Case {
-        USHORT dumpSize;
-        USHORT stringOffset;
-        USHORT strings;
-        WCHAR fill;
-        bool good;
-    };
-    const Case cases[] = {
-        {56, 100, 0, 0, true}, {60, 104, 0, 0, false},    {0xFFFF, 44, 0, 0, false}, {0, 94, 1, 0, true},
-        {0, 95, 1, 0, false},  {0, 44, 1, u'x', false},   {0, 0xFFFF, 1, 0, false},  {0, 44, 26, 0, true},
-        {0, 44, 27, 0, false}, {0, 44, 0xFFFF, 0, false}, {0, 0, 1, 0, false},
-    };
-    const auto before = nt::SetViolationHandler([](const char*) { ++g_violations; });
-    size_t good = 0;
-    for (const Case& c : cases) {
-        auto* const packet = static_cast<PIO_ERROR_LOG_PACKET>(IoAllocateErrorLogEntry(driver_, 96));
-        ASSERT_NE(packet, nullptr);
-        for (size_t i = 20; i < 48; ++i) {
-            std::memcpy(reinterpret_cast<UCHAR*>(packet) + i * 2, &c.fill, 2);
-        }
-        packet->DumpDataSize = c.dumpSize;
-        packet->StringOffset = c.stringOffset;
-        packet->NumberOfStrings = c.strings;
-        g_violations = 0;
-        IoWriteErrorLogEntry(packet);
-        EXPECT_EQ(g_violations, c.good ? 0 : 1) << c.dumpSize << " " << c.stringOffset << " " << c.strings;
-        good += c.good;
-    }
-    nt::SetViolationHandler(before);
-    EXPECT_EQ(nt::ReadEventLog(files_.eventLog).entries.size(), good);
-}
-
 TEST_F(ErrorLogTest, TornAndDamagedRecordsCostOnlyThemselves) {
     ASSERT_TRUE(Log(driver_, 1, {u"one"}));
     ASSERT_TRUE(Log(driver_, 2, {u"two"}));
@@ -108,37 +73,6 @@ TEST_F(ErrorLogTest, TornAndDamagedRecordsCostOnlyThemselves) {
     const nt::EventLogContents log = nt::ReadEventLog(files_.eventLog);
     EXPECT_EQ(log.entries.size(), 2u);
     EXPECT_EQ(log.damagedRecords, 6u);
-}
-
-TEST_F(ErrorLogTest, ALongLogMovesAside) {
-    ASSERT_TRUE(Log(driver_, 1, {u"old"}));
-    const std::string line = tests::ReadFile(files_.eventLog);
-    std::string filler;
-    while (filler.size() < (8 << 20)) {
-        filler += std::string(4000, ' ') + "\n";
-    }
-    tests::WriteFile(files_.eventLog, line + filler);
-    ASSERT_TRUE(Log(driver_, 2, {u"new"}));
-    EXPECT_LT(std::filesystem::file_size(files_.eventLog), 1000u);
-    const nt::EventLogContents log = nt::ReadEventLog(files_.eventLog);
-    ASSERT_EQ(log.entries.size(), 2u);
-    EXPECT_EQ(log.entries[0].strings[0], u"old");
-    EXPECT_EQ(log.entries[1].strings[0], u"new");
-}
-
-TEST_F(ErrorLogTest, NoFileNoTrouble) {
-    EXPECT_TRUE(nt::ReadEventLog(files_.eventLog).entries.empty());
-    EXPECT_EQ(nt::ReadEventLog(files_.eventLog).error, "");
-    std::filesystem::create_directory(files_.eventLog);
-    EXPECT_TRUE(Log(driver_, 1, {u"lost"}));
-    EXPECT_NE(nt::ReadEventLog(files_.eventLog).error, "");
-    EXPECT_NE(nt::AttachStation(files_), "");
-    std::filesystem::remove(files_.eventLog);
-
-    files_.readOnly = true;
-    ASSERT_EQ(nt::AttachStation(files_), "");
-    EXPECT_TRUE(Log(driver_, 1, {u"dropped"}));
-    EXPECT_FALSE(std::filesystem::exists(files_.eventLog));
 }
 
 }  // namespace

@@ -80,31 +80,4 @@ TEST_F(FilesTest, NamesLeadNowhereElse) {
     }
 }
 
-TEST_F(FilesTest, DeleteOnClose) {
-    tests::WriteFile(backup_, "once");
-    HANDLE file = nullptr;
-    EXPECT_EQ(Open(kBackup, &file, kRead, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Open(kBackup, &file, kRead | GENERIC_WRITE), STATUS_NOT_IMPLEMENTED);
-    ASSERT_EQ(Open(kBackup, &file, kRead | DELETE, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_SUCCESS);
-    EXPECT_TRUE(fs::exists(backup_));
-    HANDLE second = nullptr;
-    EXPECT_EQ(Open(kBackup, &second), STATUS_SHARING_VIOLATION);  // it does not share the right to delete
-    ZwClose(file);
-    EXPECT_FALSE(fs::exists(backup_));
-    EXPECT_EQ(Open(kBackup, &file, kRead | DELETE, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_OBJECT_NAME_NOT_FOUND);
-
-    // Another file that took the name meanwhile stays.
-    tests::WriteFile(backup_, "first");
-    ASSERT_EQ(Open(kBackup, &file, kRead | DELETE, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_SUCCESS);
-    fs::rename(backup_, directory_ / "moved");
-    tests::WriteFile(backup_, "second");
-    ZwClose(file);
-    EXPECT_EQ(tests::ReadFile(backup_), "second");
-
-    files_.readOnly = true;
-    ASSERT_EQ(Reboot(), "");
-    EXPECT_EQ(Open(kBackup, &file, kRead | DELETE, kSynchronous | FILE_DELETE_ON_CLOSE), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(tests::ReadFile(backup_), "second");
-}
-
 }  // namespace

@@ -17,42 +17,6 @@ bool Matches(std::u16string_view expression, std::u16string_view name, bool igno
     return FsRtlIsNameInExpression(&expressionString, &nameString, ignoreCase, nullptr) != FALSE;
 }
 
-TEST(NameInExpression, Table) {
-    struct Case {
-        std::u16string_view expression;
-        std::u16string_view name;
-        bool matches;
-    };
-    const Case cases[] = {
-        {u"*", u"", false},
-        {u"*", u"a.b.c", true},
-        {u"f_*.*", u"f_1", false},
-        {u"f_*.*", u"f_.x", true},
-        {u"*a*ab*abc", u"aabaabcdadabdabc", true},
-        {u"*a*ab*abd", u"aabaabcdadabdabc", false},
-        {u"*.???", u"take.rzv", true},
-        {u"*.???", u"take.rz", false},
-        // DOS star: any run up to the last dot and, if needed, including it.
-        {u"<.c", u"a.b.c", true},
-        {u"<", u"a.b", false},  // The run ends with the last dot.
-        {u"ab<exe", u"abcd.exe", true},
-        // DOS question mark: one character, or the end of its run at a dot or the end.
-        {u">>>.c", u"a.c", true},
-        {u">>>.c", u"abcd.c", false},
-        // DOS dot: a dot, or nothing at the end.
-        {u"a\"", u"a", true},
-        {u"\"", u"a", false},
-        // Nothing but the wildcards is special.
-        {u"[ab]", u"a", false},
-        {std::u16string_view(u"a\0b", 3), std::u16string_view(u"a\0b", 3), true},
-        {std::u16string_view(u"a*\0b", 4), std::u16string_view(u"axx\0b", 5), true},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(Matches(c.expression, c.name), c.matches)
-            << nt::Utf8FromWide(c.expression) << " on " << nt::Utf8FromWide(c.name);
-    }
-}
-
 TEST(NameInExpression, IgnoringCaseUpcasesTheNameOnly) {
     EXPECT_TRUE(Matches(u"T*1", u"take1", true));
     EXPECT_FALSE(Matches(u"t*1", u"TAKE1", true));

@@ -97,38 +97,4 @@ TEST_F(SystemTest, TheEndOfAProcessCancelsAwaitsThenClosesInOrder) {
     EXPECT_EQ(process->Read(handle, &status, nullptr, 0, &offset), STATUS_PROCESS_IS_TERMINATING);
 }
 
-TEST_F(SystemTest, HandlesAreOfTheirProcessTypeAndAccess) {
-    const nt::Handle handle = Open(u"\\??\\T:\\f", FILE_SYNCHRONOUS_IO_NONALERT, FILE_READ_DATA | SYNCHRONIZE);
-    nt::Process other("other");
-    const auto reference = [](nt::Process& p, nt::Handle value, ACCESS_MASK access, POBJECT_TYPE type,
-                              KPROCESSOR_MODE mode) {
-        const nt::AttachProcess attach(p.Object());
-        PVOID object = nullptr;
-        const NTSTATUS status =
-            ObReferenceObjectByHandle(nt::HandleFromValue(value), access, type, mode, &object, nullptr);
-        if (NT_SUCCESS(status)) {
-            ObfDereferenceObject(object);
-        }
-        return status;
-    };
-    EXPECT_EQ(reference(*process, handle, FILE_READ_DATA, *IoFileObjectType, UserMode), STATUS_SUCCESS);
-    EXPECT_EQ(reference(*process, handle, FILE_WRITE_DATA, *IoFileObjectType, UserMode), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(reference(*process, handle, FILE_WRITE_DATA, *IoFileObjectType, KernelMode), STATUS_SUCCESS);
-    EXPECT_EQ(reference(*process, handle, 0, *PsThreadType, UserMode), STATUS_OBJECT_TYPE_MISMATCH);
-    EXPECT_EQ(reference(*process, handle, 0, nullptr, UserMode), STATUS_SUCCESS);      // without a type, anything
-    EXPECT_EQ(reference(*process, 0xFFFFFFFF, 0, nullptr, UserMode), STATUS_SUCCESS);  // even the process itself
-    EXPECT_EQ(reference(other, handle, 0, nullptr, UserMode), STATUS_INVALID_HANDLE);
-    for (const nt::Handle wrong : {0u, 1u, handle + 1, handle + 4, 0x7FFFFFFCu, 0x80000004u}) {
-        EXPECT_EQ(reference(*process, wrong, 0, nullptr, UserMode), STATUS_INVALID_HANDLE) << wrong;
-    }
-    // A closed handle's value rests for a while, so that a stale one does not find another file.
-    EXPECT_EQ(process->Close(handle), STATUS_SUCCESS);
-    for (int i = 0; i < 8; i++) {
-        const nt::Handle next = Open(u"\\??\\T:\\g");
-        EXPECT_NE(next, handle);
-        process->Close(next);
-    }
-    EXPECT_EQ(reference(*process, handle, 0, nullptr, UserMode), STATUS_INVALID_HANDLE);
-}
-
 }  // namespace

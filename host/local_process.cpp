@@ -1,5 +1,6 @@
 #include "host/local_process.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -61,41 +62,55 @@ struct LocalProcess::PendingRequest {
 
 LocalProcess::~LocalProcess() {
     process_.Exit();  // awaits every request, so no completion finds this object gone, and no transfer its memory
-    for (const NamedMemory& memory : memory_) {
-        munmap(memory.bytes.data(), memory.bytes.size());
+    for (const Block& block : blocks_) {
+        munmap(block.address, block.size);
     }
     for (const auto& [address, size] : views_) {
         munmap(address, size);
     }
 }
 
-// Starts `call(statusBlock, overlapped)`; `done` is called once unless the status returned is a failure.
-template <typename Call>
-Status LocalProcess::Begin(Completion done, RequestId* id, Call call) {
-    auto request = std::make_shared<PendingRequest>();
-    request->owner = this;
-    request->done = std::move(done);
-    request->overlapped = {&LocalProcess::Finished, request.get(), nullptr};
+// The way of a request that may outlast its call. Its result; `done` is called once if that is pending, else never.
+IoResult LocalProcess::Issue(const Request& request, std::shared_ptr<PendingRequest> pending, RequestId* id) {
+    pending->owner = this;
+    pending->overlapped = {&LocalProcess::Finished, pending.get(), nullptr, !request.overlappedOnly};
     {
         const std::lock_guard hold(pendingLock_);
-        request->id = nextId_++;
-        pending_.emplace(request->id, request);
+        pending->id = nextId_++;
+        if (id != nullptr) {
+            *id = pending->id;
+        }
+        pending_.emplace(pending->id, pending);
     }
-    if (id != nullptr) {
-        *id = request->id;
-    }
-    const NTSTATUS status = call(&request->block, &request->overlapped);
+    const NTSTATUS status = Send(request, &pending->block, &pending->overlapped);
     if (status == STATUS_PENDING) {
-        return status::kPending;
+        return {status::kPending};
     }
-    {
-        const std::lock_guard hold(pendingLock_);
-        pending_.erase(request->id);
+    const std::lock_guard hold(pendingLock_);
+    pending_.erase(pending->id);
+    return ResultOf(status, pending->block);
+}
+
+IoResult LocalProcess::Start(const Request& request, Completion done, RequestId* id) {
+    auto pending = std::make_shared<PendingRequest>();
+    pending->done = std::move(done);
+    return Issue(request, std::move(pending), id);
+}
+
+Status LocalProcess::StartOverlapped(Request request, Completion done, RequestId* id) {
+    auto pending = std::make_shared<PendingRequest>();
+    pending->done = std::move(done);
+    request.overlappedOnly = true;
+    const IoResult result = Issue(request, pending, id);
+    if (result.status.Ok() && !result.status.Pending()) {
+        pending->done(result);
     }
-    if (NT_SUCCESS(status)) {
-        request->done(ResultOf(status, request->block));
-    }
-    return Status{static_cast<std::uint32_t>(status)};
+    return result.status;
+}
+
+IoResult LocalProcess::WaitFor(const Request& request) {
+    return Wait(
+        [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) { return Send(request, block, overlapped); });
 }
 
 void LocalProcess::Finished(void* context, const IO_STATUS_BLOCK& status) {
@@ -136,22 +151,6 @@ Status LocalProcess::Close(Handle handle) {
     return Status{static_cast<std::uint32_t>(process_.Close(handle))};
 }
 
-IoResult LocalProcess::Read(Handle handle, std::span<std::byte> buffer, std::optional<std::uint64_t> offset) {
-    const LONGLONG place = static_cast<LONGLONG>(offset.value_or(0));
-    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.Read(handle, block, buffer.data(), Length(buffer.size()), offset ? &place : nullptr,
-                             overlapped);
-    });
-}
-
-IoResult LocalProcess::Write(Handle handle, std::span<const std::byte> buffer, std::optional<std::uint64_t> offset) {
-    const LONGLONG place = static_cast<LONGLONG>(offset.value_or(0));
-    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.Write(handle, block, buffer.data(), Length(buffer.size()), offset ? &place : nullptr,
-                              overlapped);
-    });
-}
-
 IoResult LocalProcess::QueryInformation(Handle handle, std::uint32_t informationClass, std::span<std::byte> buffer) {
     IO_STATUS_BLOCK block{};
     return ResultOf(process_.QueryInformation(handle, &block, buffer.data(), Length(buffer.size()),
@@ -183,32 +182,61 @@ IoResult LocalProcess::SetVolumeInformation(Handle handle, std::uint32_t informa
                     block);
 }
 
+NTSTATUS LocalProcess::Send(const Request& request, IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
+    const LONGLONG place = static_cast<LONGLONG>(request.offset.value_or(0));
+    const LONGLONG* const offset = request.offset ? &place : nullptr;
+    const Handle handle = request.handle;
+    std::byte* const out = request.out.data();
+    const ULONG outLength = Length(request.out.size());
+    const std::byte* const in = request.in.data();
+    const ULONG inLength = Length(request.in.size());
+    switch (request.kind) {
+        case Request::Kind::kRead:
+            return process_.Read(handle, block, out, outLength, offset, overlapped);
+        case Request::Kind::kWrite:
+            return process_.Write(handle, block, in, inLength, offset, overlapped);
+        case Request::Kind::kQueryDirectory: {
+            const DirectoryQuery& query = *request.query;
+            nt::Process::DirectoryQuery asked;
+            asked.informationClass = static_cast<FILE_INFORMATION_CLASS>(query.informationClass);
+            asked.restart = query.restart;
+            asked.singleEntry = query.singleEntry;
+            asked.fileIndex = query.index ? &*query.index : nullptr;
+            asked.pattern = query.pattern ? &*query.pattern : nullptr;
+            return process_.QueryDirectory(handle, block, out, outLength, asked, overlapped);
+        }
+        case Request::Kind::kNotify:
+            return process_.NotifyChangeDirectory(handle, block, out, outLength, request.code, request.tree,
+                                                  overlapped);
+        case Request::Kind::kDeviceControl:
+            return process_.DeviceControl(handle, block, request.code, in, inLength, out, outLength, overlapped);
+        default:
+            return process_.FsControl(handle, block, request.code, in, inLength, out, outLength, overlapped);
+    }
+}
+
+using Kind = LocalProcess::Request::Kind;
+
+IoResult LocalProcess::Read(Handle handle, std::span<std::byte> buffer, std::optional<std::uint64_t> offset) {
+    return WaitFor({.kind = Kind::kRead, .handle = handle, .offset = offset, .out = buffer});
+}
+
+IoResult LocalProcess::Write(Handle handle, std::span<const std::byte> buffer, std::optional<std::uint64_t> offset) {
+    return WaitFor({.kind = Kind::kWrite, .handle = handle, .offset = offset, .in = buffer});
+}
+
 IoResult LocalProcess::QueryDirectory(Handle handle, const DirectoryQuery& query, std::span<std::byte> buffer) {
-    nt::Process::DirectoryQuery asked;
-    asked.informationClass = static_cast<FILE_INFORMATION_CLASS>(query.informationClass);
-    asked.restart = query.restart;
-    asked.singleEntry = query.singleEntry;
-    asked.fileIndex = query.index ? &*query.index : nullptr;
-    asked.pattern = query.pattern ? &*query.pattern : nullptr;
-    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.QueryDirectory(handle, block, buffer.data(), Length(buffer.size()), asked, overlapped);
-    });
+    return WaitFor({.kind = Kind::kQueryDirectory, .handle = handle, .query = &query, .out = buffer});
 }
 
 IoResult LocalProcess::DeviceControl(Handle handle, std::uint32_t code, std::span<const std::byte> in,
                                      std::span<std::byte> out) {
-    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.DeviceControl(handle, block, code, in.data(), Length(in.size()), out.data(), Length(out.size()),
-                                      overlapped);
-    });
+    return WaitFor({.kind = Kind::kDeviceControl, .handle = handle, .code = code, .in = in, .out = out});
 }
 
 IoResult LocalProcess::FileSystemControl(Handle handle, std::uint32_t code, std::span<const std::byte> in,
                                          std::span<std::byte> out) {
-    return Wait([&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.FsControl(handle, block, code, in.data(), Length(in.size()), out.data(), Length(out.size()),
-                                  overlapped);
-    });
+    return WaitFor({.kind = Kind::kFileSystemControl, .handle = handle, .code = code, .in = in, .out = out});
 }
 
 Status LocalProcess::Flush(Handle handle) {
@@ -218,34 +246,26 @@ Status LocalProcess::Flush(Handle handle) {
 
 Status LocalProcess::ReadOverlapped(Handle handle, std::span<std::byte> buffer, std::uint64_t offset, Completion done,
                                     RequestId* id) {
-    const LONGLONG place = static_cast<LONGLONG>(offset);
-    return Begin(std::move(done), id, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.Read(handle, block, buffer.data(), Length(buffer.size()), &place, overlapped);
-    });
+    return StartOverlapped({.kind = Kind::kRead, .handle = handle, .offset = offset, .out = buffer}, std::move(done),
+                           id);
 }
 
 Status LocalProcess::WriteOverlapped(Handle handle, std::span<const std::byte> buffer, std::uint64_t offset,
                                      Completion done, RequestId* id) {
-    const LONGLONG place = static_cast<LONGLONG>(offset);
-    return Begin(std::move(done), id, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.Write(handle, block, buffer.data(), Length(buffer.size()), &place, overlapped);
-    });
+    return StartOverlapped({.kind = Kind::kWrite, .handle = handle, .offset = offset, .in = buffer}, std::move(done),
+                           id);
 }
 
 Status LocalProcess::DeviceControlOverlapped(Handle handle, std::uint32_t code, std::span<const std::byte> in,
                                              std::span<std::byte> out, Completion done, RequestId* id) {
-    return Begin(std::move(done), id, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.DeviceControl(handle, block, code, in.data(), Length(in.size()), out.data(), Length(out.size()),
-                                      overlapped);
-    });
+    return StartOverlapped({.kind = Kind::kDeviceControl, .handle = handle, .code = code, .in = in, .out = out},
+                           std::move(done), id);
 }
 
 Status LocalProcess::NotifyChangeDirectory(Handle handle, std::uint32_t filter, bool tree, std::span<std::byte> buffer,
                                            Completion done, RequestId* id) {
-    return Begin(std::move(done), id, [&](IO_STATUS_BLOCK* block, const nt::Overlapped* overlapped) {
-        return process_.NotifyChangeDirectory(handle, block, buffer.data(), Length(buffer.size()), filter, tree,
-                                              overlapped);
-    });
+    return StartOverlapped({.kind = Kind::kNotify, .tree = tree, .handle = handle, .code = filter, .out = buffer},
+                           std::move(done), id);
 }
 
 void LocalProcess::Cancel(RequestId id) {
@@ -267,7 +287,54 @@ void LocalProcess::CancelAll(Handle handle) {
 
 // ---- Memory ----
 
-Status LocalProcess::AllocateMemory(std::size_t size, NamedMemory& memory) {
+namespace {
+
+// Anonymous memory; if it is shared, through a file that nobody can resize and whose pages are all there, so that
+// whoever touches it finds them.
+std::byte* MapMemory(std::size_t size, int* descriptor) {
+    void* made = MAP_FAILED;
+    if (descriptor == nullptr) {
+        made = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        return made == MAP_FAILED ? nullptr : static_cast<std::byte*>(made);
+    }
+    const int file = memfd_create("memory", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (file < 0) {
+        return nullptr;
+    }
+    if (fallocate(file, 0, 0, static_cast<off_t>(size)) == 0 &&
+        fcntl(file, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0) {
+        made = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    }
+    if (made == MAP_FAILED) {
+        close(file);
+        return nullptr;
+    }
+    *descriptor = file;
+    return static_cast<std::byte*>(made);
+}
+
+constexpr std::uint32_t kNoBlock = 0xFFFFFFFF;
+
+}  // namespace
+
+// A block in nobody's use, zeroed.
+std::uint32_t LocalProcess::TakeBlock(std::size_t whole, Share* share) {
+    const bool shared = share != nullptr;
+    if (const auto idle = idle_.find({shared, whole}); idle != idle_.end()) {
+        const std::uint32_t number = idle->second;
+        idle_.erase(idle);
+        std::memset(blocks_[number].address, 0, whole);
+        return number;
+    }
+    std::byte* const address = MapMemory(whole, shared ? &share->descriptor : nullptr);
+    if (address == nullptr) {
+        return kNoBlock;
+    }
+    blocks_.push_back({address, whole, shared});
+    return static_cast<std::uint32_t>(blocks_.size() - 1);
+}
+
+Status LocalProcess::Allocate(std::size_t size, NamedMemory& memory, Share* share) {
     constexpr std::size_t kPage = 4096;
     constexpr std::size_t kLimit = std::size_t{1} << 30;
     if (size == 0 || size > kLimit) {
@@ -275,27 +342,40 @@ Status LocalProcess::AllocateMemory(std::size_t size, NamedMemory& memory) {
     }
     const std::size_t whole = (size + kPage - 1) & ~(kPage - 1);
     const std::lock_guard hold(memoryLock_);
-    std::byte* address = nullptr;
-    if (const auto idle = idle_.find(whole); idle != idle_.end()) {
-        address = idle->second;
-        idle_.erase(idle);
-        std::memset(address, 0, whole);
-    } else {
-        void* const made = mmap(nullptr, whole, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (made == MAP_FAILED) {
-            return Status{static_cast<std::uint32_t>(STATUS_INSUFFICIENT_RESOURCES)};
-        }
-        address = static_cast<std::byte*>(made);
-        memory_.push_back({{address, whole}, 0});
+    const std::uint32_t number = TakeBlock(whole, share);
+    if (number == kNoBlock) {
+        return status::kInsufficientResources;
     }
+    std::byte* const address = blocks_[number].address;
     const std::uint32_t name = NtUserTokenCreate(process_.Object(), address, size);
     if (name == 0) {
-        idle_.emplace(whole, address);
-        return Status{static_cast<std::uint32_t>(STATUS_INSUFFICIENT_RESOURCES)};
+        // The block stays for another time, but whoever is to map it has not been told of it.
+        if (share == nullptr || share->descriptor < 0) {
+            idle_.emplace(std::pair{share != nullptr, whole}, number);
+        } else {
+            close(share->descriptor);
+            munmap(address, whole);
+            blocks_.pop_back();
+            share->descriptor = -1;
+        }
+        return status::kInsufficientResources;
     }
-    named_[name] = {address, whole};
+    named_[name] = number;
     memory = {{address, size}, name};
-    return Status{STATUS_SUCCESS};
+    if (share != nullptr) {
+        share->number = number;
+        share->bytes = whole;
+    }
+    return status::kSuccess;
+}
+
+Status LocalProcess::AllocateMemory(std::size_t size, NamedMemory& memory) {
+    return Allocate(size, memory, nullptr);
+}
+
+Status LocalProcess::AllocateShared(std::size_t size, NamedMemory& memory, Share& share) {
+    share = {};
+    return Allocate(size, memory, &share);
 }
 
 void LocalProcess::FreeMemory(const NamedMemory& memory) {
@@ -306,11 +386,14 @@ void LocalProcess::FreeMemory(const NamedMemory& memory) {
         return;
     }
     NtUserTokenRelease(memory.name);
-    idle_.emplace(named->second.size(), named->second.data());
+    const Block& block = blocks_[named->second];
+    idle_.emplace(std::pair{block.shared, block.size}, named->second);
     named_.erase(named);
 }
 
-Status LocalProcess::MapSection(std::u16string_view name, bool writable, SectionView& view) {
+// ---- Sections ----
+
+Status LocalProcess::OpenSection(std::u16string_view name, bool writable, OpenedSection& opened) {
     nt::SectionDescriptor section;
     std::uint32_t handle = 0;
     const ACCESS_MASK access = SECTION_MAP_READ | (writable ? SECTION_MAP_WRITE : 0);
@@ -318,17 +401,36 @@ Status LocalProcess::MapSection(std::u16string_view name, bool writable, Section
     if (!NT_SUCCESS(status)) {
         return Status{static_cast<std::uint32_t>(status)};
     }
+    if (!writable) {
+        const std::string path = "/proc/self/fd/" + std::to_string(section.descriptor);
+        const int readOnly = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        close(section.descriptor);
+        section.descriptor = readOnly;
+    }
+    if (section.descriptor < 0) {
+        (void)process_.Close(handle);
+        return status::kInsufficientResources;
+    }
+    opened = {section.descriptor, section.size, Handle{handle}};
+    return status::kSuccess;
+}
+
+Status LocalProcess::MapSection(std::u16string_view name, bool writable, SectionView& view) {
+    OpenedSection section;
+    if (const Status status = OpenSection(name, writable, section); !status.Ok()) {
+        return status;
+    }
     void* const address =
-        mmap(nullptr, section.size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, section.descriptor, 0);
+        mmap(nullptr, section.bytes, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, section.descriptor, 0);
     close(section.descriptor);
     if (address == MAP_FAILED) {
-        process_.Close(handle);
+        (void)process_.Close(section.handle);
         return Status{static_cast<std::uint32_t>(STATUS_NO_MEMORY)};
     }
-    view = {{static_cast<std::byte*>(address), static_cast<std::size_t>(section.size)}, Handle{handle}};
+    view = {{static_cast<std::byte*>(address), static_cast<std::size_t>(section.bytes)}, section.handle};
     const std::lock_guard hold(memoryLock_);
     views_[view.bytes.data()] = view.bytes.size();
-    return Status{STATUS_SUCCESS};
+    return status::kSuccess;
 }
 
 void LocalProcess::UnmapSection(const SectionView& view) {

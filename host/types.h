@@ -30,6 +30,8 @@ constexpr Status kBufferOverflow{0x80000005};
 constexpr Status kNoMoreFiles{0x80000006};
 constexpr Status kUnsuccessful{0xC0000001};
 constexpr Status kNotImplemented{0xC0000002};
+constexpr Status kAccessViolation{0xC0000005};
+constexpr Status kInvalidHandle{0xC0000008};
 constexpr Status kInvalidParameter{0xC000000D};
 constexpr Status kNoSuchDevice{0xC000000E};
 constexpr Status kNoSuchFile{0xC000000F};
@@ -40,6 +42,7 @@ constexpr Status kBufferTooSmall{0xC0000023};
 constexpr Status kObjectNameInvalid{0xC0000033};
 constexpr Status kObjectNameNotFound{0xC0000034};
 constexpr Status kObjectNameCollision{0xC0000035};
+constexpr Status kPortDisconnected{0xC0000037};  // the daemon is gone
 constexpr Status kObjectPathNotFound{0xC000003A};
 constexpr Status kSharingViolation{0xC0000043};
 constexpr Status kDeletePending{0xC0000056};

@@ -1,4 +1,5 @@
-// A volume on a machine, client processes of it, and the look at a finished clip through the file system.
+// A volume on a machine, client processes of it, in this program or through the socket, and the look at a finished clip
+// through the file system.
 #pragma once
 
 #include <vrkfs/client.h>
@@ -10,6 +11,8 @@
 #include "client/client.h"
 #include "examples/player.h"
 #include "examples/recorder.h"
+#include "link/connection.h"
+#include "link/server.h"
 #include "tests/support/machine_fixture.h"
 
 namespace tests {
@@ -21,11 +24,13 @@ using Bytes = std::vector<std::byte>;
 
 class ClientTest : public MachineTest {
   protected:
-    // A volume VOL of the card's first disks, with a folder CLIPS.
-    void StartVolume(std::uint32_t disks) {
+    // A volume VOL of the card's first disks, with a folder CLIPS. `socket`: every process is at the end of one.
+    void StartVolume(std::uint32_t disks, bool socket = false) {
         disks_ = disks;
+        socket_ = socket;
         MakeStation(disks);
         Start();
+        OpenDoor();
         std::vector<std::uint32_t> ids(disks);
         std::iota(ids.begin(), ids.end(), 0u);
         ASSERT_EQ(Format(u"VOL", ids), 0);
@@ -37,17 +42,44 @@ class ClientTest : public MachineTest {
         ASSERT_OK(VrkFsClientOpenControl(client_.get(), 0, &control_));
     }
     void RestartVolume() {
-        client_.reset();
+        CloseDoor();
         Restart();
+        OpenDoor();
         client_ = NewClient();
         ASSERT_OK(VrkFsClientOpenControl(client_.get(), 0, &control_));
     }
     void TearDown() override {
-        client_.reset();
+        CloseDoor();
         MachineTest::TearDown();
     }
 
-    client::ClientPointer NewClient() { return client::MakeClient(Machine().NewProcess()); }
+    void OpenDoor() {
+        if (socket_) {
+            host::Problem problem;
+            server_ = vlink::Server::Start(Machine(), SocketPath(), log_, problem, limits_);
+            ASSERT_TRUE(server_) << problem.what;
+            access_ = vlink::Connect(SocketPath(), problem);
+            ASSERT_TRUE(access_) << problem.what;
+        }
+        process_ = NewProcess();
+        ASSERT_TRUE(process_);
+    }
+    // Everything that came through it.
+    void CloseDoor() {
+        client_.reset();
+        process_.reset();
+        access_.reset();
+        server_.reset();
+    }
+    std::filesystem::path SocketPath() const { return vlink::SocketOf(StationPath()); }
+
+    std::unique_ptr<host::Process> NewProcess() {
+        host::Problem problem;
+        auto process = (access_ ? *access_ : Machine()).NewProcess(problem);
+        EXPECT_TRUE(process) << problem.what;
+        return process;
+    }
+    client::ClientPointer NewClient() { return client::MakeClient(NewProcess()); }
 
     static std::u16string Path(const std::u16string& name) { return u"P:\\RZV\\VOL\\CLIPS\\" + name; }
 
@@ -134,6 +166,11 @@ class ClientTest : public MachineTest {
         }
     }
 
+    bool socket_ = false;
+    vlink::Log log_ = [](const std::string&) {};
+    vlink::Limits limits_;
+    std::unique_ptr<vlink::Server> server_;
+    std::unique_ptr<host::Access> access_;
     client::ClientPointer client_;
     VrkFsHandle control_ = 0;
     std::uint32_t disks_ = 0;

@@ -9,12 +9,15 @@ extern "C" int CountVolumesInC(VrkFsClient* client, char* firstName, size_t size
 namespace tests {
 namespace {
 
-class Client : public ClientTest {
+class Client : public ClientTest, public testing::WithParamInterface<bool> {
   protected:
-    void SetUp() override { StartVolume(2); }
+    void SetUp() override { StartVolume(2, GetParam()); }
 };
 
-TEST_F(Client, SpeaksC) {
+INSTANTIATE_TEST_SUITE_P(Through, Client, testing::Bool(),
+                         [](const auto& row) { return row.param ? "Socket" : "Machine"; });
+
+TEST_P(Client, SpeaksC) {
     char name[16];
     EXPECT_EQ(CountVolumesInC(client_.get(), name, sizeof(name)), 1);
     EXPECT_STREQ(name, "VOL");
@@ -22,7 +25,7 @@ TEST_F(Client, SpeaksC) {
     EXPECT_STREQ(name, "STATUS_ACCESS_D");
 }
 
-TEST_F(Client, CarriesSettingsAndVolumes) {
+TEST_P(Client, CarriesSettingsAndVolumes) {
     VrkFsPreferences preferences;
     ASSERT_OK(VrkFsClientGetPreferences(client_.get(), control_, &preferences));
     EXPECT_EQ(preferences.DriveLetter, 'P');
@@ -67,7 +70,7 @@ TEST_F(Client, CarriesSettingsAndVolumes) {
 
 // ---- A clip's facts, its tables, and moving it ----
 
-TEST_F(Client, TellsAndMovesAClip) {
+TEST_P(Client, TellsAndMovesAClip) {
     const examples::RecordOrder order = Order(u"CLIP.RZV", true, 3);
     ASSERT_TRUE(examples::Record(client_.get(), order));
     VrkFsHandle file = OpenFile(order.path, VRKFS_OPEN_MOVER);
@@ -117,7 +120,7 @@ TEST_F(Client, TellsAndMovesAClip) {
     ExpectClip(order);
 }
 
-TEST_F(Client, RefusesWhatItCannotCarry) {
+TEST_P(Client, RefusesWhatItCannotCarry) {
     VrkFsHandle disks = 0;
     VrkFsHandle nothing = 0;
     ASSERT_OK(VrkFsClientOpenDisks(client_.get(), 0, &disks));
@@ -161,7 +164,7 @@ TEST_F(Client, RefusesWhatItCannotCarry) {
 }
 
 // A player that comes before the recorder has made its tables gets none, and spoils nothing.
-TEST_F(Client, ComesTooEarlyForTheTables) {
+TEST_P(Client, ComesTooEarlyForTheTables) {
     examples::RecordOrder order = Order(u"CLIP.RZV", true, 4);
     VrkFsHandle early = 0;
     int refused = 0;

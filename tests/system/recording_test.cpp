@@ -35,6 +35,7 @@ struct Setup {
     std::uint32_t disks;
     bool alpha;
     bool is625;
+    bool socket;
 };
 
 class Recording : public ClientTest, public testing::WithParamInterface<Setup> {};
@@ -49,7 +50,7 @@ std::uint64_t BlocksOnFullestDisk(const examples::RecordOrder& order, std::uint3
 }
 
 TEST_P(Recording, IsPlayedWhileItIsMadeAndReadsBackEqual) {
-    StartVolume(GetParam().disks);
+    StartVolume(GetParam().disks, GetParam().socket);
     examples::RecordOrder order = Order(u"CLIP.RZV", GetParam().alpha, 7);
     order.is625 = GetParam().is625;
     const std::uint64_t free = FreeBlocks();
@@ -97,10 +98,12 @@ TEST_P(Recording, IsPlayedWhileItIsMadeAndReadsBackEqual) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, Recording,
-                         testing::Values(Setup{1, false, true}, Setup{1, true, false}, Setup{2, false, false},
-                                         Setup{2, true, true}, Setup{4, false, true}, Setup{4, true, false}),
+                         testing::Values(Setup{1, false, true, true}, Setup{1, true, false, false},
+                                         Setup{2, false, false, false}, Setup{2, true, true, false},
+                                         Setup{4, false, true, false}, Setup{4, true, false, true}),
                          [](const testing::TestParamInfo<Setup>& row) {
-                             return "On" + std::to_string(row.param.disks) + (row.param.alpha ? "WithAlpha" : "");
+                             return "On" + std::to_string(row.param.disks) + (row.param.alpha ? "WithAlpha" : "") +
+                                    (row.param.socket ? "ThroughSocket" : "");
                          });
 
 // ---- A recorder that ends in the middle ----
@@ -118,7 +121,12 @@ constexpr Drop kDrops[] = {
     {RecordStep::kField, 24},  {RecordStep::kSettled, 24}, {RecordStep::kTableLetGo, 24},
 };
 
-class DroppedRecording : public ClientTest, public testing::WithParamInterface<bool> {
+struct Company {
+    bool followed;
+    bool socket;
+};
+
+class DroppedRecording : public ClientTest, public testing::WithParamInterface<Company> {
   protected:
     // Whoever follows the recording: a handle on the file, and on its tables once they can be had.
     VrkFsHandle Follow(const std::u16string& path, Drop drop) {
@@ -144,8 +152,8 @@ class DroppedRecording : public ClientTest, public testing::WithParamInterface<b
 };
 
 TEST_P(DroppedRecording, LosesNothingButItself) {
-    const bool followed = GetParam();
-    StartVolume(2);
+    const bool followed = GetParam().followed;
+    StartVolume(2, GetParam().socket);
     const examples::RecordOrder kept = Order(u"KEEP.RZV", true, 1);
     ASSERT_TRUE(examples::Record(client_.get(), kept));
     const std::uint64_t free = FreeBlocks();
@@ -180,8 +188,12 @@ TEST_P(DroppedRecording, LosesNothingButItself) {
     EXPECT_EQ(FreeBlocks(), free);
 }
 
-INSTANTIATE_TEST_SUITE_P(Player, DroppedRecording, testing::Bool(),
-                         [](const auto& row) { return row.param ? "Followed" : "Alone"; });
+INSTANTIATE_TEST_SUITE_P(Player, DroppedRecording,
+                         testing::Values(Company{false, false}, Company{true, false}, Company{true, true}),
+                         [](const auto& row) {
+                             return std::string(row.param.followed ? "Followed" : "Alone") +
+                                    (row.param.socket ? "ThroughSocket" : "");
+                         });
 
 }  // namespace
 }  // namespace tests

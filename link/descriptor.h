@@ -1,0 +1,34 @@
+// A file descriptor that is closed when its owner goes.
+#pragma once
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace vlink {
+
+class Descriptor {
+  public:
+    Descriptor() = default;
+    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+    Descriptor(Descriptor&& other) noexcept : descriptor_(other.Release()) {}
+    Descriptor& operator=(Descriptor&& other) noexcept {
+        std::swap(descriptor_, other.descriptor_);
+        return *this;
+    }
+    ~Descriptor() { Reset(); }
+
+    explicit operator bool() const { return descriptor_ >= 0; }
+    int Get() const { return descriptor_; }
+    int Release() { return std::exchange(descriptor_, -1); }
+    void Reset() {
+        if (descriptor_ >= 0) {
+            close(Release());
+        }
+    }
+
+  private:
+    int descriptor_ = -1;
+};
+
+}  // namespace vlink

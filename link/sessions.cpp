@@ -1,0 +1,58 @@
+#include "link/sessions.h"
+
+#include <sys/random.h>
+
+namespace vlink {
+
+host::Problem Session::ReleaseDisks(std::uint32_t card) {
+    const std::lock_guard hold(disks_);
+    host::Problem problem = machine_.ReleaseDisks(card);
+    for (const host::CardFacts& facts : machine_.Cards()) {
+        if (facts.index == card) {
+            released_.insert(card);  // whatever the problem: they are closed
+        }
+    }
+    return problem;
+}
+
+host::Problem Session::TakeDisks(std::uint32_t card) {
+    const std::lock_guard hold(disks_);
+    released_.erase(card);
+    return machine_.TakeDisks(card);
+}
+
+std::size_t Session::TakeBack(host::Problem& problem) {
+    const std::lock_guard hold(disks_);
+    const std::size_t count = released_.size();
+    for (const std::uint32_t card : released_) {
+        if (const host::Problem failed = machine_.TakeDisks(card)) {
+            problem = failed;
+        }
+    }
+    released_.clear();
+    return count;
+}
+
+std::shared_ptr<Session> Sessions::New() {
+    const std::lock_guard hold(lock_);
+    std::uint64_t number = 0;
+    do {
+        if (getrandom(&number, sizeof(number), 0) != sizeof(number)) {
+            ++number;
+        }
+    } while (number == 0 || sessions_.contains(number));
+    return sessions_[number] = std::make_shared<Session>(machine_, disks_, number);
+}
+
+std::shared_ptr<Session> Sessions::Find(std::uint64_t number) {
+    const std::lock_guard hold(lock_);
+    const auto found = sessions_.find(number);
+    return found == sessions_.end() ? nullptr : found->second;
+}
+
+void Sessions::End(std::uint64_t number) {
+    const std::lock_guard hold(lock_);
+    sessions_.erase(number);
+}
+
+}  // namespace vlink

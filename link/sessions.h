@@ -1,0 +1,48 @@
+// The client programs of a server. A program's administration connection and its processes belong together: what it had
+// released of the disks is taken back before any of its processes ends, and with it the lock under which the disks were
+// given away.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "host/machine.h"
+
+namespace vlink {
+
+class Session {
+  public:
+    Session(host::Machine& machine, std::mutex& disks, std::uint64_t number)
+        : machine_(machine), disks_(disks), number_(number) {}
+
+    std::uint64_t Number() const { return number_; }
+    host::Problem ReleaseDisks(std::uint32_t card);
+    host::Problem TakeDisks(std::uint32_t card);
+    // Everything that is still released. Cards that it found released; `problem` says what could not be opened.
+    std::size_t TakeBack(host::Problem& problem);
+
+  private:
+    host::Machine& machine_;
+    std::mutex& disks_;  // one change of the machine's disks at a time; guards what follows
+    std::set<std::uint32_t> released_;
+    const std::uint64_t number_;  // nobody else's, and not to be guessed
+};
+
+class Sessions {
+  public:
+    explicit Sessions(host::Machine& machine) : machine_(machine) {}
+
+    std::shared_ptr<Session> New();
+    std::shared_ptr<Session> Find(std::uint64_t number);  // null: there is none
+    void End(std::uint64_t number);                       // no connection joins it from now on
+
+  private:
+    host::Machine& machine_;
+    std::mutex disks_;
+    std::mutex lock_;  // guards what follows
+    std::map<std::uint64_t, std::shared_ptr<Session>> sessions_;
+};
+
+}  // namespace vlink

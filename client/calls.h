@@ -8,9 +8,11 @@
 #include <span>
 #include <type_traits>
 
+#include "host/access.h"
 #include "host/process.h"
 
 struct VrkFsClient {
+    std::shared_ptr<host::Access> access;  // what the process stands on, when the client brought it; goes after it
     std::unique_ptr<host::Process> process;
 };
 

@@ -84,7 +84,7 @@ VrkFsStatus MoveBlocks(VrkFsClient* client, VrkFsHandle disks, std::uint32_t com
 }  // namespace
 
 client::ClientPointer client::MakeClient(std::unique_ptr<host::Process> process) {
-    return ClientPointer(new VrkFsClient{std::move(process)});
+    return ClientPointer(new VrkFsClient{nullptr, std::move(process)});
 }
 
 void VrkFsClientDestroy(VrkFsClient* client) {

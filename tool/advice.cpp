@@ -65,7 +65,8 @@ constexpr Row kRows[] = {
     {Operation::kTouch, host::status::kAccessDenied, "only the time of a clip can be set"},
     {Operation::kLabel, kInvalidVolumeLabel, "a label has at most 32 characters"},
     {Operation::kLock, host::status::kAccessDenied,
-     "something on the drive is open, or it is locked already: wait until the other program has ended"},
+     "something on the drive is open (a clip, a mount, a vrkfs watch), or it is locked already: end that, or wait for "
+     "it"},
     {Operation::kRecord, host::status::kUnsuccessful, "only clips have such a record: see vrkfs ls -l"},
     {Operation::kRecord, host::status::kFileIsADirectory,
      "it is a folder; only clips have such a record: see vrkfs ls"},
@@ -86,6 +87,8 @@ constexpr Row kRows[] = {
     {std::nullopt, host::status::kNotImplemented, "this driver does not do that yet"},
     {std::nullopt, host::status::kNotADirectory, "it is a file, where a folder is wanted"},
     {std::nullopt, host::status::kFileIsADirectory, "it is a folder, where a file is wanted"},
+    {std::nullopt, host::status::kPortDisconnected,
+     "the daemon has ended: see its log, and start it again with vrkfs serve"},
     {std::nullopt, kWriteProtected, "the disk cannot be written: check the image and your rights to it"},
     {std::nullopt, kFileCorrupt, "its record on the disk is damaged: see vrkfs events"},
     {std::nullopt, kDeviceError,
@@ -93,6 +96,24 @@ constexpr Row kRows[] = {
     {std::nullopt, kIoTimeout, "a disk did not answer: see vrkfs events, and check the disks"},
     {std::nullopt, kConfigurationError, "a disk did not answer: see vrkfs events, and check the disks"},
 };
+
+bool IsWriting(Operation operation) {
+    switch (operation) {
+        case Operation::kListVolumes:
+        case Operation::kList:
+        case Operation::kRead:
+        case Operation::kLock:
+        case Operation::kRecord:
+            return false;
+        default:
+            return true;
+    }
+}
+
+// What comes of a disk that cannot be written.
+bool IsRefusalToWrite(host::Status status) {
+    return status == kWriteProtected || status == kDeviceError || status == host::status::kCannotDelete;
+}
 
 }  // namespace
 
@@ -106,7 +127,10 @@ std::string AdviceFor(Operation operation, host::Status status) {
 }
 
 Failure DriverFailure(Operation operation, const std::string& what, host::Status status) {
-    return {.what = what, .status = host::StatusName(status), .advice = AdviceFor(operation, status)};
+    return {.what = what,
+            .status = host::StatusName(status),
+            .advice = AdviceFor(operation, status),
+            .refusedToWrite = IsWriting(operation) && IsRefusalToWrite(status)};
 }
 
 Failure ReservedName(const std::string& what) {

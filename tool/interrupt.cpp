@@ -6,9 +6,11 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <vector>
 
 namespace tool {
 namespace {
@@ -18,7 +20,8 @@ int wake = -1;  // becomes readable with the first signal, so that a wait cannot
 
 void Handle(int signal) {
     const int error = errno;
-    if (interrupted.exchange(true)) {
+    // The end of a terminal may be told twice.
+    if (interrupted.exchange(true) && signal != SIGHUP) {
         ::signal(signal, SIG_DFL);
         ::raise(signal);
     }
@@ -39,6 +42,11 @@ void InstallInterrupt() {
     sigemptyset(&action.sa_mask);
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
+    struct sigaction hangup {};
+    ::sigaction(SIGHUP, nullptr, &hangup);
+    if (hangup.sa_handler != SIG_IGN) {
+        ::sigaction(SIGHUP, &action, nullptr);
+    }
     // Whoever started this program may have left them blocked (some test and service runners do): they would be lost.
     sigset_t wanted;
     sigemptyset(&wanted);
@@ -63,17 +71,35 @@ bool Interrupted() {
 }
 
 bool WaitReadable(int descriptor) {
+    return WaitReadable(std::span(&descriptor, 1)).has_value();
+}
+
+std::optional<std::size_t> WaitReadable(std::span<const int> descriptors) {
+    std::vector<struct pollfd> waits;
+    for (const int descriptor : descriptors) {
+        waits.push_back({descriptor, POLLIN, 0});
+    }
+    waits.push_back({wake, POLLIN, 0});  // one below 0 is passed over
     while (!Interrupted()) {
-        struct pollfd waits[2] = {{descriptor, POLLIN, 0}, {wake, POLLIN, 0}};
-        const int ready = ::poll(waits, wake >= 0 ? 2 : 1, -1);
+        const int ready = ::poll(waits.data(), waits.size(), -1);
         if (ready < 0 && errno != EINTR) {
-            return true;  // the read will say what is wrong
+            return 0;  // the read will say what is wrong
         }
-        if (ready > 0 && waits[0].revents != 0) {
-            return !Interrupted();
+        const auto first = std::find_if(waits.begin(), waits.end() - 1, [](const auto& wait) { return wait.revents; });
+        if (ready > 0 && first != waits.end() - 1) {
+            return Interrupted() ? std::nullopt : std::optional<std::size_t>(first - waits.begin());
         }
     }
-    return false;
+    return std::nullopt;
+}
+
+bool Pause(std::chrono::milliseconds time) {
+    struct pollfd wait {
+        wake, POLLIN, 0
+    };
+    while (!Interrupted() && ::poll(&wait, 1, static_cast<int>(time.count())) < 0 && errno == EINTR) {
+    }
+    return !Interrupted();
 }
 
 }  // namespace tool

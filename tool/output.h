@@ -21,6 +21,7 @@ struct Failure {
     std::string advice = {};  // what to do about it
     std::string state = {};   // what was left behind, when that is not plain
     ExitStatus exit = kFailed;
+    bool refusedToWrite = false;  // something was to be written, and it was refused as it is where nothing can be
 
     [[nodiscard]] std::string Line() const;
 };

@@ -1,5 +1,7 @@
 #include "tool/volume_list.h"
 
+#include <vrkfs/board.h>
+
 #include <algorithm>
 #include <cstring>
 #include <span>
@@ -47,6 +49,28 @@ host::OpenResult OpenControl(host::Process& process, std::uint32_t card, bool ov
     request.access = host::access::kReadData | host::access::kWriteData;
     request.overlapped = overlapped;
     return process.Create(request);
+}
+
+host::Status ListDisks(host::Process& process, std::uint32_t card, std::vector<std::uint32_t>& ids) {
+    host::OpenRequest request;
+    request.path = u"\\Device\\Vrk" + std::u16string(1, static_cast<char16_t>(u'0' + card));
+    request.access = host::access::kReadData;
+    const host::OpenResult bus = process.Create(request);
+    if (!bus.status.Ok()) {
+        return bus.status;
+    }
+    const host::ScopedHandle handle(process, bus.handle);
+    for (std::uint32_t id = 0; id < VRK_SCSI_ID_COUNT; ++id) {
+        VrkScsiDeviceInfo info{};
+        info.ScsiId = id;
+        const auto bytes = std::as_writable_bytes(std::span(&info, 1));
+        const host::IoResult result =
+            process.DeviceControl(handle.Get(), IOCTL_VRK_SCSI_DEVICE_QUERY, std::as_bytes(std::span(&info, 1)), bytes);
+        if (result.status.Ok() && info.State == VRK_DEVICE_STATE_DISK) {
+            ids.push_back(id);
+        }
+    }
+    return host::status::kSuccess;
 }
 
 host::Status ListVolumes(host::Process& process, std::uint32_t card, std::vector<Volume>& volumes) {

@@ -31,6 +31,9 @@ struct VolumeSpace {
 // Opens a card's control device.
 [[nodiscard]] host::OpenResult OpenControl(host::Process& process, std::uint32_t card, bool overlapped = false);
 
+// SCSI IDs of the disks that answer on a card's bus, ascending.
+[[nodiscard]] host::Status ListDisks(host::Process& process, std::uint32_t card, std::vector<std::uint32_t>& ids);
+
 [[nodiscard]] host::Status ListVolumes(host::Process& process, std::uint32_t card, std::vector<Volume>& volumes);
 
 // Of a volume that can be opened, over all its disks.

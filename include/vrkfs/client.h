@@ -4,7 +4,8 @@
  *
  * Clients. A VrkFsClient is one user process: it has its own handles, memory and views, and whatever it leaves behind
  * is taken back when it is destroyed, as if the process had ended. Handles, buffers and views are good in their own
- * client only.
+ * client only. When a client's daemon goes away, every call under way and every later one fails with
+ * STATUS_PORT_DISCONNECTED; buffers and views stay mapped until the client is destroyed.
  *
  * Threads. Every call may be made from several threads of one client at once, and waits until it is done. What is
  * passed in belongs to the caller and must stay until the call returns. Only VrkFsClientDestroy wants to be alone.
@@ -46,9 +47,15 @@ typedef uint32_t VrkFsHandle; /* never 0 when open */
 #define VRKFS_STATUS_SHARING_VIOLATION 0xC0000043u
 #define VRKFS_STATUS_INSUFFICIENT_RESOURCES 0xC000009Au
 #define VRKFS_STATUS_CANCELLED 0xC0000120u
+#define VRKFS_STATUS_CONNECTION_REFUSED 0xC0000236u
 
 /* "STATUS_DISK_FULL", or the number of a status without a name; cut to `size` bytes with its terminating zero. */
 void VrkFsClientStatusName(VrkFsStatus status, char* text, size_t size);
+
+/* A client of the station that a daemon (vrkfs serve) has. socket: the path it listens at, DIR/socket unless told
+ * otherwise. STATUS_OBJECT_NAME_NOT_FOUND: nobody listens there. STATUS_CONNECTION_REFUSED: somebody does, and it is no
+ * such daemon, of another version, or another user's. */
+VrkFsStatus VrkFsClientConnect(const char* socket, VrkFsClient** client);
 
 /* Ends the process: its requests are cancelled and awaited, its handles closed, its buffers and views unmapped. Null is
  * ignored. */

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -81,25 +82,29 @@ class ProgramTest : public testing::Test {
         return Finish(child);
     }
 
-    // The same in two steps, for what happens meanwhile. Only one program at a time.
-    pid_t Start(const std::string& line, const std::string& input) const {
+    // The same in two steps, for what happens meanwhile. Programs at the same time want names for what they write.
+    pid_t Start(const std::string& line, const std::string& input, const std::string& name = "",
+                const char* program = VRKFS_PROGRAM) const {
         const pid_t child = ::fork();
         if (child == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // nothing outlives a test program that crashed
             Redirect(input, O_RDONLY, STDIN_FILENO);
-            Redirect(Path("out"), O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
-            Redirect(Path("err"), O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
-            Execute(line);
+            Redirect(Path("out" + name), O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
+            Redirect(Path("err" + name), O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
+            Execute(line, program);
         }
         return child;
     }
-    Outcome Finish(pid_t child) const { return {Await(child), Contents(Path("out")), Contents(Path("err"))}; }
+    Outcome Finish(pid_t child, const std::string& name = "") const {
+        return {Await(child), Contents(Path("out" + name)), Contents(Path("err" + name))};
+    }
 
     // On a terminal, where `typed` waits to be read; everything it shows is in `out`.
     Outcome RunOnTerminal(const std::string& line, const std::string& typed) const {
         int terminal = -1;
         const pid_t child = ::forkpty(&terminal, nullptr, nullptr, nullptr);
         if (child == 0) {
-            Execute(line);
+            Execute(line, VRKFS_PROGRAM);
         }
         EXPECT_EQ(::write(terminal, typed.data(), typed.size()), static_cast<ssize_t>(typed.size()));
         Outcome outcome;
@@ -122,6 +127,14 @@ class ProgramTest : public testing::Test {
 
     TemporaryDirectory directory_;
 
+    // The exit status, or the number of the signal that ended it, below 0.
+    static int Await(pid_t child) {
+        int status = 0;
+        while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
   private:
     static void Redirect(const std::filesystem::path& path, int flags, int descriptor) {
         const int opened = ::open(path.c_str(), flags, 0600);
@@ -131,8 +144,8 @@ class ProgramTest : public testing::Test {
         ::close(opened);
     }
 
-    [[noreturn]] void Execute(const std::string& line) const {
-        std::vector<std::string> words{VRKFS_PROGRAM};
+    [[noreturn]] void Execute(const std::string& line, const char* program) const {
+        std::vector<std::string> words{program};
         std::istringstream split(line);
         for (std::string word; split >> word;) {
             for (std::size_t at = word.find('@'); at != std::string::npos; at = word.find('@')) {
@@ -152,15 +165,8 @@ class ProgramTest : public testing::Test {
             ::unsetenv("VRKFS_STATION");
         }
         ::signal(SIGPIPE, SIG_DFL);
-        ::execv(VRKFS_PROGRAM, arguments.data());
+        ::execv(program, arguments.data());
         ::_exit(98);
-    }
-
-    static int Await(pid_t child) {
-        int status = 0;
-        while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-        }
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 
   protected:

@@ -25,6 +25,10 @@ void AddEntry(CLI::App& app, CommonOptions& common);  // entry, app-info
 void AddOwner(CLI::App& app, CommonOptions& common);
 void AddExclusive(CLI::App& app, CommonOptions& common);
 void AddEvents(CLI::App& app, CommonOptions& common);
+void AddServe(CLI::App& app, CommonOptions& common);
+void AddMount(CLI::App& app, CommonOptions& common);
+void AddService(CLI::App& app, CommonOptions& common);
+void AddWatch(CLI::App& app, CommonOptions& common);
 void AddMap(CLI::App& app, CommonOptions& common);
 void AddDefrag(CLI::App& app, CommonOptions& common);
 
@@ -37,9 +41,6 @@ inline void Finish(int status) {
 
 // Adds a command with examples below its help, and what every command takes.
 CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& help, const std::string& more);
-
-// For commands that only read.
-void AddReadOnly(CLI::App& command, CommonOptions& common);
 
 // The whole program: parse, run, exit status.
 int RunProgram(int count, char** arguments);

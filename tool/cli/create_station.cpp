@@ -17,6 +17,9 @@ struct CreateOptions {
 int CreateStation(const CommonOptions& common, const CreateOptions& options) {
     const Output output("create-station", common.json);
     const auto bytes = ParseBytes(options.size);
+    if (common.readOnly) {
+        return output.Fail(UsageFailure("a station cannot be made with --read-only"));
+    }
     if (!bytes) {
         return output.Fail(UsageFailure("--size wants a number with K, M, G or T, for example 2G"));
     }

@@ -176,10 +176,12 @@ after the move in hand.
     command->add_option("PATH", options->path, "P:/RZV/VOLUME; left out: the only one there is");
     command->add_flag("--dry-run", options->dryRun, "show the plan and what stands in its way; write nothing");
     command->callback([options, &common] {
-        common.readOnly = options->dryRun;
+        common.onlyReads = options->dryRun;
         const Output output("defrag", common.json);
         Finish(RunOnVolume(common, output, options->path, [&](Session& session, const DrivePath& path) {
-            return DefragCommand(session, output, path, options->dryRun).Run();
+            Result refused =
+                options->dryRun ? std::nullopt : session.NeedWritable("cannot move anything on " + path.Display());
+            return refused ? refused : DefragCommand(session, output, path, options->dryRun).Run();
         }));
     });
 }

@@ -246,7 +246,10 @@ Result AppInfo(Session& session, const Output& output, const ApplicationInfo* co
     const std::string what = "cannot " + std::string(contents != nullptr ? "set" : "read") +
                              " the application information of " + path.Display();
     OpenClip clip;
-    Result failure = Open(session, path, contents != nullptr, what, clip);
+    Result failure = contents != nullptr ? session.NeedWritable(what) : std::nullopt;
+    if (!failure) {
+        failure = Open(session, path, contents != nullptr, what, clip);
+    }
     if (!failure && contents != nullptr) {
         failure = SetInfo(clip, what, *contents);
         if (!failure) {
@@ -316,7 +319,6 @@ body tables on the first disk only.
   vrkfs entry P:/RZV/NEWS/MONDAY/opener.rzv
   vrkfs entry P:/RZV/NEWS/MONDAY/opener.rzv --json | jq .data)");
     command->add_option("PATH", *typed, "P:/RZV/VOLUME/FOLDER/CLIP")->required();
-    AddReadOnly(*command, common);
     command->callback([typed, &common] {
         const Output output("entry", common.json);
         Finish(RunOnPath(common, output, *typed,

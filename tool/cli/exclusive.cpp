@@ -22,7 +22,7 @@ struct ExclusiveOptions {
 // VRKFS_CARD, VRKFS_DISKS ("0 1 2") and VRKFS_DISK_0 ... with the path of each.
 ForegroundProgram ProgramOf(const Session& session, const host::CardFacts& card, const ExclusiveOptions& options) {
     ForegroundProgram program{options.words, {{"VRKFS_CARD", std::to_string(card.index)}}};
-    const auto& cards = session.Station().Cards();
+    const auto& cards = session.Station()->Cards();
     const auto place = std::ranges::find(cards, card.index, &host::CardPlace::index);
     std::string ids;
     for (const host::DiskPlace& disk : place->disks) {
@@ -53,8 +53,16 @@ Failure After(Failure failure, const ForegroundProgram& program, int ended) {
 
 Result Exclusive(Session& session, const Output& output, const ExclusiveOptions& options, int& ended) {
     host::CardFacts card;
-    if (Result failure = session.ChooseCard(options.card, card)) {
-        return failure;
+    Result refused = session.NeedStation();
+    if (!refused) {
+        refused = session.ChooseCard(options.card, card);
+    }
+    if (!refused && session.Access().ReadOnly()) {
+        refused = Failure{.what = "the station is open for reading only, and a program on the raw disks could write",
+                          .advice = "leave --read-only out, for the daemon too"};
+    }
+    if (refused) {
+        return refused;
     }
     const std::string cardName = "card " + std::to_string(card.index);
     const ForegroundProgram program = ProgramOf(session, card, options);
@@ -64,14 +72,14 @@ Result Exclusive(Session& session, const Output& output, const ExclusiveOptions&
         return DriverFailure(Operation::kLock, "cannot lock the file system of " + cardName, locked);
     }
     Result failure;
-    if (const host::Problem problem = session.Machine().ReleaseDisks(card.index)) {
+    if (const host::Problem problem = session.Access().ReleaseDisks(card.index)) {
         failure = ProblemFailure(problem);
         failure->state = "nothing was run";
     } else {
         failure = RunProgramOnDisks(program, ended);
     }
     const bool ran = !failure;
-    const host::Problem untaken = session.Machine().TakeDisks(card.index);
+    const host::Problem untaken = session.Access().TakeDisks(card.index);
     const host::Status unlocked = control.Send(IOCTL_VRKFS_UNLOCK_FILE_SYSTEM);
     if (failure) {
         return failure;
@@ -113,7 +121,8 @@ void AddExclusive(CLI::App& app, CommonOptions& common) {
         R"(The card's volumes leave the driver and the images are closed; then COMMAND runs, and when it has ended the disks are
 opened and the volumes found again, whatever it did to them. It finds the card's number in VRKFS_CARD, the SCSI IDs of
 its disks in VRKFS_DISKS, and the path of each in VRKFS_DISK_0, VRKFS_DISK_1 and so on. The station stays in use
-meanwhile, also for other vrkfs commands. Refused while something on the drive is open. Ctrl-C is for COMMAND alone.
+meanwhile, also for other vrkfs commands; beside a daemon the other cards go on. Refused while something on the drive is
+open. Ctrl-C is for COMMAND alone.
 
   vrkfs exclusive -- sh -c 'dd if="$VRKFS_DISK_0" of=/backup/disk0 bs=1M'
   vrkfs exclusive --card 1 -- bash

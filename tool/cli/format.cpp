@@ -279,6 +279,9 @@ int Format(const CommonOptions& common, const FormatOptions& options) {
         return output.Fail(*failure);
     }
     return RunOnStation(common, output, [&](Session& session) -> Result {
+        if (Result other = session.NeedStation()) {
+            return other;  // what was looked at are another station's disks
+        }
         std::vector<Volume> volumes;
         const host::Status status = ListVolumes(session.Process(), request.card, volumes);
         if (!status.Ok()) {

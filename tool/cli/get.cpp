@@ -101,13 +101,13 @@ std::string LocalName(const std::string& given, const DrivePath& path) {
     return IsDirectory(given) ? given + (given.ends_with('/') ? "" : "/") + own : given;
 }
 
-bool IsImageOf(const host::Station& station, const std::string& local) {
+bool IsImageOf(const host::Station* station, const std::string& local) {
     std::error_code error;
-    return std::ranges::any_of(station.Cards(), [&](const host::CardPlace& card) {
-        return std::ranges::any_of(card.disks, [&](const host::DiskPlace& disk) {
-            return std::filesystem::equivalent(disk.path, local, error);
-        });
-    });
+    return station != nullptr && std::ranges::any_of(station->Cards(), [&](const host::CardPlace& card) {
+               return std::ranges::any_of(card.disks, [&](const host::DiskPlace& disk) {
+                   return std::filesystem::equivalent(disk.path, local, error);
+               });
+           });
 }
 
 void ReportGot(const Output& output, const DrivePath& path, const std::string& local, std::uint64_t bytes,
@@ -191,14 +191,12 @@ be a directory, and - is standard output.
   vrkfs get P:/RZV/NEWS/MONDAY/bars.rzv - | vrkfs clip verify -)");
     get->add_option("PATH", options->path, "P:/RZV/VOLUME/FOLDER/CLIP")->required();
     get->add_option("LOCAL", options->local, "the file to make; left out: the clip's name in this directory");
-    AddReadOnly(*get, common);
     get->callback([options, &common] { Finish(RunGet(common, "get", *options)); });
 
     auto path = std::make_shared<std::string>();
     CLI::App* cat = AddCommand(app, "cat", "Read a clip from a drive to standard output",
                                "  vrkfs cat P:/RZV/NEWS/MONDAY/bars.rzv | vrkfs clip info -");
     cat->add_option("PATH", *path, "P:/RZV/VOLUME/FOLDER/CLIP")->required();
-    AddReadOnly(*cat, common);
     cat->callback([path, &common] { Finish(RunGet(common, "cat", {*path, kStandardStream})); });
 }
 

@@ -48,7 +48,6 @@ void AddInfo(CLI::App& app, CommonOptions& common) {
 
   vrkfs info P:/RZV/NEWS/MONDAY/bars.rzv)");
     command->add_option("PATH", *typed, "P:/RZV/VOLUME/FOLDER/CLIP")->required();
-    AddReadOnly(*command, common);
     command->callback([typed, &common] {
         const Output output("info", common.json);
         Finish(RunOnPath(common, output, *typed,

@@ -90,7 +90,6 @@ as <XXXX>, their code in hexadecimal, and can be typed back like that.
   vrkfs ls -l P:/RZV/NEWS/MONDAY  the clips of a folder)");
     command->add_option("PATH", options->path, "a folder or file on a drive")->capture_default_str();
     command->add_flag("-l", options->detailed, "size, time and kind too");
-    AddReadOnly(*command, common);
     command->callback([options, &common] {
         const Output output("ls", common.json);
         Finish(RunOnPath(common, output, options->path, [&](Session& session, const DrivePath& path) {

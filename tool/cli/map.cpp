@@ -129,7 +129,6 @@ has it, and the sums as the last line.
   vrkfs map P:/RZV/NEWS --json | jq 'select(.use == "free")')");
     command->add_option("PATH", options->path, "P:/RZV/VOLUME; left out: the only one there is");
     command->add_option("--svg", options->svg, "draw it into a file instead, - is standard output")->type_name("FILE");
-    AddReadOnly(*command, common);
     command->callback([options, &common] {
         const Output output("map", common.json, options->svg == "-");
         Finish(RunOnVolume(common, output, options->path, [&](Session& session, const DrivePath& path) {

@@ -86,6 +86,9 @@ Result Touch(Session& session, const Output& output, const DrivePath& path, std:
     if (!opened.status.Ok()) {
         return DriverFailure(Operation::kTouch, what, opened.status);
     }
+    if (Result refused = session.NeedWritable(what)) {
+        return refused;
+    }
     host::ScopedHandle handle(session.Process(), opened.handle);
     host::Status status = host::SetLastWriteTime(session.Process(), opened.handle, time);
     handle.Reset();

@@ -146,7 +146,6 @@ its disks for data, and those of its first disk for records and tables. Without 
   vrkfs owner 123456 --volume NEWS)");
     command->add_option("LBA", options->lba, "the block")->required();
     command->add_option("--volume", options->volume, "the volume's name, or P:/RZV/VOLUME")->type_name("V");
-    AddReadOnly(*command, common);
     command->callback([options, &common] {
         const Output output("owner", common.json);
         Finish(RunOnStation(common, output, [&](Session& session) -> Result {

@@ -32,14 +32,18 @@ has one card. Card 0 has drive P:, card 1 Q:, and so on. RZV is the folder of th
 
 vrkfs COMMAND --help says more about each command.
 
+A station that a daemon serves (vrkfs serve) is reached through it without being asked for; else it is this command's
+alone while it runs.
+
 Exit status: 0 done; 1 it failed, and one line on standard error says what, on what, the driver's status by name and
 what to do about it; 2 wrong usage; 3 somebody else uses the station.
 Ctrl-C stops after the request in hand, cleans up and says what it left; a second one ends the program at once.
 )";
 
 constexpr const char* kCommandFooter =
-    R"(Everywhere: -s DIR names the station (else the environment's VRKFS_STATION); --json reports, errors and progress as one
-JSON object a line. Exit status: 0 done, 1 failed, 2 wrong usage, 3 the station is in use.
+    R"(Everywhere: -s DIR names the station (else the environment's VRKFS_STATION), or --socket PATH its daemon; --read-only
+writes nothing; --json reports, errors and progress as one JSON object a line. Exit status: 0 done, 1 failed, 2 wrong
+usage, 3 the station is in use.
 )";
 
 constexpr const char* kClipFooter = R"(These work on ordinary files and need no station.
@@ -136,6 +140,11 @@ void AddClip(CLI::App& app, ClipBar& bar) {
 
 void AddCommands(CLI::App& app, CommonOptions& common, ClipBar& bar) {
     app.add_option("-s,--station", common.station, "the station's directory; else VRKFS_STATION")->type_name("DIR");
+    app.add_option("--socket", common.socket, "the socket of the station's daemon; else, without -s, VRKFS_SOCKET")
+        ->type_name("PATH");
+    app.add_flag("--read-only", common.readOnly,
+                 "write nothing whatever happens: images are opened for reading only, and several such commands can "
+                 "share a station");
     app.add_flag("--json", common.json, "reports, errors and progress as one JSON object a line");
     app.fallthrough();
     app.require_subcommand(1);
@@ -159,6 +168,10 @@ void AddCommands(CLI::App& app, CommonOptions& common, ClipBar& bar) {
     AddMap(app, common);
     AddDefrag(app, common);
     AddEvents(app, common);
+    AddServe(app, common);
+    AddMount(app, common);
+    AddService(app, common);
+    AddWatch(app, common);
     AddClip(app, bar);
 }
 
@@ -185,12 +198,6 @@ CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& 
     CLI::App* command = app.add_subcommand(name, help);
     command->footer((more.empty() ? "" : more + "\n\n") + kCommandFooter);
     return command;
-}
-
-void AddReadOnly(CLI::App& command, CommonOptions& common) {
-    command.add_flag("--read-only", common.readOnly,
-                     "open the images for reading only and write nothing whatever happens; several such commands can "
-                     "share a station");
 }
 
 int RunProgram(int count, char** arguments) {

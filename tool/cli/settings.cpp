@@ -158,6 +158,9 @@ Result Settings(Session& session, const Output& output, const SettingKind& kind,
                              status);
     }
     if (options.value) {
+        if (Result refused = session.NeedWritable(std::string("cannot set ") + chosen->name)) {
+            return refused;
+        }
         if (Result failure = ChangeSetting(control, kind, options, *chosen, record)) {
             return failure;
         }
@@ -184,12 +187,12 @@ template <typename Record>
 int RunSettings(const CommonOptions& common, const SettingKind& kind, const SettingOptions& options) {
     const Output output(kind.command, common.json);
     const Setting* chosen = nullptr;
-    if (!options.name.empty()) {
+    if (!options.name.empty() || options.value) {
         if (const Result wrong = FindSetting(kind, options.name, chosen)) {
             return output.Fail(*wrong);
         }
     }
-    if (options.value) {
+    if (options.value && chosen != nullptr) {
         Record trial{};
         if (const Result wrong = PutValue(trial, *chosen, *options.value)) {
             return output.Fail(*wrong);

@@ -204,7 +204,6 @@ drive itself are never told that less than 200 MiB are free.
 
   vrkfs df
   vrkfs df --json | jq 'select(.volumes == "all").free_bytes')");
-    AddReadOnly(*command, common);
     command->callback([&common] {
         const Output output("df", common.json);
         Finish(RunOnStation(common, output, [&](Session& session) { return ShowDrives(session, output); }));
@@ -224,7 +223,6 @@ lines, 810 of 625. Without PATH every volume is told.
     command->add_option("PATH", options->path, "P:/RZV/VOLUME, or anything on it");
     command->add_option("--video", options->video, "blocks of a video field")->required()->type_name("BLOCKS");
     command->add_option("--alpha", options->alpha, "blocks of an alpha field; 0 without alpha")->type_name("BLOCKS");
-    AddReadOnly(*command, common);
     command->callback([options, &common] { Finish(RunEstimate(common, *options)); });
 }
 

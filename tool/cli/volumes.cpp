@@ -97,23 +97,31 @@ void ReportRows(const Output& output, const std::vector<Row>& rows) {
     }
 }
 
-void ReportFreeDisks(const Session& session, const Output& output, const std::vector<Row>& rows) {
+// The disks that belong to no volume, and that there are no disks at all.
+Result ReportFreeDisks(Session& session, const Output& output, const std::vector<Row>& rows) {
+    bool any = false;
     for (const host::CardFacts& card : session.Cards()) {
-        const auto& places = session.Station().Cards();
-        const auto place = std::ranges::find(places, card.index, &host::CardPlace::index);
         std::vector<std::uint32_t> unused;
-        for (const host::DiskPlace& disk : place->disks) {
-            if (std::ranges::none_of(
-                    rows, [&](const Row& row) { return row.card == card.index && row.volume.Has(disk.scsiId); })) {
-                unused.push_back(disk.scsiId);
-            }
+        const host::Status status = ListDisks(session.Process(), card.index, unused);
+        if (!status.Ok()) {
+            return DriverFailure(Operation::kListVolumes, "cannot list the disks of card " + std::to_string(card.index),
+                                 status);
         }
+        any = any || !unused.empty();
+        std::erase_if(unused, [&](std::uint32_t id) {
+            return std::ranges::any_of(rows,
+                                       [&](const Row& row) { return row.card == card.index && row.volume.Has(id); });
+        });
         if (!unused.empty()) {
             const std::string drive{card.driveLetter, ':'};
             output.Report(drive + "  in no volume: " + (unused.size() == 1 ? "disk " : "disks ") + ListOfIds(unused),
                           {{"drive", drive}, {"card", card.index}, {"disks_in_no_volume", unused}});
         }
     }
+    if (!any) {
+        output.Text("no disks");
+    }
+    return std::nullopt;
 }
 
 int ShowVolumes(const CommonOptions& common) {
@@ -126,12 +134,7 @@ int ShowVolumes(const CommonOptions& common) {
             }
         }
         ReportRows(output, rows);
-        ReportFreeDisks(session, output, rows);
-        if (std::ranges::all_of(session.Station().Cards(), &std::vector<host::DiskPlace>::empty,
-                                &host::CardPlace::disks)) {
-            output.Text("no disks");
-        }
-        return std::nullopt;
+        return ReportFreeDisks(session, output, rows);
     });
 }
 
@@ -145,7 +148,6 @@ cannot be opened, and its space is not known. Disks that belong to no volume are
 
   vrkfs volumes
   vrkfs volumes --json | jq 'select(.name == "NEWS").free_bytes')");
-    AddReadOnly(*command, common);
     command->callback([&common] { Finish(ShowVolumes(common)); });
 }
 

@@ -1,0 +1,63 @@
+// A station that is served: the machine, the socket that other programs reach it by, and the drives mounted in the file
+// tree.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <vector>
+
+#include "host/machine.h"
+#include "host/station.h"
+#include "link/server.h"
+#include "mount/mount.h"
+#include "tool/daemon_log.h"
+
+namespace tool {
+
+struct DaemonOptions {
+    std::filesystem::path station;
+    std::filesystem::path socket;  // absolute; empty: the station's own door
+    bool readOnly = false;
+    std::vector<mount::Options> mounts;
+};
+
+class Daemon {
+  public:
+    // Locks and starts the station, listens, mounts. Null with `problem` filled when any of it fails; nothing is left
+    // over then. The log must outlive it.
+    static std::unique_ptr<Daemon> Start(const DaemonOptions& options, DaemonLog& log, host::Problem& problem);
+    // Stop(), if that has not been called.
+    ~Daemon();
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& Socket() const { return socket_; }
+
+    // Serves until the user asks to stop. A mount that somebody takes away is let go of.
+    void Run();
+
+    // Unmounts, drops the clients, shuts the station down, syncs the images, removes the socket. Returns what was left
+    // over (nothing: a clean stop).
+    std::vector<std::string> Stop();
+
+  private:
+    struct MountedDrive {
+        std::filesystem::path place;
+        std::unique_ptr<mount::Mount> mount;
+    };
+
+    explicit Daemon(DaemonLog& log) : log_(log) {}
+    host::Problem StartMachine(const DaemonOptions& options);
+    host::Problem Listen(const DaemonOptions& options);
+    host::Problem MountAll(const std::vector<mount::Options>& mounts);
+
+    DaemonLog& log_;
+    std::unique_ptr<host::Station> station_;
+    std::unique_ptr<host::Machine> machine_;
+    std::filesystem::path socket_;
+    std::filesystem::path link_;  // the door, when the socket is elsewhere; empty: none was made
+    std::unique_ptr<vlink::Server> server_;
+    std::vector<MountedDrive> mounts_;
+};
+
+}  // namespace tool

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -23,9 +24,32 @@
 
 namespace mount {
 
+// Requests on what a program has open end before it is released; the kernel sees to that. Here it is written down, for
+// tools that look at threads and cannot see through the kernel.
+class Uses {
+  public:
+    void Add() { done_.fetch_add(1, std::memory_order_release); }
+    void End() const { (void)done_.load(std::memory_order_acquire); }
+
+  private:
+    std::atomic<std::uint64_t> done_ = 0;
+};
+
+class InUse {
+  public:
+    explicit InUse(Uses& uses) : uses_(uses) {}
+    ~InUse() { uses_.Add(); }
+    InUse(const InUse&) = delete;
+    InUse& operator=(const InUse&) = delete;
+
+  private:
+    Uses& uses_;
+};
+
 // A file that a program has open.
 struct OpenFile {
     NodePointer node;
+    Uses uses;
     Tree::Opening opening;
     bool passes = false;  // its bytes go straight to the driver: the command port, frame and RAM files
     bool keepPages = false;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <list>
 #include <thread>
@@ -43,7 +44,7 @@ struct Mount::Parts {
     host::Problem Watch(host::Access& access);
     void Serve();
     void TellEnded() const;
-    [[nodiscard]] std::thread WakeLoop();
+    [[nodiscard]] pid_t WakeLoop();
 
     const Options options;
     FileSystem files;
@@ -110,20 +111,20 @@ void Mount::Parts::TellEnded() const {
 }
 
 // Something on the mount is open, so the kernel does not end it. The loop looks whether it is to end when a request has
-// come: one of our own, from a thread that nobody waits for before the session has gone, for the loop may have looked
-// before.
-std::thread Mount::Parts::WakeLoop() {
+// come; if it has looked before, that one is answered by the end of the session.
+pid_t Mount::Parts::WakeLoop() {
     fuse_session_exit(session);
-    return std::thread([place = options.mountpoint] {
-        struct stat status {};
-        (void)::lstat((place / "no such name").c_str(), &status);
-    });
+    pid_t process = KnockAt(options.mountpoint);
+    for (; process < 0; process = KnockAt(options.mountpoint)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // no other program can be started just now
+    }
+    return process;
 }
 
 Mount::Parts::~Parts() {
     watches.clear();
     files.Caches().Stop();
-    std::thread waker;
+    pid_t waker = -1;
     if (loop.joinable()) {
         if (mounted && !Unmount(options.mountpoint, false)) {
             waker = WakeLoop();
@@ -134,9 +135,7 @@ Mount::Parts::~Parts() {
         if (mounted) {
             fuse_session_unmount(session);
         }
-        if (waker.joinable()) {
-            waker.join();
-        }
+        AwaitProgram(waker);
         fuse_session_destroy(session);
     }
     files.CloseAll();
@@ -165,8 +164,6 @@ std::unique_ptr<Mount> Mount::Start(host::Access& access, const Options& options
     parts->deathWatch.Start(options.mountpoint);
     Parts* const raw = parts.get();
     parts->loop = std::thread([raw] { raw->Serve(); });
-    // The first request waits until the kernel and the loop have agreed on how they speak.
-    RaiseReadAhead(options.mountpoint);
     return std::unique_ptr<Mount>(new Mount(std::move(parts)));
 }
 

@@ -3,14 +3,15 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,6 +85,20 @@ bool Succeeds(pid_t process) {
     return process > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+std::string Escaped(const std::string& path) {
+    std::string text;
+    for (const char character : path) {
+        if (character == ' ' || character == '\t' || character == '\n' || character == '\\') {
+            char digits[8];
+            std::snprintf(digits, sizeof(digits), "\\%03o", static_cast<unsigned>(character));
+            text += digits;
+        } else {
+            text += character;
+        }
+    }
+    return text;
+}
+
 bool IsDead(const fs::path& place) {
     struct stat status {};
     return ::stat(place.c_str(), &status) != 0 && (errno == ENOTCONN || errno == ECONNABORTED);
@@ -141,12 +156,28 @@ bool Unmount(const fs::path& place, bool lazily) {
 }
 
 void RaiseReadAhead(const fs::path& place) {
-    struct stat status {};
-    if (::stat(place.c_str(), &status) == 0) {
-        std::ofstream setting("/sys/class/bdi/" + std::to_string(major(status.st_dev)) + ":" +
-                              std::to_string(minor(status.st_dev)) + "/read_ahead_kb");
-        setting << "1024";
+    // "ID PARENT MAJOR:MINOR ROOT PLACE ...", with what would break a line as its octal digits.
+    std::ifstream mounts("/proc/self/mountinfo");
+    const std::string wanted = Escaped(place.string());
+    for (std::string line; std::getline(mounts, line);) {
+        std::istringstream words(line);
+        std::string id;
+        std::string parent;
+        std::string device;
+        std::string root;
+        std::string at;
+        if (words >> id >> parent >> device >> root >> at && at == wanted && line.find(" - fuse") != line.npos) {
+            std::ofstream("/sys/class/bdi/" + device + "/read_ahead_kb") << "1024";
+        }
     }
+}
+
+pid_t KnockAt(const fs::path& place) {
+    return Spawn({"stat", "--", (place / "no such name").string()}, -1);
+}
+
+void AwaitProgram(pid_t process) {
+    (void)Succeeds(process);
 }
 
 void DeathWatch::Start(const fs::path& place) {

@@ -17,8 +17,15 @@ namespace mount {
 // Takes a mount away; false while something on it is open, unless it is to go out of sight all the same.
 bool Unmount(const std::filesystem::path& place, bool lazily);
 
+// None of what follows makes a request to the mount from within this program: if it was killed while it waited for its
+// own answer, it could not end.
+
 // The kernel reads ahead in larger pieces than it does by itself, where it lets us say so.
 void RaiseReadAhead(const std::filesystem::path& place);
+
+// Has another program make a request to the mount; it ends when it is answered. Its process, for AwaitProgram.
+[[nodiscard]] pid_t KnockAt(const std::filesystem::path& place);
+void AwaitProgram(pid_t process);
 
 // Clears the place when this program dies without having unmounted: a small program of its own waits for that. Without
 // it a dead mount would stay, and everything on it would fail.

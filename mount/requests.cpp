@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 
+#include "mount/mountpoint.h"
 #include "mount/names.h"
 
 namespace mount {
@@ -125,6 +126,14 @@ OpenFile* FileOf(const fuse_file_info* info) {
     return info == nullptr ? nullptr : reinterpret_cast<OpenFile*>(info->fh);
 }
 
+// What is done with an open file is over before the answer: the kernel may have it released then.
+template <typename Work>
+int WithFile(const fuse_file_info* info, Work work) {
+    OpenFile& file = *FileOf(info);
+    const InUse use(file.uses);
+    return work(file);
+}
+
 // ---- Names ----
 
 void Lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
@@ -186,7 +195,10 @@ int ChangeAttributes(fuse_req_t request, const NodePointer& node, const struct s
 void SetAttributes(fuse_req_t request, fuse_ino_t inode, struct stat* wanted, int what, fuse_file_info* info) {
     Guarded(request, [&] {
         const NodePointer node = NodeOf(request, inode);
-        const int error = node == nullptr ? ENOENT : ChangeAttributes(request, node, *wanted, what, FileOf(info));
+        const auto change = [&](OpenFile* file) { return ChangeAttributes(request, node, *wanted, what, file); };
+        const int error = node == nullptr   ? ENOENT
+                          : info == nullptr ? change(nullptr)
+                                            : WithFile(info, [&](OpenFile& file) { return change(&file); });
         if (error != 0) {
             return Answer(request, error);
         }
@@ -247,6 +259,7 @@ void Rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t 
 
 struct OpenFolder {
     NodePointer node;
+    Uses uses;
     std::mutex lock;  // guards the following
     bool listed = false;
     std::vector<FileSystem::Row> rows;
@@ -267,7 +280,9 @@ void OpenDirectory(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
 }
 
 void ReleaseDirectory(fuse_req_t request, fuse_ino_t /*inode*/, fuse_file_info* info) {
-    delete reinterpret_cast<OpenFolder*>(info->fh);
+    auto* const folder = reinterpret_cast<OpenFolder*>(info->fh);
+    folder->uses.End();
+    delete folder;
     Answer(request, 0);
 }
 
@@ -295,29 +310,40 @@ std::size_t AddRow(fuse_req_t request, const FileSystem::Row& row, bool plus, ch
     return taken;
 }
 
+// Of the rows from `offset` on what fits.
+int FillRows(fuse_req_t request, OpenFolder& folder, off_t offset, bool plus, std::vector<char>& buffer) {
+    const std::lock_guard hold(folder.lock);
+    if (offset == 0 || !folder.listed) {
+        folder.rows.clear();
+        if (const int error = FilesOf(request).ListFolder(folder.node, folder.rows); error != 0) {
+            return error;
+        }
+        folder.listed = true;
+    }
+    const std::size_t room = buffer.size();
+    std::size_t used = 0;
+    for (auto index = static_cast<std::size_t>(offset); index < folder.rows.size(); ++index) {
+        const std::size_t taken =
+            AddRow(request, folder.rows[index], plus, buffer.data() + used, room - used, static_cast<off_t>(index + 1));
+        if (taken > room - used) {
+            break;
+        }
+        used += taken;
+    }
+    buffer.resize(used);
+    return 0;
+}
+
 void ReadRows(fuse_req_t request, std::size_t size, off_t offset, fuse_file_info* info, bool plus) {
     Guarded(request, [&] {
-        auto& folder = *reinterpret_cast<OpenFolder*>(info->fh);
-        const std::lock_guard hold(folder.lock);
-        if (offset == 0 || !folder.listed) {
-            folder.rows.clear();
-            if (const int error = FilesOf(request).ListFolder(folder.node, folder.rows); error != 0) {
-                return Answer(request, error);
-            }
-            folder.listed = true;
-        }
         std::vector<char> buffer(size);
-        std::size_t used = 0;
-        auto index = static_cast<std::size_t>(offset);
-        for (; index < folder.rows.size(); ++index) {
-            const std::size_t taken = AddRow(request, folder.rows[index], plus, buffer.data() + used, size - used,
-                                             static_cast<off_t>(index + 1));
-            if (taken > size - used) {
-                break;
-            }
-            used += taken;
+        int error = 0;
+        {
+            auto& folder = *reinterpret_cast<OpenFolder*>(info->fh);
+            const InUse use(folder.uses);
+            error = FillRows(request, folder, offset, plus, buffer);
         }
-        (void)fuse_reply_buf(request, buffer.data(), used);
+        error != 0 ? Answer(request, error) : (void)fuse_reply_buf(request, buffer.data(), buffer.size());
     });
 }
 
@@ -341,6 +367,8 @@ void FillInfo(const OpenFile& file, fuse_file_info* info) {
 void OpenClip(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
     Guarded(request, [&] {
         std::unique_ptr<OpenFile> file;
+        const RequestContext& context = ContextOf(request);
+        std::call_once(context.opened, [&] { RaiseReadAhead(context.options.mountpoint); });
         if (const int error = FilesOf(request).Open(inode, info->flags, file); error != 0) {
             return Answer(request, error);
         }
@@ -394,7 +422,9 @@ void ReadClip(fuse_req_t request, fuse_ino_t /*inode*/, std::size_t size, off_t 
     Guarded(request, [&] {
         const std::span<std::byte> buffer = AnswerBuffer(size);
         std::size_t count = 0;
-        const int error = FilesOf(request).Read(*FileOf(info), static_cast<std::uint64_t>(offset), buffer, count);
+        const int error = WithFile(info, [&](OpenFile& file) {
+            return FilesOf(request).Read(file, static_cast<std::uint64_t>(offset), buffer, count);
+        });
         if (error != 0) {
             return Answer(request, error);
         }
@@ -405,8 +435,10 @@ void ReadClip(fuse_req_t request, fuse_ino_t /*inode*/, std::size_t size, off_t 
 void WriteClip(fuse_req_t request, fuse_ino_t /*inode*/, const char* bytes, std::size_t size, off_t offset,
                fuse_file_info* info) {
     Guarded(request, [&] {
-        const int error = FilesOf(request).Write(*FileOf(info), static_cast<std::uint64_t>(offset),
-                                                 std::as_bytes(std::span(bytes, size)));
+        const int error = WithFile(info, [&](OpenFile& file) {
+            return FilesOf(request).Write(file, static_cast<std::uint64_t>(offset),
+                                          std::as_bytes(std::span(bytes, size)));
+        });
         if (error != 0) {
             return Answer(request, error);
         }
@@ -415,18 +447,25 @@ void WriteClip(fuse_req_t request, fuse_ino_t /*inode*/, const char* bytes, std:
 }
 
 void FlushClip(fuse_req_t request, fuse_ino_t /*inode*/, fuse_file_info* info) {
-    Guarded(request, [&] { Answer(request, FilesOf(request).Flush(*FileOf(info))); });
+    Guarded(request, [&] {
+        const int error = WithFile(info, [&](OpenFile& file) { return FilesOf(request).Flush(file); });
+        Answer(request, error);
+    });
 }
 
 void ReleaseClip(fuse_req_t request, fuse_ino_t /*inode*/, fuse_file_info* info) {
     Guarded(request, [&] {
+        FileOf(info)->uses.End();
         FilesOf(request).Release(std::unique_ptr<OpenFile>(FileOf(info)));
         Answer(request, 0);
     });
 }
 
 void SyncClip(fuse_req_t request, fuse_ino_t /*inode*/, int /*dataOnly*/, fuse_file_info* info) {
-    Guarded(request, [&] { Answer(request, FilesOf(request).Sync(FileOf(info))); });
+    Guarded(request, [&] {
+        const int error = WithFile(info, [&](OpenFile& file) { return FilesOf(request).Sync(&file); });
+        Answer(request, error);
+    });
 }
 
 void SyncDirectory(fuse_req_t request, fuse_ino_t /*inode*/, int /*dataOnly*/, fuse_file_info* /*info*/) {

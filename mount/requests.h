@@ -10,6 +10,7 @@ namespace mount {
 struct RequestContext {
     FileSystem& files;
     const Options& options;
+    mutable std::once_flag opened = {};  // with the first file the kernel has settled how it reads
 };
 
 [[nodiscard]] const fuse_lowlevel_ops& Requests();

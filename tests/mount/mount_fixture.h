@@ -1,4 +1,6 @@
-// A real mount of a station's drives, with a machine in this program behind it, and real programs that use it.
+// A real mount of a station's drives, with a machine in this program behind it, and real programs that use it. Nothing
+// in this program itself makes a request to the mount: if it was ended while it waited for its own answer, it could not
+// end.
 #pragma once
 
 #include <fcntl.h>

@@ -103,19 +103,45 @@ TEST_F(MountPlace, EndsWhenItIsTakenAwayOrGoesWhileInUse) {
     EXPECT_TRUE(Eventually([&] { return ::read(mount_->EndedDescriptor(), &ended, sizeof(ended)) > 0; }));
     mount_.reset();
     MountDrives();
-    // A reader and a copy that are under way when it goes: the copy is deleted.
-    const int reader = ::open(At("m/P/RZV/TWO/A/a").c_str(), O_RDONLY | O_CLOEXEC);
-    const int writer = ::open(At("m/P/RZV/TWO/A/b").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    const std::string part = Contents(At("part"));
-    EXPECT_EQ(::write(writer, part.data(), part.size()), static_cast<ssize_t>(part.size()));
+    // A reader and a copy that are under way when it goes: the copy is deleted, and the reader told.
+    const pid_t user = StartShell(directory_.Path(),
+                                  "T=m/P/RZV/TWO/A; exec 3< $T/a 4> $T/b; cat part >&4; touch ready; "
+                                  "while test -e ready; do sleep 0.01; done; cat <&3 > /dev/null",
+                                  At("said"));
+    EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(At("ready")); }));
     mount_.reset();
-    char byte = 0;
-    EXPECT_LT(::read(reader, &byte, 1), 0);
-    EXPECT_EQ(errno, ENOTCONN);
-    ::close(reader);
-    ::close(writer);
+    std::filesystem::remove(At("ready"));
+    EXPECT_EQ(Await(user), 1);
+    EXPECT_NE(Contents(At("said")).find("not connected"), std::string::npos) << Contents(At("said"));
     MountDrives();
     ExpectOut("ls -A $T; cmp small $T/a", "a\n");
+}
+
+// The command: into the background and away again, by whoever ends it, however.
+TEST_F(MountPlace, TheCommandComesAndGoes) {
+    Do("cp small $T/a");
+    mount_.reset();
+    Stop();
+    const auto isFree = [&] { return Sh("ls m").out.empty() && Sh("mountpoint -q m").status != 0; };
+    const std::string vrkfs = std::string(VRKFS_PROGRAM) + " ";
+    const char* const ends[] = {"umount m || fusermount3 -u m", "kill -TERM $process", "kill -KILL $process"};
+    for (const char* end : ends) {
+        const Outcome started = Sh(vrkfs + "mount --json -s station m");
+        ASSERT_EQ(started.status, 0) << started.out;
+        const auto process = started.out.substr(started.out.rfind(':') + 1);
+        const std::string number = "process=" + process.substr(0, process.find('}')) + "; ";
+        Do("cmp small $T/a");
+        EXPECT_EQ(Sh(vrkfs + "ls -s station P:/").status, 3);
+        EXPECT_EQ(Sh(number + end).status, 0) << end;
+        EXPECT_TRUE(Eventually(isFree)) << end;
+        // Its station is free when its process has gone.
+        EXPECT_TRUE(Eventually([&] { return Sh(number + "kill -0 $process").status != 0; })) << end;
+        EXPECT_EQ(Sh(vrkfs + "ls -s station P:/RZV").status, 0) << end;
+    }
+    const Outcome refused = Sh(vrkfs + "mount -s station -o uid=me m");
+    EXPECT_EQ(refused.status, 2) << refused.out;
+    EXPECT_EQ(Sh(vrkfs + "mount -s station none").status, 1);
+    EXPECT_NE(Contents(At("station/mount.log")).find("was taken away"), std::string::npos);
 }
 
 }  // namespace

@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr LONGLONG kServiceTimeout = LONGLONG{VRKFS_SERVICE_TIMEOUT_SECONDS} * 10'000'000;
-
 struct CancelLockGuard {
     CancelLockGuard() { IoAcquireCancelSpinLock(&Irql); }
     ~CancelLockGuard() { IoReleaseCancelSpinLock(Irql); }
@@ -46,6 +44,16 @@ PIRP Take(PIRP* Slot) {
 // What nobody has claimed; null if there is none.
 PIRP TakeUnclaimed(PIRP* Slot, PKEVENT Event) {
     return KeResetEvent(Event) != 0 ? Take(Slot) : nullptr;
+}
+
+// Undoes the waiting for what is in the slot. Its cancel routine may have run since, and has left it to the waiter
+// then, who has to complete it: it is returned.
+PIRP PutBack(PIRP* Slot, PKEVENT Event) {
+    if (*Slot == nullptr || (*Slot)->Cancel) {
+        return Take(Slot);
+    }
+    KeSetEvent(Event, IO_NO_INCREMENT, FALSE);
+    return nullptr;
 }
 
 VOID CompleteCancelled(PIRP Irp) {
@@ -132,10 +140,13 @@ VOID VrkFsSReqServiceLost(ServiceChannel* Channel, ULONG Connection) {
     }
 }
 
-NTSTATUS VrkFsSReqAwait(ServiceChannel* Channel, PKEVENT Event) {
+NTSTATUS VrkFsSReqAwait(ServiceChannel* Channel, PKEVENT Event, LONGLONG Limit) {
+    if (Limit <= 0) {
+        return STATUS_TIMEOUT;
+    }
     PVOID events[] = {&Channel->Worker.StopEvent, Event};
     LARGE_INTEGER timeout;
-    timeout.QuadPart = -kServiceTimeout;
+    timeout.QuadPart = -Limit;
     switch (KeWaitForMultipleObjects(2, events, WaitAny, Executive, KernelMode, FALSE, &timeout, nullptr)) {
         case STATUS_WAIT_0 + 1:
             return STATUS_SUCCESS;
@@ -146,11 +157,20 @@ NTSTATUS VrkFsSReqAwait(ServiceChannel* Channel, PKEVENT Event) {
     }
 }
 
-PIRP VrkFsSReqClaimFetch(ServiceChannel* Channel) {
-    CancelLockGuard lock;
-    PIRP irp = Take(&Channel->FetchIrp);
-    Channel->ResponseWanted = irp != nullptr;
-    return irp;
+PIRP VrkFsSReqClaimFetch(ServiceChannel* Channel, const ServiceHandle* File, PULONG Connection) {
+    PIRP cancelled = nullptr;
+    {
+        CancelLockGuard lock;
+        if (Channel->ServiceConnected && (File == nullptr || File->Connection == Channel->Connection)) {
+            *Connection = Channel->Connection;
+            PIRP irp = Take(&Channel->FetchIrp);
+            Channel->ResponseWanted = irp != nullptr;
+            return irp;
+        }
+        cancelled = PutBack(&Channel->FetchIrp, &Channel->FetchEvent);
+    }
+    CompleteCancelled(cancelled);
+    return nullptr;
 }
 
 PIRP VrkFsSReqClaimResponse(ServiceChannel* Channel) {

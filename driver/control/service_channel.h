@@ -58,22 +58,24 @@ extern "C" DRIVER_CANCEL VrkFsSReqCancel;
 [[nodiscard]] BOOLEAN VrkFsSReqIsCurrent(ServiceChannel* Channel, ServiceHandle Handle);
 // The service has not answered in time. One that has announced itself since is left connected.
 VOID VrkFsSReqServiceLost(ServiceChannel* Channel, ULONG Connection);
-// Waits for FetchEvent or ResponseEvent. On success what is in the event's slot is the caller's to claim.
-// STATUS_TIMEOUT; STATUS_CANCELLED when the card goes.
-[[nodiscard]] NTSTATUS VrkFsSReqAwait(ServiceChannel* Channel, PKEVENT Event);
-// Takes the request out of its slot; null if it holds none. From the claim of the fetch on answers are accepted.
-[[nodiscard]] PIRP VrkFsSReqClaimFetch(ServiceChannel* Channel);
+// Waits for FetchEvent or ResponseEvent, at most Limit (100 ns units; none from 0 down). On success what is in the
+// event's slot is the caller's to claim. STATUS_TIMEOUT; STATUS_CANCELLED when the card goes.
+[[nodiscard]] NTSTATUS VrkFsSReqAwait(ServiceChannel* Channel, PKEVENT Event, LONGLONG Limit);
+// Takes the fetch out of its slot; answers are accepted from then on. *Connection: whose service gets the request,
+// which need not be the one from before the wait. Null: that service did not give File, or it has left; the fetch goes
+// on waiting. File is null for an operation that is about no open file.
+[[nodiscard]] PIRP VrkFsSReqClaimFetch(ServiceChannel* Channel, const ServiceHandle* File, PULONG Connection);
 [[nodiscard]] PIRP VrkFsSReqClaimResponse(ServiceChannel* Channel);
 // The operation is over: an answer that has come too late is completed as cancelled.
 VOID VrkFsSReqRefuseResponses(ServiceChannel* Channel);
 VOID VrkFsSReqComplete(PIRP Irp, NTSTATUS Status, ULONG_PTR Information);
 
 // ---- The eight operations (service_requests.cpp) ----
-// They may wait for the operations before them and for the service, 60 seconds at most for each of its steps, so no
-// lock that a create, cleanup or close can want is held across them. A service that lets that time pass is
-// disconnected, which fails whoever waits behind. While no service is connected, open to write fail with
-// STATUS_UNSUCCESSFUL, and the last three succeed without any effect and without output. A refusal, a silence and an
-// answer that makes no sense are STATUS_UNSUCCESSFUL.
+// They may wait for the operations before them and for the service, 60 seconds at most for each of its steps and ten
+// minutes for all its answers, so no lock that a create, cleanup or close can want is held across them. A service that
+// lets that time pass is disconnected, which fails whoever waits behind. While no service is connected, open to write
+// fail with STATUS_UNSUCCESSFUL, and the last three succeed without any effect and without output. A refusal, a silence
+// and an answer that makes no sense are STATUS_UNSUCCESSFUL.
 
 // FullPath starts with "\" and the file type's three characters, in whose place the service is told the built-in
 // type's. *Handle is none on failure.

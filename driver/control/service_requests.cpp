@@ -1,4 +1,5 @@
 // The driver's operations on the service's side of the channel: request out, answers in.
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <iterator>
@@ -14,6 +15,11 @@ namespace {
 
 constexpr ULONG kTypeFolderChars = 1 + kFileTypeExtensionChars;  // "\RZV"
 
+// In 100 ns units. Every step has its own limit; all the answers of one operation together have another, since a
+// service that brings a byte a minute would keep everybody else from the channel for as long as it likes.
+constexpr LONGLONG kStepLimit = LONGLONG{VRKFS_SERVICE_TIMEOUT_SECONDS} * 10'000'000;
+constexpr LONGLONG kAnswersLimit = 10 * kStepLimit;
+
 // One operation: what goes out, and where what comes back belongs.
 struct ServiceOrder {
     ULONG Type;        // VRKFS_SERVICE_...
@@ -22,7 +28,8 @@ struct ServiceOrder {
     const VOID* Tail;
     ULONG TailBytes;
     const ServiceHandle* File;  // what it is about, if it is about an open file
-    ULONG Connection;           // under which it began
+    ULONG Connection;           // under which it began, then the one whose service got the request
+    LONGLONG Deadline;          // system time by which the last answer is in
     ServiceHandle* Opened;      // VRKFS_SERVICE_OPEN
     PUCHAR Target;              // VRKFS_SERVICE_READ: where the next byte goes
     const UCHAR* Source;        // VRKFS_SERVICE_WRITE: where the next byte is
@@ -48,8 +55,14 @@ NTSTATUS Unserved(ULONG Type) {
     return Type >= VRKFS_SERVICE_UPDATE_PREFS ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
-NTSTATUS Await(ServiceChannel* Channel, const ServiceOrder* Order, PKEVENT Event) {
-    const NTSTATUS status = VrkFsSReqAwait(Channel, Event);
+LONGLONG Now() {
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    return now.QuadPart;
+}
+
+NTSTATUS Await(ServiceChannel* Channel, const ServiceOrder* Order, PKEVENT Event, LONGLONG Limit) {
+    const NTSTATUS status = VrkFsSReqAwait(Channel, Event, Limit);
     if (status == STATUS_TIMEOUT) {
         VrkFsGlobLogEvent(pVrkFsGlobalData->DriverObject, kVrkFsEventServiceTimeout, 0, nullptr, 0, NameOf(Order->Type),
                           nullptr);
@@ -73,15 +86,16 @@ VOID FillRequest(const ServiceOrder* Order, VrkFsServiceRequest* Request) {
     }
 }
 
-NTSTATUS HandOver(ServiceChannel* Channel, const ServiceOrder* Order) {
-    const NTSTATUS status = Await(Channel, Order, &Channel->FetchEvent);
+NTSTATUS HandOver(ServiceChannel* Channel, ServiceOrder* Order) {
+    const NTSTATUS status = Await(Channel, Order, &Channel->FetchEvent, kStepLimit);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    PIRP irp = VrkFsSReqClaimFetch(Channel);
+    PIRP irp = VrkFsSReqClaimFetch(Channel, Order->File, &Order->Connection);
     if (irp == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
+    Order->Deadline = Now() + kAnswersLimit;
     FillRequest(Order, VrkFsIoctlSystemBuffer<VrkFsServiceRequest>(irp));
     VrkFsSReqComplete(irp, STATUS_SUCCESS, sizeof(VrkFsServiceRequest));
     return STATUS_SUCCESS;
@@ -164,7 +178,8 @@ NTSTATUS UseAnswer(ServiceOrder* Order, PIRP Irp, const VrkFsServiceResponse* Re
 
 // A service must hear of an answer that could not be used: its buffer does not hold what it asked for.
 NTSTATUS TakeAnswer(ServiceChannel* Channel, ServiceOrder* Order) {
-    const NTSTATUS status = Await(Channel, Order, &Channel->ResponseEvent);
+    const LONGLONG limit = std::min<LONGLONG>(kStepLimit, Order->Deadline - Now());
+    const NTSTATUS status = Await(Channel, Order, &Channel->ResponseEvent, limit);
     if (!NT_SUCCESS(status)) {
         return status;
     }

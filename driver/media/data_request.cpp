@@ -15,11 +15,15 @@
 
 namespace {
 
-// A private copy of the media file's path: while the service is waited for, a rename may drop the cached one.
+// A private copy of the media file's path: while the service is waited for, a rename may drop the cached one. The path
+// of a file that is gone by now may be another file's.
 NTSTATUS CopyMediaName(const DataRequest* Request, PUNICODE_STRING Name) {
     VCB* vcb = Request->Common->Vcb;
     ResourceGuard vcbLock;
     vcbLock.Shared(&vcb->Resource);
+    if ((Request->Common->Flags & kFcbCommonDeleted) != 0) {
+        return STATUS_FILE_DELETED;
+    }
     const NTSTATUS status = VrkFsFCBCommonSetupFullName(vcb, Request->Fcb->Parent, Request->Common);
     return NT_SUCCESS(status) ? VrkFsRtlCopyUnicodeString(Name, &Request->Common->FullName) : status;
 }
@@ -32,12 +36,12 @@ ServiceHandle LookUpServiceHandle(const DataRequest* Request) {
     return VrkFsSReqIsCurrent(&Request->Ext->ServiceChannel, handle) ? handle : ServiceHandle{};
 }
 
-// Two transfers may both find the file unopened and both ask the service: the first answer stays. FALSE: another one
-// does, which *Handle is now; *Close is the caller's if it comes back.
-BOOLEAN PublishServiceHandle(FCB* Fcb, ServiceHandle* Handle, ServiceClose** Close) {
+// Two transfers may both find the file unopened and both ask the service: the first answer stays while it is good for
+// anything. FALSE: another one does, which *Handle is now; *Close is the caller's if it comes back.
+BOOLEAN PublishServiceHandle(ServiceChannel* Channel, FCB* Fcb, ServiceHandle* Handle, ServiceClose** Close) {
     ResourceGuard lock;
     lock.Exclusive(Fcb->Resource);
-    if (Fcb->ServiceHandle.Value != 0 && Fcb->ServiceHandle.Connection == Handle->Connection) {
+    if (Fcb->ServiceHandle.Value != 0 && VrkFsSReqIsCurrent(Channel, Fcb->ServiceHandle)) {
         *Handle = Fcb->ServiceHandle;
         return FALSE;
     }
@@ -72,7 +76,7 @@ NTSTATUS OpenServiceHandle(const DataRequest* Request, ServiceHandle* Handle) {
     }
     status = AskForHandle(Request, Handle);
     const ServiceHandle opened = *Handle;
-    if (NT_SUCCESS(status) && !PublishServiceHandle(Request->Fcb, Handle, &close)) {
+    if (NT_SUCCESS(status) && !PublishServiceHandle(channel, Request->Fcb, Handle, &close)) {
         static_cast<void>(VrkFsSReqClose(channel, opened));
     }
     VrkFsFreePool(close);

@@ -273,6 +273,29 @@ TEST_F(ServiceChannelTest, RequestsThatNobodyCanUseAndImports) {
     EXPECT_EQ(Service().Respond(6, 0)->End(), kCancelled) << "once is enough";
     EXPECT_EQ(client.get(), kOk);
 
+    // An operation that has not got to the answer that is there: a second one is not taken.
+    ServiceChannel& channel = VrkFsDiskExtOfDevice(Card()->DiskDevice)->ServiceChannel;
+    channel.ResponseWanted = TRUE;
+    const PostedPtr unclaimed = Service().Respond(6, 0);
+    EXPECT_EQ(Service().Respond(6, 0)->Wait().status.code, 0x80000011);
+    Service().Cancel(unclaimed);
+    EXPECT_EQ(unclaimed->End(), kCancelled);
+    channel.ResponseWanted = FALSE;
+
+    // The longest path that a request can tell with its end, and one that is longer.
+    for (const std::size_t chars : {777, 778}) {
+        std::u16string path = u"\\TGA" + std::u16string(chars - 4, u'x');
+        const UNICODE_STRING full = {static_cast<USHORT>(2 * chars), static_cast<USHORT>(2 * chars), path.data()};
+        ServiceHandle handle = {3, 3};
+        auto open = Beside([&] { return VrkFsSReqOpen(&channel, u'P', &full, &handle); });
+        if (chars == 777) {
+            EXPECT_TRUE(Service().Take() == Record(1568, {{0, 1}}, u"P:\\RZV" + path.substr(4), 8));
+            EXPECT_EQ(Service().Respond(1, 0, 7)->End(), kOk);
+        }
+        EXPECT_EQ(open.get(), chars == 777 ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(handle.Value, chars == 777 ? 7u : 0u);
+    }
+
     // A RAM file takes a frame's name: every step in its order, whichever thread it is left to.
     Service().Serve();
     for (const bool posted : {false, true}) {
@@ -408,6 +431,48 @@ TEST_F(ServiceSilence, DeathReturnAndOldHandles) {
     EXPECT_EQ(WordAt(Service().Take(), 0), 6u);
     EXPECT_EQ(Service().Respond(6, 0)->End(), kOk);
     EXPECT_EQ(set.get(), kOk);
+
+    // Whoever waits for a request to carry its own goes to the next service: a file is that one's then, and what is
+    // about a file of the one before fails without that one's hearing of it.
+    frame = OpenFrame(4);
+    read = Beside([&] { return Read(frame, 4, 0, 10); });
+    ASSERT_TRUE(nt::ClockAwaitTimedWaits(2, std::chrono::seconds(100)));
+    Service().Leave();
+    ASSERT_TRUE(Service().Announce());
+    for (const std::uint32_t type : {1u, 4u}) {
+        const Bytes taken = Service().Take();
+        EXPECT_EQ(WordAt(taken, 0), type);
+        Service().Answer(taken);
+    }
+    EXPECT_EQ(read.get(), kRight);
+    write = Beside([&] { return Write(frame, Bytes(10)); });
+    ASSERT_TRUE(nt::ClockAwaitTimedWaits(2, std::chrono::seconds(100)));
+    Service().Leave();
+    ASSERT_TRUE(Service().Announce());
+    const PostedPtr fetch = Service().Fetch();
+    EXPECT_EQ(write.get(), kFailed);
+    EXPECT_FALSE(fetch->IsOver());
+    set = Beside([&] { return SetPrefs(); });
+    EXPECT_EQ(fetch->End(), kOk);
+    EXPECT_EQ(Service().Respond(6, 0)->End(), kOk);
+    EXPECT_EQ(set.get(), kOk);
+    EXPECT_EQ(TimeOuts().size(), 1u);
+}
+
+TEST_F(ServiceSilence, OneThatDripsIsNotWaitedForAnyLonger) {
+    auto read = Beside([&] { return Read(OpenFrame(0), 0, 0, 100); });
+    Service().Answer(Service().Take());
+    EXPECT_EQ(WordAt(Service().Take(), 0), 4u);
+    for (int minute = 0; minute < 10; ++minute) {
+        ASSERT_TRUE(nt::ClockAwaitTimedWaits(2, std::chrono::seconds(100)));
+        nt::ClockAdvance(590'000'000);
+        EXPECT_EQ(Service().Respond(4, 0, 1, Bytes(1))->End(), kOk);
+    }
+    ASSERT_TRUE(nt::ClockAwaitTimedWaits(2, std::chrono::seconds(100)));
+    nt::ClockAdvance(100'000'000);
+    EXPECT_EQ(read.get(), kFailed);
+    EXPECT_EQ(TimeOuts(), std::vector<std::string>{"File Read"});
+    EXPECT_EQ(Service().Respond(4, 0, 1, Bytes(1))->End(), kCancelled);
 }
 
 // ---- Several at once ----

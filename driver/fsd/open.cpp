@@ -146,7 +146,7 @@ __attribute__((noinline)) bool IsFrame(const OpenRequest* Open, const FCB* Fcb, 
     if (Index >= frames) {
         return false;
     }
-    const Preferences& prefs = Open->Card->Prefs;
+    const Preferences prefs = VrkFsGlobPreferencesOf(Open->Card);
     FoundEntry frame;
     VrkFsConstructFileFrameName(entry->Name, Fcb->TypeIndex, frames, Index, prefs.BaseFrameNumber, prefs.MinFrameDigits,
                                 &frame);

@@ -289,7 +289,7 @@ VOID NTAPI VrkFsBTFlushThread(PVOID Context) {
         if (status == STATUS_WAIT_0) {
             break;
         }
-        if (status == STATUS_TIMEOUT) {
+        if (status == STATUS_TIMEOUT || Now() >= nextPass) {  // work that never ends keeps no pass away
             FlushDueObjects(cache);
             nextPass = Now() + kBodyTableFlushPeriod;
         }

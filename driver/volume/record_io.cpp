@@ -1,6 +1,7 @@
 #include "volume/record_io.h"
 
 #include "core/global_data.h"
+#include "core/guards.h"
 #include "core/strings.h"
 #include "fsd/fcb.h"
 #include "fsd/fcb_common.h"
@@ -105,6 +106,9 @@ NTSTATUS VrkFsHwReadFileRecord(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot
 
 NTSTATUS VrkFsHwWriteFolderRecord(HwContext* Hw, HwVolume* Volume, ULONG Slot, DirEntry* Image) {
     const ULONG lba = VrkFsHwFolderLba(Volume, Slot);
+    // A move of a file's record keeps no listing of the volume away: one that has read the old record must cache it
+    // before this write, not over its result.
+    const EventLockGuard scratch(&Hw->ScratchLock);
     Image->Checksum = VrkFsHwCalcFolderChecksum(Image);
     const NTSTATUS status =
         VrkFsHwSCSIWriteEx(Hw, Volume->Devices[0], lba, kDirEntryBlocks, Image, 0, kHwRecordDirEntry);

@@ -35,7 +35,8 @@ struct OpenFolder {
                                                PBOOLEAN Substituted);
 [[nodiscard]] NTSTATUS VrkFsHwReadFileRecord(HwContext* Hw, HwVolume* Volume, ULONG FolderSlot, ULONG Slot, ULONG Lba,
                                              FileEntry* Image, PBOOLEAN Substituted);
-// Checksum, write, cache. A failed write leaves the cache alone.
+// Checksum, write, cache. A failed write leaves the cache alone. A folder is written under the scratch lock, which the
+// caller does not hold.
 [[nodiscard]] NTSTATUS VrkFsHwWriteFolderRecord(HwContext* Hw, HwVolume* Volume, ULONG Slot, DirEntry* Image);
 [[nodiscard]] NTSTATUS VrkFsHwWriteFileRecord(HwContext* Hw, HwVolume* Volume, ULONG Lba, FileEntry* Image);
 

@@ -19,7 +19,7 @@ constexpr std::chrono::milliseconds kGlance{20};
 }  // namespace
 
 std::unique_ptr<Daemon> Daemon::Start(const DaemonOptions& options, DaemonLog& log, host::Problem& problem) {
-    std::unique_ptr<Daemon> daemon(new Daemon(log));
+    std::unique_ptr<Daemon> daemon(new Daemon(options, log));
     daemon->station_ = host::Station::Read(options.station, problem);
     if (!problem) {
         problem = daemon->StartMachine(options);
@@ -105,14 +105,24 @@ host::Problem Daemon::MountAll(const std::vector<mount::Options>& mounts) {
 }
 
 void Daemon::Run() {
+    if (withService_) {  // not before: standard error is the log's by now
+        service_ = std::make_unique<ServiceChild>(socket_, json_, log_);
+    }
     while (true) {
         std::vector<int> ends;
         for (const MountedDrive& drive : mounts_) {
             ends.push_back(drive.mount->EndedDescriptor());
         }
+        if (service_) {
+            ends.push_back(service_->Descriptor());
+        }
         const auto ended = WaitReadable(ends);
         if (!ended) {
             return;
+        }
+        if (*ended == mounts_.size()) {
+            service_->Tend();
+            continue;
         }
         log_.Line("the mount at " + mounts_[*ended].place.string() + " was taken away");
         mounts_.erase(mounts_.begin() + static_cast<std::ptrdiff_t>(*ended));
@@ -120,7 +130,8 @@ void Daemon::Run() {
 }
 
 std::vector<std::string> Daemon::Stop() {
-    mounts_.clear();
+    mounts_.clear();  // with the service still there to hear of the files that close now
+    service_.reset();
     if (!link_.empty()) {
         std::error_code ignored;
         fs::remove(link_, ignored);

@@ -21,6 +21,7 @@ namespace fs = std::filesystem;
 
 struct ServeOptions {
     bool foreground = false;
+    bool service = false;
     std::string log;
     std::vector<std::string> places;
     MountArguments arguments;
@@ -39,6 +40,8 @@ Result ReadOptions(const CommonOptions& common, const ServeOptions& options, Dae
     }
     daemon.station = station->Directory();
     daemon.readOnly = common.readOnly;
+    daemon.service = options.service;
+    daemon.json = common.json && options.foreground;
     const std::string socket = FindSocket(common);
     daemon.socket = socket.empty() ? fs::path() : fs::absolute(socket);
     for (const std::string& place : options.places) {
@@ -145,10 +148,13 @@ mounts are taken away, clients dropped, the station shut down, the images synced
             kMountOptionsHelp + R"(
 
   vrkfs serve -s /srv/studio
+  vrkfs serve -s /srv/studio --mount /mnt/studio --service
   vrkfs serve -s /srv/studio --mount /mnt/studio --read-only
   vrkfs serve -s /srv/studio --json | jq .process        what to kill (SIGTERM) to stop it)");
     command->add_option("--mount", options->places, "mount the drives there; may be given again")->type_name("PLACE");
     AddMountArguments(*command, options->arguments);
+    command->add_flag("--service", options->service,
+                      "run the frame service too (see vrkfs service), again whenever it ends");
     command->add_flag("--foreground", options->foreground, "stay in the foreground and log to standard error");
     command->add_option("--log", options->log, "the file to log to from the background")->type_name("FILE");
     command->callback([options, &common] { Finish(RunServe(common, *options)); });

@@ -1,20 +1,21 @@
 #!/usr/bin/env bash
 # Installs what the build, the tests and the checks use, from Debian's packages. Quiet and quick when all is there.
-#   scripts/install_packages.sh build|test|ci
+#   scripts/install_packages.sh build|demo|test|ci
 set -euo pipefail
 
 build=(g++ cmake ninja-build ccache libcli11-dev nlohmann-json3-dev
     pkg-config libfuse3-dev fuse3 libjpeg-dev)
-test=(libgtest-dev libgmock-dev g++-mingw-w64-i686 binutils-mingw-w64-i686 mingw-w64-tools clang-format python3 netpbm)
+test=(libgtest-dev libgmock-dev g++-mingw-w64-i686 binutils-mingw-w64-i686 mingw-w64-tools clang-format python3 netpbm rsync attr)
 ci=(clang clang-tidy libclang-rt-14-dev libbenchmark-dev)
 
 packages=("${build[@]}")
 case "${1:-build}" in
 build) ;;
+demo) packages+=(netpbm file) ;;
 test) packages+=("${test[@]}") ;;
 ci) packages+=("${test[@]}" "${ci[@]}") ;;
 *)
-    echo "usage: $0 build|test|ci" >&2
+    echo "usage: $0 build|demo|test|ci" >&2
     exit 2
     ;;
 esac

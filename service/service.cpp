@@ -129,30 +129,30 @@ Service::Service(ServiceOptions options) : options_(std::move(options)) {}
 Service::~Service() = default;
 
 bool Service::Run(std::string& problem) {
-    bool served = false;
+    bool found = false;
     for (auto wait = kFirstWait; Pause(std::chrono::milliseconds(0));) {
-        if (!OpenCards(problem) || !Announce(problem)) {
-            EndCards();
-            if (!served || !options_.stay) {
-                return false;
+        Ending ending = Ending::kLost;
+        if (OpenCards(problem)) {
+            found = true;
+            if (Announce(problem)) {
+                wait = kFirstWait;
+                options_.log("serving " + std::to_string(cards_.size()) + (cards_.size() == 1 ? " card" : " cards"));
+                ending = Serve(problem);
+            } else if (taken_) {
+                ending = Ending::kTaken;
+            } else if (options_.stay) {
+                options_.log(problem + "; trying again");
             }
-            (void)Pause(wait);
-            wait = std::min(2 * wait, kLastWait);
-            continue;
         }
-        served = true;
-        wait = kFirstWait;
-        options_.log("serving " + std::to_string(cards_.size()) + (cards_.size() == 1 ? " card" : " cards"));
-        const Ending ending = Serve();
         EndCards();
         if (ending == Ending::kStopped) {
             break;
         }
-        problem = ending == Ending::kTaken ? "another service has taken over" : "the station has gone";
-        if (ending == Ending::kTaken || !options_.stay) {
+        if (ending == Ending::kTaken || !found || !options_.stay) {
             return false;
         }
-        options_.log(problem + "; waiting for it to come back");
+        (void)Pause(wait);
+        wait = std::min(2 * wait, kLastWait);
     }
     return true;
 }
@@ -223,11 +223,22 @@ bool Service::Announce(std::string& problem) {
     return VRKFS_SUCCEEDED(status);
 }
 
-Service::Ending Service::Serve() {
+Service::Ending Service::Serve(std::string& problem) {
     std::unique_lock hold(lock_);
     changed_.wait(hold, [this] { return stopping_ || running_ < cards_.size(); });
-    announced_ = announced_ && !taken_;  // what the driver has now is the other one's
-    return stopping_ ? Ending::kStopped : taken_ ? Ending::kTaken : Ending::kLost;
+    if (stopping_) {
+        return Ending::kStopped;
+    }
+    if (taken_) {
+        announced_ = false;  // what the driver has now is the other one's
+        problem = "another service has taken over";
+        return Ending::kTaken;
+    }
+    problem = "the station has gone";
+    if (options_.stay) {
+        options_.log(problem + "; waiting for it to come back");
+    }
+    return Ending::kLost;
 }
 
 // The driver is told first, so that nobody begins to wait for this service any more.

@@ -41,7 +41,7 @@ class Service {
 
     bool OpenCards(std::string& problem);
     bool Announce(std::string& problem);
-    Ending Serve();
+    Ending Serve(std::string& problem);
     void EndCards();
     bool Pause(std::chrono::milliseconds time);
     bool IsTaken();

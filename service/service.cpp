@@ -11,6 +11,7 @@ namespace {
 constexpr std::uint32_t kMaxCards = 10;
 constexpr std::chrono::milliseconds kSettle{100};  // in which a posted request is refused if it is
 constexpr std::chrono::milliseconds kRetry{100};   // between two attempts to post one
+constexpr std::chrono::milliseconds kYield{300};   // in which a service that found the place taken finds it free
 constexpr int kRetries = 30;                       // a service that has just died is gone from the driver by then
 constexpr std::chrono::milliseconds kNudge{10};
 constexpr std::chrono::milliseconds kFirstWait{100};  // for a station to come back, doubled up to the last
@@ -49,6 +50,7 @@ class Service::CardThread {
         }
     }
     bool IsWaiting() const { return waiting_; }
+    bool HasYielded() const { return yielded_; }
     // Ends a wait for a request. What the thread is doing for one is left alone.
     void Nudge() {
         if (waiting_) {
@@ -68,6 +70,7 @@ class Service::CardThread {
         while (ServeOne(taken)) {
         }
         answers_.reset();  // closes the clips before the card goes
+        yielded_ = true;   // nothing to wait for any more
         const std::lock_guard hold(service_.lock_);
         --service_.running_;
         service_.taken_ = service_.taken_ || taken;
@@ -85,6 +88,9 @@ class Service::CardThread {
             return !taken && service_.Pause(kRetry);
         }
         refused_ = 0;
+        if (status == VRKFS_STATUS_CANCELLED && !yielded_.exchange(true)) {
+            return service_.Pause(kYield);
+        }
         if (!VRKFS_SUCCEEDED(status)) {
             return false;
         }
@@ -120,6 +126,7 @@ class Service::CardThread {
     std::unique_ptr<Card> card_;
     std::unique_ptr<CardService> answers_;
     std::atomic<bool> waiting_{false};
+    std::atomic<bool> yielded_{false};  // once, before anything is announced
     int refused_ = 0;
     std::thread thread_;
 };
@@ -185,19 +192,34 @@ bool Service::OpenCards(std::string& problem) {
     return !cards_.empty();
 }
 
-// Requests are posted before anything is announced: they find out whether another service is there without disturbing
-// it. One that has just died is given time to go.
-bool Service::IsTaken() {
+// Until every card has a request posted. False when one has found another service, or it is time to stop.
+bool Service::AwaitPosted() {
     while (Pause(kSettle)) {
         const std::lock_guard hold(lock_);
-        if (taken_ || running_ < cards_.size()) {
-            return taken_;
+        if (running_ < cards_.size()) {
+            return false;
         }
         if (std::ranges::all_of(cards_, [](const auto& card) { return card->IsWaiting(); })) {
-            break;
+            return true;
         }
     }
     return false;
+}
+
+// Requests are posted before anything is announced: they find out whether another service is there. One that is busy
+// has none posted itself, so the place is left free once more, for longer than it waits. One that has died is given
+// time to go.
+bool Service::IsTaken() {
+    if (AwaitPosted()) {
+        for (const auto& card : cards_) {
+            while (!card->HasYielded() && Pause(kNudge)) {
+                card->Nudge();
+            }
+        }
+        (void)AwaitPosted();
+    }
+    const std::lock_guard hold(lock_);
+    return taken_;
 }
 
 bool Service::Announce(std::string& problem) {

@@ -44,6 +44,7 @@ class Service {
     Ending Serve(std::string& problem);
     void EndCards();
     bool Pause(std::chrono::milliseconds time);
+    bool AwaitPosted();
     bool IsTaken();
 
     ServiceOptions options_;

@@ -56,7 +56,7 @@ bool ReadAnswer(const Frame& frame, Introduction& made) {
 }
 
 host::Problem SayHello(Kind kind, std::uint64_t session, const std::string& name, Introduction& made) {
-    const host::Problem odd{"what listens on " + name + " is no vrkfs daemon", "check the socket's place"};
+    host::Problem odd{"what listens on " + name + " is no vrkfs daemon", "check the socket's place"};
     SetPatience(made.socket, kPatience);
     const HelloRecord hello{kMagic, kVersion, kind, session};
     const FrameHeader header{sizeof(header) + sizeof(hello), Op::kHello, 0, 1};

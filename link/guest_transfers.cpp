@@ -90,7 +90,6 @@ host::Status Guest::PlaceData(UnderWay& way, const IoRecord& record, std::span<c
 }
 
 Guest::Answer Guest::Begin(const std::shared_ptr<UnderWay>& way, const IoRecord& record) {
-    std::optional<std::u16string> pattern;
     host::Process::DirectoryQuery query;
     if (way->op == Op::kQueryDirectory) {
         query.informationClass = record.code;
@@ -100,8 +99,9 @@ Guest::Answer Guest::Begin(const std::shared_ptr<UnderWay>& way, const IoRecord&
             query.index = static_cast<std::uint32_t>(record.offset);
         }
         if ((record.options & kHasPattern) != 0) {
-            query.pattern.emplace(way->in.size() / sizeof(char16_t), u'\0');
-            std::memcpy(query.pattern->data(), way->in.data(), query.pattern->size() * sizeof(char16_t));
+            std::u16string pattern(way->in.size() / sizeof(char16_t), u'\0');
+            std::memcpy(pattern.data(), way->in.data(), pattern.size() * sizeof(char16_t));
+            query.pattern = std::move(pattern);
         }
     }
     host::LocalProcess::Request request;

@@ -152,7 +152,7 @@ host::IoResult RemoteProcess::Ask(Order order) {
     return Unpack(parcel, channel_.Ask(order.op, pieces, parcel.outFrame));
 }
 
-host::Status RemoteProcess::Start(Order order, host::Completion done, host::RequestId* id) {
+host::Status RemoteProcess::Start(Order order, const host::Completion& done, host::RequestId* id) {
     order.record.options |= kOverlapped;
     const auto parcel = std::make_shared<Parcel>();
     if (!Pack(order, *parcel)) {

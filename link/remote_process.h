@@ -70,7 +70,7 @@ class RemoteProcess final : public host::Process {
     };
 
     host::IoResult Ask(Order order);
-    host::Status Start(Order order, host::Completion done, host::RequestId* id);
+    host::Status Start(Order order, const host::Completion& done, host::RequestId* id);
     bool Pack(Order order, Parcel& parcel);
     host::IoResult Unpack(const Parcel& parcel, const Reply& reply);
     host::IoResult TransferInPieces(const Order& order);

@@ -146,10 +146,18 @@ ClipWriter::Outcome ClipWriter::Write(std::uint64_t offset, std::span<const std:
     }
     outcome = FillTo(offset);
     if (outcome.Ok() && headerBytes_ == 0) {
-        outcome = PutHead(offset, bytes);
-        offset = std::max<std::uint64_t>(offset, head_.size());
+        const std::size_t taken = GatherHead(offset, bytes);
+        if (headerBytes_ == 0) {
+            return {};  // the head is still to come
+        }
+        // It goes in one request with what follows it, if it came so.
+        if (offset != 0 || taken != head_.size()) {
+            outcome = PutNext(0, head_);
+            bytes = bytes.subspan(taken);
+            offset = head_.size();
+        }
     }
-    return outcome.Ok() && !bytes.empty() ? PutBehind(offset, bytes) : outcome;
+    return outcome.Ok() && !bytes.empty() ? PutNext(offset, bytes) : outcome;
 }
 
 ClipWriter::Outcome ClipWriter::Extend(std::uint64_t size) {
@@ -161,25 +169,20 @@ ClipWriter::Outcome ClipWriter::Extend(std::uint64_t size) {
     return outcome.Ok() ? FillTo(size) : outcome;
 }
 
-// Gathers the head, and hands it on when it is whole.
-ClipWriter::Outcome ClipWriter::PutHead(std::uint64_t offset, std::span<const std::byte>& bytes) {
+// Takes what belongs to the head; how many bytes.
+std::size_t ClipWriter::GatherHead(std::uint64_t offset, std::span<const std::byte> bytes) {
     const std::size_t taken = std::min<std::size_t>(bytes.size(), head_.size() - static_cast<std::size_t>(offset));
     std::copy_n(bytes.begin(), taken, head_.begin() + static_cast<std::ptrdiff_t>(offset));
-    bytes = bytes.subspan(taken);
     end_ = std::max<std::uint64_t>(end_, offset + taken);
-    if (end_ < head_.size()) {
-        return {};
+    if (end_ >= head_.size()) {
+        MediaFileHeader header{};
+        std::memcpy(&header, head_.data(), sizeof(header));
+        headerBytes_ = std::max<std::uint64_t>(header.HeaderSize, head_.size());
     }
-    if (const host::Status status = Put(0, head_); !status.Ok()) {
-        return Fail(status);
-    }
-    MediaFileHeader header{};
-    std::memcpy(&header, head_.data(), sizeof(header));
-    headerBytes_ = header.HeaderSize;
-    return {};
+    return taken;
 }
 
-ClipWriter::Outcome ClipWriter::PutBehind(std::uint64_t offset, std::span<const std::byte> bytes) {
+ClipWriter::Outcome ClipWriter::PutNext(std::uint64_t offset, std::span<const std::byte> bytes) {
     if (const host::Status status = Put(offset, bytes); !status.Ok()) {
         return Fail(status);
     }
@@ -206,7 +209,7 @@ ClipWriter::Outcome ClipWriter::FillTo(std::uint64_t offset) {
     while (end_ < offset) {
         const auto piece =
             std::span(zeros).first(static_cast<std::size_t>(std::min<std::uint64_t>(offset - end_, kFillBytes)));
-        const Outcome outcome = PutBehind(end_, piece);
+        const Outcome outcome = PutNext(end_, piece);
         if (!outcome.Ok()) {
             return outcome;
         }

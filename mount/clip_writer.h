@@ -80,8 +80,8 @@ class ClipWriter {
     [[nodiscard]] Outcome Fail(host::Status status);
     [[nodiscard]] host::Status Reopen();
     [[nodiscard]] host::Status Put(std::uint64_t offset, std::span<const std::byte> bytes);
-    [[nodiscard]] Outcome PutHead(std::uint64_t offset, std::span<const std::byte>& bytes);
-    [[nodiscard]] Outcome PutBehind(std::uint64_t offset, std::span<const std::byte> bytes);
+    std::size_t GatherHead(std::uint64_t offset, std::span<const std::byte> bytes);
+    [[nodiscard]] Outcome PutNext(std::uint64_t offset, std::span<const std::byte> bytes);
     [[nodiscard]] Outcome FillTo(std::uint64_t offset);
     [[nodiscard]] Outcome CheckPlace(std::uint64_t offset, std::size_t size) const;
     [[nodiscard]] host::Status LearnTotal();

@@ -62,6 +62,7 @@ pid_t Spawn(std::vector<std::string> words, int input) {
     ::posix_spawnattr_setflags(&attributes,
                                static_cast<short>(POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string& word : words) {
         pointers.push_back(word.data());
     }

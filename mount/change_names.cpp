@@ -29,6 +29,9 @@ int FileSystem::FindPlace(Operation operation, std::uint64_t folderInode, std::s
         return EROFS;
     }
     const auto name = DriveName(spelling);
+    if (!name && IsTooLong(spelling)) {
+        return ENAMETOOLONG;
+    }
     if (!name) {
         return journal_.Refused(operation, tree_->Display(place.folder) + "/" + std::string(spelling), EINVAL,
                                 "no drive can hold that name");

@@ -62,7 +62,7 @@ int FileSystem::SetTime(const NodePointer& node, std::int64_t time) {
     // The record is written at the close, where a failure is told to nobody; and not every file's time can be set.
     Facts facts;
     if (node->drive->Look(path, facts).Ok()) {
-        tree_->SetFacts(node, facts.size, facts.time, false);
+        tree_->SetFacts(node, facts, nullptr);
     }
     return 0;
 }

@@ -112,7 +112,8 @@ class FileSystem {
 
     // ---- Files (open_files.cpp, write_files.cpp) ----
     [[nodiscard]] int Open(std::uint64_t inode, int flags, std::unique_ptr<OpenFile>& file);
-    [[nodiscard]] int Create(std::uint64_t folder, std::string_view name, Found& made, std::unique_ptr<OpenFile>& file);
+    [[nodiscard]] int Create(std::uint64_t folder, std::string_view name, bool mustBeNew, Found& made,
+                             std::unique_ptr<OpenFile>& file);
     [[nodiscard]] int Read(OpenFile& file, std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count);
     [[nodiscard]] int Write(OpenFile& file, std::uint64_t offset, std::span<const std::byte> bytes);
     // A program has closed one of its descriptors; there may be more.
@@ -164,6 +165,7 @@ class FileSystem {
     void RemoveAside(const NodePointer& folder, const std::u16string& aside, const std::string& display);
 
     // Files.
+    [[nodiscard]] bool IsStale(const NodePointer& node, bool writes);
     [[nodiscard]] int OpenPassing(const NodePointer& node, int flags, OpenFile& file);
     [[nodiscard]] int OpenHandle(OpenFile& file, bool cached);
     [[nodiscard]] int ReadHandle(OpenFile& file, std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count);
@@ -175,6 +177,7 @@ class FileSystem {
     [[nodiscard]] int Finish(const NodePointer& node, ClipWriter& writer);
     [[nodiscard]] int CheckWritten(const NodePointer& node, const std::u16string& path, std::uint64_t total,
                                    Facts& facts);
+    [[nodiscard]] bool IsBeside(const NodePointer& node, const ClipWriter& writer);
     void GiveUp(const NodePointer& node, ClipWriter& writer);
     void EndWriting(const NodePointer& node);
     [[nodiscard]] int SyncImages(const std::string& display);

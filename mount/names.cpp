@@ -1,5 +1,6 @@
 #include "mount/names.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 
@@ -133,6 +134,11 @@ std::optional<std::u16string> DriveName(std::string_view name) {
     }
     const bool divided = wide.find_first_of(std::u16string_view(u"\\\0", 2)) != wide.npos;
     return wide.empty() || wide.size() > kMaxNameCharacters || divided ? std::nullopt : std::optional(wide);
+}
+
+bool IsTooLong(std::string_view name) {
+    const auto begins = [](char byte) { return (static_cast<std::uint8_t>(byte) & 0xC0) != 0x80; };
+    return static_cast<std::size_t>(std::ranges::count_if(name, begins)) > kMaxNameCharacters;
 }
 
 bool IsPortName(std::u16string_view upcased) {

@@ -16,6 +16,9 @@ namespace mount {
 // Nothing when no drive can hold the name: it is not UTF-8, has more than 255 characters, or would be taken apart.
 [[nodiscard]] std::optional<std::u16string> DriveName(std::string_view name);
 
+// Has more characters than a name can have.
+[[nodiscard]] bool IsTooLong(std::string_view name);
+
 // The driver's command port has this name in every folder, in any case.
 [[nodiscard]] bool IsPortName(std::u16string_view upcased);
 

@@ -37,7 +37,7 @@ int FileSystem::OpenHandle(OpenFile& file, bool cached) {
     file.handle = host::ScopedHandle(*process_, opened.handle);
     Facts facts;
     if (drive.Look(opened.handle, facts).Ok()) {
-        tree_->SetFacts(file.node, facts.size, facts.time, false);
+        tree_->SetFacts(file.node, facts, &file.opening);
     }
     return 0;
 }
@@ -58,10 +58,31 @@ int FileSystem::OpenPassing(const NodePointer& node, int flags, OpenFile& file) 
     return 0;
 }
 
+// The kernel may not have heard yet that it went, nor we from the driver: told so, the kernel looks again, and may find
+// another under that name. Who writes finds out before a copy is lost over it; who reads, when the driver opens it.
+bool FileSystem::IsStale(const NodePointer& node, bool writes) {
+    if (tree_->Look(node).gone) {
+        return true;
+    }
+    const NodePointer folder = tree_->ParentOf(node);
+    if (!writes || folder == nullptr || !node->IsClip() || tree_->IsUnderWay(node)) {
+        return false;
+    }
+    Facts facts;
+    if (node->drive->Look(tree_->PathOf(node), facts) != host::status::kObjectNameNotFound) {
+        return false;
+    }
+    Refresh(folder);
+    return tree_->Look(node).gone;
+}
+
 int FileSystem::Open(std::uint64_t inode, int flags, std::unique_ptr<OpenFile>& file) {
     const NodePointer node = Known(inode);
     if (node == nullptr) {
         return ENOENT;
+    }
+    if (IsStale(node, Writes(flags))) {
+        return ESTALE;
     }
     if (node->IsFolder()) {
         return EISDIR;

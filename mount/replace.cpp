@@ -32,13 +32,16 @@ host::Status FileSystem::PutAside(const Place& place, std::u16string_view ending
 host::Status FileSystem::Swap(const Place& from, const Place& place, std::u16string& aside) {
     Drive& drive = *place.folder->drive;
     host::Status status = PutAside(place, u"old", aside);
+    const bool isFree = status == host::status::kObjectNameNotFound;  // somebody else has removed it meanwhile
     if (!status.Ok()) {
         aside.clear();
+    }
+    if (!status.Ok() && !isFree) {
         return status;
     }
     const std::u16string target = from.folder == place.folder ? place.name : tree_->PathBelow(place.folder, place.name);
     status = drive.Rename(tree_->PathBelow(from.folder, from.name), target);
-    if (status.Ok()) {
+    if (status.Ok() || isFree) {
         return status;
     }
     const host::Status back = drive.Rename(tree_->PathBelow(place.folder, aside), place.name);

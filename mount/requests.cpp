@@ -1,5 +1,6 @@
 #include "mount/requests.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <new>
 
 #include "mount/mountpoint.h"
@@ -35,9 +37,9 @@ FileSystem& FilesOf(fuse_req_t request) {
 timespec TimeOf(std::int64_t time) {
     timespec spec{};
     if (time != 0) {
-        const std::int64_t units = time - kUnixEpoch;
-        std::int64_t seconds = units / kUnitsASecond;
-        std::int64_t rest = units % kUnitsASecond;
+        // Whole seconds first: what stands on a disk may be any number.
+        std::int64_t seconds = time / kUnitsASecond - kUnixEpoch / kUnitsASecond;
+        std::int64_t rest = time % kUnitsASecond;
         if (rest < 0) {
             rest += kUnitsASecond;
             --seconds;
@@ -48,8 +50,12 @@ timespec TimeOf(std::int64_t time) {
     return spec;
 }
 
+// A drive's times begin in 1601, and 0 is none; what lies beyond either end becomes that end, as in any file system.
 std::int64_t DriveTime(const timespec& spec) {
-    return kUnixEpoch + std::int64_t{spec.tv_sec} * kUnitsASecond + spec.tv_nsec / kNanosecondsAUnit;
+    constexpr std::int64_t kFirst = -kUnixEpoch / kUnitsASecond;  // seconds since 1970
+    constexpr std::int64_t kLast = (std::numeric_limits<std::int64_t>::max() - kUnixEpoch) / kUnitsASecond - 1;
+    const std::int64_t seconds = std::clamp<std::int64_t>(spec.tv_sec, kFirst, kLast);
+    return std::max<std::int64_t>(1, kUnixEpoch + seconds * kUnitsASecond + spec.tv_nsec / kNanosecondsAUnit);
 }
 
 struct stat StatOf(const Snapshot& facts, const Options& options) {
@@ -224,7 +230,7 @@ void MakeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mo
         }
         Found made;
         std::unique_ptr<OpenFile> file;
-        const int error = FilesOf(request).Create(folder, name, made, file);
+        const int error = FilesOf(request).Create(folder, name, true, made, file);
         if (error == 0) {
             FilesOf(request).Release(std::move(file));
         }
@@ -385,7 +391,7 @@ void CreateClip(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t 
         FileSystem& files = FilesOf(request);
         Found made;
         std::unique_ptr<OpenFile> file;
-        if (const int error = files.Create(folder, name, made, file); error != 0) {
+        if (const int error = files.Create(folder, name, (info->flags & O_EXCL) != 0, made, file); error != 0) {
             return Answer(request, error);
         }
         FillInfo(*file, info);

@@ -361,6 +361,7 @@ bool Tree::Update(const NodePointer& folder, const NodePointer& child, const hos
     if (changed && !child->IsUnderWay()) {
         child->size = entry.size;
         child->time = entry.lastWriteTime;
+        BeginGeneration(*child);
         if (child->lookups != 0) {
             caches_.ForgetInode(child->inode, true);
         }
@@ -429,8 +430,7 @@ void Tree::Detach(const NodePointer& node) {
 NodePointer Tree::Add(const NodePointer& folder, const std::u16string& name, bool isFolder, const Facts& facts,
                       std::string_view spelling) {
     const std::lock_guard hold(lock_);
-    const NodePointer node =
-        Make(folder, name, isFolder ? Kind::kFolder : Kind::kFile, folder->drive, folder->level + 1);
+    NodePointer node = Make(folder, name, isFolder ? Kind::kFolder : Kind::kFile, folder->drive, folder->level + 1);
     node->size = facts.size;
     node->time = facts.time;
     folder->listing->children[node->key] = node;
@@ -479,14 +479,26 @@ void Tree::Show(const NodePointer& folder, const std::u16string& name) {
 
 // ---- Files ----
 
-void Tree::SetFacts(const NodePointer& node, std::uint64_t size, std::int64_t time, bool bytesChanged) {
+void Tree::SetFacts(const NodePointer& node, const Facts& facts, Opening* opening) {
     const std::lock_guard hold(lock_);
-    if (!bytesChanged && node->size == size && node->time == time) {
+    if (node->size == facts.size && node->time == facts.time) {
         return;
     }
-    node->size = size;
-    node->time = time;
-    caches_.ForgetInode(node->inode, bytesChanged);
+    node->size = facts.size;
+    node->time = facts.time;
+    if (opening != nullptr) {
+        const bool isNext = opening->generation == node->generation;
+        BeginGeneration(*node);
+        opening->generation = isNext ? node->generation : opening->generation;
+    }
+    caches_.ForgetInode(node->inode, opening != nullptr && node->mayHavePages);
+}
+
+// Another clip may stand there now: those who have the old one open and bring pages of it keep theirs to themselves
+// from here on, and nobody joins them. The lock is held.
+void Tree::BeginGeneration(Node& node) {
+    ++node.generation;
+    node.staleOpens += std::exchange(node.cachedOpens, 0);
 }
 
 bool Tree::CanCache(const NodePointer& node, Opening& opening) {
@@ -565,8 +577,7 @@ void Tree::WriterDone(const NodePointer& node, const Facts* facts) {
     if (facts != nullptr) {
         node->size = facts->size;
         node->time = facts->time;
-        ++node->generation;
-        node->staleOpens += std::exchange(node->cachedOpens, 0);
+        BeginGeneration(*node);
     }
     // What the kernel knows of a copy's size it has seen written itself.
     if (node->mayHavePages || facts == nullptr) {

@@ -70,13 +70,15 @@ class Tree {
     void Show(const NodePointer& folder, const std::u16string& name);
 
     // ---- Files ----
-    void SetFacts(const NodePointer& node, std::uint64_t size, std::int64_t time, bool bytesChanged);
     // What an open file is counted as.
     struct Opening {
         bool writes = false;
         bool cached = false;  // its pages may be kept
         unsigned generation = 0;
     };
+    // `opening`: of the file they were just read from, which is another one than before when they differ; null: they
+    // were changed here.
+    void SetFacts(const NodePointer& node, const Facts& facts, Opening* opening);
     // Whether a reader's pages can be kept now.
     [[nodiscard]] bool CanCache(const NodePointer& node, Opening& opening);
     // Counts it. One that was to be cached is not when the clip was replaced meanwhile; `keep`: the pages that there
@@ -106,6 +108,7 @@ class Tree {
     void TellAppeared(Listing& listing, std::uint64_t folder, const std::u16string& key, std::string_view known);
     bool Update(const NodePointer& folder, const NodePointer& child, const host::DirectoryEntry& entry);
     enum class Drop { kNo, kYes };
+    void BeginGeneration(Node& node);
     void HoldChanged(const NodePointer& node, bool wasHeld, Drop drop);
     void Unlink(const NodePointer& node);
     void DropListing(Node& folder);

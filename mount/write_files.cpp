@@ -17,7 +17,9 @@ std::string Bytes(std::uint64_t count) {
 
 }  // namespace
 
-int FileSystem::Create(std::uint64_t folder, std::string_view spelling, Found& made, std::unique_ptr<OpenFile>& file) {
+// ESTALE: somebody else has made it meanwhile, and the kernel is to open that one.
+int FileSystem::Create(std::uint64_t folder, std::string_view spelling, bool mustBeNew, Found& made,
+                       std::unique_ptr<OpenFile>& file) {
     Place place;
     if (const int error = FindPlace(Operation::kCreate, folder, spelling, place); error != 0) {
         return error;
@@ -49,6 +51,10 @@ int FileSystem::Create(std::uint64_t folder, std::string_view spelling, Found& m
     } else {
         writer = std::make_shared<ClipWriter>(*place.folder->drive);
         status = writer->Create(path, facts);
+    }
+    if (status == host::status::kObjectNameCollision && !mustBeNew && ListLocked(place.folder).Ok() &&
+        tree_->Child(place.folder, place.key) != nullptr) {
+        return ESTALE;
     }
     if (!status.Ok()) {
         return CheckRoom(place, Operation::kCreate, status);
@@ -158,6 +164,9 @@ int FileSystem::CheckWritten(const NodePointer& node, const std::u16string& path
 int FileSystem::Finish(const NodePointer& node, ClipWriter& writer) {
     const NodePointer folder = tree_->ParentOf(node);
     if (folder == nullptr) {
+        if (!writer.IsOver()) {
+            journal_.Line(tree_->Display(node) + ": was removed while a copy onto it was under way: so is the copy");
+        }
         writer.Discard();
         return 0;
     }
@@ -189,6 +198,12 @@ int FileSystem::Finish(const NodePointer& node, ClipWriter& writer) {
     tree_->WriterDone(node, error == 0 ? &facts : nullptr);
     work.unlock();
     return aside.empty() ? error : RemoveOld(folder, aside, tree_->Display(node));
+}
+
+// Whether the copy is under a name of its own: nobody wants that one empty either.
+bool FileSystem::IsBeside(const NodePointer& node, const ClipWriter& writer) {
+    const std::u16string path = writer.Path();
+    return writer.HasFile() && path.substr(path.rfind(u'\\') + 1) != tree_->NameOf(node);
 }
 
 // Deletes what is not whole.
@@ -233,7 +248,7 @@ void FileSystem::EndWriting(const NodePointer& node) {
             (void)Finish(node, *writer);
             return;
         }
-        if (writer->HasBytes() || !writer->Failed().Ok()) {
+        if (writer->HasBytes() || !writer->Failed().Ok() || IsBeside(node, *writer)) {
             GiveUp(node, *writer);
         } else {
             writer->Rest();
@@ -271,7 +286,7 @@ int FileSystem::TruncatePassing(const NodePointer& node, std::uint64_t size) {
                      .status;
         Facts facts;
         if (status.Ok() && node->drive->Look(opened.handle, facts).Ok()) {
-            tree_->SetFacts(node, facts.size, facts.time, false);
+            tree_->SetFacts(node, facts, nullptr);
         }
     }
     return status.Ok() ? 0 : journal_.Refused(Operation::kWrite, tree_->Display(node), status);

@@ -166,6 +166,13 @@ class MountTest : public MachineTest {
         EXPECT_TRUE(User().Close(made.handle).Ok());
     }
 
+    void RenameOnDrive(const std::u16string& path, const std::u16string& name) {
+        const host::OpenResult opened = Open(path, host::Disposition::kOpen, host::access::kDelete);
+        ASSERT_TRUE(opened.status.Ok()) << host::StatusName(opened.status);
+        EXPECT_TRUE(host::Rename(User(), opened.handle, name).Ok());
+        EXPECT_TRUE(User().Close(opened.handle).Ok());
+    }
+
     void MakeClip(const std::string& name, const clip::ClipRecipe& recipe) const {
         const auto image = clip::MakeClipImage(recipe);
         std::ofstream(At(name), std::ios::binary)

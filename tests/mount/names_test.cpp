@@ -71,6 +71,30 @@ TEST_F(MountNames, WhatOthersChangeShows) {
     PutOnDrive(u"\\RZV\\TWO\\A\\Take", "large");
     EXPECT_TRUE(Eventually([&] { return Sh("cmp large $T/Take").status == 0; }));
     EXPECT_NE(number, 0u);
+    // Who goes on reading the old one brings none of its bytes to who reads the new one.
+    std::ifstream old(At(folder + "Take"), std::ios::binary);
+    EXPECT_EQ(old.get(), Contents(At("large")).front());
+    RenameOnDrive(u"\\RZV\\TWO\\A\\Take", u"Aside");
+    PutOnDrive(u"\\RZV\\TWO\\A\\Take", "small");
+    for (int round = 0; round < 2; ++round) {
+        Do("cmp small $T/Take");
+        old.seekg(0);
+        EXPECT_EQ(std::string(std::istreambuf_iterator(old), {}).substr(0, 4096),
+                  Contents(At("large")).substr(0, 4096));
+    }
+}
+
+// Right after another program's change, before anybody has told of it: a copy lands all the same.
+TEST_F(MountNames, ACopyRightAfterWhatOthersDid) {
+    Do("cp small $T/a && ! test -e $T/b");
+    RenameOnDrive(u"\\RZV\\TWO\\A\\a", u"c");
+    Do("cat large > $T/a && cmp large $T/a");
+    PutOnDrive(u"\\RZV\\TWO\\A\\b", "small");
+    Do("cat large > $T/b && cmp large $T/b && cmp small $T/c");
+    // One that was given up, and the next.
+    Do("! dd if=small of=$T/d bs=1000 skip=1 count=9 2>/dev/null && cp large $T/d && cmp large $T/d");
+    Do("touch -d 1500-01-01 $T/a && touch -d @9223372036854775807 $T/b");
+    ExpectOut("stat -c %y $T/a; stat -c %y $T/b | cut -c1-5", "1601-01-01 00:00:00.000000100 +0000\n30828\n");
 }
 
 TEST_F(MountNames, WhatOthersHaveOpenIsTheirs) {
@@ -129,6 +153,7 @@ TEST_F(MountNames, RefusalsInWordsThatPeopleKnow) {
         {"mv $T/a $T/___Port0___", "", nullptr},
         {"ln $T/a $T/link", "Operation not permitted", nullptr},
         {"ln -s $T/a $T/link", "Operation not permitted", nullptr},
+        {"mkdir m/P/RZV/TWO/$(printf %0256d 0)", "File name too long", nullptr},
         {"mkfifo $T/pipe", "Operation not permitted", nullptr},
         {"dd if=/dev/zero of=$T/a bs=512 seek=20 count=1 conv=notrunc", "Operation not permitted", "finished clip"},
         {"dd if=small of=$T/a oflag=append conv=notrunc", "Operation not permitted", "finished clip"},

@@ -49,6 +49,7 @@ TEST_F(MountPrograms, CopyOverAClipKeepsOneOfTheTwo) {
     }
     EXPECT_TRUE(HasNoted("A/a: the copy was closed with 70000 of "));
     Do(": > $T/a; truncate -s 0 $T/a; cmp large $T/a");
+    Do("exec 3> $T/a; echo x >&3; truncate -s 0 /dev/fd/3; exec 3>&-; cmp large $T/a");
     // Who reads the old clip goes on reading it.
     Do("cp small $T/b; exec 3< $T/a; mv $T/b $T/a; cmp large - <&3; cmp small $T/a; exec 3<&-");
     Do("cp small $T/a; exec 3< $T/a; rm $T/a; test ! -e $T/a; cp large $T/a; cmp small - <&3; cmp large $T/a");

@@ -54,6 +54,7 @@ struct Server::Parts {
     std::uint64_t nextGuest = kFirstGuest;
     bool stopping = false;
     bool listening = true;
+    bool turnedAway = false;  // since the last connection, and said so
     Clock::time_point listenAgain{};
 
     host::Problem Listen();
@@ -222,11 +223,15 @@ void Server::Parts::Accept() {
             }
             if (errno != EAGAIN && errno != EWOULDBLOCK) {
                 // Whoever wants in waits; asking on and on would help nobody.
-                house.log("cannot take a connection: " + ErrorText(errno));
+                if (!turnedAway) {
+                    house.log("cannot take connections for now: " + ErrorText(errno));
+                }
+                turnedAway = true;
                 ListenFor(false);
             }
             return;
         }
+        turnedAway = false;
         Admit(std::move(socket));
     }
 }

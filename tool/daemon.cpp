@@ -12,7 +12,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// How long another daemon may take to stop.
+// How long whoever has the station may take to be done with it.
 constexpr std::chrono::seconds kPatience{2};
 constexpr std::chrono::milliseconds kGlance{20};
 
@@ -39,15 +39,14 @@ Daemon::~Daemon() {
     }
 }
 
-// One that stops still has the station for a moment; one that answers keeps it.
+// A daemon that stops has the station for a moment still, and so has a short command; a daemon that answers keeps it.
 host::Problem Daemon::StartMachine(const DaemonOptions& options) {
     const auto end = std::chrono::steady_clock::now() + kPatience;
     const host::MachineOptions machine{.program = "vrkfs serve", .readOnly = options.readOnly};
     while (true) {
         host::Problem problem;
         machine_ = host::Machine::Start(station_->Directory(), machine, problem);
-        if (machine_ || !problem.inUse || !IsHeldByDaemon(*station_) || Interrupted() ||
-            std::chrono::steady_clock::now() > end) {
+        if (machine_ || !problem.inUse || Interrupted() || std::chrono::steady_clock::now() > end) {
             return problem;
         }
         host::Problem unheard;

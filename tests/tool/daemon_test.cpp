@@ -168,6 +168,7 @@ TEST_F(Daemon, GoesToTheBackgroundWhenItIsReady) {
     const Outcome started = Run("serve --json");
     ASSERT_EQ(started.status, 0) << started.err;
     daemon_ = started.Objects().at(0)["process"];
+    ASSERT_GT(daemon_, 1);
     EXPECT_EQ(Run("ls P:/RZV/ONE").out, "A\n");
     ::kill(daemon_, SIGHUP);  // its terminal has gone, which is nothing to it
     EXPECT_EQ(Run("ls P:/RZV/ONE").out, "A\n");
@@ -425,7 +426,8 @@ TEST_F(Daemon, DisksOfAProgramThatDiesComeBack) {
     const std::string children =
         Contents("/proc/" + std::to_string(client) + "/task/" + std::to_string(client) + "/children");
     ::kill(client, SIGKILL);
-    ::kill(std::stoi(children), SIGKILL);
+    ASSERT_GT(std::atoi(children.c_str()), 1);
+    ::kill(std::atoi(children.c_str()), SIGKILL);
     EXPECT_EQ(Await(client), -SIGKILL);
     EXPECT_TRUE(Becomes([&] { return Run("ls P:/RZV/ONE").out == "A\n"; })) << DaemonLog();
     EXPECT_EQ(StopDaemon(), 0) << DaemonLog();

@@ -93,6 +93,9 @@ class ProgramTest : public testing::Test {
             Redirect(Path("err" + name), O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
             Execute(line, program);
         }
+        if (child < 0) {
+            std::abort();  // a signal to process -1 would reach every other one
+        }
         return child;
     }
     Outcome Finish(pid_t child, const std::string& name = "") const {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <system_error>
+#include <utility>
 
 #include "link/signals.h"
 
@@ -22,7 +23,11 @@ Reply Disconnected() {
 
 Channel::Channel(Descriptor socket) : socket_(std::move(socket)), reader_(socket_.Get(), true) {}
 
-Channel::~Channel() {
+void Channel::Close() {
+    if (std::exchange(closed_, true)) {
+        return;
+    }
+    (void)Ask(Op::kGoodbye, {});  // at once when the connection is broken
     {
         const std::lock_guard hold(lock_);
         stop_ = true;

@@ -35,8 +35,7 @@ class Channel {
   public:
     // On a socket behind the hello.
     explicit Channel(Descriptor socket);
-    // Nothing may be under way.
-    ~Channel();
+    ~Channel() { Close(); }
     Channel(const Channel&) = delete;
     Channel& operator=(const Channel&) = delete;
 
@@ -70,6 +69,10 @@ class Channel {
     using Ended = std::function<void(Reply&)>;
     Reply Begin(Op op, Pieces pieces, std::span<std::byte> out, Ended ended, std::uint64_t* id);
 
+    // Says goodbye and ends the connection. Nothing is under way any more when it returns, and no `ended` is being
+    // called.
+    void Close();
+
     // What has no answer. May be called from `ended`.
     void Tell(Op op, Pieces pieces);
 
@@ -88,6 +91,7 @@ class Channel {
     void Help();
 
     const Descriptor socket_;
+    bool closed_ = false;
     FrameReader reader_;  // whoever has set `reading_`
 
     std::mutex sendLock_;       // the order of the stream; guards the next. Before `lock_`.

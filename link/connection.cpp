@@ -110,7 +110,6 @@ class RemoteAccess final : public host::Access {
           readOnly_(made.answer.readOnly != 0),
           cards_(std::move(made.cards)),
           channel_(std::move(made.socket)) {}
-    ~RemoteAccess() override { (void)channel_.Ask(Op::kGoodbye, {}); }
 
     std::unique_ptr<host::Process> NewProcess(host::Problem& problem) override {
         Introduction made;

@@ -69,8 +69,7 @@ std::span<const std::byte> BytesOfText(std::u16string_view text) {
 }  // namespace
 
 RemoteProcess::~RemoteProcess() {
-    // Everything under way has ended when the answer comes, or when there will be none.
-    (void)channel_.Ask(Op::kGoodbye, {});
+    channel_.Close();  // while what its last answers want is there
     for (const auto& [address, size] : views_) {
         munmap(address, size);
     }

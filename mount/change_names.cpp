@@ -221,8 +221,9 @@ int FileSystem::ClearTarget(const NodePointer& node, const NodePointer& target, 
 }
 
 // A file beside the frames takes the name of a frame to become it, and is no more: whatever there is then is the
-// driver's to say.
-int FileSystem::RenameRam(const NodePointer& node, const Place& from, const Place& to) {
+// driver's to say. The kernel takes the frame's name for the file's, and has to look at both again.
+int FileSystem::RenameRam(const NodePointer& node, const Place& from, const Place& to, std::string_view spelling,
+                          std::string_view newSpelling) {
     if (from.folder != to.folder) {
         return EXDEV;
     }
@@ -231,6 +232,9 @@ int FileSystem::RenameRam(const NodePointer& node, const Place& from, const Plac
         return journal_.Refused(Operation::kRename, tree_->Display(node), status);
     }
     (void)ListLocked(from.folder);
+    for (const std::string_view name : {spelling, newSpelling}) {
+        caches_.ForgetName(from.folder->inode, std::string(name));
+    }
     return 0;
 }
 
@@ -260,7 +264,7 @@ int FileSystem::Rename(std::uint64_t folder, std::string_view spelling, std::uin
     }
     from.name = tree_->NameOf(node);
     if (node->level == kFrameLevel) {
-        return RenameRam(node, from, to);
+        return RenameRam(node, from, to, spelling, newSpelling);
     }
     if (const int error = CheckMove(node, from, to); error != 0) {
         return error;

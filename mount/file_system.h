@@ -95,6 +95,7 @@ class FileSystem {
     [[nodiscard]] double FactsSeconds(const Snapshot& facts) const;
     // What the kernel is told about a node under that spelling of its name.
     void Fill(const NodePointer& node, std::string_view spelling, Found& found);
+    [[nodiscard]] NodePointer FindNew(const NodePointer& folder, std::u16string_view name, const std::u16string& key);
     struct Row {
         std::string name;
         NodePointer node;
@@ -152,7 +153,8 @@ class FileSystem {
     [[nodiscard]] int CheckRoom(const Place& place, Operation operation, host::Status status);
     [[nodiscard]] int RemoveOpen(const NodePointer& node, const Place& place, std::string_view spelling);
     void Leave(const NodePointer& node, const Place& place, std::string_view spelling);
-    [[nodiscard]] int RenameRam(const NodePointer& node, const Place& from, const Place& to);
+    [[nodiscard]] int RenameRam(const NodePointer& node, const Place& from, const Place& to, std::string_view spelling,
+                                std::string_view newSpelling);
     [[nodiscard]] int CheckMove(const NodePointer& node, const Place& from, const Place& to);
     [[nodiscard]] int ClearTarget(const NodePointer& node, const NodePointer& target, const Place& to);
     // Renames aside what stands in the place, under a name of that ending.

@@ -96,6 +96,18 @@ void FileSystem::Fill(const NodePointer& node, std::string_view spelling, Found&
     found.factsSeconds = FactsSeconds(facts);
 }
 
+// A clip made by the command port, or in the same folder below another type, is there before its report is: whoever
+// made it looks for it at once.
+NodePointer FileSystem::FindNew(const NodePointer& folder, std::u16string_view name, const std::u16string& key) {
+    Facts facts;
+    const bool holdsClips = folder->level == kVolumeLevel || folder->level == kFolderLevel;
+    if (!holdsClips || !folder->drive->Look(tree_->PathBelow(folder, name), facts).Ok()) {
+        return nullptr;
+    }
+    Refresh(folder);
+    return tree_->Child(folder, key);
+}
+
 int FileSystem::Lookup(std::uint64_t folderInode, std::string_view spelling, Found& found) {
     const NodePointer folder = Known(folderInode);
     if (folder == nullptr || !folder->IsFolder()) {
@@ -117,6 +129,8 @@ int FileSystem::Lookup(std::uint64_t folderInode, std::string_view spelling, Fou
     if (node != nullptr) {
         RefreshFacts(folder, tree_->Look(node));
         node = tree_->Child(folder, key);
+    } else {
+        node = FindNew(folder, *name, key);
     }
     if (node == nullptr) {
         const bool isReported = folder->kind == Kind::kTop || (folder->level != kRootLevel && folder->drive->watched);

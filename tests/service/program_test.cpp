@@ -7,9 +7,11 @@
 #include <csignal>
 #include <fstream>
 #include <functional>
+#include <sstream>
 #include <thread>
 
 #include "link/connection.h"
+#include "tests/mount/mount_fixture.h"
 #include "tests/service/frames.h"
 #include "tool/clip/writer.h"
 
@@ -80,6 +82,20 @@ class ServiceProgram : public MachineTest {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     }
+    // With the clip VOL/CLIPS/BARS.RZV.
+    void MakeBars(const clip::ClipRecipe& recipe) {
+        MakeStation(2, 16 << 20);
+        Start();
+        ASSERT_EQ(Format(u"VOL", {0, 1}), 0);
+        (void)User().Close(
+            Open(u"\\RZV\\VOL\\CLIPS", host::Disposition::kCreate, 1, host::option::kDirectoryFile).handle);
+        {
+            const host::ScopedHandle file(User(),
+                                          Open(u"\\RZV\\VOL\\CLIPS\\BARS.RZV", host::Disposition::kCreate, 3).handle);
+            ASSERT_TRUE(User().Write(file.Get(), clip::MakeClipImage(recipe), 0).status.Ok());
+        }
+        Stop();
+    }
     std::unique_ptr<Program> Serve() {
         auto daemon = Run("serve", {"--foreground"});
         Await("the daemon", [&] {
@@ -108,16 +124,7 @@ class ServiceProgram : public MachineTest {
 
 TEST_F(ServiceProgram, ComesAndGoesBesideADaemon) {
     const clip::ClipRecipe recipe = BarsRecipe(525, false, 2);
-    MakeStation(2, 16 << 20);
-    Start();
-    ASSERT_EQ(Format(u"VOL", {0, 1}), 0);
-    (void)User().Close(Open(u"\\RZV\\VOL\\CLIPS", host::Disposition::kCreate, 1, host::option::kDirectoryFile).handle);
-    {
-        const host::ScopedHandle file(User(),
-                                      Open(u"\\RZV\\VOL\\CLIPS\\BARS.RZV", host::Disposition::kCreate, 3).handle);
-        ASSERT_TRUE(User().Write(file.Get(), clip::MakeClipImage(recipe), 0).status.Ok());
-    }
-    Stop();
+    MakeBars(recipe);
     const service::Bytes expected = FileOf(service::FileKind::kTga, BarsFrame(recipe, 1));
     const auto seen = [&] { return ReadFrame() == expected; };
 
@@ -151,6 +158,83 @@ TEST_F(ServiceProgram, ComesAndGoesBesideADaemon) {
     Await("a picture once more", seen);
     EXPECT_EQ(daemon->End(SIGTERM), 0);
     EXPECT_EQ(service->End(), 1);
+}
+
+// The frames and the command port as a shell's script finds them in the mounted drive.
+class MountedService : public ServiceProgram {
+  protected:
+    void TearDown() override {
+        daemon_.reset();
+        (void)Sh("fusermount3 -u -z m");  // of a daemon that was killed
+        ServiceProgram::TearDown();
+    }
+    // In the test's directory: with R for the clips' folder, F for the frames of its clip and D for the clip itself.
+    Outcome Sh(const std::string& script) {
+        const auto out = directory_.Path() / "said";
+        Outcome outcome;
+        outcome.status = tests::Await(StartShell(
+            directory_.Path(), "R=m/P/RZV/VOL/CLIPS; D=$R/BARS.RZV; F=m/P/TGA/VOL/CLIPS/BARS.RZV; " + script, out));
+        outcome.out = Contents(out);
+        return outcome;
+    }
+    void Do(const std::string& script, const std::string& says = "") {
+        const Outcome outcome = Sh(script);
+        EXPECT_EQ(outcome.status, 0) << script;
+        EXPECT_EQ(outcome.out, says) << script;
+    }
+    service::Bytes File(const char* name) {
+        const std::string text = Contents(directory_.Path() / name);
+        return {text.begin(), text.end()};
+    }
+
+    std::unique_ptr<Program> daemon_;
+};
+
+TEST_F(MountedService, FramesAndPortInAShell) {
+    const clip::ClipRecipe recipe = BarsRecipe(525, true, 3);
+    MakeBars(recipe);
+    std::filesystem::create_directory(directory_.Path() / "m");
+    daemon_ = Run("serve", {"--foreground", "--service", "--mount", (directory_.Path() / "m").string()});
+    Await("the service", [&] { return Sh("cat $F/BARS.0001.TGA > frame && cp $D before").status == 0; });
+    Do("ls m/P $F",
+       "m/P:\nBMP\nRAW\nRZV\nTGA\nYUV\n\n" + Sh("echo $F:").out + "BARS.0000.TGA\nBARS.0001.TGA\nBARS.0002.TGA\n");
+    const service::Frame frame = BarsFrame(recipe, 1);
+    EXPECT_TRUE(File("frame") == FileOf(service::FileKind::kTga, frame));
+    ExpectShows(File("frame"), service::FileKind::kTga, frame);
+
+    // A picture put onto a frame in either way changes that frame, and put back, nothing at all.
+    const std::string raw = "cd m/P/RAW/VOL/CLIPS/BARS.RZV && md5sum BARS.0000.RAW BARS.0002.RAW";
+    const std::string others = Sh(raw).out;
+    for (const char* put :
+         {"cp other $F/BARS.0001.TGA",
+          "cp other $F/new && cmp other $F/new && mv -f $F/new $F/BARS.0001.TGA && test ! -e $F/new"}) {
+        Do(std::string("cp $F/BARS.0002.TGA other && ") + put + " && cmp other $F/BARS.0001.TGA && ! cmp -s before $D");
+        Do(raw, others);
+        Do("stat -c %s $F/BARS.0001.TGA; ls $F | wc -l", Sh("stat -c %s other").out + "3\n");
+        Do("cp frame $F/BARS.0001.TGA && cmp before $D");
+    }
+    // What is no picture of this clip changes nothing.
+    EXPECT_EQ(Sh("head -c 1658898 /dev/zero > none; cp none $F/BARS.0001.TGA").status, 1);
+    Do("cmp before $D");
+
+    // Two frames of 625 lines with alpha, in pieces; what came of it is seen at once, under every type.
+    Do("{ printf '\\040\\004\\0\\0\\001\\0\\0\\0M\\0A\\0D\\0E\\0'; head -c 1016 /dev/zero;"
+       "printf '\\001\\0\\0\\0\\161\\002\\0\\0\\002\\0\\0\\0\\001\\0\\0\\0\\0\\0\\0\\0\\0\\0\\0\\0'; } > command;"
+       "dd if=command of=$R/___Port0___ bs=100 status=none; cat $R/MADE > made; ls m/P/TGA/VOL/CLIPS/MADE",
+       "MADE.0000.TGA\nMADE.0001.TGA\n");
+    const Outcome info = Sh(std::string(VRKFS_PROGRAM) + " clip info made");
+    EXPECT_NE(info.out.find("frames       2, 25 per second"), std::string::npos) << info.out;
+    // The free and all blocks of the volume.
+    const Outcome space =
+        Sh("exec 5<> $R/___Port0___; printf '\\010\\0\\0\\0\\004\\0\\0\\0' >&5; head -c 16 <&5 | od -An -td8");
+    std::istringstream words(space.out);
+    std::uint64_t free = 0;
+    std::uint64_t total = 0;
+    words >> free >> total;
+    EXPECT_GT(total, 50000u) << space.out;
+    EXPECT_LT(free, total - 10000) << space.out;
+    EXPECT_EQ(daemon_->End(SIGTERM), 0);
+    Do("ls m");
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "host/machine.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <list>
@@ -24,6 +26,25 @@ NTSTATUS BoardDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     driver->DriverUnload = [](PDRIVER_OBJECT) {};
     return STATUS_SUCCESS;
 }
+
+// The threads that are made while one of these lives leave the program's signals to the program's own threads.
+class ProgramSignalsBlocked {
+  public:
+    ProgramSignalsBlocked() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+            sigaddset(&signals, signal);
+        }
+        pthread_sigmask(SIG_BLOCK, &signals, &before_);
+    }
+    ~ProgramSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    ProgramSignalsBlocked(const ProgramSignalsBlocked&) = delete;
+    ProgramSignalsBlocked& operator=(const ProgramSignalsBlocked&) = delete;
+
+  private:
+    sigset_t before_;
+};
 
 }  // namespace
 
@@ -171,6 +192,7 @@ std::vector<std::string> Machine::Parts::TakeDown() {
 
 std::unique_ptr<Machine> Machine::Start(const std::filesystem::path& directory, const MachineOptions& options,
                                         Problem& problem) {
+    const ProgramSignalsBlocked signals;
     auto parts = std::make_unique<Parts>();
     parts->options = options;
     parts->station = Station::Read(directory, problem);

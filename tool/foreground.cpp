@@ -1,12 +1,14 @@
 #include "tool/foreground.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/signalfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 
 extern char** environ;
@@ -14,35 +16,29 @@ extern char** environ;
 namespace tool {
 namespace {
 
-std::atomic<pid_t> foreground{0};
-std::atomic<bool> toldToEnd{false};
-
-void PassOn(int) {
-    const int error = errno;
-    toldToEnd = true;
-    if (const pid_t child = foreground; child > 0) {
-        ::kill(child, SIGTERM);
-    }
-    errno = error;
+sigset_t Termination() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    return signals;
 }
 
-// Signals of a program that waits for another one; as they were before when it goes out of scope.
+// Signals of a program that waits for another one; as they were before when it goes out of scope. A request to end
+// waits until it is asked for: a handler could come between the program's start and the moment its number is known.
 class WaitingSignals {
   public:
     WaitingSignals() {
         struct sigaction ignore {};
         ignore.sa_handler = SIG_IGN;
-        struct sigaction pass {};
-        pass.sa_handler = &PassOn;
-        pass.sa_flags = SA_RESTART;
         ::sigaction(SIGINT, &ignore, &interrupt_);
         ::sigaction(SIGQUIT, &ignore, &quit_);
-        ::sigaction(SIGTERM, &pass, &terminate_);
+        const sigset_t termination = Termination();
+        ::pthread_sigmask(SIG_BLOCK, &termination, &mask_);
     }
     ~WaitingSignals() {
+        ::pthread_sigmask(SIG_SETMASK, &mask_, nullptr);
         ::sigaction(SIGINT, &interrupt_, nullptr);
         ::sigaction(SIGQUIT, &quit_, nullptr);
-        ::sigaction(SIGTERM, &terminate_, nullptr);
     }
     WaitingSignals(const WaitingSignals&) = delete;
     WaitingSignals& operator=(const WaitingSignals&) = delete;
@@ -50,8 +46,32 @@ class WaitingSignals {
   private:
     struct sigaction interrupt_ {};
     struct sigaction quit_ {};
-    struct sigaction terminate_ {};
+    sigset_t mask_{};
 };
+
+// Until the child has ended, passes on to it what asks this program to end. Its number stays its own until it is waited
+// for, so no signal can reach another process.
+void PassOnUntilEnded(pid_t child) {
+    const sigset_t termination = Termination();
+    const int told = ::signalfd(-1, &termination, SFD_CLOEXEC | SFD_NONBLOCK);
+    const int ended = static_cast<int>(::syscall(SYS_pidfd_open, child, 0));
+    struct pollfd waits[2] = {{ended, POLLIN, 0}, {told, POLLIN, 0}};
+    while (ended >= 0 && told >= 0) {
+        const int ready = ::poll(waits, 2, -1);
+        if ((ready < 0 && errno != EINTR) || (ready > 0 && waits[0].revents != 0)) {
+            break;
+        }
+        signalfd_siginfo signal{};
+        if (::read(told, &signal, sizeof(signal)) == sizeof(signal)) {
+            ::kill(child, SIGTERM);
+        }
+    }
+    for (const int descriptor : {told, ended}) {
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+    }
+}
 
 std::vector<std::string> MergedEnvironment(const ForegroundProgram& program) {
     std::vector<std::string> all;
@@ -109,20 +129,11 @@ int Spawn(const ForegroundProgram& program, pid_t& child) {
 
 int RunInForeground(const ForegroundProgram& program, int& exitStatus) {
     const WaitingSignals signals;
-    toldToEnd = false;
     pid_t child = 0;
     if (const int error = Spawn(program, child); error != 0) {
         return error;
     }
-    foreground = child;
-    if (toldToEnd) {  // while it was being started
-        ::kill(child, SIGTERM);
-    }
-    // Its number stays its own until it is waited for for good, so no signal can reach another process.
-    siginfo_t ended{};
-    while (::waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
-    }
-    foreground = 0;
+    PassOnUntilEnded(child);
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <semaphore>
 #include <utility>
@@ -20,6 +21,14 @@ IoResult ResultOf(NTSTATUS status, const IO_STATUS_BLOCK& block) {
 
 ULONG Length(std::size_t size) {
     return size > 0xFFFFFFFF ? 0xFFFFFFFF : static_cast<ULONG>(size);
+}
+
+// Any number may be asked for. One that the kernel's types cannot hold becomes one that it does not know either.
+FILE_INFORMATION_CLASS FileClass(std::uint32_t number) {
+    return static_cast<FILE_INFORMATION_CLASS>(std::min<std::uint32_t>(number, FileMaximumInformation));
+}
+FS_INFORMATION_CLASS VolumeClass(std::uint32_t number) {
+    return static_cast<FS_INFORMATION_CLASS>(std::min<std::uint32_t>(number, FileFsMaximumInformation));
 }
 
 // The end of a request on an overlapped handle that a caller wants to wait for.
@@ -153,24 +162,24 @@ Status LocalProcess::Close(Handle handle) {
 
 IoResult LocalProcess::QueryInformation(Handle handle, std::uint32_t informationClass, std::span<std::byte> buffer) {
     IO_STATUS_BLOCK block{};
-    return ResultOf(process_.QueryInformation(handle, &block, buffer.data(), Length(buffer.size()),
-                                              static_cast<FILE_INFORMATION_CLASS>(informationClass)),
-                    block);
+    return ResultOf(
+        process_.QueryInformation(handle, &block, buffer.data(), Length(buffer.size()), FileClass(informationClass)),
+        block);
 }
 
 IoResult LocalProcess::SetInformation(Handle handle, std::uint32_t informationClass,
                                       std::span<const std::byte> buffer) {
     IO_STATUS_BLOCK block{};
-    return ResultOf(process_.SetInformation(handle, &block, buffer.data(), Length(buffer.size()),
-                                            static_cast<FILE_INFORMATION_CLASS>(informationClass)),
-                    block);
+    return ResultOf(
+        process_.SetInformation(handle, &block, buffer.data(), Length(buffer.size()), FileClass(informationClass)),
+        block);
 }
 
 IoResult LocalProcess::QueryVolumeInformation(Handle handle, std::uint32_t informationClass,
                                               std::span<std::byte> buffer) {
     IO_STATUS_BLOCK block{};
     return ResultOf(process_.QueryVolumeInformation(handle, &block, buffer.data(), Length(buffer.size()),
-                                                    static_cast<FS_INFORMATION_CLASS>(informationClass)),
+                                                    VolumeClass(informationClass)),
                     block);
 }
 
@@ -178,7 +187,7 @@ IoResult LocalProcess::SetVolumeInformation(Handle handle, std::uint32_t informa
                                             std::span<const std::byte> buffer) {
     IO_STATUS_BLOCK block{};
     return ResultOf(process_.SetVolumeInformation(handle, &block, buffer.data(), Length(buffer.size()),
-                                                  static_cast<FS_INFORMATION_CLASS>(informationClass)),
+                                                  VolumeClass(informationClass)),
                     block);
 }
 
@@ -198,7 +207,7 @@ NTSTATUS LocalProcess::Send(const Request& request, IO_STATUS_BLOCK* block, cons
         case Request::Kind::kQueryDirectory: {
             const DirectoryQuery& query = *request.query;
             nt::Process::DirectoryQuery asked;
-            asked.informationClass = static_cast<FILE_INFORMATION_CLASS>(query.informationClass);
+            asked.informationClass = FileClass(query.informationClass);
             asked.restart = query.restart;
             asked.singleEntry = query.singleEntry;
             asked.fileIndex = query.index ? &*query.index : nullptr;

@@ -3,6 +3,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -29,6 +30,14 @@ bool TakeRecord(std::span<const std::byte>& body, Record& record) {
     std::memcpy(&record, body.data(), sizeof(record));
     body = body.subspan(sizeof(record));
     return true;
+}
+
+// What a frame's data says in characters; half a one at the end is left out.
+inline std::u16string TextOf(std::span<const std::byte> bytes) {
+    std::u16string text(bytes.size() / sizeof(char16_t), u'\0');
+    const std::span<std::byte> room = std::as_writable_bytes(std::span(text));
+    std::copy_n(bytes.begin(), room.size(), room.begin());
+    return text;
 }
 
 struct Frame {

@@ -9,12 +9,6 @@ std::span<const std::byte> WrittenBytes(std::span<const std::byte> out, std::uin
     return out.first(static_cast<std::size_t>(std::min<std::uint64_t>(information, out.size())));
 }
 
-std::u16string TextOf(std::span<const std::byte> bytes) {
-    std::u16string text(bytes.size() / sizeof(char16_t), u'\0');
-    std::memcpy(text.data(), bytes.data(), text.size() * sizeof(char16_t));
-    return text;
-}
-
 }  // namespace
 
 // What the reader does itself, before anything that comes behind it: it takes no time.

@@ -99,9 +99,7 @@ Guest::Answer Guest::Begin(const std::shared_ptr<UnderWay>& way, const IoRecord&
             query.index = static_cast<std::uint32_t>(record.offset);
         }
         if ((record.options & kHasPattern) != 0) {
-            std::u16string pattern(way->in.size() / sizeof(char16_t), u'\0');
-            std::memcpy(pattern.data(), way->in.data(), pattern.size() * sizeof(char16_t));
-            query.pattern = std::move(pattern);
+            query.pattern = TextOf(way->in);
         }
     }
     host::LocalProcess::Request request;

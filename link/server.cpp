@@ -190,16 +190,17 @@ void Server::Parts::Run() {
 }
 
 void Server::Parts::Handle(const epoll_event& event) {
-    if (event.data.u64 == kListener) {
+    const std::uint64_t key = event.data.u64;  // a copy: the record is packed
+    if (key == kListener) {
         Accept();
         return;
     }
-    if (event.data.u64 == kWake) {
+    if (key == kWake) {
         eventfd_t ignored = 0;
         (void)eventfd_read(wake.Get(), &ignored);
         return;
     }
-    const auto found = guests.find(event.data.u64);
+    const auto found = guests.find(key);
     if (found == guests.end()) {
         return;
     }

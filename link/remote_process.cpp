@@ -323,24 +323,24 @@ host::IoResult RemoteProcess::FileSystemControl(host::Handle handle, std::uint32
 
 host::Status RemoteProcess::ReadOverlapped(host::Handle handle, std::span<std::byte> buffer, std::uint64_t offset,
                                            host::Completion done, host::RequestId* id) {
-    return Start({Op::kRead, TransferRecord(handle, offset), {}, buffer}, std::move(done), id);
+    return Start({Op::kRead, TransferRecord(handle, offset), {}, buffer}, done, id);
 }
 
 host::Status RemoteProcess::WriteOverlapped(host::Handle handle, std::span<const std::byte> buffer,
                                             std::uint64_t offset, host::Completion done, host::RequestId* id) {
-    return Start({Op::kWrite, TransferRecord(handle, offset), buffer, {}}, std::move(done), id);
+    return Start({Op::kWrite, TransferRecord(handle, offset), buffer, {}}, done, id);
 }
 
 host::Status RemoteProcess::DeviceControlOverlapped(host::Handle handle, std::uint32_t code,
                                                     std::span<const std::byte> in, std::span<std::byte> out,
                                                     host::Completion done, host::RequestId* id) {
-    return Start({Op::kDeviceControl, RecordOf(handle, code), in, out}, std::move(done), id);
+    return Start({Op::kDeviceControl, RecordOf(handle, code), in, out}, done, id);
 }
 
 host::Status RemoteProcess::NotifyChangeDirectory(host::Handle handle, std::uint32_t filter, bool tree,
                                                   std::span<std::byte> buffer, host::Completion done,
                                                   host::RequestId* id) {
-    return Start({Op::kNotify, RecordOf(handle, filter, tree ? kTree : 0), {}, buffer}, std::move(done), id);
+    return Start({Op::kNotify, RecordOf(handle, filter, tree ? kTree : 0), {}, buffer}, done, id);
 }
 
 void RemoteProcess::Cancel(host::RequestId id) {

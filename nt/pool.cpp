@@ -268,10 +268,11 @@ bool IsInPagedPool(const void* address, std::string* describe) {
 }
 
 bool RequireResident(const void* address, const char* what) {
-    std::string where;
-    if (IsOnOwnStack(Self(), address) || !IsInPagedPool(address, &where)) {
+    if (IsOnOwnStack(Self(), address) || !IsInPagedPool(address)) {
         return true;
     }
+    std::string where;
+    (void)IsInPagedPool(address, &where);
     Violation("%s at %p lies in %s", what, address, where.c_str());
     return false;
 }

@@ -248,7 +248,7 @@ std::unique_ptr<StationLock> StationLock::Take(const Station& station, const std
         ::close(fd);
         problem = {"the station " + Quoted(station.Directory()) + " is in use by " +
                        (name.empty() ? std::string("another program") : name),
-                   "wait until it is done, or end it", true};
+                   "wait until it is done, or end it; several programs share a station through vrkfs serve", true};
         return nullptr;
     }
     std::unique_ptr<StationLock> lock(new StationLock(fd, shared));

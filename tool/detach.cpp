@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iostream>
+#include <optional>
 
 #include "tool/interrupt.h"
 
@@ -14,6 +16,24 @@ namespace tool {
 namespace {
 
 constexpr int kReadyDescriptor = STDERR_FILENO + 1;
+
+// What is left to the starter: the other's process, and how it ended if it did before it was ready.
+struct Detached {
+    pid_t process = -1;             // below 0: it could not be started, errno says why
+    std::optional<int> waitStatus;  // of waitpid; none: it is ready
+    bool stopped = false;           // the user asked to stop while it was starting, and it has ended
+};
+
+class Detachment {
+  public:
+    // In the one that goes on `detached` stays as it is and the result is true.
+    [[nodiscard]] bool Divide(Detached& detached);
+    // Said by that one.
+    void Ready();
+
+  private:
+    int ready_ = -1;
+};
 
 void ReplaceByNothing(int descriptor) {
     const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -40,22 +60,20 @@ int Await(pid_t child) {
     return status;
 }
 
-}  // namespace
-
-int StarterStatus(const Output& output, const Detached& detached, const std::string& what, const std::string& state) {
+int StarterStatus(const Output& output, const Detached& detached, const Undertaking& undertaking) {
     if (detached.process < 0) {
         return output.Fail(
-            {.what = "cannot start " + what + ": " + std::strerror(errno), .advice = "end other programs"});
+            {.what = "cannot start " + undertaking.what + ": " + std::strerror(errno), .advice = "end other programs"});
     }
     if (detached.stopped) {
-        return output.Fail(StoppedFailure(state));
+        return output.Fail(StoppedFailure(undertaking.state));
     }
     if (detached.waitStatus && WIFEXITED(*detached.waitStatus)) {
         return WEXITSTATUS(*detached.waitStatus);  // it has said why
     }
     if (detached.waitStatus) {
-        return output.Fail({.what = what + " was ended by signal " + std::to_string(WTERMSIG(*detached.waitStatus)) +
-                                    " while it started",
+        return output.Fail({.what = undertaking.what + " was ended by signal " +
+                                    std::to_string(WTERMSIG(*detached.waitStatus)) + " while it started",
                             .advice = "see its log"});
     }
     return kDone;
@@ -102,6 +120,26 @@ void Detachment::Ready() {
         // The starter has gone: nobody waits.
     }
     ::close(ready_);
+}
+
+}  // namespace
+
+int RunDetached(const Output& output, DaemonLog& log, const std::filesystem::path& logFile,
+                const Undertaking& undertaking, const std::function<int(const Ready& ready)>& serve) {
+    Detachment detachment;
+    Detached detached;
+    std::cout.flush();
+    if (!detachment.Divide(detached)) {
+        return StarterStatus(output, detached, undertaking);
+    }
+    if (!log.MoveTo(logFile)) {
+        return output.Fail(
+            {.what = "'" + logFile.string() + "': " + std::strerror(errno), .advice = "give --log another file"});
+    }
+    return serve([&] {
+        log.TakeStandardError();
+        detachment.Ready();
+    });
 }
 
 }  // namespace tool

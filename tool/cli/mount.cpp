@@ -1,7 +1,5 @@
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -67,9 +65,9 @@ Result FindLog(const CommonOptions& common, const MountCommand& command, fs::pat
     return std::nullopt;
 }
 
-// From the start of the mount to its end; with a detachment its starter is told when it stands.
+// From the start of the mount to its end.
 int Serve(const Output& output, const CommonOptions& common, const mount::Options& options, DaemonLog& log,
-          Detachment* detachment) {
+          const Ready& ready) {
     Failure failure;
     const std::unique_ptr<Session> session = Session::Open(common, output.Command(), failure);
     if (!session) {
@@ -86,9 +84,8 @@ int Serve(const Output& output, const CommonOptions& common, const mount::Option
     output.Report("mounted at " + place + ", by process " + std::to_string(::getpid()),
                   {{"mountpoint", place}, {"read_only", options.readOnly}, {"process", ::getpid()}});
     std::cout.flush();
-    if (detachment != nullptr) {
-        log.TakeStandardError();
-        detachment->Ready();
+    if (ready) {
+        ready();
         log.Line("mounted at " + place);
     }
     const bool taken = WaitReadable(mounted->EndedDescriptor());
@@ -98,21 +95,6 @@ int Serve(const Output& output, const CommonOptions& common, const mount::Option
     return unclean ? output.Fail(*unclean) : kDone;
 }
 
-int ServeDetached(const Output& output, const CommonOptions& common, const mount::Options& options, DaemonLog& log,
-                  const fs::path& logFile) {
-    Detachment detachment;
-    Detached detached;
-    std::cout.flush();
-    if (detachment.Divide(detached)) {
-        if (!log.MoveTo(logFile)) {
-            return output.Fail(
-                {.what = "'" + logFile.string() + "': " + std::strerror(errno), .advice = "give --log another file"});
-        }
-        return Serve(output, common, options, log, &detachment);
-    }
-    return StarterStatus(output, detached, "the mount", "nothing is mounted");
-}
-
 int RunMount(CommonOptions common, const MountCommand& command) {
     const Output output("mount", common.json);
     mount::Options options;
@@ -120,14 +102,15 @@ int RunMount(CommonOptions common, const MountCommand& command) {
         return output.Fail(*wrong);
     }
     DaemonLog log(output);
+    const auto serve = [&](const Ready& ready) { return Serve(output, common, options, log, ready); };
     if (command.foreground) {
-        return Serve(output, common, options, log, nullptr);
+        return serve({});
     }
     fs::path logFile;
     if (const Result wrong = FindLog(common, command, logFile)) {
         return output.Fail(*wrong);
     }
-    return ServeDetached(output, common, options, log, logFile);
+    return RunDetached(output, log, logFile, {"the mount", "nothing is mounted"}, serve);
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -76,8 +74,8 @@ void ReportServing(const Output& output, const DaemonOptions& daemon, const fs::
     std::cout.flush();
 }
 
-// From the start to the end of the daemon; with a detachment its starter is told when it is ready.
-int Serve(const Output& output, const DaemonOptions& options, DaemonLog& log, Detachment* detachment) {
+// From the start to the end of the daemon.
+int Serve(const Output& output, const DaemonOptions& options, DaemonLog& log, const Ready& ready) {
     host::Problem problem;
     auto daemon = Daemon::Start(options, log, problem);
     if (!daemon) {
@@ -85,9 +83,8 @@ int Serve(const Output& output, const DaemonOptions& options, DaemonLog& log, De
     }
     const fs::path socket = daemon->Socket();
     ReportServing(output, options, socket, ::getpid());
-    if (detachment != nullptr) {
-        log.TakeStandardError();
-        detachment->Ready();
+    if (ready) {
+        ready();
     }
     log.Line("serving " + options.station.string() + " at " + socket.string() +
              (options.readOnly ? ", for reading only" : ""));
@@ -103,20 +100,6 @@ int Serve(const Output& output, const DaemonOptions& options, DaemonLog& log, De
     return left.empty() ? kDone : kFailed;
 }
 
-int ServeDetached(const Output& output, const DaemonOptions& options, DaemonLog& log, const fs::path& logFile) {
-    Detachment detachment;
-    Detached detached;
-    std::cout.flush();
-    if (detachment.Divide(detached)) {
-        if (!log.MoveTo(logFile)) {
-            return output.Fail(
-                {.what = "'" + logFile.string() + "': " + std::strerror(errno), .advice = "give --log another file"});
-        }
-        return Serve(output, options, log, &detachment);
-    }
-    return StarterStatus(output, detached, "the daemon", "the station is not served");
-}
-
 int RunServe(const CommonOptions& common, const ServeOptions& options) {
     const Output output("serve", common.json);
     DaemonOptions daemon;
@@ -125,7 +108,9 @@ int RunServe(const CommonOptions& common, const ServeOptions& options) {
         return output.Fail(*wrong);
     }
     DaemonLog log(output);
-    return options.foreground ? Serve(output, daemon, log, nullptr) : ServeDetached(output, daemon, log, logFile);
+    const auto serve = [&](const Ready& ready) { return Serve(output, daemon, log, ready); };
+    return options.foreground ? serve({})
+                              : RunDetached(output, log, logFile, {"the daemon", "the station is not served"}, serve);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -6,6 +7,7 @@
 #include <chrono>
 #include <iostream>
 #include <memory>
+#include <utility>
 
 #include "tool/advice.h"
 #include "tool/cli/commands.h"
@@ -19,6 +21,9 @@ namespace {
 constexpr std::uint32_t kEveryChange = 0xFFF;
 // Listings keep at least this distance, so that a burst of changes is one.
 constexpr std::chrono::milliseconds kDistance{50};
+// The driver has a handle's first request carried out by a thread of its own, so for a moment behind its "pending" it
+// does not note changes yet. From the second on it keeps for the next request what comes in between.
+constexpr std::chrono::seconds kUntilItListens{1};
 
 // One pending notification of a drive, which a descriptor tells the end of. Its record outlives the process whose
 // request points to it.
@@ -65,6 +70,26 @@ class Bell {
     std::shared_ptr<State> state_;
 };
 
+// Rings once; there is none in a process that is out of descriptors.
+class Alarm {
+  public:
+    explicit Alarm(std::chrono::seconds time) : descriptor_(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)) {
+        itimerspec when{};
+        when.it_value.tv_sec = time.count();
+        ::timerfd_settime(descriptor_, 0, &when, nullptr);
+    }
+    Alarm(const Alarm&) = delete;
+    Alarm& operator=(const Alarm&) = delete;
+    ~Alarm() { Silence(); }
+
+    // Below 0 when it is over, which a wait passes over.
+    [[nodiscard]] int Descriptor() const { return descriptor_; }
+    void Silence() { ::close(std::exchange(descriptor_, -1)); }
+
+  private:
+    int descriptor_;
+};
+
 const char* NameOf(TreeChange::Kind kind) {
     switch (kind) {
         case TreeChange::Kind::kCreated:
@@ -102,9 +127,24 @@ class Watch {
         if (Result failure = Begin()) {
             return failure;
         }
-        while (Told() && WaitReadable(bell_.Descriptor()) && Pause(kDistance)) {
-            if (Result failure = Look()) {
-                return failure;
+        Alarm unheard(kUntilItListens);
+        while (Told()) {
+            const int descriptors[] = {bell_.Descriptor(), unheard.Descriptor()};
+            const auto rung = WaitReadable(descriptors);
+            if (!rung || !Pause(kDistance)) {
+                break;
+            }
+            host::Status status = host::status::kSuccess;
+            if (*rung == 0) {
+                status = AskAgain();
+            } else {
+                unheard.Silence();
+            }
+            if (status.Ok()) {
+                status = Look();
+            }
+            if (!status.Ok()) {
+                return CannotWatch(status);
             }
         }
         return std::nullopt;
@@ -113,7 +153,6 @@ class Watch {
   private:
     // The drive's root is watched, whatever the path: a handle on a folder would keep it from being deleted or moved.
     Result Begin() {
-        const std::string what = "cannot watch " + path_.Display();
         host::OpenRequest request;
         request.path = DrivePath{path_.drive, path_.card, {}}.Open();
         request.options = host::option::kDirectoryFile;
@@ -128,7 +167,7 @@ class Watch {
             status = ReadTree(process_, path_, seen_);
         }
         if (!status.Ok()) {
-            return DriverFailure(Operation::kList, what, status);
+            return CannotWatch(status);
         }
         output_.Report(FormatTime(ParseTime("now").value_or(0)) + "  watching               " + path_.Display(),
                        {{"time", FormatTime(ParseTime("now").value_or(0), true)},
@@ -138,26 +177,28 @@ class Watch {
     }
 
     // The next notification is asked for before the listing, so that what changes behind the listing is told by it.
-    Result Look() {
-        const std::string what = "cannot watch " + path_.Display();
-        host::Status status = bell_.Ended();
-        if (status.Ok()) {
-            status = bell_.Arm(process_, root_.Get());
-        }
-        if (!status.Ok()) {
-            return DriverFailure(Operation::kList, what, status);
-        }
+    host::Status AskAgain() {
+        const host::Status ended = bell_.Ended();
+        return ended.Ok() ? bell_.Arm(process_, root_.Get()) : ended;
+    }
+
+    // Tells what differs from the listing before.
+    host::Status Look() {
         TreeNode now;
-        status = ReadTree(process_, path_, now);
+        const host::Status status = ReadTree(process_, path_, now);
         const bool gone =
             !now.folder && (status == host::status::kObjectNameNotFound ||
                             status == host::status::kObjectPathNotFound || status == host::status::kNotADirectory);
         if (!status.Ok() && !gone) {
-            return DriverFailure(Operation::kList, what, status);
+            return status;
         }
         Compare(now);
         seen_ = std::move(now);
-        return std::nullopt;
+        return host::status::kSuccess;
+    }
+
+    [[nodiscard]] Failure CannotWatch(host::Status status) const {
+        return DriverFailure(Operation::kList, "cannot watch " + path_.Display(), status);
     }
 
     // The folder itself comes and goes like what is in it.

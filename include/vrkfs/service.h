@@ -23,7 +23,10 @@ extern "C" {
 #define VRKFS_SERVICE_AVAILABLE_SPACE 7u
 #define VRKFS_SERVICE_CREATE_MEDIA_FILE 8u
 
-#define VRKFS_SERVICE_TIMEOUT_SECONDS 60u /* for an answer, and between two pieces of data */
+/* How long the driver waits for the service's next step: to fetch a request, to answer it, to bring or take the next
+ * piece of its data. Besides, all the answers to one request together have ten minutes from when it was fetched. A
+ * service that lets either pass is disconnected, as if it had said nothing, and the operation fails. */
+#define VRKFS_SERVICE_TIMEOUT_SECONDS 60u
 
 #define VRKFS_SERVICE_PAYLOAD_SIZE 1560u
 #define VRKFS_SERVICE_PATH_CHARS 778u /* behind the drive letter and the colon, the terminating zero included */

@@ -4,7 +4,6 @@
 #include <vrkfs/client.h>
 
 #include <memory>
-#include <new>
 #include <span>
 #include <type_traits>
 
@@ -27,7 +26,8 @@ std::span<std::byte> WritableBytesOf(Record& record) {
     return std::as_writable_bytes(std::span(&record, 1));
 }
 
-// Makes a call that returns a host::Status or a VrkFsStatus.
+// Makes a call that returns a host::Status or a VrkFsStatus. Whatever is thrown below it says that something is short:
+// memory, a thread, what a container can hold.
 template <typename Call>
 VrkFsStatus Guarded(Call call) noexcept {
     try {
@@ -36,7 +36,7 @@ VrkFsStatus Guarded(Call call) noexcept {
         } else {
             return call();
         }
-    } catch (const std::bad_alloc&) {
+    } catch (...) {
         return VRKFS_STATUS_INSUFFICIENT_RESOURCES;
     }
 }

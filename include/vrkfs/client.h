@@ -15,8 +15,8 @@
  *
  * Statuses. Every call that can fail returns an NTSTATUS; VRKFS_SUCCEEDED tells. A code that was understood and refused
  * succeeds with a negative result (<vrkfs/results.h>) in its record or its `result`. Records and results are filled
- * only on success. Of its own the library adds STATUS_INSUFFICIENT_RESOURCES (no memory) and STATUS_INVALID_PARAMETER
- * (a size or a number that no request can carry).
+ * only on success. Of its own the library adds STATUS_INSUFFICIENT_RESOURCES (no memory, or whatever else is
+ * short) and STATUS_INVALID_PARAMETER (a size or a number that no request can carry).
  */
 #ifndef VRKFS_CLIENT_H
 #define VRKFS_CLIENT_H

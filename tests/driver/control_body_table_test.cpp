@@ -1,6 +1,7 @@
 // Body tables through the control device: the sections' names, when tables reach the disk, and that the card stands
 // still for nobody.
 #include <atomic>
+#include <barrier>
 #include <thread>
 
 #include "fsd/fcb.h"
@@ -9,6 +10,7 @@
 #include "nt/kernel.h"
 #include "nt/system.h"
 #include "tests/driver/recorder_rig.h"
+#include "tests/support/scripted_service.h"
 
 namespace tests {
 namespace {
@@ -22,11 +24,7 @@ class ControlBodyTables : public RecorderTest {
     static BodyTableCache* Cache() { return &Card()->BodyTableCache; }
 
     void StartWithClip(bool manualClock = false) {
-        host::MachineOptions options;
-        options.manualClock = manualClock;
-        StartVolume(1, options);
-        clip_.frames = 4;
-        clip_.videoFields = {1, 2, 3, 4, 5, 6, 7, 8};
+        StartVolume(1, {.manualClock = manualClock});
         PutClip(u"a.RZV", clip_);
     }
     host::ScopedHandle OpenToRead(const std::u16string& name) {
@@ -48,19 +46,29 @@ class ControlBodyTables : public RecorderTest {
         }
         ASSERT_TRUE(nt::ClockAwaitTimedWaits(1));
     }
-    host::Process::SectionView Map(host::Process& process, const std::u16string& name) {
+    host::Process::SectionView Map() {
         host::Process::SectionView view;
-        EXPECT_EQ(host::StatusName(process.MapSection(name, true, view)), kOk);
+        EXPECT_EQ(host::StatusName(User().MapSection(name_, true, view)), kOk);
         return view;
     }
+    // A handle that may write, and its reference to the table.
+    host::ScopedHandle Refer(const std::u16string& clip = u"a.RZV") {
+        host::ScopedHandle writer = OpenClip(clip);
+        EXPECT_EQ(Reference(writer.Get(), &name_), kOk);
+        return writer;
+    }
+    void WriteBackUnreferenced() {
+        const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
+        VrkFsBTFlushUnrefObjects(Cache());
+    }
 
-    ClipSpec clip_;
+    ClipSpec clip_ = {.frames = 4, .videoFields = {1, 2, 3, 4, 5, 6, 7, 8}, .alphaFields = {}};
+    std::u16string name_;  // of the section that the driver told last
 };
 
 TEST_F(ControlBodyTables, AFinishedClipsTableIsSharedUnderItsName) {
     StartWithClip();
     const host::ScopedHandle reader = OpenToRead(u"A.rzv");
-    std::u16string name;
     struct {
         bool alpha;
         std::size_t bytes;
@@ -68,24 +76,25 @@ TEST_F(ControlBodyTables, AFinishedClipsTableIsSharedUnderItsName) {
     } const cases[] = {{false, 0, kTooSmall}, {false, 36, kTooSmall}, {false, 37, kTooSmall}, {false, 38, kOk},
                        {false, 4000, kOk},    {true, 400, kTooSmall}, {true, 0, kTooSmall}};
     for (const auto& test : cases) {
-        EXPECT_EQ(Reference(reader.Get(), &name, test.alpha, test.bytes), test.answer) << test.bytes;
-        EXPECT_EQ(name, test.answer == kOk ? u"P:/RZV/VOL/F/A.RZV" : u"?");
+        EXPECT_EQ(Reference(reader.Get(), &name_, test.alpha, test.bytes), test.answer) << test.bytes;
+        EXPECT_EQ(name_, test.answer == kOk ? u"P:/RZV/VOL/F/A.RZV" : u"?");
     }
     EXPECT_EQ(Cache()->ReferencedCount, 1u);
     auto* object = CONTAINING_RECORD(Cache()->Referenced.Flink, BodyTableObject, Link);
     EXPECT_EQ(object->WriteReferences, 0u) << "nobody can write through these handles";
     {
         const host::ScopedHandle writer = OpenClip(u"a.RZV");
-        EXPECT_EQ(Reference(writer.Get(), &name, false, 36), kTooSmall);
+        EXPECT_EQ(Reference(writer.Get(), &name_, false, 36), kTooSmall);
         EXPECT_EQ(object->WriteReferences, 0u);
-        EXPECT_EQ(Reference(writer.Get(), &name), kOk);
+        EXPECT_EQ(Reference(writer.Get(), &name_), kOk);
         EXPECT_EQ(CreateTable(writer.Get(), 100), kOk) << "it has one";
         EXPECT_EQ(std::pair(object->WriteReferences, object->Frames), std::pair(1u, 4u));
         EXPECT_EQ(Dereference(reader.Get()), kOk);
         EXPECT_EQ(object->WriteReferences, 1u);
     }
     // Every field where it lies on the disk.
-    const host::Process::SectionView view = Map(User(), name);
+    const host::Process::SectionView view = Map();
+    EXPECT_EQ(Reference(view.handle, &name_), "STATUS_UNSUCCESSFUL") << "a section is no file";
     std::uint32_t lba = RawFile(u"a.RZV").DataStartLba;
     for (std::uint32_t field = 0; field < 8; ++field) {
         VrkFsPlacedNode node;
@@ -95,7 +104,7 @@ TEST_F(ControlBodyTables, AFinishedClipsTableIsSharedUnderItsName) {
         lba += clip_.videoFields[field];
     }
     OpenClip(u"plain", host::Disposition::kCreate).Reset();
-    EXPECT_EQ(Reference(OpenClip(u"plain").Get(), &name), "0xC00000F2") << "a section is never empty";
+    EXPECT_EQ(Reference(OpenClip(u"plain").Get(), &name_), "STATUS_INVALID_PARAMETER_4") << "a section is never empty";
     EXPECT_EQ(Cache()->ReferencedCount + Cache()->UnreferencedCount, 1u);
 }
 
@@ -103,7 +112,6 @@ TEST_F(ControlBodyTables, TablesStayWithinTheirSectionsAndBlocks) {
     StartWithClip();
     host::ScopedHandle file = OpenClip(u"new.RZV", host::Disposition::kCreate);
     const VrkFsVideoSpace space = Allocate(file.Get(), 2, 10);
-    std::u16string name;
     for (const std::uint32_t frames : {0x05555556u, 0x20000000u, 0xFFFFFFFFu}) {  // times 24 or 8 they wrap
         EXPECT_EQ(CreateTable(file.Get(), frames), kInvalid);
     }
@@ -125,31 +133,27 @@ TEST_F(ControlBodyTables, TablesStayWithinTheirSectionsAndBlocks) {
         VrkFsVideoSpace given = space;
         given.BodyTableLba = test.lba;
         given.BodyTableBlocks = test.blocks;
-        EXPECT_EQ(AddNodes(file.Get(), given, &name), test.answer) << test.lba << " " << test.blocks;
+        EXPECT_EQ(AddNodes(file.Get(), given, &name_), test.answer) << test.lba << " " << test.blocks;
     }
-    const host::Process::SectionView view = Map(User(), name);
-    EXPECT_EQ(AddNodes(file.Get(), space, &name, true), kInvalid) << "the file has no alpha";
+    const host::Process::SectionView view = Map();
+    EXPECT_EQ(AddNodes(file.Get(), space, &name_, true), kInvalid) << "the file has no alpha";
 
     // The same name again, larger, while a program still has the old section.
-    VrkFsVideoFileUpdate update{};
-    update.Handle = file.Get();
-    update.VideoBodyTableAllocated = 2;
-    update.VideoDataAllocated = 10;
-    update.Flags = VRKFS_UPDATE_VIDEO;
+    VrkFsVideoFileUpdate update = Settlement(file.Get(), 2, 10);
+    update.VideoBodyTableUsed = update.VideoDataUsed = 0;
     EXPECT_EQ(Send(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update), kOk);
     const VrkFsVideoSpace larger = Allocate(file.Get(), 100, 10);
     EXPECT_EQ(CreateTable(file.Get(), 6000), kOk);
-    EXPECT_EQ(AddNodes(file.Get(), larger, &name), "STATUS_OBJECT_NAME_COLLISION");
+    EXPECT_EQ(AddNodes(file.Get(), larger, &name_), "STATUS_OBJECT_NAME_COLLISION");
     User().UnmapSection(view);
-    EXPECT_EQ(AddNodes(file.Get(), larger, &name), kOk);
-    const host::Process::SectionView whole = Map(User(), name);
+    EXPECT_EQ(AddNodes(file.Get(), larger, &name_), kOk);
+    const host::Process::SectionView whole = Map();
     EXPECT_GE(whole.bytes.size(), 6000u * 24);
 
     // What is settled away is not written to any more, even by a table that was shared before.
     std::memset(whole.bytes.data(), 0x5A, whole.bytes.size());
-    update.VideoBodyTableAllocated = 100;
+    update = Settlement(file.Get(), 100, 10);
     update.VideoBodyTableUsed = 1;
-    update.VideoDataUsed = 10;
     update.FrameCount = 60;
     EXPECT_EQ(Send(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update), kOk);
     const Bytes freed = RawBlocks(0, larger.BodyTableLba + 1, 99);
@@ -164,58 +168,47 @@ TEST_F(ControlBodyTables, ACachedTableDoesNotReachBlocksThatWereGivenBack) {
     clip_.frames = 100;
     clip_.videoFields.assign(200, 1);
     PutClip(u"a.RZV", clip_);
-    std::u16string name;
     {
-        const host::ScopedHandle writer = OpenClip(u"a.RZV");
-        ASSERT_EQ(Reference(writer.Get(), &name), kOk);
-        std::memset(Map(User(), name).bytes.data(), 0x5A, 2400);
+        const host::ScopedHandle writer = Refer();
+        std::memset(Map().bytes.data(), 0x5A, 2400);
     }
     ASSERT_EQ(Cache()->UnreferencedCount, 1u);
     const host::ScopedHandle writer = OpenClip(u"a.RZV");
     const VrkFsFileLocation place = Locate(writer.Get());
     const Bytes freed = RawBlocks(0, place.BodyTableLba + 1, 1);
-    VrkFsVideoFileUpdate update{};
-    update.Handle = writer.Get();
+    VrkFsVideoFileUpdate update = Settlement(writer.Get(), 2, place.DataBlocks);
     update.FrameCount = 50;
-    update.VideoBodyTableAllocated = 2;
     update.VideoBodyTableUsed = 1;
-    update.VideoDataAllocated = update.VideoDataUsed = place.DataBlocks;
-    update.Flags = VRKFS_UPDATE_VIDEO;
     ASSERT_EQ(Send(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update), kOk);
     // The block goes to a new file, whose owner would not like to find the old table in it.
     const host::ScopedHandle other = OpenClip(u"b.RZV", host::Disposition::kCreate);
     const VrkFsVideoSpace space = Allocate(other.Get(), 1, 1);
     ASSERT_EQ(space.BodyTableLba, place.BodyTableLba + 1);
-    const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
-    VrkFsBTFlushUnrefObjects(Cache());
+    WriteBackUnreferenced();
     EXPECT_EQ(RawBlocks(0, place.BodyTableLba, 1)[8], std::byte{0x5A});
     EXPECT_TRUE(RawBlocks(0, place.BodyTableLba + 1, 1) == freed);
 }
 
 TEST_F(ControlBodyTables, WhatWasWrittenIsNotLostWhenTheClipGetsAlpha) {
     StartWithClip(true);  // nothing becomes due
-    std::u16string name;
     for (const bool isNew : {false, true}) {
-        host::ScopedHandle writer = OpenClip(u"a.RZV");
-        ASSERT_EQ(Reference(writer.Get(), &name), kOk);
+        host::ScopedHandle writer = Refer();
         const std::uint16_t value = isNew ? 44 : 45;
-        Scribble(Map(User(), name), value);
+        Scribble(Map(), value);
         writer.Reset();
         writer = OpenClip(u"a.RZV");
         EXPECT_NE(OnDisk(), value);
         static_cast<void>(Allocate(writer.Get(), 1, 10, VRKFS_SPACE_ALPHA));
-        EXPECT_EQ(isNew ? CreateTable(writer.Get(), 4) : Reference(writer.Get(), &name), kOk);
+        EXPECT_EQ(isNew ? CreateTable(writer.Get(), 4) : Reference(writer.Get(), &name_), kOk);
         EXPECT_EQ(OnDisk(), value);
     }
 }
 
 TEST_F(ControlBodyTables, TheOldestOfThirtyThreeGoesAndIsWrittenBack) {
     StartWithClip(true);
-    std::u16string name;
     const auto use = [&](const std::u16string& clip) {
-        const host::ScopedHandle file = OpenClip(clip);
-        EXPECT_EQ(Reference(file.Get(), &name), kOk);
-        Scribble(Map(User(), name), 50);
+        const host::ScopedHandle writer = Refer(clip);
+        Scribble(Map(), 50);
     };
     use(u"a.RZV");
     for (std::uint32_t i = 0; i < 32; ++i) {
@@ -230,10 +223,8 @@ TEST_F(ControlBodyTables, TheOldestOfThirtyThreeGoesAndIsWrittenBack) {
 TEST_F(ControlBodyTables, ATableThatIsSharedIsReadAndDoesNotOutliveItsBlocks) {
     StartWithClip();
     const std::uint32_t lba = RawFile(u"a.RZV").VideoBodyTableLba;
-    host::ScopedHandle writer = OpenClip(u"a.RZV");
-    std::u16string name;
-    ASSERT_EQ(Reference(writer.Get(), &name), kOk);
-    Scribble(Map(User(), name), 55);
+    host::ScopedHandle writer = Refer();
+    Scribble(Map(), 55);
     std::uint16_t half;
     std::memcpy(&half, ReadRange(OpenToRead(u"a.RZV"), 344, 2).data(), 2);
     EXPECT_EQ(half, 55);
@@ -244,8 +235,7 @@ TEST_F(ControlBodyTables, ATableThatIsSharedIsReadAndDoesNotOutliveItsBlocks) {
     // What lay in the old table's blocks is the business of whoever gets them now.
     const Bytes before = RawBlocks(0, lba, 1);
     writer.Reset();
-    const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
-    VrkFsBTFlushUnrefObjects(Cache());
+    WriteBackUnreferenced();
     EXPECT_TRUE(RawBlocks(0, lba, 1) == before);
     ExpectImage(u"a.RZV", fresh);
 }
@@ -254,10 +244,8 @@ TEST_F(ControlBodyTables, ATableThatIsSharedIsReadAndDoesNotOutliveItsBlocks) {
 
 TEST_F(ControlBodyTables, TablesReachTheDiskAtTheirPace) {
     StartWithClip(true);
-    host::ScopedHandle writer = OpenClip(u"a.RZV");
-    std::u16string name;
-    ASSERT_EQ(Reference(writer.Get(), &name), kOk);
-    const host::Process::SectionView view = Map(User(), name);
+    host::ScopedHandle writer = Refer();
+    const host::Process::SectionView view = Map();
     std::uint16_t value = 101;
     Scribble(view, value);
     Pass(9);
@@ -293,21 +281,18 @@ TEST_F(ControlBodyTables, TablesReachTheDiskAtTheirPace) {
     Pass(30);
     EXPECT_EQ(OnDisk(), value);
     // Found again it is written again, by whoever holds a write reference.
-    writer = OpenClip(u"a.RZV");
-    ASSERT_EQ(Reference(writer.Get(), &name), kOk);
+    writer = Refer();
     Pass(13);
     EXPECT_EQ(OnDisk(), 7);
 }
 
 TEST_F(ControlBodyTables, TheShutdownNoticeWritesBackAndLeavesOpenTablesAlone) {
     StartWithClip(true);
-    host::ScopedHandle writer = OpenClip(u"a.RZV");
-    std::u16string name;
-    ASSERT_EQ(Reference(writer.Get(), &name), kOk);
-    Scribble(Map(User(), name), 99);
+    host::ScopedHandle writer = Refer();
+    Scribble(Map(), 99);
     nt::SendShutdown();
     EXPECT_EQ(OnDisk(), 99);
-    EXPECT_EQ(Reference(writer.Get(), &name), kOk);
+    EXPECT_EQ(Reference(writer.Get(), &name_), kOk);
     writer.Reset();
     EXPECT_EQ(Cache()->UnreferencedCount, 1u);
     CloseControl();
@@ -321,93 +306,49 @@ class FullCriticalQueue {
   public:
     FullCriticalQueue() {
         const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
-        state_ = static_cast<State*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(State), 1));
-        *state_ = {};
-        KeInitializeEvent(&state_->go, NotificationEvent, FALSE);
-        for (Item& item : state_->items) {
-            item.state = state_;
-            ExInitializeWorkItem(&item.work, Block, &item);
-            ExQueueWorkItem(&item.work, CriticalWorkQueue);
+        for (WORK_QUEUE_ITEM& item : items_) {
+            ExInitializeWorkItem(&item, Block, nullptr);
+            ExQueueWorkItem(&item, CriticalWorkQueue);
         }
-        while (__atomic_load_n(&state_->waiting, __ATOMIC_ACQUIRE) != kThreads) {
-            std::this_thread::yield();
-        }
+        all_.arrive_and_wait();
     }
-    ~FullCriticalQueue() {
-        const nt::DriverScope driver(pVrkFsGlobalData->DriverObject);
-        KeSetEvent(&state_->go, 0, FALSE);
-        while (__atomic_load_n(&state_->waiting, __ATOMIC_ACQUIRE) != 0) {
-            std::this_thread::yield();
-        }
-        ExFreePoolWithTag(state_, 1);
-    }
+    ~FullCriticalQueue() { all_.arrive_and_wait(); }
 
   private:
-    static constexpr int kThreads = 4;
-    struct State;
-    struct Item {
-        WORK_QUEUE_ITEM work;
-        State* state;
-    };
-    struct State {
-        KEVENT go;
-        Item items[kThreads];
-        int waiting;
-    };
-    static VOID NTAPI Block(PVOID context) {
-        State* state = static_cast<Item*>(context)->state;
-        __atomic_add_fetch(&state->waiting, 1, __ATOMIC_ACQ_REL);
-        KeWaitForSingleObject(&state->go, Executive, KernelMode, FALSE, nullptr);
-        __atomic_sub_fetch(&state->waiting, 1, __ATOMIC_ACQ_REL);
+    static VOID NTAPI Block(PVOID) {
+        all_.arrive_and_wait();
+        all_.arrive_and_wait();
     }
 
-    State* state_;
+    WORK_QUEUE_ITEM items_[4];
+    static inline std::barrier<> all_{5};  // these and who fills the queue
 };
 
 TEST_F(ControlBodyTables, NothingWaitsForTheCriticalQueue) {
     StartWithClip();
     PutClip(u"b.RZV", clip_);
     PutClip(u"c.RZV", clip_);
-    std::u16string name;
     std::vector<host::ScopedHandle> handles;
     for (const char16_t* clip : {u"a.RZV", u"b.RZV", u"c.RZV"}) {
-        handles.push_back(OpenClip(clip));
-        ASSERT_EQ(Reference(handles.back().Get(), &name), kOk);
+        handles.push_back(Refer(clip));
     }
-    std::atomic<int> done = 0;
-    const host::ScopedHandle late = OpenClip(u"c.RZV");
-    VrkFsBodyTableReference request{};
-    request.Handle = late.Get();
-    host::OpenRequest open;
-    open.path = u"VrkFsDevice0";
-    open.overlapped = true;
-    const host::ScopedHandle control(User(), User().Create(open).handle);
-    std::vector<std::byte> output(400);
-    host::Status lateAnswer;
+    host::ScopedHandle late = OpenClip(u"c.RZV");
+    const VrkFsBodyTableReference request{late.Get(), 0, {}, 0};
+    const host::ScopedHandle control(User(), User().Create({.path = u"VrkFsDevice0", .overlapped = true}).handle);
+    PostedPtr posted;
     {
         const FullCriticalQueue full;
-        host::RequestId id = 0;
-        const host::Status answer = User().DeviceControlOverlapped(
-            control.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE, BytesOf(request), output,
-            [&](host::IoResult result) {
-                lateAnswer = result.status;
-                ++done;
-            },
-            &id);
-        EXPECT_EQ(host::StatusName(answer), "STATUS_PENDING");
+        posted = ControlAside(User(), control.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE, BytesOf(request), Bytes(400));
         EXPECT_EQ(host::StatusName(host::Rename(User(), handles[0].Get(), u"renamed.RZV")), kOk);
         EXPECT_EQ(host::StatusName(host::SetDeleteOnCleanup(User(), handles[1].Get(), true)), kOk);
         EXPECT_EQ(ReadRange(OpenToRead(u"c.RZV"), 0, 4).size(), 4u);
         handles.clear();
-        const_cast<host::ScopedHandle&>(late).Reset();
+        late.Reset();
         EXPECT_EQ(Format(u"VOL", {ids_[0]}), VRKFS_FORMAT_DEVICE_IN_USE) << "the posted request keeps its file";
         EXPECT_EQ(SendOnly(IOCTL_VRKFS_LOCK_FILE_SYSTEM, VrkFsLockRequest{1}), "STATUS_ACCESS_DENIED");
-        EXPECT_EQ(done, 0);
+        EXPECT_FALSE(posted->IsOver());
     }
-    while (done == 0) {
-        std::this_thread::yield();
-    }
-    EXPECT_EQ(host::StatusName(lateAnswer), "STATUS_FILE_CLOSED");
+    EXPECT_EQ(posted->End(), "STATUS_FILE_CLOSED");
     ExpectImage(u"renamed.RZV", clip_);
     const FullCriticalQueue full;
     EXPECT_EQ(SendOnly(IOCTL_VRKFS_LOCK_FILE_SYSTEM, VrkFsLockRequest{1}), kOk);
@@ -424,58 +365,47 @@ class ControlStorm : public ControlBodyTables {
     static constexpr std::u16string_view kNames[] = {u"x.RZV", u"y.RZV", u"z.RZV"};
 
     static host::ScopedHandle OpenAny(host::Process& process, std::u16string_view name, host::Disposition how) {
-        host::OpenRequest request;
-        request.path = u"P:\\RZV\\VOL\\F\\" + std::u16string(name);
-        request.access = host::access::kReadData | host::access::kWriteData | host::access::kDelete;
-        request.disposition = how;
-        return {process, process.Create(request).handle};
-    }
-    static host::ScopedHandle OpenDevice(host::Process& process) {
-        host::OpenRequest request;
-        request.path = u"VrkFsDevice0";
-        return {process, process.Create(request).handle};
+        return {process, process
+                             .Create({.path = u"P:\\RZV\\VOL\\F\\" + std::u16string(name),
+                                      .access = kReadWrite | host::access::kDelete,
+                                      .disposition = how})
+                             .handle};
     }
     // Another thing each time; whatever the others made of the file may refuse it.
     static void Work(host::Process& process, unsigned seed) {
         std::minstd_rand random(seed);
-        const host::ScopedHandle control = OpenDevice(process);
-        const Bytes image = BuildImage(SmallClip(), true);
-        std::vector<std::byte> buffer(2048);
+        const host::ScopedHandle control(process, process.Create({.path = u"VrkFsDevice0"}).handle);
+        const Bytes image = BuildImage({.frames = 2, .videoFields = {1, 2, 1, 2}, .alphaFields = {}}, true);
+        Bytes buffer(2048);
         for (int step = 0; step < kSteps; ++step) {
             const std::u16string_view name = kNames[random() % 3];
             const host::ScopedHandle file = OpenAny(process, name, host::Disposition::kOpenIf);
-            const std::uint32_t lock[1] = {static_cast<std::uint32_t>(random() % 2)};
-            VrkFsBodyTableReference request{};
-            request.Handle = file.Get();
+            const VrkFsLockRequest lock{static_cast<std::uint32_t>(random() % 2)};
+            const VrkFsBodyTableReference request{file.Get(), 0, {}, 0};
+            const auto send = [&](std::uint32_t code, std::span<const std::byte> in) {
+                (void)process.DeviceControl(control.Get(), code, in, buffer);
+            };
             switch (random() % 7) {
                 case 0:
-                    static_cast<void>(process.Write(file.Get(), image, 0));
+                    (void)process.Write(file.Get(), image, 0);
                     break;
                 case 1:
-                    static_cast<void>(process.Read(file.Get(), buffer, 0));
+                    (void)process.Read(file.Get(), buffer, 0);
                     break;
                 case 2:
-                    static_cast<void>(host::Rename(process, file.Get(), std::u16string(kNames[random() % 3])));
+                    (void)host::Rename(process, file.Get(), std::u16string(kNames[random() % 3]));
                     break;
                 case 3:
-                    static_cast<void>(host::SetDeleteOnCleanup(process, file.Get(), true));
+                    (void)host::SetDeleteOnCleanup(process, file.Get(), true);
                     break;
                 case 4:
-                    static_cast<void>(process.DeviceControl(control.Get(), IOCTL_VRKFS_LOCK_FILE_SYSTEM,
-                                                            std::as_bytes(std::span(lock)), {}));
-                    static_cast<void>(process.DeviceControl(control.Get(), IOCTL_VRKFS_UNLOCK_FILE_SYSTEM, {}, {}));
+                    send(IOCTL_VRKFS_LOCK_FILE_SYSTEM, BytesOf(lock));
+                    send(IOCTL_VRKFS_UNLOCK_FILE_SYSTEM, {});
                     break;
                 default:
-                    static_cast<void>(process.DeviceControl(control.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE,
-                                                            BytesOf(request), buffer));
+                    send(IOCTL_VRKFS_REFERENCE_BODY_TABLE, BytesOf(request));
             }
         }
-    }
-    static ClipSpec SmallClip() {
-        ClipSpec clip;
-        clip.frames = 2;
-        clip.videoFields = {1, 2, 1, 2};
-        return clip;
     }
 };
 

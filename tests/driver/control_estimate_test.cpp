@@ -9,22 +9,17 @@
 namespace tests {
 namespace {
 
-class Estimate : public DriverRig {
+class Estimate : public LoadedRig {
   protected:
     void SetUp() override {
-        DriverRig::SetUp();
-        Boot();
-        Plug(0);
-        ASSERT_EQ(Load(), STATUS_SUCCESS);
-        inside_ = std::make_unique<nt::DriverScope>(driver_);
+        LoadedRig::SetUp();
         alloc_ = static_cast<AllocObject*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(AllocObject), 1));
         RtlZeroMemory(alloc_, sizeof(*alloc_));
     }
     void TearDown() override {
         VrkFsVolAllocFreeAllocObject(alloc_);
         ExFreePoolWithTag(alloc_, 1);
-        inside_.reset();
-        DriverRig::TearDown();
+        LoadedRig::TearDown();
     }
     void MakeAlloc(ULONG first, ULONG count) {
         VrkFsVolAllocFreeAllocObject(alloc_);
@@ -88,7 +83,6 @@ class Estimate : public DriverRig {
     }
 
     AllocObject* alloc_ = nullptr;
-    std::unique_ptr<nt::DriverScope> inside_;
 };
 
 TEST_F(Estimate, IsWhatTrialsOneByOneFind) {

@@ -17,23 +17,19 @@ constexpr const char* kBadHandle = "STATUS_INVALID_HANDLE";
 
 // ---- Handles ----
 
-struct HandleCode {
-    std::uint32_t code;
-    std::size_t in;
-    std::size_t out;
-} constexpr kHandleCodes[] = {
-    {IOCTL_VRKFS_ALLOCATE_VIDEO_SPACE, 620, 620},
-    {IOCTL_VRKFS_UPDATE_VIDEO_FILE, 64, 64},
-    {IOCTL_VRKFS_GET_FILE_INFO, 664, 664},
-    {IOCTL_VRKFS_GET_FILE_ENTRY, 4, 1024},
-    {IOCTL_VRKFS_SET_APP_FILE_ENTRY_INFO, 260, 0},
-    {IOCTL_VRKFS_GET_FILE_LOCATION_INFO, 44, 44},
-    {IOCTL_VRKFS_SET_SDTI_TYPE, 12, 0},
-    {IOCTL_VRKFS_CREATE_NEW_BODY_TABLE, 12, 0},  // first of its kind: a plain file has no table to refer to
-    {IOCTL_VRKFS_REFERENCE_BODY_TABLE, 12, 400},
-    {IOCTL_VRKFS_DEREFERENCE_BODY_TABLE, 8, 0},
-    {IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE, 16, 400},
-    {IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE, 16, 400},
+constexpr std::uint32_t kHandleCodes[] = {
+    IOCTL_VRKFS_ALLOCATE_VIDEO_SPACE,
+    IOCTL_VRKFS_UPDATE_VIDEO_FILE,
+    IOCTL_VRKFS_GET_FILE_INFO,
+    IOCTL_VRKFS_GET_FILE_ENTRY,
+    IOCTL_VRKFS_SET_APP_FILE_ENTRY_INFO,
+    IOCTL_VRKFS_GET_FILE_LOCATION_INFO,
+    IOCTL_VRKFS_SET_SDTI_TYPE,
+    IOCTL_VRKFS_CREATE_NEW_BODY_TABLE,
+    IOCTL_VRKFS_REFERENCE_BODY_TABLE,
+    IOCTL_VRKFS_DEREFERENCE_BODY_TABLE,
+    IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE,
+    IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE,
 };
 
 class ControlHandles : public FsdTest {
@@ -55,51 +51,51 @@ class ControlHandles : public FsdTest {
     }
     // Every code with this handle.
     void Expect(const std::string& what, host::Handle handle, const std::string& answer) {
-        for (const HandleCode& test : kHandleCodes) {
-            std::vector<std::byte> in(test.in);
-            std::vector<std::byte> out(test.out);
+        for (const std::uint32_t code : kHandleCodes) {
+            std::vector<std::byte> in(1024);
+            std::vector<std::byte> out(1024);
             std::memcpy(in.data(), &handle, sizeof(handle));
-            const host::IoResult result = User().DeviceControl(control_.Get(), test.code, in, out);
-            EXPECT_EQ(host::StatusName(result.status), answer) << what << ", code " << std::hex << test.code;
+            const host::IoResult result = User().DeviceControl(control_.Get(), code, in, out);
+            EXPECT_EQ(host::StatusName(result.status), answer) << what << ", code " << std::hex << code;
             EXPECT_EQ(result.information, 0u);
             EXPECT_TRUE(std::ranges::all_of(out, [](std::byte b) { return b == std::byte{0}; })) << what;
         }
     }
-    host::ScopedHandle OpenOther(const std::u16string& path, std::uint32_t options) {
-        host::OpenRequest request;
-        request.path = std::u16string(1, static_cast<char16_t>(Machine().Cards()[1].driveLetter)) + u":" + path;
-        request.disposition = host::Disposition::kOpenIf;
-        request.access = kReadWrite;
-        request.options = options;
-        return {User(), User().Create(request).handle};
-    }
-
     host::ScopedHandle control_;
 };
 
 TEST_F(ControlHandles, OnlyAFileOfTheCardWillDo) {
-    for (const char16_t* path :
-         {u"", u"\\", u"\\RZV", u"\\RZV\\VolA", u"\\RZV\\VolA\\Clips", u"\\FRM\\VolA\\Clips\\Take1"}) {
-        const host::ScopedHandle handle = Hold(path);
-        ASSERT_TRUE(handle);
-        Expect(std::string(path, path + std::u16string_view(path).size()), handle.Get(), kFailed);
-    }
-    for (const char16_t* path : {u"\\FRM\\VolA\\Clips\\Take1\\note", u"\\RZV\\VolA\\Clips\\___port0___"}) {
-        const host::OpenResult opened = Open(path, host::Disposition::kOpenIf, kReadWrite);
+    const struct {
+        std::u16string path;
+        std::uint32_t options = 0;
+    } cases[] = {
+        {u"P:"},
+        {u"P:\\"},
+        {u"P:\\RZV"},
+        {u"P:\\RZV\\VolA"},
+        {u"P:\\RZV\\VolA\\Clips"},
+        {u"P:\\FRM\\VolA\\Clips\\Take1"},
+        {u"P:\\FRM\\VolA\\Clips\\Take1\\note"},
+        {u"P:\\RZV\\VolA\\Clips\\___port0___"},
+        {u"VrkFsDevice0"},
+        {u"Q:\\RZV\\VolB\\Other", host::option::kDirectoryFile},
+        {u"Q:\\RZV\\VolB\\Other\\Take"},  // of the other card
+    };
+    for (const auto& test : cases) {
+        const host::OpenResult opened =
+            User().Create({.path = test.path, .disposition = host::Disposition::kOpenIf, .options = test.options});
         const host::ScopedHandle handle(User(), opened.handle);
-        ASSERT_TRUE(handle);
-        Expect("no file of the disk", handle.Get(), kFailed);
+        const std::string what(test.path.begin(), test.path.end());
+        ASSERT_TRUE(handle) << what;
+        Expect(what, handle.Get(), kFailed);
     }
-    const host::ScopedHandle folder = OpenOther(u"\\RZV\\VolB\\Other", host::option::kDirectoryFile);
-    const host::ScopedHandle other = OpenOther(u"\\RZV\\VolB\\Other\\Take", 0);
-    ASSERT_TRUE(other);
-    Expect("another card's file", other.Get(), kFailed);
-    Expect("the control handle", control_.Get(), kFailed);
     host::ScopedHandle closed = Hold(u"\\RZV\\VolA\\Clips\\Take1");
     const host::Handle gone = closed.Get();
     closed.Reset();
-    Expect("a closed handle", gone, kBadHandle);
-    Expect("no handle", 0, kBadHandle);
+    for (const host::Handle none : {gone, host::Handle{0}, host::Handle{0x7FFFFFFC}}) {
+        Expect("no handle", none, kBadHandle);
+    }
+    Expect("the process itself", 0xFFFFFFFF, kFailed);
 
     // Deleted through one path while open through another.
     const host::ScopedHandle left = Hold(u"\\XYZ\\VolA\\Clips\\Take2", kReadWrite);
@@ -114,36 +110,12 @@ TEST_F(ControlHandles, OnlyAFileOfTheCardWillDo) {
 
 class ControlMedia : public RecorderTest {
   protected:
-    VrkFsVideoFileUpdate SettlementOf(host::Handle file, const VrkFsVideoSpace& space) {
-        VrkFsVideoFileUpdate update{};
-        update.Handle = file;
-        update.VideoBodyTableAllocated = update.VideoBodyTableUsed = space.BodyTableBlocks;
-        update.VideoDataAllocated = update.VideoDataUsed = space.DataBlocks;
-        update.Flags = VRKFS_UPDATE_VIDEO;
-        update.Result = 77;
-        return update;
-    }
+    // The handle goes where the record comes.
     FileEntry Entry(host::Handle file) {
         FileEntry entry{};
-        const VrkFsHandleRequest request{file};
-        const host::IoResult result =
-            User().DeviceControl(Control(), IOCTL_VRKFS_GET_FILE_ENTRY, BytesOf(request), WritableBytesOf(entry));
-        EXPECT_EQ(result.information, sizeof(entry));
+        std::memcpy(&entry, &file, sizeof(file));
+        EXPECT_EQ(Send(IOCTL_VRKFS_GET_FILE_ENTRY, entry), kOk);
         return entry;
-    }
-    // Changes a file's record on the disk while the driver is not looking.
-    void Tamper(const std::u16string& name, const std::function<void(FileEntry*)>& change) {
-        const DirEntry folder = RawRecord<DirEntry>(kLastLba - 4607);
-        FileEntry entry = RawFile(name);
-        change(&entry);
-        entry.Checksum = VrkFsHwCalcFileChecksum(&entry);
-        for (const ULONG lba : folder.FileTable) {
-            if (lba != 0 && name == std::u16string(RawRecord<FileEntry>(lba).Name)) {
-                ASSERT_TRUE(Board().DiskAt(ids_[0])->Write(lba, 2, &entry));
-            }
-        }
-        CloseControl();
-        Restart();
     }
 };
 
@@ -179,7 +151,8 @@ TEST_F(ControlMedia, SpaceIsTakenRecordedAndSettled) {
     EXPECT_EQ(Entry(handle).LineStandard, 525u);
 
     // Numbers that are not the file's own change nothing.
-    const VrkFsVideoFileUpdate good = SettlementOf(handle, space);
+    VrkFsVideoFileUpdate good = Settlement(handle, space.BodyTableBlocks, space.DataBlocks);
+    good.Result = 77;
     const std::uint64_t held = FreeBlocks();
     std::uint32_t VrkFsVideoFileUpdate::*const fields[] = {
         &VrkFsVideoFileUpdate::VideoBodyTableAllocated, &VrkFsVideoFileUpdate::VideoDataAllocated,
@@ -200,15 +173,13 @@ TEST_F(ControlMedia, SpaceIsTakenRecordedAndSettled) {
     update.VideoDataLength = 119;
     update.AlphaBodyTableAllocated = update.AlphaBodyTableUsed = 1;
     update.AlphaDataAllocated = update.AlphaDataUsed = 50;
-    std::uint64_t returned = 0;
-    EXPECT_EQ(Send(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update, &returned), kOk);
-    EXPECT_EQ(std::pair(returned, update.Result), std::pair(std::uint64_t{64}, 0u));
+    EXPECT_EQ(Send(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update), kOk);
+    EXPECT_EQ(update.Result, 0u);
     EXPECT_EQ(FreeBlocks(), held + 40) << "blocks of all disks count once";
     EXPECT_EQ(Entry(handle).Flags, 0x13u) << "the alpha stream is not settled yet";
     VrkFsFileInfo info{};
     info.Handle = handle;
-    EXPECT_EQ(Send(IOCTL_VRKFS_GET_FILE_INFO, info, &returned), kOk);
-    EXPECT_EQ(returned, sizeof(info));
+    EXPECT_EQ(Send(IOCTL_VRKFS_GET_FILE_INFO, info), kOk);
     EXPECT_EQ(std::tuple(info.Kind, info.DataBlocks, info.DataLength, info.FrameCount, info.AlphaDataBlocks),
               std::tuple(1u, 60u, std::uint64_t{119}, 3u, 50u));
     EXPECT_EQ(info.AlphaBodyTableLba, alpha.BodyTableLba);
@@ -241,25 +212,25 @@ TEST_F(ControlMedia, SpaceIsTakenRecordedAndSettled) {
 // A plain file's record may name anything in the fields of the streams: nothing of it is the file's.
 TEST_F(ControlMedia, APlainFileGivesNothingAwayAndWritesNowhere) {
     StartVolume(1);
-    ClipSpec clip;
-    clip.frames = 4;
-    clip.videoFields = {1, 2, 3, 4, 5, 6, 7, 8};
+    const ClipSpec clip = {.frames = 4, .videoFields = {1, 2, 3, 4, 5, 6, 7, 8}, .alphaFields = {}};
     PutClip(u"good.RZV", clip);
     OpenClip(u"bad.RZV", host::Disposition::kCreate).Reset();
     const FileEntry good = RawFile(u"good.RZV");
-    Tamper(u"bad.RZV", [&](FileEntry* entry) {
-        entry->FrameCount = good.FrameCount;
-        entry->VideoBodyTableLba = entry->AlphaBodyTableLba = good.VideoBodyTableLba;
-        entry->VideoBodyTableBlockCount = entry->AlphaBodyTableBlockCount = good.VideoBodyTableBlockCount;
-        entry->AlphaDataStartLba = good.DataStartLba;
-        entry->AlphaDataBlockCount = good.DataBlockCount;
-        entry->Flags = 0x1F;
-    });
+    FileEntry bad = RawFile(u"bad.RZV");
+    bad.FrameCount = good.FrameCount;
+    bad.VideoBodyTableLba = bad.AlphaBodyTableLba = good.VideoBodyTableLba;
+    bad.VideoBodyTableBlockCount = bad.AlphaBodyTableBlockCount = good.VideoBodyTableBlockCount;
+    bad.AlphaDataStartLba = good.DataStartLba;
+    bad.AlphaDataBlockCount = good.DataBlockCount;
+    bad.Flags = 0x1F;
+    bad.Checksum = VrkFsHwCalcFileChecksum(&bad);
+    ASSERT_TRUE(Board().DiskAt(ids_[0])->Write(Locate(OpenClip(u"bad.RZV").Get()).FileEntryLba, 2, &bad));
+    CloseControl();
+    Restart();
     const std::uint64_t before = FreeBlocks();
     host::ScopedHandle file = OpenClip(u"bad.RZV");
-    VrkFsVideoFileUpdate update{};
-    update.Handle = file.Get();
-    update.VideoBodyTableAllocated = update.AlphaBodyTableAllocated = good.VideoBodyTableBlockCount;
+    VrkFsVideoFileUpdate update = Settlement(file.Get(), good.VideoBodyTableBlockCount, 0);
+    update.AlphaBodyTableAllocated = good.VideoBodyTableBlockCount;
     update.AlphaDataAllocated = good.DataBlockCount;
     for (const std::uint32_t flags : {1u, 2u, 3u}) {
         update.Flags = flags;

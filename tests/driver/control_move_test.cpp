@@ -1,11 +1,14 @@
 // Moving the pieces of a file: what is free afterwards, block for block, where the disk says the pieces are, and that
 // the clip still reads; and what keeps a piece where it is.
+#include <algorithm>
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "core/device_ext.h"
 #include "nt/kernel.h"
-#include "tests/driver/media_rig.h"
+#include "tests/driver/recorder_rig.h"
+#include "tests/support/scripted_service.h"
 
 namespace tests {
 namespace {
@@ -23,7 +26,6 @@ using Results = std::array<std::int32_t, VRKFS_SEGMENT_COUNT>;
 
 struct MoveAnswer {
     std::string status;
-    std::uint64_t information = 0;
     Results results{};
     std::uint32_t progress = 0;
 };
@@ -35,7 +37,7 @@ struct Place {
 };
 using Places = std::array<Place, VRKFS_SEGMENT_COUNT>;
 
-class ControlMove : public MediaTest {
+class ControlMove : public RecorderTest {
   protected:
     void SetUp() override {
         StartVolume(2);
@@ -54,34 +56,26 @@ class ControlMove : public MediaTest {
     }
 
     host::ScopedHandle Alone(const std::u16string& name, std::uint32_t shareAccess = 0, bool writing = false) {
-        host::OpenRequest request;
-        request.path = u"P:\\RZV\\VOL\\F\\" + name;
-        request.access = host::access::kReadData | (writing ? host::access::kWriteData : 0);
-        request.shareAccess = shareAccess;
-        const host::OpenResult opened = User().Create(request);
-        EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS");
+        const host::OpenResult opened = User().Create({.path = u"P:\\RZV\\VOL\\F\\" + name,
+                                                       .access = writing ? kReadWrite : host::access::kReadData,
+                                                       .shareAccess = shareAccess});
+        EXPECT_EQ(host::StatusName(opened.status), kOk);
         return {User(), opened.handle};
     }
     MoveAnswer Move(host::Handle file, const Lbas& to, std::optional<std::uint32_t> counterName = {}) {
         host::Process::NamedMemory counter;
         EXPECT_TRUE(User().AllocateMemory(4, counter).Ok());
-        const host::ScopedHandle control(User(), OpenControl().handle);
-        VrkFsSegmentMove request{};
-        request.Handle = file;
-        std::copy(to.begin(), to.end(), request.NewLba);
-        std::fill(std::begin(request.Results), std::end(request.Results), kUntouched);
-        request.ProgressAddress = counterName.value_or(counter.name);
-        request.ScratchFile = request.ScratchProgress = 0xDEADBEEF;
-        const host::IoResult result = User().DeviceControl(control.Get(), IOCTL_VRKFS_MOVE_FILE_SEGMENTS,
-                                                           BytesOf(request), WritableBytesOf(request));
-        MoveAnswer answer{host::StatusName(result.status), result.information, {}, 0};
-        std::copy(std::begin(request.Results), std::end(request.Results), answer.results.begin());
+        VrkFsSegmentMove request{file, {}, counterName.value_or(counter.name), {}, 0xDEADBEEF, 0xDEADBEEF};
+        std::ranges::copy(to, request.NewLba);
+        std::ranges::fill(request.Results, kUntouched);
+        const host::ScopedHandle control(User(), OpenControl().handle);  // nobody waits for another's move
+        MoveAnswer answer;
+        answer.status = SendTo(control.Get(), IOCTL_VRKFS_MOVE_FILE_SEGMENTS, request);
+        std::ranges::copy(request.Results, answer.results.begin());
         std::memcpy(&answer.progress, counter.bytes.data(), 4);
         User().FreeMemory(counter);
-        if (result.status.Ok()) {
-            EXPECT_EQ(result.information, sizeof(request));
-            EXPECT_EQ(request.ScratchFile | request.ScratchProgress, 0u) << "kernel values in the caller's buffer";
-        }
+        EXPECT_TRUE(answer.status != kOk || (request.ScratchFile | request.ScratchProgress) == 0)
+            << "kernel values in the caller's buffer";
         return answer;
     }
     MoveAnswer MoveOne(host::Handle file, ULONG kind, std::uint32_t to) {
@@ -94,22 +88,15 @@ class ControlMove : public MediaTest {
     Places OnDisk(const std::u16string& name) {
         const DirEntry folder = RawRecord<DirEntry>(kLastLba - 4607);
         EXPECT_EQ(folder.Checksum, VrkFsHwCalcFolderChecksum(&folder));
-        for (const ULONG lba : folder.FileTable) {
-            if (lba == 0) {
-                continue;
-            }
-            const FileEntry entry = RawRecord<FileEntry>(lba);
-            if (name == std::u16string(entry.Name)) {
-                EXPECT_EQ(entry.Checksum, VrkFsHwCalcFileChecksum(&entry));
-                return {{{lba, 2},
-                         {entry.DataStartLba, entry.DataBlockCount},
-                         {entry.VideoBodyTableLba, entry.VideoBodyTableBlockCount},
-                         {entry.AlphaDataStartLba, entry.AlphaDataBlockCount},
-                         {entry.AlphaBodyTableLba, entry.AlphaBodyTableBlockCount}}};
-            }
-        }
-        ADD_FAILURE() << "no such file on the disk";
-        return {};
+        const FileEntry entry = RawFile(name);
+        EXPECT_EQ(entry.Checksum, VrkFsHwCalcFileChecksum(&entry));
+        const auto* lba = std::ranges::find_if(
+            folder.FileTable, [&](ULONG at) { return at != 0 && RawRecord<FileEntry>(at).Name == name; });
+        return {{{*lba, 2},
+                 {entry.DataStartLba, entry.DataBlockCount},
+                 {entry.VideoBodyTableLba, entry.VideoBodyTableBlockCount},
+                 {entry.AlphaDataStartLba, entry.AlphaDataBlockCount},
+                 {entry.AlphaBodyTableLba, entry.AlphaBodyTableBlockCount}}};
     }
     // Which blocks are free, in either region.
     static std::vector<bool> FreeMap() {
@@ -134,16 +121,9 @@ class ControlMove : public MediaTest {
         return ReadRange(handle, 0, image.size() + 100) == image;
     }
 
-    std::string TableCode(host::Handle handle, std::uint32_t code) {
-        const host::ScopedHandle control(User(), OpenControl().handle);
-        Bytes input(12);
-        std::memcpy(input.data(), &handle, 4);
-        Bytes name(code == IOCTL_VRKFS_REFERENCE_BODY_TABLE ? 512 : 0);
-        return host::StatusName(User().DeviceControl(control.Get(), code, input, name).status);
-    }
-
     ClipSpec clip_;
     Bytes image_;
+    std::u16string name_;  // of the table
 };
 
 TEST_F(ControlMove, EachPieceGoesWhereItIsTold) {
@@ -170,7 +150,7 @@ TEST_F(ControlMove, EachPieceGoesWhereItIsTold) {
                                             << before[test.kind].length << " to " << to);
             const std::vector<bool> wanted = Exchanged(FreeMap(), before[test.kind], to);
             const MoveAnswer answer = MoveOne(file.Get(), test.kind, to);
-            ASSERT_EQ(answer.status, "STATUS_SUCCESS");
+            ASSERT_EQ(answer.status, kOk);
             Results results;
             results.fill(kUntouched);
             results[test.kind] = VRKFS_RESULT_DONE;
@@ -189,9 +169,10 @@ TEST_F(ControlMove, EachPieceGoesWhereItIsTold) {
     const MoveAnswer answer = Move(file.Get(), all);
     EXPECT_EQ(answer.results, Results{});
     EXPECT_EQ(answer.progress, 2 + now[1].length + now[2].length + now[3].length + now[4].length);
-    EXPECT_EQ(Move(file.Get(), {}).status, "STATUS_SUCCESS");
+    EXPECT_EQ(Move(file.Get(), {}).status, kOk);
     const std::vector<bool> free = FreeMap();
     file.Reset();
+    CloseControl();
     Restart();
     EXPECT_TRUE(FreeMap() == free);
     ExpectImage(u"a.RZV", clip_);
@@ -229,7 +210,7 @@ TEST_F(ControlMove, PiecesThatCannotMoveStay) {
         const host::ScopedHandle file = Alone(test.file);
         Board().ResetCounters();
         const MoveAnswer answer = Move(file.Get(), test.to);
-        EXPECT_EQ(answer.status, "STATUS_SUCCESS") << test.what;
+        EXPECT_EQ(answer.status, kOk) << test.what;
         EXPECT_EQ(answer.results, test.results) << test.what;
         EXPECT_EQ(answer.progress, 0u) << test.what;
         EXPECT_EQ(Board().Count().Of(board::Operation::kWrite), 0u) << test.what;
@@ -282,24 +263,24 @@ TEST_F(ControlMove, TablesInMemoryFollowOrHoldTheFile) {
     const std::uint32_t high = Volume()->Allocator.Boundary;
     {
         const host::ScopedHandle reader = Alone(u"a.RZV");
-        ASSERT_EQ(TableCode(reader.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE), "STATUS_SUCCESS");
+        ASSERT_EQ(Reference(reader.Get(), &name_), kOk);
         EXPECT_EQ(Move(reader.Get(), {high - 10, 9000, high - 20, 12000, high - 30}).results, Results{});
-        ASSERT_EQ(TableCode(reader.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE), "STATUS_SUCCESS");
+        ASSERT_EQ(Reference(reader.Get(), &name_), kOk);
         host::Process::SectionView view;
-        ASSERT_TRUE(User().MapSection(u"P:/RZV/VOL/F/a.RZV", false, view).Ok());
+        ASSERT_TRUE(User().MapSection(name_, false, view).Ok());
         VrkFsPlacedNode node{};
         std::memcpy(&node, view.bytes.data(), sizeof(node));
         EXPECT_EQ(node.Lba, 9000u);
         User().UnmapSection(view);
     }
     const host::ScopedHandle writer = Alone(u"a.RZV", 0, true);
-    ASSERT_EQ(TableCode(writer.Get(), IOCTL_VRKFS_REFERENCE_BODY_TABLE), "STATUS_SUCCESS");
+    ASSERT_EQ(Reference(writer.Get(), &name_), kOk);
     const std::vector<bool> free = FreeMap();
     EXPECT_EQ(Move(writer.Get(), {0, 4000, high - 40, 6000, high - 50}).results, (Results{kUntouched, -3, -3, -3, -3}));
     EXPECT_EQ(MoveOne(writer.Get(), kData, 1).results[kData], VRKFS_MOVE_NOT_FREE) << "which is seen first";
     EXPECT_TRUE(FreeMap() == free);
     EXPECT_EQ(MoveOne(writer.Get(), kRecord, high - 60).results[kRecord], VRKFS_RESULT_DONE);
-    ASSERT_EQ(TableCode(writer.Get(), IOCTL_VRKFS_DEREFERENCE_BODY_TABLE), "STATUS_SUCCESS");
+    ASSERT_EQ(Dereference(writer.Get()), kOk);
     EXPECT_EQ(Move(writer.Get(), {0, 4000, high - 40, 6000, high - 50}).results, (Results{kUntouched, 0, 0, 0, 0}));
     EXPECT_TRUE(ReadsBack(writer, image_));
 }
@@ -310,20 +291,16 @@ TEST_F(ControlMove, DoubtfulBlocksStayWhereTheyAre) {
     const Places a = OnDisk(u"a.RZV");
     const Places b = OnDisk(u"b.RZV");
     FileEntry entry = RawFile(u"b.RZV");
-    Stop();
-    {
-        entry.DataStartLba = a[kData].start + 5;
-        entry.Checksum = VrkFsHwCalcFileChecksum(&entry);
-        ASSERT_TRUE(OpenImage(0).Write(b[kRecord].start, 2, &entry));
-    }
-    Start();
+    entry.DataStartLba = a[kData].start + 5;
+    entry.Checksum = VrkFsHwCalcFileChecksum(&entry);
+    ASSERT_TRUE(Board().DiskAt(ids_[0])->Write(b[kRecord].start, 2, &entry));
+    Restart();
     const Bytes first = RawBlocks(0, a[kData].start, a[kData].length);
     const Bytes second = RawBlocks(1, a[kData].start, a[kData].length);
     const std::vector<bool> free = FreeMap();
     const host::ScopedHandle file = Alone(u"b.RZV");
     for (const std::uint32_t to : {9000u, a[kData].start + 4, entry.DataStartLba + 1}) {
-        const std::int32_t result = MoveOne(file.Get(), kData, to).results[kData];
-        EXPECT_LT(result, 0) << to;
+        EXPECT_LT(MoveOne(file.Get(), kData, to).results[kData], 0) << to;
     }
     EXPECT_TRUE(FreeMap() == free);
     EXPECT_TRUE(RawBlocks(0, a[kData].start, a[kData].length) == first);
@@ -333,41 +310,24 @@ TEST_F(ControlMove, DoubtfulBlocksStayWhereTheyAre) {
 TEST_F(ControlMove, ACallerThatGoesAwayDoesNoHarm) {
     const Places before = OnDisk(u"a.RZV");
     auto caller = Machine().NewProcess();
-    host::OpenRequest request;
-    request.path = u"P:\\RZV\\VOL\\F\\a.RZV";
-    request.shareAccess = 0;
     VrkFsSegmentMove move{};
-    move.Handle = caller->Create(request).handle;
-    request = {};
-    request.path = u"VrkFsDevice0";
-    request.overlapped = true;
-    const host::Handle control = caller->Create(request).handle;
+    move.Handle = caller->Create({.path = u"P:\\RZV\\VOL\\F\\a.RZV", .shareAccess = 0}).handle;
+    const host::Handle control = caller->Create({.path = u"VrkFsDevice0", .overlapped = true}).handle;
     host::Process::NamedMemory counter;
     ASSERT_TRUE(caller->AllocateMemory(4, counter).Ok());
     move.NewLba[kData] = before[kData].start + 10000;
     move.ProgressAddress = counter.name;
-    board::Misbehaviour rule;
-    rule.what = board::Wrong::kHold;
-    rule.operation = board::Operation::kWrite;
-    rule.count = 2;
-    Board().Misbehave().Add(rule);
-    std::atomic<int> completions = 0;
-    const host::Status started = caller->DeviceControlOverlapped(
-        control, IOCTL_VRKFS_MOVE_FILE_SEGMENTS, BytesOf(move), WritableBytesOf(move),
-        [&](host::IoResult) { ++completions; }, nullptr);
-    EXPECT_EQ(host::StatusName(started), "STATUS_PENDING");
+    Board().Misbehave().Add(
+        {.what = board::Wrong::kHold, .operation = board::Operation::kWrite, .scsiId = {}, .count = 2});
+    const PostedPtr moving =
+        ControlAside(*caller, control, IOCTL_VRKFS_MOVE_FILE_SEGMENTS, BytesOf(move), Bytes(sizeof(move)));
+    EXPECT_FALSE(moving->IsOver());
     caller->FreeMemory(counter);
-    std::atomic<bool> gone = false;
-    std::thread leaving([&] {
-        caller.reset();
-        gone = true;
-    });
-    while (!gone) {
+    const auto leaving = std::async(std::launch::async, [&] { caller.reset(); });
+    while (leaving.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) {
         Board().ReleaseHeld();
-        std::this_thread::yield();
     }
-    leaving.join();
-    EXPECT_EQ(completions, 1);
+    EXPECT_TRUE(moving->IsOver());
     EXPECT_EQ(OnDisk(u"a.RZV")[kData].start, move.NewLba[kData]);
     ExpectImage(u"a.RZV", clip_);
 }
@@ -397,6 +357,7 @@ TEST_F(ControlMove, RecordsOfOneFolderMoveAtOnce) {
     over = true;
     lister.join();
     const std::vector<bool> free = FreeMap();
+    CloseControl();
     Restart();
     EXPECT_TRUE(FreeMap() == free);
     ExpectImage(u"a.RZV", clip_);

@@ -4,24 +4,19 @@
 #include <algorithm>
 #include <cstring>
 
-#include "tests/support/machine_fixture.h"
+#include "tests/support/driver_fixture.h"
 
 namespace tests {
 namespace {
 
-class CommandPort : public MachineTest {
+class CommandPort : public DriverTest {
   protected:
     void SetUp() override {
         MakeStation(1);
         Start();
         ASSERT_EQ(Format(u"Vol1", {0}), VRKFS_RESULT_DONE);
     }
-    host::ScopedHandle OpenPort(const std::u16string& folder) {
-        const host::OpenResult opened = Open(folder + u"\\___port0___", host::Disposition::kOpen,
-                                             host::access::kReadData | host::access::kWriteData);
-        EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS");
-        return {User(), opened.handle};
-    }
+    host::ScopedHandle OpenPort(const std::u16string& folder) { return Hold(folder + u"\\___port0___", kReadWrite); }
     // The reply as it stands: words of 32 bits.
     std::vector<std::uint32_t> Reply(host::Handle port) {
         std::byte buffer[200] = {};
@@ -102,12 +97,7 @@ TEST_F(CommandPort, TransfersEndWithTheBuffers) {
         std::size_t length;
         std::uint64_t moved;
         bool touchesReply;
-    } const writes[] = {
-        {2048, 10, 0, false},
-        {1ull << 32, 10, 0, false},
-        {2047, 10, 1, true},
-        {0, 3000, 2048, true},
-    };
+    } const writes[] = {{2048, 10, 0, false}, {1ull << 32, 10, 0, false}, {2047, 10, 1, true}, {0, 3000, 2048, true}};
     for (const auto& test : writes) {
         const host::ScopedHandle fresh = OpenPort(u"\\RZV");
         EXPECT_EQ(Write(fresh.Get(), std::span(bytes).first(test.length), test.offset), test.moved);

@@ -35,32 +35,21 @@ class ControlSettings : public DriverTest {
     }
     // Whether the card's drive is there under the letter.
     bool Opens(char letter) {
-        host::OpenRequest request;
-        request.path = std::u16string(1, static_cast<char16_t>(letter)) + u":\\RZV\\VOL";
-        const host::OpenResult opened = User().Create(request);
-        const host::ScopedHandle handle(User(), opened.handle);
-        return opened.status.Ok();
+        const std::u16string path = std::u16string(1, static_cast<char16_t>(letter)) + u":\\RZV\\VOL";
+        return static_cast<bool>(host::ScopedHandle(User(), User().Create({.path = path}).handle));
     }
     static NTSTATUS Link(char letter, bool make) {
         std::u16string name = u"\\DosDevices\\P:";
         name[12] = static_cast<char16_t>(letter);
-        std::u16string target = u"\\Device\\Nowhere";
-        UNICODE_STRING link;
-        UNICODE_STRING to;
-        RtlInitUnicodeString(&link, name.data());
-        RtlInitUnicodeString(&to, target.data());
+        UNICODE_STRING link = CountedName(name);
+        UNICODE_STRING to = CountedName(u"\\Device\\Nowhere");
         return make ? IoCreateSymbolicLink(&link, &to) : IoDeleteSymbolicLink(&link);
     }
-    static std::vector<CardInstance*> Cards() {
-        std::vector<CardInstance*> cards;
-        PLIST_ENTRY head = &pVrkFsGlobalData->CardInstances;
-        for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) {
-            cards.push_back(CONTAINING_RECORD(link, CardInstance, Link));
-        }
-        return cards;
-    }
-    bool IsConnected(std::uint32_t card) {
-        return VrkFsDiskExtOfDevice(Cards().at(card)->DiskDevice)->ServiceChannel.ServiceConnected != FALSE;
+    static bool IsConnected(std::uint32_t card) {
+        PLIST_ENTRY link = pVrkFsGlobalData->CardInstances.Flink;
+        link = card == 0 ? link : link->Flink;
+        const CardInstance* instance = CONTAINING_RECORD(link, CardInstance, Link);
+        return VrkFsDiskExtOfDevice(instance->DiskDevice)->ServiceChannel.ServiceConnected != FALSE;
     }
     // A list of rows A00, A01, ... whose count says `count`.
     std::string Register(std::uint32_t count, std::uint32_t rows, std::uint32_t card = 0, char16_t first = u'A') {
@@ -106,11 +95,7 @@ TEST_F(ControlSettings, ALinkThatIsNotTheDrivesStays) {
     Restart();
     ASSERT_TRUE(Opens('G'));
     // A drive that found no letter has no link: what has the name it tried last is somebody else's.
-    nt::FaultPlan plan;
-    plan.kinds = nt::FaultBit(nt::FaultKind::kObject);
-    plan.failAt = 1;
-    plan.forEver = true;
-    nt::ArmFaults(plan);
+    nt::ArmFaults({.kinds = nt::FaultBit(nt::FaultKind::kObject), .failAt = 1, .forEver = true});
     const char tried = Ask('M');
     nt::DisarmFaults();
     EXPECT_FALSE(Opens('G'));

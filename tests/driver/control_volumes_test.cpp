@@ -32,17 +32,6 @@ class ControlVolumes : public MachineTest {
         std::memcpy(&record, list.data() + 4 + index * sizeof(record), sizeof(record));
         return record;
     }
-    host::IoResult Measure(host::Handle handle, std::uint32_t video, std::uint32_t alpha, VrkFsVolumeSpaceInfo& info,
-                           std::uint32_t card = 0) {
-        const host::ScopedHandle control(User(), OpenControl(card).handle);
-        std::memset(&info, 0xEE, sizeof(info));
-        info.Handle = handle;
-        info.VideoBlocksPerFrame = video;
-        info.AlphaBlocksPerFrame = alpha;
-        return User().DeviceControl(control.Get(), IOCTL_VRKFS_GET_VOLUME_SPACE_INFO, BytesOf(info),
-                                    WritableBytesOf(info));
-    }
-
     std::string Lock(host::Handle control, std::uint32_t drop) {
         const VrkFsLockRequest request = {drop};
         return host::StatusName(
@@ -105,8 +94,10 @@ TEST_F(ControlVolumes, OnlyAFolderOrFileOnAVolumeOfTheCardCanBeMeasured) {
     for (const auto& test : cases) {
         const host::ScopedHandle handle(User(), Open(test.path).handle);
         ASSERT_TRUE(handle) << test.card;
-        VrkFsVolumeSpaceInfo info;
-        const host::IoResult result = Measure(handle.Get(), 0, 0, info, test.card);
+        const host::ScopedHandle control(User(), OpenControl(test.card).handle);
+        VrkFsVolumeSpaceInfo info{handle.Get(), 0, 0, 0, 0, 0, 0};
+        const host::IoResult result = User().DeviceControl(control.Get(), IOCTL_VRKFS_GET_VOLUME_SPACE_INFO,
+                                                           BytesOf(info), WritableBytesOf(info));
         const std::string name(test.path, test.path + std::char_traits<char16_t>::length(test.path));
         EXPECT_EQ(host::StatusName(result.status), test.measured ? "STATUS_SUCCESS" : "STATUS_UNSUCCESSFUL") << name;
         EXPECT_EQ(result.information, test.measured ? sizeof(info) : 0u) << name;
@@ -165,9 +156,7 @@ TEST_F(ControlVolumes, ARebuildFindsEveryVolumeOnce) {
         SCOPED_TRACE(testing::Message() << "request " << point);
         const host::ScopedHandle owner(User(), OpenControl().handle);
         ASSERT_EQ(Lock(owner.Get(), 1), "STATUS_SUCCESS");
-        board::Misbehaviour rule;
-        rule.skip = point;
-        Board().Misbehave().Add(rule);
+        Board().Misbehave().Add({.operation = {}, .scsiId = {}, .skip = point});
         const bool found = Unlock(owner.Get()) == "STATUS_SUCCESS";
         Board().Misbehave().Clear();
         // The lock is given up either way. Nothing half found is left; the next unlock tries again.

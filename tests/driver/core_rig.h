@@ -2,25 +2,17 @@
 // loaded, the registry lives in memory, and the test may call into the loaded driver's rooms.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <string>
-#include <vector>
 
-#include "board/board.h"
 #include "core/card_instance.h"
 #include "core/global_data.h"
 #include "core/registry.h"
 #include "nt/kernel.h"
-#include "nt/station.h"
+#include "tests/support/machine_fixture.h"
 
 extern "C" DRIVER_INITIALIZE DriverEntry;
 
@@ -51,25 +43,16 @@ inline bool NameIsTaken(const std::u16string& name) {
 
 class DriverRig : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "vrkfs-rig-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        directory_ = pattern;
+    // The case may boot again.
+    void TearDown() override {
+        PowerOff();
+        std::filesystem::remove(EventLog());
         forgotten_ = 0;
     }
 
-    void TearDown() override {
-        PowerOff();
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-    }
-
     void Boot(bool manualClock = false) {
-        nt::BootOptions options;
-        options.manualClock = manualClock;
-        nt::Boot(options);
-        const std::string wrong = nt::AttachStation({{}, EventLog(), {}, false});
-        ASSERT_EQ(wrong, "");
+        nt::Boot({.manualClock = manualClock});
+        ASSERT_EQ(nt::AttachStation({{}, EventLog(), {}, false}), "");
         ASSERT_EQ(nt::CreateRegistryKey(std::u16string(kServiceKey) + u"\\Parameters"), STATUS_SUCCESS);
         const nt::DriverImage image{&BoardEntry, u"Vrk", {}};
         ASSERT_EQ(nt::LoadDriver(image, &boardDriver_), STATUS_SUCCESS);
@@ -80,7 +63,8 @@ class DriverRig : public testing::Test {
         boards_[card] = board::Board::Plug(boardDriver_, card, error);
         EXPECT_TRUE(boards_[card]) << error;
         for (const std::uint32_t id : scsiIds) {
-            const auto path = directory_ / ("card" + std::to_string(card) + "scsi" + std::to_string(id) + ".img");
+            const auto path =
+                directory_.Path() / ("card" + std::to_string(card) + "scsi" + std::to_string(id) + ".img");
             std::ofstream(path).close();
             std::filesystem::resize_file(path, std::uint64_t{kRigDiskBlocks} * board::kBlockSize);
             auto disk = board::Disk::Open(path.string(), {}, error);
@@ -158,7 +142,7 @@ class DriverRig : public testing::Test {
         return lines;
     }
     void ForgetEvents() { forgotten_ = nt::ReadEventLog(EventLog()).entries.size(); }
-    std::string EventLog() const { return (directory_ / "events.log").string(); }
+    std::string EventLog() const { return (directory_.Path() / "events.log").string(); }
 
     // Runs the routine as code of a driver, so that ordered failures meet it; it must leave nothing behind.
     static void RunInDriver(const std::function<void()>& routine) {
@@ -170,7 +154,6 @@ class DriverRig : public testing::Test {
         EXPECT_EQ(nt::ToString(leaks), "");
     }
 
-    std::filesystem::path directory_;
     PDRIVER_OBJECT driver_ = nullptr;
 
   private:
@@ -188,9 +171,28 @@ class DriverRig : public testing::Test {
     }
 
     static inline const std::function<void()>* running_ = nullptr;
+    TemporaryDirectory directory_;
     std::size_t forgotten_ = 0;
     PDRIVER_OBJECT boardDriver_ = nullptr;
     std::array<std::unique_ptr<board::Board>, kMaxCards> boards_;
+};
+
+// A driver that has loaded, and the case is inside it.
+class LoadedRig : public DriverRig {
+  protected:
+    void SetUp() override {
+        Boot();
+        Plug(0);
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+        inside_ = std::make_unique<nt::DriverScope>(driver_);
+    }
+    void TearDown() override {
+        inside_.reset();
+        DriverRig::TearDown();
+    }
+
+  private:
+    std::unique_ptr<nt::DriverScope> inside_;
 };
 
 }  // namespace tests

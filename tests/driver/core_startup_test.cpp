@@ -6,7 +6,6 @@
 namespace tests {
 namespace {
 
-using board::Misbehaviour;
 using board::Operation;
 using board::Wrong;
 
@@ -32,6 +31,7 @@ class StartUp : public DriverRig {
             UNICODE_STRING link = Counted(name);
             EXPECT_EQ(IoDeleteSymbolicLink(&link), STATUS_SUCCESS);
         }
+        taken_.clear();
         DriverRig::TearDown();
     }
     static std::u16string DriveLink(char letter) {
@@ -83,18 +83,15 @@ TEST_F(StartUp, TheDriveLetterIsTheFirstFreeOneFromTheConfiguredOn) {
                       STATUS_SUCCESS);
         }
         TakeLetters(c.taken);
-        const NTSTATUS status = Load();
         if (c.used != 0) {
-            EXPECT_EQ(status, STATUS_SUCCESS);
+            EXPECT_EQ(Load(), STATUS_SUCCESS);
             EXPECT_EQ(Cards().at(0)->Prefs.DriveLetter, c.used);
             EXPECT_TRUE(NameIsTaken(DriveLink(c.used)));
         } else {
-            EXPECT_FALSE(NT_SUCCESS(status));
+            EXPECT_FALSE(NT_SUCCESS(Load()));
             EXPECT_EQ(Events().at(0), "C0050001 Create disk device symb. link failed");
         }
         TearDown();
-        taken_.clear();
-        SetUp();
     }
 }
 
@@ -113,16 +110,12 @@ TEST_F(StartUp, ABoardThatFailsIsLoggedAndLeavesNothing) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.event);
         Boot();
-        Misbehaviour rule;
-        rule.operation = c.operation;
-        rule.skip = c.skip;
-        rule.status = STATUS_IO_DEVICE_ERROR;
-        Plug(9, {3}).Misbehave().Add(rule);  // the last index: its status is the driver's
+        // The last index: its status is the driver's.
+        Plug(9, {3}).Misbehave().Add({.operation = c.operation, .scsiId = {}, .skip = c.skip});
         EXPECT_EQ(Load(), STATUS_IO_DEVICE_ERROR);
         EXPECT_EQ(Events().at(1), c.event);
         EXPECT_FALSE(CardNamesTaken('9'));
         TearDown();
-        SetUp();
     }
 }
 
@@ -143,11 +136,7 @@ TEST_F(StartUp, ABoardThatDoesNotAnswerCostsItsCardOnlyAndMayAnswerLater) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.event);
         Boot(true);
-        Misbehaviour rule;
-        rule.what = c.what;
-        rule.operation = c.operation;
-        rule.count = 1;
-        Plug(0, {1}).Misbehave().Add(rule);
+        Plug(0, {1}).Misbehave().Add({.what = c.what, .operation = c.operation, .scsiId = {}, .count = 1});
         Plug(1, {1});
         NTSTATUS status = STATUS_UNSUCCESSFUL;
         std::thread loader([&] { status = Load(); });
@@ -163,7 +152,6 @@ TEST_F(StartUp, ABoardThatDoesNotAnswerCostsItsCardOnlyAndMayAnswerLater) {
         EXPECT_EQ(BoardOf(0).HeldCount(), c.what == Wrong::kHold ? 0u : 1u);
         BoardOf(0).ReleaseHeld();
         TearDown();
-        SetUp();
     }
 }
 

@@ -9,48 +9,46 @@ class RecorderTest : public MediaTest {
   protected:
     static constexpr const char* kOk = "STATUS_SUCCESS";
 
-    // By name, so that a failed comparison reads well.
+    // By name, so that a failed comparison reads well. What succeeds returns the whole record.
     template <typename Record>
-    std::string Send(std::uint32_t code, Record& record, std::uint64_t* returned = nullptr) {
-        return Answer(User().DeviceControl(Control(), code, BytesOf(record), WritableBytesOf(record)), returned);
+    std::string SendTo(host::Handle control, std::uint32_t code, Record& record) {
+        return Answer(User().DeviceControl(control, code, BytesOf(record), WritableBytesOf(record)), sizeof(record));
+    }
+    template <typename Record>
+    std::string Send(std::uint32_t code, Record& record) {
+        return SendTo(Control(), code, record);
     }
     template <typename Record>
     std::string SendOnly(std::uint32_t code, const Record& record) {
-        return Answer(User().DeviceControl(Control(), code, BytesOf(record), {}), nullptr);
+        return Answer(User().DeviceControl(Control(), code, BytesOf(record), {}), 0);
     }
-    std::string SendNothing(std::uint32_t code) {
-        return Answer(User().DeviceControl(Control(), code, {}, {}), nullptr);
-    }
+    std::string SendNothing(std::uint32_t code) { return Answer(User().DeviceControl(Control(), code, {}, {}), 0); }
     // A code that answers with a section's name, into a buffer of that many bytes.
     template <typename Record>
     std::string SendForName(std::uint32_t code, const Record& record, std::u16string* name, std::size_t bytes = 400) {
-        std::vector<std::byte> buffer(bytes, std::byte{0xEE});
-        std::uint64_t returned = 0;
-        const std::string answer = Answer(User().DeviceControl(Control(), code, BytesOf(record), buffer), &returned);
-        EXPECT_EQ(returned, 0u);
-        name->clear();
-        for (std::size_t at = 0; at + 2 <= bytes; at += 2) {
-            char16_t c;
-            std::memcpy(&c, buffer.data() + at, 2);
-            if (c == 0) {
-                return answer;
-            }
-            name->push_back(c);
-        }
-        *name = u"?";  // not terminated
+        std::u16string buffer(bytes / 2 + 1, u'?');
+        const std::string answer = Answer(User().DeviceControl(Control(), code, BytesOf(record),
+                                                               std::as_writable_bytes(std::span(buffer)).first(bytes)),
+                                          0);
+        EXPECT_EQ(buffer.back(), u'?') << "behind the end";
+        const std::size_t end = buffer.find(u'\0');
+        *name = end < bytes / 2 ? buffer.substr(0, end) : u"?";  // not terminated
         return answer;
     }
 
     VrkFsVideoSpace Allocate(host::Handle file, std::uint32_t table, std::uint32_t data, std::uint32_t flags = 0) {
-        VrkFsVideoSpace space{};
-        space.Handle = file;
-        space.BodyTableBlocksWanted = table;
-        space.DataBlocksWanted = data;
-        space.Flags = flags;
-        std::uint64_t returned = 0;
-        EXPECT_EQ(Send(IOCTL_VRKFS_ALLOCATE_VIDEO_SPACE, space, &returned), kOk);
-        EXPECT_EQ(returned, sizeof(space));
+        VrkFsVideoSpace space{file, table, data, flags, 0, 0, 0, 0, {}, 0};
+        EXPECT_EQ(Send(IOCTL_VRKFS_ALLOCATE_VIDEO_SPACE, space), kOk);
         return space;
+    }
+    // What settles the video stream on that many blocks.
+    static VrkFsVideoFileUpdate Settlement(host::Handle file, std::uint32_t table, std::uint32_t data) {
+        VrkFsVideoFileUpdate update{};
+        update.Handle = file;
+        update.VideoBodyTableAllocated = update.VideoBodyTableUsed = table;
+        update.VideoDataAllocated = update.VideoDataUsed = data;
+        update.Flags = VRKFS_UPDATE_VIDEO;
+        return update;
     }
     std::string CreateTable(host::Handle file, std::uint32_t frames) {
         return SendOnly(IOCTL_VRKFS_CREATE_NEW_BODY_TABLE, VrkFsBodyTableCreation{file, frames, 0xDEADBEEF});
@@ -61,10 +59,7 @@ class RecorderTest : public MediaTest {
             alpha ? IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE : IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE, nodes, name);
     }
     std::string Reference(host::Handle file, std::u16string* name, bool alpha = false, std::size_t bytes = 400) {
-        VrkFsBodyTableReference request{};
-        request.Handle = file;
-        request.Alpha = alpha;
-        request.Scratch = 0xDEADBEEF;
+        const VrkFsBodyTableReference request{file, alpha, {}, 0xDEADBEEF};
         return SendForName(IOCTL_VRKFS_REFERENCE_BODY_TABLE, request, name, bytes);
     }
     std::string Dereference(host::Handle file) {
@@ -91,10 +86,8 @@ class RecorderTest : public MediaTest {
     }
 
   private:
-    static std::string Answer(const host::IoResult& result, std::uint64_t* returned) {
-        if (returned != nullptr) {
-            *returned = result.information;
-        }
+    static std::string Answer(const host::IoResult& result, std::uint64_t returned) {
+        EXPECT_EQ(result.information, result.status.Ok() ? returned : 0);
         return host::StatusName(result.status);
     }
 

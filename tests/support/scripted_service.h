@@ -5,13 +5,12 @@
 #include <vrkfs/control.h>
 #include <vrkfs/service.h>
 
-#include <condition_variable>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -38,28 +37,19 @@ inline std::vector<std::byte> Record(std::size_t size,
     return bytes;
 }
 
-// A request under way; its buffers live as long as it does.
+// A request under way; its buffers live as long as it does. It ends once: a second end is an exception.
 class Posted {
   public:
     std::vector<std::byte> in, out;
     host::RequestId id = 0;
 
-    void Finish(host::IoResult result) {
-        std::lock_guard guard(lock_);
-        result_ = result;
-        over_.notify_all();
-    }
-    bool IsOver() {
-        std::lock_guard guard(lock_);
-        return result_.has_value();
-    }
+    bool IsOver() const { return over_.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
     // STATUS_PENDING for one that does not end.
-    host::IoResult Wait() {
-        std::unique_lock guard(lock_);
-        over_.wait_for(guard, std::chrono::seconds(100), [&] { return result_.has_value(); });
-        return result_.value_or(host::IoResult{host::status::kPending, 0});
+    host::IoResult Wait() const {
+        const bool over = over_.wait_for(std::chrono::seconds(100)) == std::future_status::ready;
+        return over ? over_.get() : host::IoResult{host::status::kPending, 0};
     }
-    std::string End() { return host::StatusName(Wait().status); }
+    std::string End() const { return host::StatusName(Wait().status); }
 
     // Sends the request with `send`, which gets the completion to use.
     template <typename Send>
@@ -67,23 +57,29 @@ class Posted {
         auto posted = std::make_shared<Posted>();
         posted->in = std::move(in);
         posted->out = std::move(out);
-        const host::Status status = send(*posted, [posted](host::IoResult result) { posted->Finish(result); });
+        const host::Status status = send(*posted, [posted](host::IoResult result) { posted->end_.set_value(result); });
         if (!status.Ok()) {
-            posted->Finish({status, 0});
+            posted->end_.set_value({status, 0});
         }
         return posted;
     }
 
   private:
-    std::mutex lock_;
-    std::condition_variable over_;
-    std::optional<host::IoResult> result_;
+    std::promise<host::IoResult> end_;
+    std::shared_future<host::IoResult> over_ = end_.get_future();
 };
 using PostedPtr = std::shared_ptr<Posted>;
 
 inline PostedPtr ReadAside(host::Process& process, host::Handle file, std::uint64_t offset, std::size_t bytes) {
     return Posted::Begin({}, std::vector<std::byte>(bytes), [&](Posted& posted, host::Completion done) {
         return process.ReadOverlapped(file, posted.out, offset, std::move(done), &posted.id);
+    });
+}
+
+inline PostedPtr ControlAside(host::Process& process, host::Handle device, std::uint32_t code,
+                              std::span<const std::byte> in, std::vector<std::byte> out) {
+    return Posted::Begin({in.begin(), in.end()}, std::move(out), [&](Posted& posted, host::Completion done) {
+        return process.DeviceControlOverlapped(device, code, posted.in, posted.out, std::move(done), &posted.id);
     });
 }
 
@@ -94,11 +90,7 @@ class ScriptedService {
     static constexpr std::uint32_t kFrameSize = 5000;
 
     explicit ScriptedService(host::Machine& machine) : process_(machine.NewProcess()) {
-        host::OpenRequest request;
-        request.path = u"VrkFsDevice0";
-        request.access = host::access::kReadData | host::access::kWriteData;
-        request.overlapped = true;
-        control_ = process_->Create(request).handle;
+        control_ = process_->Create({.path = u"VrkFsDevice0", .overlapped = true}).handle;
     }
     ~ScriptedService() { Stop(); }
     host::Process& Process() { return *process_; }
@@ -121,8 +113,8 @@ class ScriptedService {
     void Die() { process_.reset(); }
 
     PostedPtr Fetch() { return Post(IOCTL_VRKFS_SEND_SERVICE_REQUEST, {}, Bytes(1568)); }
-    PostedPtr Respond(Bytes in, Bytes out = {}) {
-        return Post(IOCTL_VRKFS_SEND_SERVICE_RESPONSE, std::move(in), std::move(out));
+    PostedPtr Respond(const Bytes& in, Bytes out = {}) {
+        return Post(IOCTL_VRKFS_SEND_SERVICE_RESPONSE, in, std::move(out));
     }
     PostedPtr Respond(std::uint32_t type, std::uint32_t result, std::uint32_t word = 0, Bytes out = {}) {
         return Respond(Record(56, {{0, type}, {4, result}, {8, word}}), std::move(out));
@@ -201,19 +193,17 @@ class ScriptedService {
     }
 
   private:
-    PostedPtr Post(std::uint32_t code, Bytes in, Bytes out) {
-        return Posted::Begin(std::move(in), std::move(out), [&](Posted& posted, host::Completion done) {
-            return process_->DeviceControlOverlapped(control_, code, posted.in, posted.out, std::move(done),
-                                                     &posted.id);
-        });
+    PostedPtr Post(std::uint32_t code, const Bytes& in, Bytes out) {
+        return ControlAside(*process_, control_, code, in, std::move(out));
     }
     void Transfer(const Bytes& request, std::uint32_t piece) {
         const std::uint32_t type = WordAt(request, 0);
         const std::uint32_t count = WordAt(request, 24);
         const Bytes whole = Content(WordAt(request, 28), WordAt(request, 16), count);
         Bytes written;
-        for (std::uint32_t moved = 0, size = 0; moved < count || moved == 0; moved += size) {
-            size = std::min(piece, count - moved);
+        std::uint32_t moved = 0;
+        do {
+            const std::uint32_t size = std::min(piece, count - moved);
             const auto part = whole.begin() + moved;
             const PostedPtr posted =
                 Respond(type, 0, size, type == VRKFS_SERVICE_READ ? Bytes(part, part + size) : Bytes(size));
@@ -221,10 +211,8 @@ class ScriptedService {
                 return;
             }
             written.insert(written.end(), posted->out.begin(), posted->out.end());
-            if (count == 0) {
-                break;
-            }
-        }
+            moved += size;
+        } while (moved < count);
         if (type == VRKFS_SERVICE_WRITE) {
             std::lock_guard guard(lock_);
             written_ = std::move(written);

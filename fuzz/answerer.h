@@ -16,11 +16,7 @@ namespace fuzz {
 class Answerer {
   public:
     Answerer(host::Process& user, std::span<const std::byte> bytes) : user_(user), bytes_(bytes) {
-        host::OpenRequest request;
-        request.path = u"VrkFsDevice0";
-        request.access = kReadWrite;
-        request.overlapped = true;
-        control_ = host::ScopedHandle(user_, user_.Create(request).handle);
+        control_ = Opened(user_, {.path = u"VrkFsDevice0", .access = kReadWrite, .overlapped = true});
         thread_ = std::thread([this] { Run(); });
     }
     ~Answerer() {
@@ -30,11 +26,8 @@ class Answerer {
     }
 
   private:
-    tests::PostedPtr Post(std::uint32_t code, std::vector<std::byte> in, std::vector<std::byte> out) {
-        return tests::Posted::Begin(std::move(in), std::move(out), [&](tests::Posted& posted, host::Completion done) {
-            return user_.DeviceControlOverlapped(control_.Get(), code, posted.in, posted.out, std::move(done),
-                                                 &posted.id);
-        });
+    tests::PostedPtr Post(std::uint32_t code, std::span<const std::byte> in, std::size_t out) {
+        return tests::ControlAside(user_, control_.Get(), code, in, std::vector<std::byte>(out));
     }
     std::size_t Next() {
         const std::size_t next = bytes_.empty() ? 0 : static_cast<std::size_t>(bytes_[0]);
@@ -43,7 +36,7 @@ class Answerer {
     }
     void Run() {
         while (!stop_) {
-            const tests::PostedPtr fetch = Post(IOCTL_VRKFS_SEND_SERVICE_REQUEST, {}, std::vector<std::byte>(1568));
+            const tests::PostedPtr fetch = Post(IOCTL_VRKFS_SEND_SERVICE_REQUEST, {}, 1568);
             while (stop_ && !fetch->IsOver()) {
                 user_.Cancel(fetch->id);
             }
@@ -63,9 +56,7 @@ class Answerer {
         }
         const std::uint32_t head[] = {odd ? static_cast<std::uint32_t>(Next()) : type, over ? 1u : 0u};
         std::memcpy(in.data(), head, sizeof(head));
-        const host::Status end =
-            Post(IOCTL_VRKFS_SEND_SERVICE_RESPONSE, in, std::vector<std::byte>(256))->Wait().status;
-        return end != host::status::kCancelled;
+        return Post(IOCTL_VRKFS_SEND_SERVICE_RESPONSE, in, 256)->Wait().status != host::status::kCancelled;
     }
 
     host::Process& user_;

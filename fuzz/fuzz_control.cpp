@@ -10,43 +10,55 @@ namespace fuzz {
 namespace {
 
 // What the next byte asks for.
-enum Step : std::uint8_t {
-    kKnownCode,
-    kOddCode,
-    kCloseAll,
-    kOpenAll,
-    kUse,
-    kPort,
-    kMedia,
-    kMediaAgain,
-    kOpenMedia,
-    kSteps
-};
+enum Step : std::uint8_t { kKnownCode, kOddCode, kCloseAll, kOpenAll, kUse, kPort, kMedia, kMediaAgain, kOpenMedia };
 
-// What a media step does with the file that it is about.
-enum Media : std::uint8_t {
-    kAllocate,
-    kUpdate,
-    kCreateTable,
-    kAddVideo,
-    kAddAlpha,
-    kReference,
-    kDereference,
-    kMove,
-    kSuspend,
-    kResume,
-    kLock,
-    kUnlock,
-    kSetPreferences,
-    kSetScsiPrefs,
-    kSdtiType,
-    kApplicationInfo,
-    kAskAll,
-    kRename,
-    kWrite,
-    kUseTable,
-    kMedias
+// Requests as recorders, players and movers make them: their words as they should be. What is sent is mostly that.
+constexpr std::uint32_t kFile = 0x81000000;   // the file's handle
+constexpr std::uint32_t kByte = 0x82000000;   // any byte
+constexpr std::uint32_t kPlace = 0x83000000;  // the address of a block, or 0
+constexpr std::uint32_t kName = 0x84000000;   // of memory
+constexpr std::uint32_t kJust = 0x85000000;   // and a value that is never another
+constexpr std::uint32_t kInfo = 0x86000000;   // and the offset of a word in what is told of the file
+constexpr std::uint32_t kHalf = 0x01000000;   // of such a word
+constexpr std::uint32_t kKind = 0xFF000000;
+
+constexpr std::uint32_t kData = kInfo + offsetof(VrkFsFileInfo, DataBlocks);
+constexpr std::uint32_t kTable = kInfo + offsetof(VrkFsFileInfo, BodyTableBlocks);
+constexpr std::uint32_t kTableLba = kInfo + offsetof(VrkFsFileInfo, BodyTableLba);
+constexpr std::uint32_t kAlphaData = kInfo + offsetof(VrkFsFileInfo, AlphaDataBlocks);
+constexpr std::uint32_t kAlphaTable = kInfo + offsetof(VrkFsFileInfo, AlphaBodyTableBlocks);
+constexpr std::uint32_t kAlphaTableLba = kInfo + offsetof(VrkFsFileInfo, AlphaBodyTableLba);
+
+const struct MediaRequest {
+    std::uint32_t code;
+    std::vector<std::uint32_t> words;
+} kRequests[] = {
+    {IOCTL_VRKFS_ALLOCATE_VIDEO_SPACE, {kFile, 1, 40, kByte}},
+    {IOCTL_VRKFS_UPDATE_VIDEO_FILE,
+     {kFile, 3, kTable, kData, kTable, kData + kHalf, kData, kJust, kAlphaTable, kAlphaData, kAlphaTable,
+      kAlphaData + kHalf, kAlphaData, kJust, kByte}},
+    {IOCTL_VRKFS_CREATE_NEW_BODY_TABLE, {kFile, 16}},
+    {IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE, {kFile, kTableLba, kTable, 0}},
+    {IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE, {kFile, kAlphaTableLba, kAlphaTable, 0}},
+    {IOCTL_VRKFS_REFERENCE_BODY_TABLE, {kFile, kByte, 0}},
+    {IOCTL_VRKFS_DEREFERENCE_BODY_TABLE, {kFile, 0}},
+    {IOCTL_VRKFS_MOVE_FILE_SEGMENTS,
+     {kFile, kPlace, kPlace, kPlace, kPlace, kPlace, kName, kJust, kJust, kJust, kJust, kJust, 0, 0}},
+    {IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_SUSPEND, {}},
+    {IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_RESUME, {}},
+    {IOCTL_VRKFS_LOCK_FILE_SYSTEM, {0}},
+    {IOCTL_VRKFS_UNLOCK_FILE_SYSTEM, {}},
+    {IOCTL_VRKFS_SET_PREFERENCES, {4, 0, 0, 0, 2097152, 10, kJust + 'P', kJust, 0, 0}},
+    {IOCTL_VRKFS_SET_SCSI_PREFS, {1, 0}},
+    {IOCTL_VRKFS_SET_SDTI_TYPE, {kFile, 12, 1}},
+    {IOCTL_VRKFS_SET_APP_FILE_ENTRY_INFO, {kFile, 0x030201}},
+    {IOCTL_VRKFS_GET_FILE_LOCATION_INFO, {kFile}},
+    {IOCTL_VRKFS_GET_VOLUME_SPACE_INFO, {kFile, 1, 1}},
+    {IOCTL_VRKFS_GET_FILE_ENTRY, {kFile}},
 };
+// What a media step does with the file that it is about: one of those requests, the first of them by name, or a call.
+enum Request : std::uint8_t { kAllocate, kUpdate, kCreateTable, kAddVideo, kAddAlpha, kReference, kDereference, kMove };
+enum Call : std::uint8_t { kRename = std::size(kRequests), kWrite, kUseTable, kMediaSteps };
 
 // How a known code is sent.
 constexpr std::uint8_t kOtherLengths = 0x01;  // any lengths, else the ones that the code wants, give or take
@@ -60,60 +72,35 @@ class Caller {
   public:
     Caller(host::Process& user, Input& input) : user_(user), input_(input) {
         control_ = Open(u"VrkFsDevice0");
-        host::OpenRequest request;
-        request.path = u"VrkFsDevice0";
-        request.access = kReadWrite;
-        request.overlapped = true;
-        service_ = host::ScopedHandle(user_, user_.Create(request).handle);
+        service_ = Opened(user_, {.path = u"VrkFsDevice0", .access = kReadWrite, .overlapped = true});
         VrkFsFileTypeList types{1, {{}}};
         types.Rows[0].TypeCode = 1;
         std::copy_n(u"XYZ", 3, types.Rows[0].Extension);
         types.Rows[0].FrameSize = 1000;
         types.Rows[0].FrameSizeWithAlpha = 1500;
-        (void)Tell(IOCTL_VRKFS_REGISTER_FILE_TYPES, types);
+        Tell(IOCTL_VRKFS_REGISTER_FILE_TYPES, types);
         types.Rows[0].AccessMode = VRKFS_FILE_TYPE_FRAME_FOLDERS;
         std::copy_n(u"FRM", 3, types.Rows[0].Extension);
-        (void)Tell(IOCTL_VRKFS_REGISTER_FILE_TYPES, types);
+        Tell(IOCTL_VRKFS_REGISTER_FILE_TYPES, types);
         OpenAll();
     }
 
     void Run() {
+        constexpr void (Caller::*kSteps[])() = {&Caller::SendKnown, &Caller::SendOdd,  &Caller::CloseAll,
+                                                &Caller::OpenAll,   &Caller::Use,      &Caller::UsePort,
+                                                &Caller::UseMedia,  &Caller::UseMedia, &Caller::OpenMedia};
         for (int i = 0; i < 40 && !input_.Empty(); ++i) {
-            switch (input_.Take<std::uint8_t>() % kSteps) {
-                case kMedia:
-                case kMediaAgain:
-                    UseMedia();
-                    break;
-                case kOpenMedia:
-                    OpenMedia();
-                    break;
-                case kKnownCode:
-                    SendKnown();
-                    break;
-                case kOddCode:
-                    Send(control_.Get(), 0x00222000 + input_.Take<std::uint16_t>() % 0x200, Any(), Any(), false);
-                    break;
-                case kCloseAll:
-                    others_.clear();
-                    media_.clear();
-                    break;
-                case kOpenAll:
-                    OpenAll();
-                    break;
-                case kUse:
-                    Use();
-                    break;
-                default:
-                    UsePort();
-            }
+            (this->*kSteps[input_.Take<std::uint8_t>() % std::size(kSteps)])();
         }
     }
     // No volume was made anew, so the clip that nobody touched is there.
     bool KeepsVolume() const { return !formatted_; }
 
   private:
-    host::ScopedHandle Open(const char16_t* path) {
-        return {user_, OpenPath(user_, path, host::Disposition::kOpen, kReadWrite).handle};
+    host::ScopedHandle Open(const char16_t* path) { return Opened(user_, {.path = path, .access = kReadWrite}); }
+    void CloseAll() {
+        others_.clear();
+        media_.clear();
     }
     void OpenAll() {
         others_.clear();
@@ -133,6 +120,7 @@ class Caller {
         return off < 0xC0 ? wanted : wanted + off % 3 - std::min<std::size_t>(wanted, 1);
     }
 
+    void SendOdd() { Send(control_.Get(), 0x00222000 + input_.Take<std::uint16_t>() % 0x200, Any(), Any(), false); }
     void SendKnown() {
         const std::uint32_t code =
             IOCTL_VRKFS_DISMOUNT_VOLUME + 4 * (input_.Take<std::uint8_t>() % VRKFS_CONTROL_CODE_COUNT);
@@ -232,32 +220,32 @@ class Caller {
     // ---- Files as recorders, players and movers have them ----
 
     void OpenMedia() {
-        constexpr const char16_t* kPaths[] = {u"P:\\RZV\\V\\A\\ONE.RZV",
-                                              u"P:\\RZV\\V\\B\\ONE.RZV",
-                                              u"P:\\RZV\\V\\A\\NEW.RZV",
-                                              u"P:\\RZV\\V\\B\\NEW.RZV",
-                                              u"P:\\RZV\\V\\A\\RENAMED.RZV",
-                                              u"P:\\RZV\\V\\B\\RENAMED.RZV",
-                                              u"P:\\XYZ\\V\\A\\ONE.RZV\\note",
-                                              u"P:\\XYZ\\V\\A\\ONE.RZV\\note2",
-                                              u"P:\\XYZ\\V\\A\\ONE.RZV\\ONE0001.XYZ",
-                                              u"P:\\XYZ\\V\\A\\ONE.RZV",
-                                              u"P:\\RZV\\V\\A",
-                                              u"P:\\RZV\\V"};
+        constexpr const char16_t* kPaths[] = {u"RZV\\V\\A\\ONE.RZV",
+                                              u"RZV\\V\\B\\ONE.RZV",
+                                              u"RZV\\V\\A\\NEW.RZV",
+                                              u"RZV\\V\\B\\NEW.RZV",
+                                              u"RZV\\V\\A\\RENAMED.RZV",
+                                              u"RZV\\V\\B\\RENAMED.RZV",
+                                              u"XYZ\\V\\A\\ONE.RZV\\note",
+                                              u"XYZ\\V\\A\\ONE.RZV\\note2",
+                                              u"XYZ\\V\\A\\ONE.RZV\\ONE0001.XYZ",
+                                              u"XYZ\\V\\A\\ONE.RZV",
+                                              u"RZV\\V\\A",
+                                              u"RZV\\V"};
         constexpr std::uint32_t kRights[] = {kReadWrite | host::access::kDelete, host::access::kReadData,
                                              host::access::kWriteData, host::access::kDelete};
         const auto how = input_.Take<std::uint8_t>();
-        host::OpenRequest request;
-        request.path = kPaths[input_.Take<std::uint8_t>() % std::size(kPaths)];
-        request.access = kRights[how % 4];
-        request.shareAccess = (how & 0x10) != 0 ? host::share::kAll : host::share::kNone;
-        request.disposition = (how & 0x20) != 0 ? host::Disposition::kOpen : host::Disposition::kOpenIf;
+        const host::OpenRequest request = {
+            .path = u"P:\\" + std::u16string(kPaths[input_.Take<std::uint8_t>() % std::size(kPaths)]),
+            .access = kRights[how % 4],
+            .shareAccess = (how & 0x10) != 0 ? host::share::kAll : host::share::kNone,
+            .disposition = (how & 0x20) != 0 ? host::Disposition::kOpen : host::Disposition::kOpenIf};
         if (media_.size() < 6) {
             media_.emplace_back();
         }
         auto& place = media_[input_.Take<std::uint8_t>() % media_.size()];
-        place = {};
-        place = host::ScopedHandle(user_, user_.Create(request).handle);
+        place.Reset();
+        place = Opened(user_, request);
     }
     host::Handle Media() {
         const auto which = input_.Take<std::uint8_t>();
@@ -273,103 +261,73 @@ class Caller {
                : off < 0xE0 ? kEdges[off % std::size(kEdges)]
                             : input_.Take<std::uint32_t>();
     }
-    std::uint32_t Lba() { return input_.Take<std::uint16_t>() % (kDiskBytes / 512 + 64); }
     template <typename In>
-    bool Tell(std::uint32_t code, const In& in) {
-        return user_.DeviceControl(control_.Get(), code, std::as_bytes(std::span(&in, 1)), {}).status.Ok();
-    }
-    template <typename Record>
-    bool Exchange(std::uint32_t code, Record& record) {
-        const Record in = record;
-        return user_
-            .DeviceControl(control_.Get(), code, std::as_bytes(std::span(&in, 1)),
-                           std::as_writable_bytes(std::span(&record, 1)))
-            .status.Ok();
+    void Tell(std::uint32_t code, const In& in) {
+        (void)user_.DeviceControl(control_.Get(), code, std::as_bytes(std::span(&in, 1)), {});
     }
 
     void UseMedia() {
-        const auto what = input_.Take<std::uint8_t>() % kMedias;
+        const auto what = input_.Take<std::uint8_t>() % kMediaSteps;
         const host::Handle file = Media();
-        VrkFsFileInfo info{};
-        info.Handle = file;
-        (void)Exchange(IOCTL_VRKFS_GET_FILE_INFO, info);
-        switch (what) {
-            case kAllocate:
-                Allocate(file);
-                break;
-            case kUpdate:
-                Update(file, info);
-                break;
-            case kCreateTable:
-                (void)Tell(IOCTL_VRKFS_CREATE_NEW_BODY_TABLE, VrkFsBodyTableCreation{file, Near(16), 0});
-                break;
-            case kAddVideo:
-                Nodes(IOCTL_VRKFS_ADD_VIDEO_NODES_TO_BODY_TABLE,
-                      VrkFsBodyTableNodes{file, Near(info.BodyTableLba), Near(info.BodyTableBlocks), Near(0)});
-                break;
-            case kAddAlpha:
-                Nodes(
-                    IOCTL_VRKFS_ADD_ALPHA_NODES_TO_BODY_TABLE,
-                    VrkFsBodyTableNodes{file, Near(info.AlphaBodyTableLba), Near(info.AlphaBodyTableBlocks), Near(0)});
-                break;
-            case kReference:
-                Nodes(IOCTL_VRKFS_REFERENCE_BODY_TABLE,
-                      VrkFsBodyTableReference{file, static_cast<std::uint8_t>(Near(0)), {}, Near(0)});
-                break;
-            case kDereference:
-                (void)Tell(IOCTL_VRKFS_DEREFERENCE_BODY_TABLE, VrkFsBodyTableDereference{file, Near(0)});
-                break;
-            case kMove:
-                Move(file);
-                break;
-            case kRename:
-                Rename(file);
-                break;
-            case kWrite:
-                WriteAnything(file);
-                break;
-            case kUseTable:
-                UseTable();
-                break;
+        if (what == kRename) {
+            Rename(file);
+        } else if (what == kWrite) {
+            WriteAnything(file);
+        } else if (what == kUseTable) {
+            UseTable();
+        } else {
+            SendNear(kRequests[what], file);
+        }
+    }
+    void SendNear(const MediaRequest& request, host::Handle file) {
+        std::array<std::uint32_t, sizeof(VrkFsFileInfo) / 4> info{static_cast<std::uint32_t>(file)};
+        const auto infoBytes = std::as_writable_bytes(std::span(info));
+        (void)user_.DeviceControl(control_.Get(), IOCTL_VRKFS_GET_FILE_INFO, infoBytes, infoBytes);
+        std::vector<std::uint32_t> in;
+        for (const std::uint32_t word : request.words) {
+            in.push_back(WordNear(word, file, info));
+        }
+        const ControlCodeRule& rule = *VrkFsIoctlFindRule(request.code);
+        in.resize(std::max<std::size_t>(in.size(), (rule.InLength + 3) / 4));
+        // What has no answer of a fixed length answers with a section's name, or not at all.
+        std::array<char16_t, 800> out{};
+        const std::size_t room = rule.OutLength != 0 ? rule.OutLength : std::min<std::size_t>(Near(1600), 1600);
+        const host::IoResult done = user_.DeviceControl(control_.Get(), request.code, std::as_bytes(std::span(in)),
+                                                        std::as_writable_bytes(std::span(out)).first(room));
+        if (done.status.Ok() && rule.OutLength == 0 && out[0] != 0) {
+            section_.assign(out.data(), std::find(out.begin(), out.end(), u'\0'));
+        }
+    }
+    std::uint32_t WordNear(std::uint32_t word, host::Handle file, std::span<const std::uint32_t> info) {
+        const std::uint32_t rest = word & ~kKind;
+        switch (word & kKind) {
+            case kFile:
+                return static_cast<std::uint32_t>(file);
+            case kByte:
+                return input_.Take<std::uint8_t>();
+            case kPlace:
+                return (input_.Take<std::uint8_t>() & 1) != 0 ? input_.Take<std::uint16_t>() % (kDiskBytes / 512 + 64)
+                                                              : Near(0);
+            case kName:
+                return MemoryName();
+            case kJust:
+                return rest;
+            case kInfo:
+                return Near(info[rest / 4]);
+            case kInfo + kHalf:
+                return Near(info[rest / 4] / 2);
             default:
-                Set(what, file);
+                return Near(word);
         }
     }
-
-    void Allocate(host::Handle file) {
-        VrkFsVideoSpace space{};
-        space.Handle = file;
-        space.BodyTableBlocksWanted = Near(1);
-        space.DataBlocksWanted = Near(40);
-        space.Flags = input_.Take<std::uint8_t>();
-        (void)Exchange(IOCTL_VRKFS_ALLOCATE_VIDEO_SPACE, space);
-    }
-    void Update(host::Handle file, const VrkFsFileInfo& info) {
-        VrkFsVideoFileUpdate update{};
-        update.Handle = file;
-        update.Flags = input_.Take<std::uint8_t>();
-        update.FrameCount = Near(3);
-        update.VideoBodyTableAllocated = Near(info.BodyTableBlocks);
-        update.VideoDataAllocated = Near(info.DataBlocks);
-        update.VideoBodyTableUsed = Near(info.BodyTableBlocks);
-        update.VideoDataUsed = Near(info.DataBlocks / 2);
-        update.VideoDataLength = Near(info.DataBlocks);
-        update.AlphaBodyTableAllocated = Near(info.AlphaBodyTableBlocks);
-        update.AlphaDataAllocated = Near(info.AlphaDataBlocks);
-        update.AlphaBodyTableUsed = Near(info.AlphaBodyTableBlocks);
-        update.AlphaDataUsed = Near(info.AlphaDataBlocks / 2);
-        update.AlphaDataLength = Near(info.AlphaDataBlocks);
-        (void)Exchange(IOCTL_VRKFS_UPDATE_VIDEO_FILE, update);
-    }
-    template <typename In>
-    void Nodes(std::uint32_t code, const In& in) {
-        std::array<char16_t, 800> name{};
-        const std::size_t bytes = std::min<std::size_t>(Near(sizeof(name)), sizeof(name));
-        const host::IoResult done = user_.DeviceControl(control_.Get(), code, std::as_bytes(std::span(&in, 1)),
-                                                        std::as_writable_bytes(std::span(name)).first(bytes));
-        if (done.status.Ok() && name[0] != 0) {
-            section_.assign(name.data(), std::find(name.begin(), name.end(), u'\0'));
+    // Of memory that may have been given back already.
+    std::uint32_t MemoryName() {
+        host::Process::NamedMemory counter;
+        (void)user_.AllocateMemory(4, counter);
+        if (input_.Take<std::uint8_t>() > 0xE0) {
+            user_.FreeMemory(counter);
         }
+        return Near(counter.name);
     }
     // A table that is shared is anybody's to fill with nonsense.
     void UseTable() {
@@ -386,81 +344,21 @@ class Caller {
             user_.UnmapSection(view);
         }
     }
-    void Move(host::Handle file) {
-        host::Process::NamedMemory counter;
-        (void)user_.AllocateMemory(4, counter);
-        VrkFsSegmentMove move{};
-        move.Handle = file;
-        for (std::uint32_t& lba : move.NewLba) {
-            lba = (input_.Take<std::uint8_t>() & 1) != 0 ? Lba() : Near(0);
-        }
-        move.ProgressAddress = Near(counter.name);
-        move.ScratchFile = Near(0);
-        move.ScratchProgress = Near(0);
-        if (input_.Take<std::uint8_t>() > 0xE0) {
-            user_.FreeMemory(counter);
-        }
-        (void)Exchange(IOCTL_VRKFS_MOVE_FILE_SEGMENTS, move);
-    }
     void Rename(host::Handle file) {
         constexpr const char16_t* kNames[] = {u"P:\\RZV\\V\\B\\RENAMED.RZV", u"RENAMED.RZV", u"ONE.RZV", u"KEPT.RZV",
                                               u"P:\\RZV\\V\\C\\KEPT.RZV",    u"ONE0002.XYZ", u"note2",   u""};
         (void)host::Rename(user_, file, kNames[input_.Take<std::uint8_t>() % std::size(kNames)]);
     }
     void WriteAnything(host::Handle file) {
-        const std::vector<std::byte> image = clip::MakeClipImage(FuzzStation::Recipe());
         const auto how = input_.Take<std::uint8_t>();
         std::vector<std::byte> back(2000);
         if ((how & 1) != 0) {
-            (void)user_.Write(file, image, (how & 2) != 0 ? input_.Take<std::uint32_t>() : 0);
+            (void)user_.Write(file, ClipImage(), (how & 2) != 0 ? input_.Take<std::uint32_t>() : 0);
         }
         (void)user_.Read(file, back, input_.Take<std::uint16_t>());
         if ((how & 4) != 0) {
             (void)user_.Flush(file);
         }
-    }
-    void Set(std::uint8_t what, host::Handle file) {
-        switch (what) {
-            case kSuspend:
-                (void)user_.DeviceControl(control_.Get(), IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_SUSPEND, {}, {});
-                break;
-            case kResume:
-                (void)user_.DeviceControl(control_.Get(), IOCTL_VRKFS_REQUEST_BODY_TABLE_FLUSH_RESUME, {}, {});
-                break;
-            case kLock:
-                (void)Tell(IOCTL_VRKFS_LOCK_FILE_SYSTEM, VrkFsLockRequest{Near(0)});
-                break;
-            case kUnlock:
-                (void)user_.DeviceControl(control_.Get(), IOCTL_VRKFS_UNLOCK_FILE_SYSTEM, {}, {});
-                break;
-            case kSetPreferences: {
-                const VrkFsPreferences all{Near(4),  Near(0), Near(0), Near(0), Near(2097152),
-                                           Near(10), 'P',     {},      Near(0), Near(0)};
-                (void)Tell(IOCTL_VRKFS_SET_PREFERENCES, all);
-                break;
-            }
-            case kSetScsiPrefs:
-                (void)Tell(IOCTL_VRKFS_SET_SCSI_PREFS, VrkFsScsiPrefs{Near(1), Near(0)});
-                break;
-            case kSdtiType:
-                (void)Tell(IOCTL_VRKFS_SET_SDTI_TYPE, VrkFsSdtiTypeRequest{file, Near(12), Near(1)});
-                break;
-            case kApplicationInfo:
-                (void)Tell(IOCTL_VRKFS_SET_APP_FILE_ENTRY_INFO, VrkFsApplicationInfoRequest{file, {1, 2, 3}});
-                break;
-            default:
-                AskAll(file);
-        }
-    }
-    void AskAll(host::Handle file) {
-        VrkFsFileLocation place{};
-        place.Handle = file;
-        (void)Exchange(IOCTL_VRKFS_GET_FILE_LOCATION_INFO, place);
-        VrkFsVolumeSpaceInfo space{file, Near(1), Near(1), 0, 0, 0, 0};
-        (void)Exchange(IOCTL_VRKFS_GET_VOLUME_SPACE_INFO, space);
-        std::vector<std::byte> entry(VRKFS_FILE_ENTRY_SIZE);
-        (void)user_.DeviceControl(control_.Get(), IOCTL_VRKFS_GET_FILE_ENTRY, std::as_bytes(std::span(&file, 1)),
-                                  entry);
     }
 
     host::Process& user_;
@@ -515,16 +413,15 @@ void WriteSeeds(Seeds& seeds) {
         };
         then(kAllocate, {file, 0, 0, 4});
         then(kAllocate, {file, 0, 0, 5});
-        then(kCreateTable, {file, 0});
+        then(kCreateTable, {file, 0, 0});
         then(kAddVideo, {file, 0, 0, 0, 0});
         then(kAddAlpha, {file, 0, 0, 0, 0});
         then(kUseTable, {1, 24, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0});
-        then(kUpdate, {file, 3, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
-        then(kDereference, {file, 0});
+        then(kUpdate, {file, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3});
+        then(kDereference, {file, 0, 0});
         then(kMove, {file, 1, 0x00, 0x18, 1, 0x00, 0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
         then(kRename, {file, alpha});
-        then(kAskAll, {file, 0, 0});
-        then(kReference, {file, alpha});
+        then(kReference, {file, alpha, 0, 0});
         seeds.Add(life);
     }
     for (std::uint8_t segment = 0; segment < VRKFS_SEGMENT_COUNT; ++segment) {
@@ -540,7 +437,7 @@ void WriteSeeds(Seeds& seeds) {
             seeds.Add(move);
         }
     }
-    for (std::uint8_t what = 0; what < kMedias; ++what) {
+    for (std::uint8_t what = 0; what < kMediaSteps; ++what) {
         for (std::uint8_t path = 0; path < 12; path = static_cast<std::uint8_t>(path + 3)) {
             seeds.Add(
                 {kOpenMedia, 0x10, path, 0, kMedia, what, file, 7, 0, 0, 0, kMedia, what, file, 0xB3, 0xC5, 0xD1});
@@ -576,13 +473,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto machine = station.Start();
     {
         auto user = machine->NewProcess();
-        if (!fuzz::HoldsTheClip(*user, fuzz::kKept)) {
-            fuzz::Fail("the clip that nobody touched does not read back");
-        }
+        fuzz::Demand(fuzz::HoldsTheClip(*user, fuzz::kKept), "the clip that nobody touched does not read back");
         fuzz::Walk(*user).Everything();
-        if (!fuzz::HoldsTheClip(*user, fuzz::kKept)) {
-            fuzz::Fail("a clip was put over the one that nobody touched");
-        }
+        fuzz::Demand(fuzz::HoldsTheClip(*user, fuzz::kKept), "a clip was put over the one that nobody touched");
     }
     fuzz::FuzzStation::Stop(*machine);
     return 0;

@@ -149,17 +149,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         auto user = machine->NewProcess();
         kept = fuzz::HoldsTheClip(*user, fuzz::kKept);
         fuzz::Walk(*user).Everything();
-        if (kept && !fuzz::HoldsTheClip(*user, fuzz::kKept)) {
-            fuzz::Fail("a clip that nobody touched has changed");
-        }
+        fuzz::Demand(!kept || fuzz::HoldsTheClip(*user, fuzz::kKept), "a clip that nobody touched has changed");
     }
     fuzz::FuzzStation::Stop(*machine);
     if (kept && size % 4 == 3) {  // it takes as long as all before
         machine.reset();          // lets go of the station
         machine = station.Start();
-        if (!fuzz::HoldsTheClip(*machine->NewProcess(), fuzz::kKept)) {
-            fuzz::Fail("a clip that nobody touched is lost after the next start");
-        }
+        fuzz::Demand(fuzz::HoldsTheClip(*machine->NewProcess(), fuzz::kKept),
+                     "a clip that nobody touched is lost after the next start");
         fuzz::FuzzStation::Stop(*machine);
     }
     return 0;

@@ -14,22 +14,19 @@ constexpr std::uint8_t kRead = 0x08;
 constexpr std::uint8_t kReopen = 0x70;  // these bits all set: close the file and open it again first
 
 std::uint64_t FreeBlocks(host::Process& user) {
-    const host::ScopedHandle control(user,
-                                     OpenPath(user, u"VrkFsDevice0", host::Disposition::kOpen, kReadWrite).handle);
-    const host::ScopedHandle folder(
-        user, OpenPath(user, u"P:\\RZV\\V\\B", host::Disposition::kOpen, host::access::kReadAttributes).handle);
+    const host::ScopedHandle control = Opened(user, {.path = u"VrkFsDevice0"});
+    const host::ScopedHandle folder = Opened(user, {.path = u"P:\\RZV\\V\\B"});
     VrkFsVolumeSpaceInfo info{};
     info.Handle = folder.Get();
-    if (!user.DeviceControl(control.Get(), IOCTL_VRKFS_GET_VOLUME_SPACE_INFO, std::as_bytes(std::span(&info, 1)),
-                            std::as_writable_bytes(std::span(&info, 1)))
-             .status.Ok()) {
-        Fail("the volume's space cannot be asked for");
-    }
+    const host::IoResult asked =
+        user.DeviceControl(control.Get(), IOCTL_VRKFS_GET_VOLUME_SPACE_INFO, std::as_bytes(std::span(&info, 1)),
+                           std::as_writable_bytes(std::span(&info, 1)));
+    Demand(asked.status.Ok(), "the volume's space cannot be asked for");
     return info.FreeBlocks;
 }
 
-std::vector<std::byte> DamagedImage(Input& input, const std::vector<std::byte>& good) {
-    std::vector<std::byte> image = good;
+std::vector<std::byte> DamagedImage(Input& input) {
+    std::vector<std::byte> image = ClipImage();
     const auto damages = input.Take<std::uint8_t>() % 8;
     for (int i = 0; i < damages; ++i) {
         const auto how = input.Take<std::uint8_t>();
@@ -47,7 +44,7 @@ std::vector<std::byte> DamagedImage(Input& input, const std::vector<std::byte>& 
 
 void Move(host::Process& user, Input& input, const std::vector<std::byte>& image) {
     const auto open = [&](host::Disposition disposition) {
-        return host::ScopedHandle(user, OpenPath(user, kFile, disposition, kReadWrite).handle);
+        return Opened(user, {.path = kFile, .access = kReadWrite, .disposition = disposition});
     };
     host::ScopedHandle file = open(host::Disposition::kCreate);
     std::vector<std::byte> buffer(8000);
@@ -97,23 +94,15 @@ void WriteSeeds(Seeds& seeds) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static fuzz::FuzzStation station;
     static std::unique_ptr<host::Machine> machine = station.Start();
-    static const std::vector<std::byte> good = clip::MakeClipImage(fuzz::FuzzStation::Recipe());
     fuzz::Input input(data, size);
-    const std::vector<std::byte> image = fuzz::DamagedImage(input, good);
+    const std::vector<std::byte> image = fuzz::DamagedImage(input);
     auto user = machine->NewProcess();
     const std::uint64_t before = fuzz::FreeBlocks(*user);
     fuzz::Move(*user, input, image);
-    if (!fuzz::PutClip(*user, fuzz::kFile, host::Disposition::kOpen)) {
-        fuzz::Fail("a file that took a bad image does not take a good one");
-    }
-    if (!fuzz::HoldsTheClip(*user, fuzz::kFile)) {
-        fuzz::Fail("a good image does not read back");
-    }
-    if (!fuzz::DeletePath(*user, fuzz::kFile)) {
-        fuzz::Fail("the clip cannot be deleted");
-    }
-    if (fuzz::FreeBlocks(*user) != before) {
-        fuzz::Fail("blocks are missing after the clip was deleted");
-    }
+    fuzz::Demand(fuzz::PutClip(*user, fuzz::kFile, host::Disposition::kOpen),
+                 "a file that took a bad image does not take a good one");
+    fuzz::Demand(fuzz::HoldsTheClip(*user, fuzz::kFile), "a good image does not read back");
+    fuzz::Demand(fuzz::DeletePath(*user, fuzz::kFile), "the clip cannot be deleted");
+    fuzz::Demand(fuzz::FreeBlocks(*user) == before, "blocks are missing after the clip was deleted");
     return 0;
 }

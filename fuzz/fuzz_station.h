@@ -27,9 +27,11 @@ namespace fuzz {
 constexpr std::uint32_t kDisks = 2;
 constexpr std::uint64_t kDiskBytes = 4 << 20;
 
-[[noreturn]] inline void Fail(const std::string& what) {
-    std::fprintf(stderr, "ERROR: %s\n", what.c_str());
-    std::abort();
+inline void Demand(bool holds, const std::string& otherwise) {
+    if (!holds) {
+        std::fprintf(stderr, "ERROR: %s\n", otherwise.c_str());
+        std::abort();
+    }
 }
 
 // Takes values off the front of the fuzzer's input; zeros when it is used up.
@@ -40,10 +42,8 @@ class Input {
     template <typename Value>
     Value Take() {
         Value value{};
-        const std::size_t part = std::min(size_, sizeof(value));
-        std::memcpy(&value, data_, part);
-        data_ += part;
-        size_ -= part;
+        const std::span<const std::byte> bytes = TakeBytes(sizeof(value));
+        std::memcpy(&value, bytes.data(), bytes.size());
         return value;
     }
     std::span<const std::byte> TakeBytes(std::size_t count) {
@@ -59,14 +59,9 @@ class Input {
     std::size_t size_;
 };
 
-inline host::OpenResult OpenPath(host::Process& user, const std::u16string& path, host::Disposition disposition,
-                                 std::uint32_t access, std::uint32_t options = 0) {
-    host::OpenRequest request;
-    request.path = path;
-    request.disposition = disposition;
-    request.access = access;
-    request.options = options;
-    return user.Create(request);
+// None when it is refused.
+inline host::ScopedHandle Opened(host::Process& user, const host::OpenRequest& request) {
+    return {user, user.Create(request).handle};
 }
 
 // What a fuzzer starts from, made by the fuzzer itself: run with VRKFS_FUZZ_SEEDS=DIR it writes its seeds and ends.
@@ -99,6 +94,37 @@ constexpr std::uint32_t kReadWrite = host::access::kReadData | host::access::kWr
 // The clip that no fuzzer touches.
 constexpr const char16_t* kKept = u"P:\\RZV\\V\\C\\KEPT.RZV";
 
+// The clip that the station is filled with.
+inline const std::vector<std::byte>& ClipImage() {
+    static const std::vector<std::byte> image =
+        clip::MakeClipImage({.kind = clip::ClipKind::Tagged, .frames = 3, .alpha = true, .maxSectors = 5});
+    return image;
+}
+
+// Whether a whole read of the file gives that clip.
+inline bool HoldsTheClip(host::Process& user, const std::u16string& path) {
+    const host::ScopedHandle file = Opened(user, {.path = path, .access = host::access::kReadData});
+    std::vector<std::byte> back(ClipImage().size());
+    return file && user.Read(file.Get(), back, 0).status.Ok() && back == ClipImage();
+}
+
+// Puts that clip at a name that is free, or over what is there; false when that is refused.
+inline bool PutClip(host::Process& user, const std::u16string& path,
+                    host::Disposition disposition = host::Disposition::kCreate) {
+    const host::ScopedHandle file = Opened(user, {.path = path, .access = kReadWrite, .disposition = disposition});
+    return file && user.Write(file.Get(), ClipImage(), 0).status.Ok();
+}
+
+inline bool DeletePath(host::Process& user, const std::u16string& path) {
+    const host::ScopedHandle file = Opened(user, {.path = path, .access = host::access::kDelete});
+    return file && host::SetDeleteOnCleanup(user, file.Get(), true).Ok();
+}
+
+inline void MakeFolder(host::Process& user, const std::u16string& path) {
+    (void)Opened(user,
+                 {.path = path, .disposition = host::Disposition::kCreate, .options = host::option::kDirectoryFile});
+}
+
 class FuzzStation {
   public:
     FuzzStation() {
@@ -109,9 +135,8 @@ class FuzzStation {
         host::StationLayout layout;
         layout.disks = kDisks;
         layout.diskBytes = kDiskBytes;
-        if (const host::Problem problem = host::CreateStation(path_, layout)) {
-            Fail(problem.what);
-        }
+        const host::Problem problem = host::CreateStation(path_, layout);
+        Demand(!problem, problem.what);
         auto machine = Start();
         Fill(*machine);
         Stop(*machine);
@@ -129,14 +154,12 @@ class FuzzStation {
     std::unique_ptr<host::Machine> Start() {
         host::Problem problem;
         auto machine = host::Machine::Start(path_, {}, problem);
-        if (!machine) {
-            Fail("the station does not start: " + problem.what);
-        }
+        Demand(machine != nullptr, "the station does not start: " + problem.what);
         return machine;
     }
     static void Stop(host::Machine& machine) {
         for (const std::string& line : machine.Stop()) {
-            Fail("left over: " + line);
+            Demand(false, "left over: " + line);
         }
     }
 
@@ -157,15 +180,6 @@ class FuzzStation {
         }
     }
 
-    static clip::ClipRecipe Recipe() {
-        clip::ClipRecipe recipe;
-        recipe.kind = clip::ClipKind::Tagged;
-        recipe.frames = 3;
-        recipe.alpha = true;
-        recipe.maxSectors = 5;
-        return recipe;
-    }
-
   private:
     std::filesystem::path Path(std::uint32_t disk) const {
         return path_ / "card0" / ("scsi" + std::to_string(disk) + ".img");
@@ -173,17 +187,14 @@ class FuzzStation {
     std::byte* Map(std::uint32_t disk) const {
         const int fd = ::open(Path(disk).c_str(), O_RDWR | O_CLOEXEC);
         void* mapped = ::mmap(nullptr, kDiskBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (fd < 0 || mapped == MAP_FAILED) {
-            Fail("cannot map an image");
-        }
+        Demand(fd >= 0 && mapped != MAP_FAILED, "cannot map an image");
         ::close(fd);
         return static_cast<std::byte*>(mapped);
     }
     static void Fill(host::Machine& machine) {
         auto user = machine.NewProcess();
         {
-            const host::ScopedHandle control(
-                *user, OpenPath(*user, u"VrkFsDevice0", host::Disposition::kOpen, kReadWrite).handle);
+            const host::ScopedHandle control = Opened(*user, {.path = u"VrkFsDevice0", .access = kReadWrite});
             VrkFsVolumeInfoRecord record{};
             record.Name[0] = u'V';
             record.DeviceCount = kDisks;
@@ -195,17 +206,11 @@ class FuzzStation {
                                       std::as_writable_bytes(std::span(&result, 1)));
         }
         for (const char16_t* folder : {u"P:\\RZV\\V\\A", u"P:\\RZV\\V\\B", u"P:\\RZV\\V\\C"}) {
-            const host::ScopedHandle made(*user, OpenPath(*user, folder, host::Disposition::kCreate,
-                                                          host::access::kReadData, host::option::kDirectoryFile)
-                                                     .handle);
+            MakeFolder(*user, folder);
         }
-        const std::vector<std::byte> image = clip::MakeClipImage(Recipe());
         for (const char16_t* name :
              {u"P:\\RZV\\V\\A\\ONE.RZV", u"P:\\RZV\\V\\A\\TWO.RZV", u"P:\\RZV\\V\\B\\ONE.RZV", kKept}) {
-            const host::ScopedHandle file(*user, OpenPath(*user, name, host::Disposition::kCreate, kReadWrite).handle);
-            if (!user->Write(file.Get(), image, 0).status.Ok()) {
-                Fail("cannot fill the station");
-            }
+            Demand(PutClip(*user, name), "cannot fill the station");
         }
     }
 
@@ -213,27 +218,6 @@ class FuzzStation {
     std::vector<std::vector<std::byte>> images_;
     std::vector<std::byte*> disks_;
 };
-
-// Whether a whole read of the file gives the clip that the station was filled with.
-inline bool HoldsTheClip(host::Process& user, const std::u16string& path) {
-    static const std::vector<std::byte> image = clip::MakeClipImage(FuzzStation::Recipe());
-    const host::ScopedHandle file(user, OpenPath(user, path, host::Disposition::kOpen, host::access::kReadData).handle);
-    std::vector<std::byte> back(image.size());
-    return file && user.Read(file.Get(), back, 0).status.Ok() && back == image;
-}
-
-// Puts a clip at a name that is free, or over what is there; false when that is refused.
-inline bool PutClip(host::Process& user, const std::u16string& path,
-                    host::Disposition disposition = host::Disposition::kCreate) {
-    static const std::vector<std::byte> image = clip::MakeClipImage(FuzzStation::Recipe());
-    const host::ScopedHandle file(user, OpenPath(user, path, disposition, kReadWrite).handle);
-    return file && user.Write(file.Get(), image, 0).status.Ok();
-}
-
-inline bool DeletePath(host::Process& user, const std::u16string& path) {
-    const host::ScopedHandle file(user, OpenPath(user, path, host::Disposition::kOpen, host::access::kDelete).handle);
-    return file && host::SetDeleteOnCleanup(user, file.Get(), true).Ok();
-}
 
 // Lists what is there, reads a piece of every file; puts, overwrites and deletes clips.
 class Walk {
@@ -253,26 +237,21 @@ class Walk {
         }
         CheckPut();
         for (const std::u16string& path : put_) {
-            if (!DeletePath(user_, path)) {
-                Fail("a clip that was put cannot be deleted");
-            }
+            Demand(DeletePath(user_, path), "a clip that was put cannot be deleted");
         }
         for (const std::u16string& folder : folders_) {
             (void)DeletePath(user_, folder);
         }
-        const host::ScopedHandle made(user_, OpenPath(user_, u"P:\\RZV\\V\\NEW", host::Disposition::kCreate,
-                                                      host::access::kReadData, host::option::kDirectoryFile)
-                                                 .handle);
+        MakeFolder(user_, u"P:\\RZV\\V\\NEW");
     }
 
   private:
     void Visit(const std::u16string& path, int level) {
-        const host::OpenResult opened =
-            OpenPath(user_, path, host::Disposition::kOpen, host::access::kListDirectory, host::option::kDirectoryFile);
-        if (!opened.status.Ok()) {
+        const host::ScopedHandle directory = Opened(
+            user_, {.path = path, .access = host::access::kListDirectory, .options = host::option::kDirectoryFile});
+        if (!directory) {
             return;
         }
-        const host::ScopedHandle directory(user_, opened.handle);
         std::vector<host::DirectoryEntry> entries;
         (void)host::ListDirectory(user_, directory.Get(), entries);
         if (level == 3 && folders_.size() < 4) {
@@ -287,9 +266,7 @@ class Walk {
         }
     }
     void ReadPieces(const std::u16string& path, std::uint64_t size) {
-        const host::ScopedHandle file(user_, OpenPath(user_, path, host::Disposition::kOpen,
-                                                      host::access::kReadData | host::access::kReadAttributes)
-                                                 .handle);
+        const host::ScopedHandle file = Opened(user_, {.path = path});
         if (!file) {
             return;
         }
@@ -309,9 +286,7 @@ class Walk {
     // Whatever the disks say, new clips lie beside each other.
     void CheckPut() {
         for (const std::u16string& path : put_) {
-            if (!HoldsTheClip(user_, path)) {
-                Fail("a clip that was put does not read back");
-            }
+            Demand(HoldsTheClip(user_, path), "a clip that was put does not read back");
         }
     }
 

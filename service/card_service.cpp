@@ -12,7 +12,8 @@ namespace {
 constexpr std::size_t kMaxOpen = 4096;
 constexpr std::size_t kMaxRendered = 8;
 constexpr std::size_t kMaxEdits = 32;
-constexpr std::chrono::seconds kFresh{2};  // how long a file that was made serves reads
+constexpr std::chrono::seconds kFresh{2};      // how long a file that was made serves reads
+constexpr std::chrono::seconds kSameLine{10};  // in which a line is not said again
 constexpr std::size_t kPieceBytes = 1 << 20;
 static_assert(kPieceBytes <= kBufferBytes);
 constexpr std::chrono::seconds kCreationTime{45};  // of the driver's 60
@@ -58,6 +59,14 @@ std::uint64_t OffsetOf(const VrkFsServiceTransfer& transfer) {
 }
 
 }  // namespace
+
+CardService::~CardService() {
+    for (const auto& [key, edit] : edits_) {
+        if (edit.IsPending()) {
+            SayOfFrame(key, "is not changed: the service let go of it before it was closed");
+        }
+    }
+}
 
 void CardService::Answer(const VrkFsServiceRequest& request, const Respond& respond) {
     switch (request.Type) {
@@ -114,6 +123,7 @@ void CardService::AnswerClean(const VrkFsServiceClean& clean, const Respond& res
     if (const auto edit = edits_.find(key); edit != edits_.end()) {
         EndEdit(edit);
     }
+    refused_.erase(key);
     std::erase_if(rendered_, [&](const Rendered& each) { return each.key == key; });
     (void)Send(respond, Response(VRKFS_SERVICE_CLEAN, open_.contains(clean.ServiceHandle) ? 0 : 1));
 }
@@ -132,6 +142,7 @@ void CardService::Forget(std::uint32_t handle) {
         }
         edit = next;
     }
+    std::erase_if(refused_, [&](const FrameKey& each) { return each.handle == handle; });
     std::erase_if(rendered_, [&](const Rendered& each) { return each.key.handle == handle; });
     open_.erase(handle);
 }
@@ -181,7 +192,8 @@ void CardService::AnswerRead(const VrkFsServiceTransfer& read, const Respond& re
         return;
     }
     std::uint64_t at = OffsetOf(read);
-    for (std::uint32_t left = read.ByteCount; left != 0;) {
+    std::uint32_t left = read.ByteCount;
+    do {  // the driver waits for an answer even to a request for nothing
         const std::size_t count = std::min<std::size_t>(left, kPieceBytes);
         const std::size_t there = at < file->size() ? std::min<std::size_t>(count, file->size() - at) : 0;
         if (there != 0) {
@@ -195,7 +207,7 @@ void CardService::AnswerRead(const VrkFsServiceTransfer& read, const Respond& re
         }
         at += count;
         left -= static_cast<std::uint32_t>(count);
-    }
+    } while (left != 0);
 }
 
 // ---- Writing ----
@@ -203,6 +215,9 @@ void CardService::AnswerRead(const VrkFsServiceTransfer& read, const Respond& re
 FrameEdit* CardService::Edit(const FrameKey& key) {
     if (const auto found = edits_.find(key); found != edits_.end()) {
         return &found->second;
+    }
+    if (edits_.size() >= kMaxEdits) {
+        std::erase_if(edits_, [](const auto& each) { return each.second.IsSpent(); });
     }
     Frame frame;
     Bytes file;
@@ -220,28 +235,60 @@ FrameEdit* CardService::Edit(const FrameKey& key) {
 
 void CardService::AnswerWrite(const VrkFsServiceTransfer& write, const Respond& respond) {
     FrameKey key;
-    FrameEdit* const edit = FindFrame(write, key) ? Edit(key) : nullptr;
-    if (edit == nullptr) {
+    if (!FindFrame(write, key)) {
         (void)Refuse(VRKFS_SERVICE_WRITE, respond);
         return;
     }
-    if (!PullAndApply(write, *edit, key, respond)) {
-        edits_.erase(key);
+    if (OffsetOf(write) == 0) {
+        refused_.erase(key);  // begun anew
+    }
+    if (!Pull(write, key, respond)) {
+        Reject(key);
+        (void)Refuse(VRKFS_SERVICE_WRITE, respond);
     }
 }
 
-// The driver takes a write for done when it has given the last byte. So that one stays with it until everything before
-// has been stored, as if the byte were what it was before: then there is still somebody to tell that it failed.
-bool CardService::PullAndApply(const VrkFsServiceTransfer& write, FrameEdit& edit, const FrameKey& key,
-                               const Respond& respond) {
-    if (!edit.HasRoom(OffsetOf(write), write.ByteCount)) {
-        SayOfFrame(key, "is not changed: the file is longer than a picture");
-        return Refuse(VRKFS_SERVICE_WRITE, respond);
+void CardService::Reject(const FrameKey& key) {
+    edits_.erase(key);
+    refused_.insert(key);
+}
+
+// Null when there is none to put the bytes into, which has been said then.
+FrameEdit* CardService::EditFor(const VrkFsServiceTransfer& write, const FrameKey& key) {
+    if (write.ByteCount == 0) {  // that is how an empty file comes that has been renamed to the frame's name
+        SayOfFrame(key, "is not changed: the file is empty");
+        return nullptr;
     }
+    // Programs go on after a refusal, and some bring their pieces in any order: those that are left make no picture.
+    if (refused_.contains(key)) {
+        SayOfFrame(key, "is not changed: an earlier piece was refused");
+        return nullptr;
+    }
+    FrameEdit* const edit = Edit(key);
+    std::string problem;
+    if (edit != nullptr && !edit->CanTake(OffsetOf(write), write.ByteCount, problem)) {
+        SayOfFrame(key, "is not changed: " + problem);
+        return nullptr;
+    }
+    return edit;
+}
+
+// The driver takes a write for done when it has given the last byte. So that one stays with it until everything before
+// has been stored, as if the byte were what it was before: then there is still somebody to tell that it failed. False
+// when the write is to be refused, which has been said then.
+bool CardService::Pull(const VrkFsServiceTransfer& write, const FrameKey& key, const Respond& respond) {
+    FrameEdit* const edit = EditFor(write, key);
+    if (edit == nullptr) {
+        return false;
+    }
+    edit->BeginWrite();
     auto at = static_cast<std::size_t>(OffsetOf(write));
     for (std::uint32_t left = write.ByteCount; left != 0;) {
-        if (left == 1 && (!edit.Cover(at, 1) || !ApplyIfDone(edit, key, false))) {
-            return Refuse(VRKFS_SERVICE_WRITE, respond);
+        if (left == 1) {
+            edit->Cover(at, 1);
+            if (!StoreIfWhole(*edit, key)) {
+                return false;
+            }
         }
         const std::size_t count = std::min<std::size_t>(left == 1 ? 1 : left - 1, kPieceBytes);
         VrkFsServiceResponse response = Response(VRKFS_SERVICE_WRITE, 0);
@@ -249,57 +296,72 @@ bool CardService::PullAndApply(const VrkFsServiceTransfer& write, FrameEdit& edi
         if (!Send(respond, response, count)) {
             return true;  // what came counts; its last user's end decides
         }
-        if (!edit.Put(at, {card_.Buffer(), count})) {
-            SayOfFrame(key, "is written in too many pieces");
-            return Refuse(VRKFS_SERVICE_WRITE, respond);
-        }
+        edit->Put(at, {card_.Buffer(), count});
         at += count;
         left -= static_cast<std::uint32_t>(count);
     }
-    return ApplyIfDone(edit, key, false);
-}
-
-// False when it cannot be stored, which has been said then.
-bool CardService::ApplyIfDone(FrameEdit& edit, const FrameKey& key, bool atEnd) {
-    std::string problem;
-    const Outcome outcome = edit.Check(atEnd, problem);
-    if (outcome == Outcome::kMore && !atEnd) {
-        return true;
+    if (!StoreIfWhole(*edit, key)) {
+        Reject(key);  // the driver has its answers
     }
-    if (outcome == Outcome::kDone && ApplyNow(edit, key, problem)) {
-        return true;
-    }
-    SayOfFrame(key, "is not changed: " + problem);
-    return false;
-}
-
-// The clip is opened once more for this, so that nobody begins to record over it meanwhile.
-bool CardService::ApplyNow(FrameEdit& edit, const FrameKey& key, std::string& problem) {
-    const LookedInto& looked = open_[key.handle];
-    const std::unique_ptr<Clip> clip = Clip::Open(card_, looked.path, Clip::Use::kChange, problem);
-    if (!clip) {
-        return false;
-    }
-    if (!clip->Is(*looked.clip)) {
-        problem = "another clip has the name now";
-        return false;
-    }
-    Frame before;
-    if (!clip->ReadFrame(key.frame, before, problem)) {
-        return false;
-    }
-    Frame after = before;
-    if (!edit.Apply(after, problem) || !clip->WriteFrame(before, after, problem)) {
-        return false;
-    }
-    edit.SetApplied();
-    rendered_.clear();  // other types and handles may show the frame, too
     return true;
 }
 
+// False when it never will be whole or cannot be stored, which has been said then.
+bool CardService::StoreIfWhole(FrameEdit& edit, const FrameKey& key) {
+    std::string problem;
+    const Outcome outcome = edit.Check(false, problem);
+    if (outcome == Outcome::kRefused) {
+        SayOfFrame(key, "is not changed: " + problem);
+        return false;
+    }
+    return outcome == Outcome::kMore || Store(edit, key);
+}
+
+// False when it cannot be stored, which has been said then.
+bool CardService::Store(FrameEdit& edit, const FrameKey& key) {
+    std::string problem;
+    Frame before;
+    Frame after;
+    const std::unique_ptr<Clip> clip = OpenToChange(key, problem);
+    if (!clip || !clip->ReadFrame(key.frame, before, problem) || !edit.Apply(before, after, problem)) {
+        SayOfFrame(key, "is not changed: " + problem);
+        return false;
+    }
+    const bool written = clip->WriteFrame(before, after, problem);
+    rendered_.clear();  // other types and handles may show the frame, too
+    if (!written) {
+        SayOfFrame(key, "may be half changed: " + problem);
+        return false;
+    }
+    edit.SetApplied();
+    return true;
+}
+
+// The clip is opened once more for this, so that nobody begins to record over it meanwhile.
+std::unique_ptr<Clip> CardService::OpenToChange(const FrameKey& key, std::string& problem) {
+    const LookedInto& looked = open_[key.handle];
+    std::unique_ptr<Clip> clip = Clip::Open(card_, looked.path, Clip::Use::kChange, problem);
+    if (clip && !clip->Is(*looked.clip)) {
+        problem = "another clip has the name now";
+        clip.reset();
+    }
+    return clip;
+}
+
+// Nobody can be told any more but the log.
 void CardService::EndEdit(std::map<FrameKey, FrameEdit>::iterator edit) {
-    if (edit->second.IsPending()) {
-        (void)ApplyIfDone(edit->second, edit->first, true);
+    const auto& [key, file] = *edit;
+    std::string problem;
+    std::size_t there = 0;
+    std::size_t wanted = 0;
+    if (file.IsPending() && file.Check(true, problem) != Outcome::kDone) {
+        SayOfFrame(key, "is not changed: " + problem);
+    } else if (file.IsPending()) {
+        const bool cut = file.IsCutShort(there, wanted);
+        if (Store(edit->second, key) && cut) {
+            SayOfFrame(key, "only the first " + std::to_string(there) + " of " + std::to_string(wanted) +
+                                " bytes were written; the rest stays as it was");
+        }
     }
     edits_.erase(edit);
 }
@@ -349,10 +411,12 @@ bool CardService::Refuse(std::uint32_t type, const Respond& respond) const {
     return false;
 }
 
-// A program that tries again and again says one thing once.
+// A program that tries again and again says one thing once; a person who does hears it again.
 void CardService::Say(const std::string& line) {
-    if (line != lastLine_) {
+    const auto now = Clock::now();
+    if (line != lastLine_ || now - lastSaid_ > kSameLine) {
         lastLine_ = line;
+        lastSaid_ = now;
         log_("card " + std::to_string(card_.Index()) + ": " + line);
     }
 }

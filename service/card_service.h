@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -32,6 +33,9 @@ class CardService {
     // firstHandle: the first service handle, not 0. One that another service gave out is best not given again soon.
     CardService(Card& card, Log log, std::uint32_t firstHandle)
         : card_(card), log_(std::move(log)), nextHandle_(firstHandle) {}
+    ~CardService();
+    CardService(const CardService&) = delete;
+    CardService& operator=(const CardService&) = delete;
 
     // Nothing that the record says is taken for granted.
     void Answer(const VrkFsServiceRequest& request, const Respond& respond);
@@ -67,9 +71,12 @@ class CardService {
     bool FindFrame(const VrkFsServiceTransfer& transfer, FrameKey& key);
     const Bytes* Render(const FrameKey& key);
     FrameEdit* Edit(const FrameKey& key);
-    bool PullAndApply(const VrkFsServiceTransfer& write, FrameEdit& edit, const FrameKey& key, const Respond& respond);
-    bool ApplyIfDone(FrameEdit& edit, const FrameKey& key, bool atEnd);
-    bool ApplyNow(FrameEdit& edit, const FrameKey& key, std::string& problem);
+    FrameEdit* EditFor(const VrkFsServiceTransfer& write, const FrameKey& key);
+    bool Pull(const VrkFsServiceTransfer& write, const FrameKey& key, const Respond& respond);
+    void Reject(const FrameKey& key);
+    bool StoreIfWhole(FrameEdit& edit, const FrameKey& key);
+    bool Store(FrameEdit& edit, const FrameKey& key);
+    std::unique_ptr<Clip> OpenToChange(const FrameKey& key, std::string& problem);
     void EndEdit(std::map<FrameKey, FrameEdit>::iterator edit);
     void Forget(std::uint32_t handle);
 
@@ -80,10 +87,12 @@ class CardService {
     Card& card_;
     Log log_;
     std::string lastLine_;
+    Clock::time_point lastSaid_;
     std::uint32_t nextHandle_;
     std::map<std::uint32_t, LookedInto> open_;
     std::deque<Rendered> rendered_;  // newest first
     std::map<FrameKey, FrameEdit> edits_;
+    std::set<FrameKey> refused_;  // a write to it was, and it has not been begun anew nor closed since
 };
 
 }  // namespace service

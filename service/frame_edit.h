@@ -22,6 +22,9 @@ class RangeSet {
         return !ranges_.empty() && ranges_.front().first == 0 ? ranges_.front().second : 0;
     }
     std::size_t Count() const { return ranges_.size(); }
+    void Clear() { ranges_.clear(); }
+    // From one file to another that both have all of them.
+    void Copy(ByteView from, Bytes& to) const;
 
   private:
     std::vector<std::pair<std::size_t, std::size_t>> ranges_;
@@ -34,29 +37,37 @@ class FrameEdit {
 
     const Bytes& File() const { return file_; }
 
-    // Whether there is anything to be written there: no picture is longer, and YUV and RAW files are what they are.
-    bool HasRoom(std::uint64_t offset, std::uint64_t count) const;
-    // Both want room. False when the pieces are more scattered than any program makes them.
-    bool Put(std::size_t offset, ByteView bytes);
+    // Whether there is anything to be written there: no picture is longer, YUV and RAW files are what they are, and no
+    // program makes pieces that are scattered so much.
+    bool CanTake(std::uint64_t offset, std::uint64_t count, std::string& problem) const;
+    // Comes before the first piece of a write. What has been applied by then is the frame's own.
+    void BeginWrite();
+    // Both want what CanTake has agreed to.
+    void Put(std::size_t offset, ByteView bytes);
     // Without bytes: those that were there count as written.
-    bool Cover(std::size_t offset, std::size_t count);
+    void Cover(std::size_t offset, std::size_t count);
 
     // Whether what has been written shall be brought to the frame now. `atEnd`: nothing more will come.
     Outcome Check(bool atEnd, std::string& problem) const;
-    // What Check has agreed to, to the frame as it is now.
-    bool Apply(Frame& frame, std::string& problem) const { return FileToFrame(kind_, file_, frame, problem); }
-    void SetApplied() { pending_ = false; }
+    // Whether it was written from its beginning on and ends within the picture, as a copy that was cut short does.
+    bool IsCutShort(std::size_t& there, std::size_t& wanted) const;
+    // What Check has agreed to, to the frame as it is now: what others have changed in other places meanwhile stays.
+    bool Apply(const Frame& now, Frame& after, std::string& problem) const;
+    void SetApplied();
     bool IsPending() const { return pending_; }
+    // Nothing would be lost with it.
+    bool IsSpent() const { return !pending_ && HasOwnHeader(); }
 
   private:
     bool HasOwnHeader() const;
 
     FileKind kind_;
-    Frame frame_;
+    Frame frame_;   // as it was
     Bytes header_;  // that the file had
     Bytes file_;
     RangeSet written_;
     bool pending_ = false;  // written and not applied
+    bool whole_ = false;    // it was, once; what is written now changes a picture that is there
 };
 
 }  // namespace service

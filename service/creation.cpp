@@ -34,11 +34,9 @@ class Maker {
             problem = Failed("cannot make the file", opened);
             return false;
         }
-        const bool made = Reserve(problem) && MakeTables(problem) && FillAll(problem) && Settle(problem);
+        const bool made = GoesWithHandle(true, problem) && Reserve(problem) && MakeTables(problem) &&
+                          FillAll(problem) && Settle(problem) && GoesWithHandle(false, problem);
         Unmap();
-        if (!made) {
-            (void)VrkFsClientSetDelete(card_.Client(), file_.Get(), 1);
-        }
         return made;
     }
 
@@ -59,6 +57,12 @@ class Maker {
             problem = Failed(what, status);
         }
         return VRKFS_SUCCEEDED(status);
+    }
+
+    // So that nothing is left of what is not finished, even if the service is killed meanwhile.
+    bool GoesWithHandle(bool goes, std::string& problem) {
+        return Check("cannot say that it is unfinished",
+                     VrkFsClientSetDelete(card_.Client(), file_.Get(), goes ? 1 : 0), problem);
     }
 
     bool Reserve(std::string& problem) {

@@ -14,6 +14,7 @@ constexpr std::chrono::milliseconds kRetry{100};   // between two attempts to po
 constexpr std::chrono::milliseconds kYield{300};   // in which a service that found the place taken finds it free
 constexpr int kRetries = 30;                       // a service that has just died is gone from the driver by then
 constexpr std::chrono::milliseconds kNudge{10};
+constexpr std::chrono::seconds kPatience{VRKFS_SERVICE_TIMEOUT_SECONDS - 10};  // less than the driver's
 constexpr std::chrono::milliseconds kFirstWait{100};  // for a station to come back, doubled up to the last
 constexpr std::chrono::milliseconds kLastWait{2000};
 
@@ -95,12 +96,19 @@ class Service::CardThread {
             return false;
         }
         VrkFsStatus sent = VRKFS_STATUS_SUCCESS;
+        auto answered = std::chrono::steady_clock::now();
         answers_->Answer(request, [&](const VrkFsServiceResponse& response, std::size_t size, std::size_t dataBytes) {
             sent = VrkFsClientSendServiceResponse(card_->Client(), card_->Control(), &response, size, &card_->Memory(),
                                                   dataBytes);
+            answered = std::chrono::steady_clock::now();
             return VRKFS_SUCCEEDED(sent);
         });
-        return sent == VRKFS_STATUS_CANCELLED ? StartAgain() : sent != VRKFS_STATUS_PORT_DISCONNECTED;
+        // Work that goes on behind the last answer keeps the next request waiting. When that has been given up, and the
+        // service with it, nothing tells.
+        if (sent == VRKFS_STATUS_CANCELLED || std::chrono::steady_clock::now() - answered > kPatience) {
+            return StartAgain();
+        }
+        return sent != VRKFS_STATUS_PORT_DISCONNECTED;
     }
 
     VrkFsStatus Fetch(VrkFsServiceRequest& request) {
@@ -112,12 +120,12 @@ class Service::CardThread {
         return status;
     }
 
-    // The driver has given up on an answer, and on the service with it. It does not use the old handles any more.
+    // The driver has given up on the service, or may have. It does not use the old handles any more.
     bool StartAgain() {
         if (IsStopping()) {
             return false;
         }
-        service_.options_.log("card " + std::to_string(card_->Index()) + ": an answer came too late");
+        service_.options_.log("card " + std::to_string(card_->Index()) + ": the driver was kept waiting too long");
         Begin();
         return VRKFS_SUCCEEDED(RegisterNone(*card_));
     }

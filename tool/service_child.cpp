@@ -102,7 +102,7 @@ void ServiceChild::Begin() {
     }
     begun_ = std::chrono::steady_clock::now();
     pid_t child = -1;
-    const int error = Spawn(std::move(words), child);
+    int error = Spawn(std::move(words), child);
     if (error == 0) {
         child_ = child;
         pidDescriptor_ = static_cast<int>(::syscall(SYS_pidfd_open, child, 0));
@@ -110,11 +110,12 @@ void ServiceChild::Begin() {
             log_.Line("the frame service runs as process " + std::to_string(child));
             return;
         }
+        error = errno;
         ::kill(child, SIGKILL);
         (void)WaitFor(child);
         Close();
     }
-    log_.Line(std::string("the frame service cannot be started: ") + std::strerror(error != 0 ? error : errno));
+    log_.Line(std::string("the frame service cannot be started: ") + std::strerror(error));
     Rest();
 }
 

@@ -29,8 +29,10 @@ std::string Failed(const char* what, VrkFsStatus status) {
 std::string ToText(const std::u16string& path) {
     std::string text;
     for (const char16_t unit : path) {
-        if (unit < 0x80) {
-            text += static_cast<char>(unit >= 0x20 ? unit : '?');
+        if (unit < 0x20 || (unit >= 0x7F && unit < 0xA0)) {
+            text += '?';  // control characters
+        } else if (unit < 0x80) {
+            text += static_cast<char>(unit);
         } else if (unit < 0x800) {
             text += {static_cast<char>(0xC0 | unit >> 6), static_cast<char>(0x80 | (unit & 0x3F))};
         } else if (unit >= 0xD800 && unit < 0xE000) {

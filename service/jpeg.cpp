@@ -104,15 +104,9 @@ bool Decode(jpeg_decompress_struct& codec, Errors& errors, DecodeOrder& order) {
 
 // ---- Encoding ----
 
-struct FixedPlace {
-    jpeg_destination_mgr base;  // first
-    bool full;
-};
-
-void StartPlace(j_compress_ptr) {}
+void LeavePlaceAlone(j_compress_ptr) {}
 
 boolean EndOfPlace(j_compress_ptr codec) {
-    reinterpret_cast<FixedPlace*>(codec->dest)->full = true;
     std::longjmp(reinterpret_cast<Errors*>(codec->err)->leave, 1);
 }
 
@@ -128,17 +122,17 @@ void SetColours(jpeg_compress_struct& codec, std::uint32_t channels) {
 
 bool Encode(jpeg_compress_struct& codec, Errors& errors, const JpegImage& image, int quality,
             std::span<std::uint8_t> out) {
-    FixedPlace place{};
-    place.base.next_output_byte = out.data();
-    place.base.free_in_buffer = out.size();
-    place.base.init_destination = &StartPlace;
-    place.base.empty_output_buffer = &EndOfPlace;
-    place.base.term_destination = &StartPlace;
+    jpeg_destination_mgr place{};
+    place.next_output_byte = out.data();
+    place.free_in_buffer = out.size();
+    place.init_destination = &LeavePlaceAlone;
+    place.empty_output_buffer = &EndOfPlace;
+    place.term_destination = &LeavePlaceAlone;
     if (setjmp(errors.leave) != 0) {
         return false;
     }
     jpeg_create_compress(&codec);
-    codec.dest = &place.base;
+    codec.dest = &place;
     codec.image_width = kWidth;
     codec.image_height = image.height;
     SetColours(codec, image.channels);
@@ -149,7 +143,7 @@ bool Encode(jpeg_compress_struct& codec, Errors& errors, const JpegImage& image,
         jpeg_write_scanlines(&codec, &row, 1);
     }
     jpeg_finish_compress(&codec);
-    std::memset(place.base.next_output_byte, 0, place.base.free_in_buffer);
+    std::memset(place.next_output_byte, 0, place.free_in_buffer);
     return true;
 }
 

@@ -117,24 +117,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     auto door = vlink::Connect(path, problem);
     auto user = door ? door->NewProcess(problem) : nullptr;
     host::Process::NamedMemory memory;
-    if (!server || !user || !user->AllocateMemory(4096, memory).Ok()) {
-        fuzz::Fail("nobody is served: " + problem.what);
-    }
+    fuzz::Demand(server && user && user->AllocateMemory(4096, memory).Ok(), "nobody is served: " + problem.what);
     {
         const tests::Stranger administration(path, vlink::Kind::kAdministration);
         tests::Stranger talker(path);
         talker.Send(fuzz::Speech(fuzz::Input(data, size), administration.Session(), memory.name));
         if (size > 0 && (data[size - 1] & fuzz::kOtherEnd) != 0) {
             shutdown(talker.Socket(), SHUT_WR);
-            if (administration.Session() == 0 || !talker.IsLetGo()) {
-                fuzz::Fail("what the daemon says makes no sense");
-            }
+            fuzz::Demand(administration.Session() != 0 && talker.IsLetGo(), "what the daemon says makes no sense");
         }
     }
-    if (!fuzz::OpenPath(*user, u"VrkFsDevice0", host::Disposition::kOpen, fuzz::kReadWrite).status.Ok() ||
-        std::ranges::count(memory.bytes, std::byte{0}) != std::ssize(memory.bytes)) {
-        fuzz::Fail("another client is not served, or its memory is written to");
-    }
+    fuzz::Demand(bool(fuzz::Opened(*user, {.path = u"VrkFsDevice0"})), "another client is not served");
+    fuzz::Demand(std::ranges::count(memory.bytes, std::byte{0}) == std::ssize(memory.bytes),
+                 "another's memory changed");
     user.reset();
     door.reset();
     server.reset();

@@ -71,6 +71,9 @@ struct LocalProcess::PendingRequest {
 
 LocalProcess::~LocalProcess() {
     process_.Exit();  // awaits every request, so no completion finds this object gone, and no transfer its memory
+    for (const auto& [name, number] : named_) {
+        NtUserTokenRelease(name);  // they go by the process's address, which a later one may have
+    }
     for (const Block& block : blocks_) {
         munmap(block.address, block.size);
     }

@@ -14,6 +14,7 @@
 #include "nt/mm.h"
 #include "nt/object_internal.h"
 #include "nt/station.h"
+#include "nt/system_call.h"
 #include "nt/text.h"
 
 namespace {
@@ -331,7 +332,10 @@ NTSTATUS OpenSectionFor(PEPROCESS process, std::u16string_view name, ACCESS_MASK
     UNICODE_STRING pathString = CountedString(path);
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &pathString, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    const AttachProcess attached(process);
+    const SystemCall call(process);  // one that has ended would never close the handle
+    if (!call.Entered()) {
+        return STATUS_PROCESS_IS_TERMINATING;
+    }
     HANDLE opened = nullptr;
     NTSTATUS status = ZwOpenSection(&opened, access, &attributes);
     if (!NT_SUCCESS(status)) {

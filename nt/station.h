@@ -36,7 +36,7 @@ struct SectionDescriptor {
 
 // What a user program does to reach a section: opens \BaseNamedObjects\<name> in its process, whose handle keeps
 // section and name alive until it is closed, and gets a descriptor to map. STATUS_OBJECT_NAME_NOT_FOUND,
-// STATUS_INSUFFICIENT_RESOURCES.
+// STATUS_PROCESS_IS_TERMINATING, STATUS_INSUFFICIENT_RESOURCES.
 NTSTATUS OpenSectionFor(PEPROCESS process, std::u16string_view name, ACCESS_MASK access, uint32_t* handle,
                         SectionDescriptor* section);
 

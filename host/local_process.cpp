@@ -326,6 +326,8 @@ std::byte* MapMemory(std::size_t size, int* descriptor) {
 }
 
 constexpr std::uint32_t kNoBlock = 0xFFFFFFFF;
+// Of one process. A program has some 65,000 mappings for all that it does.
+constexpr std::size_t kMostShared = 1024;
 
 }  // namespace
 
@@ -337,6 +339,9 @@ std::uint32_t LocalProcess::TakeBlock(std::size_t whole, Share* share) {
         idle_.erase(idle);
         std::memset(blocks_[number].address, 0, whole);
         return number;
+    }
+    if (shared && blocks_.size() >= kMostShared) {
+        return kNoBlock;
     }
     std::byte* const address = MapMemory(whole, shared ? &share->descriptor : nullptr);
     if (address == nullptr) {

@@ -71,7 +71,7 @@ class LocalProcess final : public Process {
     IoResult Start(const Request& request, Completion done, RequestId* id);
 
     // Memory that another program maps too: of whole pages, of a size that nobody can change. Memory that was freed
-    // comes back, and is then known by its number.
+    // comes back, and is then known by its number. There are 1024 pieces at most.
     struct Share {
         std::uint32_t number = 0;
         std::size_t bytes = 0;

@@ -77,9 +77,6 @@ LocalProcess::~LocalProcess() {
     for (const Block& block : blocks_) {
         munmap(block.address, block.size);
     }
-    for (const auto& [address, size] : views_) {
-        munmap(address, size);
-    }
 }
 
 // The way of a request that may outlast its call. Its result; `done` is called once if that is pending, else never.
@@ -445,24 +442,14 @@ Status LocalProcess::MapSection(std::u16string_view name, bool writable, Section
         return Status{static_cast<std::uint32_t>(STATUS_NO_MEMORY)};
     }
     view = {{static_cast<std::byte*>(address), static_cast<std::size_t>(section.bytes)}, section.handle};
-    const std::lock_guard hold(memoryLock_);
-    views_[view.bytes.data()] = view.bytes.size();
+    views_.Add(view);
     return status::kSuccess;
 }
 
 void LocalProcess::UnmapSection(const SectionView& view) {
-    std::size_t size = 0;
-    {
-        const std::lock_guard hold(memoryLock_);
-        const auto mapped = views_.find(view.bytes.data());
-        if (mapped == views_.end()) {
-            return;
-        }
-        size = mapped->second;
-        views_.erase(mapped);
+    if (const Handle handle = views_.Unmap(view.bytes.data()); handle != kNoHandle) {
+        (void)Close(handle);
     }
-    munmap(view.bytes.data(), size);
-    (void)Close(view.handle);
 }
 
 }  // namespace host

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/process.h"
+#include "host/section_views.h"
 #include "nt/system.h"
 
 namespace host {
@@ -112,7 +113,8 @@ class LocalProcess final : public Process {
     std::vector<Block> blocks_;                                        // everything that was ever allocated, by number
     std::map<std::uint32_t, std::uint32_t> named_;                     // the numbers of those in use, by name
     std::multimap<std::pair<bool, std::size_t>, std::uint32_t> idle_;  // freed: shared or not, size, number
-    std::map<std::byte*, std::size_t> views_;                          // mapped sections
+
+    SectionViews views_;
 };
 
 }  // namespace host

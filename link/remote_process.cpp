@@ -1,7 +1,5 @@
 #include "link/remote_process.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <array>
 
@@ -70,9 +68,6 @@ std::span<const std::byte> BytesOfText(std::u16string_view text) {
 
 RemoteProcess::~RemoteProcess() {
     channel_.Close();  // while what its last answers want is there
-    for (const auto& [address, size] : views_) {
-        munmap(address, size);
-    }
 }
 
 // ---- The way of a request ----
@@ -381,24 +376,14 @@ host::Status RemoteProcess::MapSection(std::u16string_view name, bool writable, 
         return host::status::kInsufficientResources;
     }
     view = {{address, size}, reply.record.value};
-    const std::lock_guard hold(viewsLock_);
-    views_[address] = size;
+    views_.Add(view);
     return host::status::kSuccess;
 }
 
 void RemoteProcess::UnmapSection(const SectionView& view) {
-    std::size_t size = 0;
-    {
-        const std::lock_guard hold(viewsLock_);
-        const auto mapped = views_.find(view.bytes.data());
-        if (mapped == views_.end()) {
-            return;
-        }
-        size = mapped->second;
-        views_.erase(mapped);
+    if (const host::Handle handle = views_.Unmap(view.bytes.data()); handle != host::kNoHandle) {
+        (void)Close(handle);
     }
-    munmap(view.bytes.data(), size);
-    (void)Close(view.handle);
 }
 
 }  // namespace vlink

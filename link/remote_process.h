@@ -6,6 +6,7 @@
 // fails ends the whole, as it would in one piece. (The handle's position stands before the piece that failed.)
 #pragma once
 
+#include "host/section_views.h"
 #include "link/shared_memory.h"
 
 namespace vlink {
@@ -78,8 +79,7 @@ class RemoteProcess final : public host::Process {
     Channel channel_;
     SharedMemory memory_;
     Windows windows_;
-    std::mutex viewsLock_;  // guards what follows
-    std::map<std::byte*, std::size_t> views_;
+    host::SectionViews views_;
 };
 
 }  // namespace vlink

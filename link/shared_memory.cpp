@@ -92,26 +92,32 @@ Place SharedMemory::Find(std::span<const std::byte> bytes) {
 
 // ---- Windows ----
 
+// Whether one that is in use will do when it is given back. Under the lock.
+bool Windows::IsWorthWaiting(std::size_t size) const {
+    return out_.lower_bound(size) != out_.end();
+}
+
 // From those that lie about, else made, if that is allowed. Under the lock.
 Windows::Window Windows::TakeNow(std::size_t size, std::unique_lock<std::mutex>& hold) {
     if (const auto found = idle_.lower_bound(size); found != idle_.end()) {
         const Window window = found->second;
+        out_.insert(found->first);
         idle_.erase(found);
-        ++out_;
         return window;
     }
-    if (size > kMost || made_ > kMost - size) {
+    // The first of its size is made however many smaller ones there are: those are never unmade.
+    if (size > kMost || (made_ > kMost - size && IsWorthWaiting(size))) {
         return {};
     }
     made_ += size;
-    ++out_;
+    const auto place = out_.insert(size);
     hold.unlock();
     Window window;
     const bool allocated = memory_.Allocate(size, window).Ok();
     hold.lock();
     if (!allocated) {
         made_ -= size;
-        --out_;
+        out_.erase(place);
         givenBack_.notify_all();
         return {};
     }
@@ -123,7 +129,7 @@ Windows::Window Windows::Take(std::size_t size) {
     std::unique_lock hold(lock_);
     for (;;) {
         const Window window = TakeNow(whole, hold);
-        if (window.name != 0 || out_ == 0) {
+        if (window.name != 0 || !IsWorthWaiting(whole)) {
             return window;
         }
         givenBack_.wait(hold);
@@ -133,7 +139,7 @@ Windows::Window Windows::Take(std::size_t size) {
 void Windows::GiveBack(const Window& window) {
     const std::lock_guard hold(lock_);
     idle_.emplace(window.bytes.size(), window);
-    --out_;
+    out_.erase(out_.find(window.bytes.size()));
     givenBack_.notify_all();
 }
 

@@ -5,7 +5,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
-#include <vector>
+#include <set>
 
 #include "host/process.h"
 #include "link/channel.h"
@@ -44,20 +44,22 @@ class Windows {
 
     explicit Windows(SharedMemory& memory) : memory_(memory) {}
 
-    // One of at least this size; waits for one to be given back when too much is out. No name: there can be none.
+    // One of at least this size; when too much is out, waits for one of those that would do. No name: there can be
+    // none.
     Window Take(std::size_t size);
     void GiveBack(const Window& window);
 
   private:
+    bool IsWorthWaiting(std::size_t size) const;
     Window TakeNow(std::size_t size, std::unique_lock<std::mutex>& hold);
 
-    static constexpr std::size_t kMost = 256 << 20;  // bytes, in use and not
+    static constexpr std::size_t kMost = 256 << 20;  // bytes of one, and about that of all
     SharedMemory& memory_;
     std::mutex lock_;  // guards the following
     std::condition_variable givenBack_;
     std::multimap<std::size_t, Window> idle_;
-    std::size_t made_ = 0;  // bytes
-    std::size_t out_ = 0;   // windows in use
+    std::size_t made_ = 0;            // bytes
+    std::multiset<std::size_t> out_;  // the sizes of those in use
 };
 
 }  // namespace vlink

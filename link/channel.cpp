@@ -37,6 +37,7 @@ void Channel::Close() {
     if (helper_.joinable()) {
         helper_.join();
     }
+    Break();  // of a daemon that said goodbye before all was over
 }
 
 // ---- Out ----

@@ -11,6 +11,8 @@
 #include <optional>
 #include <system_error>
 
+#include "host/descriptor.h"
+
 namespace host {
 namespace {
 
@@ -28,15 +30,6 @@ constexpr std::size_t kDeviceCountOffset = 20;
 constexpr std::size_t kPositionOffset = 24;
 constexpr std::size_t kReservedOffset = 28;
 constexpr std::size_t kNameOffset = 512;
-
-struct Descriptor {
-    int fd = -1;
-    ~Descriptor() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-};
 
 std::uint32_t Word(const std::vector<char>& bytes, std::size_t offset) {
     std::uint32_t word = 0;
@@ -100,8 +93,8 @@ bool IsSwap(const struct stat& file) {
 
 // A block device that is mounted, swapped to or part of an array refuses to be opened exclusively.
 std::string UseOfBlockDevice(const fs::path& path) {
-    const Descriptor exclusive{::open(path.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC)};
-    return exclusive.fd < 0 && errno == EBUSY ? "mounted, or otherwise in use by this system" : "";
+    const Descriptor exclusive(::open(path.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+    return !exclusive && errno == EBUSY ? "mounted, or otherwise in use by this system" : "";
 }
 
 std::string UseBySystem(const struct stat& file, const fs::path& path) {
@@ -138,16 +131,16 @@ std::optional<std::vector<char>> ReadStart(int fd) {
 
 Problem PeekDisk(const DiskPlace& disk, DiskFacts& facts) {
     const std::string what = "disk " + std::to_string(disk.scsiId) + " ('" + disk.path.string() + "')";
-    const Descriptor file{::open(disk.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+    const Descriptor file(::open(disk.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
-    if (file.fd < 0 || ::fstat(file.fd, &status) != 0) {
+    if (!file || ::fstat(file.Get(), &status) != 0) {
         return {what + " cannot be opened: " + std::strerror(errno), "check the image and your rights to it"};
     }
     if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode)) {
         return {what + " is neither a file nor a block device", "put an image in its place, or move it away"};
     }
     facts.usedBy = UseBySystem(status, disk.path);
-    const auto bytes = ReadStart(file.fd);
+    const auto bytes = ReadStart(file.Get());
     if (!bytes) {
         return {what + " cannot be read: " + std::strerror(errno), "check the disk that holds it"};
     }

@@ -6,9 +6,11 @@
 
 #include <filesystem>
 
-#include "link/descriptor.h"
+#include "host/descriptor.h"
 
 namespace vlink {
+
+using host::Descriptor;
 
 class Address {
   public:

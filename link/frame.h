@@ -10,10 +10,12 @@
 #include <span>
 #include <string>
 
-#include "link/descriptor.h"
+#include "host/descriptor.h"
 #include "link/protocol.h"
 
 namespace vlink {
+
+using host::Descriptor;
 
 template <typename Record>
 std::span<const std::byte> BytesOf(const Record& record) {

@@ -8,11 +8,13 @@
 #include <span>
 #include <vector>
 
-#include "link/descriptor.h"
+#include "host/descriptor.h"
 #include "link/protocol.h"
 #include "link/watch.h"
 
 namespace vlink {
+
+using host::Descriptor;
 
 class Outbox {
   public:

@@ -17,15 +17,16 @@ class Descriptor {
         std::swap(descriptor_, other.descriptor_);
         return *this;
     }
-    ~Descriptor() {
-        if (descriptor_ >= 0) {
-            close(descriptor_);
-        }
-    }
+    ~Descriptor() { Reset(); }
 
     explicit operator bool() const { return descriptor_ >= 0; }
     int Get() const { return descriptor_; }
     int Release() { return std::exchange(descriptor_, -1); }
+    void Reset() {
+        if (descriptor_ >= 0) {
+            close(Release());
+        }
+    }
 
   private:
     int descriptor_ = -1;

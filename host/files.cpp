@@ -4,15 +4,16 @@
 #include <cstring>
 
 #include "host/process.h"
+#include "host/record_field.h"
 
 namespace host {
 namespace {
 
 constexpr std::uint32_t kFileDirectoryInformation = 1;
 constexpr std::uint32_t kFileBasicInformation = 4;
-constexpr std::uint32_t kFileStandardInformation = 5;
 constexpr std::uint32_t kFileRenameInformation = 10;
 constexpr std::uint32_t kFileDispositionInformation = 13;
+constexpr std::uint32_t kFileNetworkOpenInformation = 34;
 
 // The fixed part of one FILE_DIRECTORY_INFORMATION.
 constexpr std::size_t kEntryFixed = 64;
@@ -23,19 +24,19 @@ constexpr std::size_t kEndOfFile = 40;
 constexpr std::size_t kAttributes = 56;
 constexpr std::size_t kNameLength = 60;
 
+// FILE_NETWORK_OPEN_INFORMATION: what QueryFacts wants, in one query.
+constexpr std::size_t kNetworkOpenBytes = 56;
+constexpr std::size_t kNetworkOpenLastWriteTime = 16;
+constexpr std::size_t kNetworkOpenEndOfFile = 40;
+constexpr std::size_t kNetworkOpenAttributes = 48;
+constexpr std::uint32_t kAttributeDirectory = 0x10;
+
 // FILE_BASIC_INFORMATION and FILE_RENAME_INFORMATION.
 constexpr std::size_t kBasicBytes = 40;
 constexpr std::size_t kBasicLastWriteTime = 16;
 constexpr std::size_t kRenameFixed = 12;
 constexpr std::size_t kRenameSmallest = 16;
 constexpr std::size_t kRenameNameLength = 8;
-
-template <typename Value>
-Value At(std::span<const std::byte> bytes, std::size_t offset) {
-    Value value{};
-    std::memcpy(&value, bytes.data() + offset, sizeof(value));
-    return value;
-}
 
 // Appends the entries of one filled buffer; false when it does not hold together.
 bool ParseEntries(std::span<const std::byte> bytes, std::vector<DirectoryEntry>& entries) {
@@ -45,19 +46,19 @@ bool ParseEntries(std::span<const std::byte> bytes, std::vector<DirectoryEntry>&
             return false;
         }
         const auto entry = bytes.subspan(place);
-        const auto nameBytes = At<std::uint32_t>(entry, kNameLength);
+        const auto nameBytes = FieldAt<std::uint32_t>(entry, kNameLength);
         if (nameBytes > entry.size() - kEntryFixed) {
             return false;
         }
         DirectoryEntry& found = entries.emplace_back();
-        found.index = At<std::uint32_t>(entry, kFileIndex);
-        found.lastWriteTime = At<std::int64_t>(entry, kLastWriteTime);
-        found.size = At<std::uint64_t>(entry, kEndOfFile);
-        found.attributes = At<std::uint32_t>(entry, kAttributes);
+        found.index = FieldAt<std::uint32_t>(entry, kFileIndex);
+        found.lastWriteTime = FieldAt<std::int64_t>(entry, kLastWriteTime);
+        found.size = FieldAt<std::uint64_t>(entry, kEndOfFile);
+        found.attributes = FieldAt<std::uint32_t>(entry, kAttributes);
         found.name.resize(nameBytes / sizeof(char16_t));
         std::memcpy(found.name.data(), entry.data() + kEntryFixed, found.name.size() * sizeof(char16_t));
 
-        const auto next = At<std::uint32_t>(entry, kNextOffset);
+        const auto next = FieldAt<std::uint32_t>(entry, kNextOffset);
         if (next == 0) {
             return true;
         }
@@ -90,16 +91,12 @@ Status ListDirectory(Process& process, Handle directory, std::vector<DirectoryEn
 }
 
 Status QueryFacts(Process& process, Handle handle, FileFacts& facts) {
-    std::array<std::byte, kBasicBytes> basic{};
-    std::array<std::byte, 24> standard{};
-    IoResult result = process.QueryInformation(handle, kFileBasicInformation, basic);
+    std::array<std::byte, kNetworkOpenBytes> record{};
+    const IoResult result = process.QueryInformation(handle, kFileNetworkOpenInformation, record);
     if (result.status.Ok()) {
-        facts.lastWriteTime = At<std::int64_t>(basic, kBasicLastWriteTime);
-        result = process.QueryInformation(handle, kFileStandardInformation, standard);
-    }
-    if (result.status.Ok()) {
-        facts.size = At<std::uint64_t>(standard, 8);
-        facts.isDirectory = At<std::uint8_t>(standard, 21) != 0;
+        facts.size = FieldAt<std::uint64_t>(record, kNetworkOpenEndOfFile);
+        facts.lastWriteTime = FieldAt<std::int64_t>(record, kNetworkOpenLastWriteTime);
+        facts.isDirectory = (FieldAt<std::uint32_t>(record, kNetworkOpenAttributes) & kAttributeDirectory) != 0;
     }
     return result.status;
 }

@@ -2,26 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
+
+#include "host/record_field.h"
 
 namespace mount {
 namespace {
 
-// FILE_NETWORK_OPEN_INFORMATION and FILE_FS_SIZE_INFORMATION.
-constexpr std::uint32_t kFileNetworkOpenInformation = 34;
-constexpr std::size_t kNetworkOpenBytes = 56;
-constexpr std::size_t kLastWriteTime = 16;
-constexpr std::size_t kEndOfFile = 40;
-constexpr std::size_t kAttributes = 48;
-constexpr std::uint32_t kAttributeDirectory = 0x10;
 constexpr std::uint32_t kFileFsSizeInformation = 3;
-
-template <typename Value>
-Value At(std::span<const std::byte> bytes, std::size_t offset) {
-    Value value{};
-    std::memcpy(&value, bytes.data() + offset, sizeof(value));
-    return value;
-}
 
 std::u16string DeviceName(std::u16string_view name, std::uint32_t card) {
     return std::u16string(name) + static_cast<char16_t>(u'0' + card);
@@ -59,14 +46,12 @@ host::Status Drive::List(const std::u16string& path, std::vector<host::Directory
 }
 
 host::Status Drive::Look(host::Handle handle, Facts& facts) {
-    std::array<std::byte, kNetworkOpenBytes> record{};
-    const host::IoResult result = process_.QueryInformation(handle, kFileNetworkOpenInformation, record);
-    if (result.status.Ok()) {
-        facts.size = At<std::uint64_t>(record, kEndOfFile);
-        facts.time = At<std::int64_t>(record, kLastWriteTime);
-        facts.isDirectory = (At<std::uint32_t>(record, kAttributes) & kAttributeDirectory) != 0;
+    host::FileFacts found;
+    const host::Status status = host::QueryFacts(process_, handle, found);
+    if (status.Ok()) {
+        facts = {found.size, found.lastWriteTime, found.isDirectory};
     }
-    return result.status;
+    return status;
 }
 
 host::Status Drive::Look(const std::u16string& path, Facts& facts) {
@@ -151,10 +136,11 @@ host::Status Drive::MeasureDrive(std::uint64_t& total, std::uint64_t& free) {
     std::array<std::byte, 24> record{};
     const host::IoResult result = process_.QueryVolumeInformation(opened.handle, kFileFsSizeInformation, record);
     if (result.status.Ok()) {
-        const std::uint64_t unit = std::uint64_t{At<std::uint32_t>(record, 16)} * At<std::uint32_t>(record, 20);
-        total = At<std::uint64_t>(record, 0) * unit;
+        const std::uint64_t unit =
+            std::uint64_t{host::FieldAt<std::uint32_t>(record, 16)} * host::FieldAt<std::uint32_t>(record, 20);
+        total = host::FieldAt<std::uint64_t>(record, 0) * unit;
         // The driver never tells less than 200 MiB free, whatever there is.
-        free = std::min(total, At<std::uint64_t>(record, 8) * unit);
+        free = std::min(total, host::FieldAt<std::uint64_t>(record, 8) * unit);
     }
     return result.status;
 }

@@ -293,8 +293,8 @@ void ReleaseDirectory(fuse_req_t request, fuse_ino_t /*inode*/, fuse_file_info* 
 }
 
 // A name and what stands under it; the bytes it took, more than `room` when it does not fit.
-std::size_t AddRow(fuse_req_t request, const FileSystem::Row& row, bool plus, char* place, std::size_t room,
-                   off_t next) {
+std::size_t AddRow(fuse_req_t request, const OpenFolder& folder, const FileSystem::Row& row, bool plus, char* place,
+                   std::size_t room, off_t next) {
     FileSystem& files = FilesOf(request);
     const bool isDots = row.name == "." || row.name == "..";
     const Snapshot facts = files.Nodes().Look(row.node);
@@ -308,6 +308,10 @@ std::size_t AddRow(fuse_req_t request, const FileSystem::Row& row, bool plus, ch
     fuse_entry_param entry = EntryOf(request, found);
     if (isDots) {
         entry.ino = 0;  // not a look-up
+    // What has left the folder since it was listed: the kernel would remember it under that name.
+    if (!isDots && files.Nodes().ParentOf(row.node) != folder.node) {
+        return 0;
+    }
     }
     const std::size_t taken = fuse_add_direntry_plus(request, place, room, row.name.c_str(), &entry, next);
     if (taken <= room && !isDots) {
@@ -329,8 +333,8 @@ int FillRows(fuse_req_t request, OpenFolder& folder, off_t offset, bool plus, st
     const std::size_t room = buffer.size();
     std::size_t used = 0;
     for (auto index = static_cast<std::size_t>(offset); index < folder.rows.size(); ++index) {
-        const std::size_t taken =
-            AddRow(request, folder.rows[index], plus, buffer.data() + used, room - used, static_cast<off_t>(index + 1));
+        const std::size_t taken = AddRow(request, folder, folder.rows[index], plus, buffer.data() + used, room - used,
+                                         static_cast<off_t>(index + 1));
         if (taken > room - used) {
             break;
         }

@@ -72,7 +72,7 @@ void Guest::Live() {
         ownerWake_.wait(hold, [this] { return dropped_ || leaving_; });
         leaving = leaving_;
     }
-    EndProcess();
+    EndProcess(leaving);
     if (leaving) {
         SayGoodbye();
     }
@@ -89,7 +89,7 @@ void Guest::Live() {
     (void)eventfd_write(house_.wake, 1);
 }
 
-void Guest::EndProcess() {
+void Guest::EndProcess(bool leaving) {
     std::shared_ptr<Session> session;
     host::LocalProcess* process = nullptr;
     Kind kind = Kind::kProcess;
@@ -100,13 +100,12 @@ void Guest::EndProcess() {
         kind = kind_;
     }
     if (session) {
+        // A program that may go on is one that closed a process politely.
+        const bool forGood = kind == Kind::kAdministration || !leaving;
         host::Problem problem;
-        if (session->TakeBack(problem) > 0) {
+        if (session->TakeBack(forGood, problem) > 0) {
             house_.log(Name() + ": the disks that it had released are taken back" +
                        (problem ? ", but " + problem.what : ""));
-        }
-        if (kind == Kind::kAdministration) {
-            house_.sessions.End(session->Number());
         }
     }
     if (process != nullptr) {
@@ -117,6 +116,9 @@ void Guest::EndProcess() {
     workerWake_.notify_all();
     ownerWake_.wait(hold, [this] { return workers_.empty(); });
     JoinRetired();
+    if (session_ && kind_ == Kind::kAdministration) {  // there may be one only now
+        house_.sessions.End(session_->Number());
+    }
 }
 
 // The answer to a goodbye, and all that was sent before it, on its way.
@@ -193,6 +195,12 @@ bool Guest::ReadOne(Desk& desk) {
         default:
             Drop(kWentAway);
             return false;
+    }
+    {
+        const std::lock_guard hold(lock_);
+        if (dropped_) {
+            return false;  // what it has sent may be much, and comes from nobody now
+        }
     }
     if (frame.header.id <= lastId_) {
         Drop("dropped: it sent the id " + std::to_string(frame.header.id) + " behind " + std::to_string(lastId_));

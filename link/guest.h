@@ -95,7 +95,7 @@ class Guest {
 
     // guest.cpp: threads
     void Live();
-    void EndProcess();
+    void EndProcess(bool leaving);
     void SayGoodbye();
     void Work(std::list<std::thread>::iterator self, bool reading);
     void JoinRetired();

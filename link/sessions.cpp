@@ -6,6 +6,9 @@ namespace vlink {
 
 host::Problem Session::ReleaseDisks(std::uint32_t card) {
     const std::lock_guard hold(disks_);
+    if (gone_) {
+        return {"the program that asks for the disks has gone", "run it again"};
+    }
     host::Problem problem = machine_.ReleaseDisks(card);
     for (const host::CardFacts& facts : machine_.Cards()) {
         if (facts.index == card) {
@@ -21,8 +24,9 @@ host::Problem Session::TakeDisks(std::uint32_t card) {
     return machine_.TakeDisks(card);
 }
 
-std::size_t Session::TakeBack(host::Problem& problem) {
+std::size_t Session::TakeBack(bool forGood, host::Problem& problem) {
     const std::lock_guard hold(disks_);
+    gone_ = gone_ || forGood;
     const std::size_t count = released_.size();
     for (const std::uint32_t card : released_) {
         if (const host::Problem failed = machine_.TakeDisks(card)) {

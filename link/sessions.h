@@ -21,12 +21,14 @@ class Session {
     host::Problem ReleaseDisks(std::uint32_t card);
     host::Problem TakeDisks(std::uint32_t card);
     // Everything that is still released. Cards that it found released; `problem` says what could not be opened.
-    std::size_t TakeBack(host::Problem& problem);
+    // `forGood`: the program has gone, and an order of it that is still on its way releases nothing any more.
+    std::size_t TakeBack(bool forGood, host::Problem& problem);
 
   private:
     host::Machine& machine_;
     std::mutex& disks_;  // one change of the machine's disks at a time; guards what follows
     std::set<std::uint32_t> released_;
+    bool gone_ = false;
     const std::uint64_t number_;  // nobody else's, and not to be guessed
 };
 

@@ -296,10 +296,11 @@ void Guest::Readable() {
     }
 }
 
-void Guest::Writable() {
-    outbox_.Flush();
+bool Guest::Writable() {
+    const bool moved = outbox_.Flush();
     const std::lock_guard hold(lock_);
     ownerWake_.notify_all();
+    return moved;
 }
 
 void Guest::HungUp() {

@@ -59,7 +59,7 @@ class Guest {
 
     // For the poll thread.
     void Readable();
-    void Writable();
+    bool Writable();  // false: it is not, whatever the socket says
     void HungUp();
     void CheckPatience(Clock::time_point now);
     Clock::time_point NextCheck() const;

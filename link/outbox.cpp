@@ -56,19 +56,21 @@ Outbox::Result Outbox::Keep(std::span<const std::span<const std::byte>> pieces, 
         letter.sent = sent;
         letter.descriptor = std::move(descriptor);
         waiting_ += letter.bytes.size() - sent;
+        descriptors_ += letter.descriptor ? 1 : 0;
         letters_.push_back(std::move(letter));
     } catch (const std::bad_alloc&) {
         return state_ = Result::kFull;
     }
-    if (waiting_ > limit_) {
+    if (waiting_ > limit_ || descriptors_ > kMaxDescriptors) {
         return state_ = Result::kFull;
     }
     watch_.Set(EPOLLOUT, 0);
     return state_;
 }
 
-void Outbox::Flush() {
+bool Outbox::Flush() {
     const std::lock_guard hold(lock_);
+    bool moved = letters_.empty();
     while (!letters_.empty() && state_ == Result::kGood) {
         Letter& letter = letters_.front();
         const std::span<const std::byte> rest = std::span<const std::byte>(letter.bytes).subspan(letter.sent);
@@ -79,7 +81,9 @@ void Outbox::Flush() {
         if (now <= 0) {
             break;
         }
+        moved = true;
         progress_ = Clock::now();
+        descriptors_ -= letter.descriptor ? 1 : 0;
         letter.descriptor.Reset();
         letter.sent += static_cast<std::size_t>(now);
         waiting_ -= static_cast<std::size_t>(now);
@@ -90,6 +94,7 @@ void Outbox::Flush() {
     if (letters_.empty() || state_ != Result::kGood) {
         watch_.Set(0, EPOLLOUT);
     }
+    return moved || state_ != Result::kGood;
 }
 
 bool Outbox::Empty() const {

@@ -33,8 +33,9 @@ class Outbox {
     enum class Result : std::uint8_t { kGood, kGone, kFull };  // of the last two: the client is to be dropped
     Result Send(Op op, std::uint64_t id, std::uint16_t flags, std::span<const std::byte> record,
                 std::span<const std::byte> data, Descriptor descriptor, Order order);
-    // Room in the socket.
-    void Flush();
+    // Room in the socket. False: it takes nothing all the same, because of the descriptors that are under way to
+    // others.
+    bool Flush();
 
     bool Empty() const;
     // Since when the client has read nothing of what waits for it; the end of time when nothing waits.
@@ -48,13 +49,17 @@ class Outbox {
     };
     Result Keep(std::span<const std::span<const std::byte>> pieces, std::size_t sent, Descriptor descriptor);
 
+    // The program's descriptors are few, and all clients' as well as the disks'. A socket takes more before any waits.
+    static constexpr std::size_t kMaxDescriptors = 64;
+
     const int socket_;
     Watch& watch_;
     const int wake_;
     const std::size_t limit_;
     mutable std::mutex lock_;  // guards what follows, and the order of what is sent
     std::deque<Letter> letters_;
-    std::size_t waiting_ = 0;  // bytes
+    std::size_t waiting_ = 0;      // bytes
+    std::size_t descriptors_ = 0;  // that wait
     Clock::time_point progress_;
     Result state_ = Result::kGood;
 };

@@ -25,6 +25,7 @@ constexpr std::uint64_t kListener = 0;  // keys of events; those of guests come 
 constexpr std::uint64_t kWake = 1;
 constexpr std::uint64_t kFirstGuest = 2;
 constexpr std::chrono::milliseconds kAcceptPause{200};
+constexpr std::chrono::milliseconds kStuckPause{5};
 
 std::string ErrorText(int error) {
     return std::generic_category().message(error);
@@ -62,7 +63,7 @@ struct Server::Parts {
     bool Prepare();
     void RemoveFile() const;
     void Run();
-    void Handle(const epoll_event& event);
+    void Handle(const epoll_event& event, bool& stuck);
     void Accept();
     void Admit(Descriptor socket);
     void ListenFor(bool on);
@@ -170,8 +171,12 @@ void Server::Parts::Run() {
     while (!stopping || !guests.empty()) {
         epoll_event events[64];
         const int count = epoll_wait(epoll.Get(), events, std::size(events), Timeout(Clock::now()));
+        bool stuck = false;
         for (int i = 0; i < count; ++i) {
-            Handle(events[i]);
+            Handle(events[i], stuck);
+        }
+        if (stuck) {
+            std::this_thread::sleep_for(kStuckPause);  // it would be told again and again
         }
         const Clock::time_point now = Clock::now();
         for (const auto& [number, guest] : guests) {
@@ -189,7 +194,7 @@ void Server::Parts::Run() {
     }
 }
 
-void Server::Parts::Handle(const epoll_event& event) {
+void Server::Parts::Handle(const epoll_event& event, bool& stuck) {
     const std::uint64_t key = event.data.u64;  // a copy: the record is packed
     if (key == kListener) {
         Accept();
@@ -205,7 +210,7 @@ void Server::Parts::Handle(const epoll_event& event) {
         return;
     }
     if ((event.events & EPOLLOUT) != 0) {
-        found->second->Writable();
+        stuck |= !found->second->Writable();
     }
     if ((event.events & EPOLLIN) != 0) {
         found->second->Readable();

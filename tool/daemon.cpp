@@ -1,5 +1,7 @@
 #include "tool/daemon.h"
 
+#include <sys/resource.h>
+
 #include <chrono>
 #include <system_error>
 #include <thread>
@@ -16,9 +18,20 @@ namespace fs = std::filesystem;
 constexpr std::chrono::seconds kPatience{2};
 constexpr std::chrono::milliseconds kGlance{20};
 
+// Programs begin with a thousand descriptors, for those that still use select. Clients, and the memory that is on its
+// way to them, can want more.
+void TakeDescriptors() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        (void)setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 }  // namespace
 
 std::unique_ptr<Daemon> Daemon::Start(const DaemonOptions& options, DaemonLog& log, host::Problem& problem) {
+    TakeDescriptors();
     std::unique_ptr<Daemon> daemon(new Daemon(options, log));
     daemon->station_ = host::Station::Read(options.station, problem);
     if (!problem) {

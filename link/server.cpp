@@ -31,6 +31,14 @@ std::string ErrorText(int error) {
     return std::generic_category().message(error);
 }
 
+// Until the descriptor is closed. Anybody who can read the directory may hold its lock for ever: after two seconds it
+// goes without, which does no harm as long as not two do.
+void LockForMoment(int directory) {
+    for (int i = 0; i < 100 && flock(directory, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
 }  // namespace
 
 std::filesystem::path SocketOf(const std::filesystem::path& station) {
@@ -80,7 +88,7 @@ host::Problem Server::Parts::Listen() {
     if (const int error = address.Set(path); error != 0) {
         return {"cannot listen on " + name + ": " + ErrorText(error), "name another place with --socket"};
     }
-    flock(address.Directory(), LOCK_EX);  // of two that find a dead socket, one comes second; without, no harm is done
+    LockForMoment(address.Directory());  // of two that find a dead socket, one comes second
     struct stat there {};
     if (lstat(path.c_str(), &there) == 0 && !S_ISSOCK(there.st_mode)) {
         return {name + " is there and is no socket", "name another place with --socket"};

@@ -12,7 +12,7 @@ namespace {
 constexpr std::chrono::seconds kIdleTime{10};
 
 constexpr const char* kWentAway = "went away";
-constexpr const char* kDoesNotRead = "dropped: it reads none of its answers";
+constexpr const char* kDoesNotRead = "it reads none of its answers";
 
 }  // namespace
 
@@ -45,7 +45,7 @@ void Guest::Start() {
     try {
         owner_ = std::thread([this] { Live(); });
     } catch (const std::system_error&) {
-        Drop("dropped: no thread for it");
+        Drop("no thread for it");
         Live();
         throw;
     }
@@ -53,12 +53,21 @@ void Guest::Start() {
 
 // ---- The end ----
 
-void Guest::Drop(const std::string& reason) {
+void Guest::Drop(const std::string& fault) {
+    End(true, "dropped: " + fault);
+}
+
+void Guest::LetGo(const std::string& reason) {
+    End(false, reason);
+}
+
+void Guest::End(bool atFault, const std::string& reason) {
     const std::lock_guard hold(lock_);
     if (dropped_) {
         return;
     }
     dropped_ = true;
+    atFault_ = atFault;
     reason_ = reason;
     shutdown(socket_.Get(), SHUT_RDWR);
     ownerWake_.notify_all();
@@ -78,15 +87,23 @@ void Guest::Live() {
     }
     watch_.End();
     process_.reset();
-    std::string line = Name();
+    Note(leaving);
+    over_.store(true, std::memory_order_release);
+    (void)eventfd_write(house_.wake, 1);
+}
+
+// The end, unless it was said goodbye to like any other.
+void Guest::Note(bool leaving) {
+    std::string line = Name() + " ";
     {
         const std::lock_guard hold(lock_);
         shutdown(socket_.Get(), SHUT_RDWR);
-        line += leaving ? " left" : " " + reason_;
+        if (!atFault_ && (leaving || (session_ && !session_->TakeMention()))) {
+            return;
+        }
+        line += reason_;
     }
     house_.log(line);
-    over_.store(true, std::memory_order_release);
-    (void)eventfd_write(house_.wake, 1);
 }
 
 void Guest::EndProcess(bool leaving) {
@@ -190,10 +207,10 @@ bool Guest::ReadOne(Desk& desk) {
         case FrameReader::Result::kFrame:
             break;
         case FrameReader::Result::kWrong:
-            Drop("dropped: it sent " + reader_.Wrong());
+            Drop("it sent " + reader_.Wrong());
             return false;
         default:
-            Drop(kWentAway);
+            LetGo(kWentAway);
             return false;
     }
     {
@@ -203,7 +220,7 @@ bool Guest::ReadOne(Desk& desk) {
         }
     }
     if (frame.header.id <= lastId_) {
-        Drop("dropped: it sent the id " + std::to_string(frame.header.id) + " behind " + std::to_string(lastId_));
+        Drop("it sent the id " + std::to_string(frame.header.id) + " behind " + std::to_string(lastId_));
         return false;
     }
     lastId_ = frame.header.id;
@@ -226,12 +243,12 @@ void Guest::Serve(Desk& desk, bool& reading) {
     }
     reading = quick ? desk.header.op != Op::kGoodbye : TakeBack();
     if (!answer.breach.empty()) {
-        Drop("dropped: it sent " + answer.breach);
+        Drop("it sent " + answer.breach);
     } else if (!answer.silent) {
         const std::string last = std::move(answer.last);
         Send(desk.header.op, desk.header.id, std::move(answer));
         if (!last.empty()) {
-            Drop("dropped: " + last);
+            Drop(last);
         }
     }
 }
@@ -245,7 +262,7 @@ void Guest::LookOut() {
     watcher_ = std::this_thread::get_id();
     if (hungUp_) {
         hold.unlock();
-        Drop(kWentAway);
+        LetGo(kWentAway);
     } else if (reader_.HasBytes()) {
         GiveRole();  // the socket has nothing more to tell of those
     } else {
@@ -282,8 +299,10 @@ void Guest::Send(Op op, std::uint64_t id, Answer answer) {
     const std::span<const std::byte> record = answer.bare ? std::span<const std::byte>() : BytesOf(answer.record);
     const Outbox::Result result =
         outbox_.Send(op, id, answer.flags, record, answer.data, std::move(answer.descriptor), answer.order);
-    if (result != Outbox::Result::kGood) {
-        Drop(result == Outbox::Result::kGone ? kWentAway : kDoesNotRead);
+    if (result == Outbox::Result::kGone) {
+        LetGo(kWentAway);
+    } else if (result != Outbox::Result::kGood) {
+        Drop(kDoesNotRead);
     }
 }
 
@@ -312,13 +331,13 @@ void Guest::HungUp() {
             return;
         }
     }
-    Drop(kWentAway);
+    LetGo(kWentAway);
     watch_.End();
 }
 
 void Guest::CheckPatience(Clock::time_point now) {
     if (!welcome_.load(std::memory_order_relaxed) && now >= born_ + house_.limits.patience) {
-        Drop("dropped: it says no hello");
+        Drop("it says no hello");
     }
     const Clock::time_point stalled = outbox_.StalledSince();
     if (stalled != Clock::time_point::max() && now >= stalled + house_.limits.patience) {

@@ -54,8 +54,10 @@ class Guest {
 
     // Throws std::system_error when there can be no thread.
     void Start();
-    // From any thread, with driver locks held. The first reason counts; it goes on the log behind the client's name.
-    void Drop(const std::string& reason);
+    // From any thread, with driver locks held. The first of either counts. What a client did wrong goes on the log
+    // behind its name; of a program that just goes, or is let go, one connection is enough there.
+    void Drop(const std::string& fault);
+    void LetGo(const std::string& reason);
 
     // For the poll thread.
     void Readable();
@@ -108,6 +110,8 @@ class Guest {
     void Serve(Desk& desk, bool& reading);
     void Send(Op op, std::uint64_t id, Answer answer);
     void SetOver();
+    void End(bool atFault, const std::string& reason);
+    void Note(bool leaving);
     std::string Name() const;
 
     // guest_requests.cpp: what is asked
@@ -160,7 +164,8 @@ class Guest {
     std::vector<std::thread> retired_;
     bool hungUp_ = false;
     bool closing_ = false;  // workers that have nothing to do go
-    bool dropped_ = false;
+    bool dropped_ = false;  // or let go
+    bool atFault_ = false;
     std::string reason_;
     bool leaving_ = false;  // it has said goodbye
     std::uint64_t goodbye_ = 0;

@@ -77,7 +77,9 @@ Guest::Answer Guest::CarryHello(std::span<const std::byte> body) {
     answer.data = answer.text;
     if (welcome == Welcome::kYes) {
         welcome_.store(true, std::memory_order_relaxed);
-        house_.log(Name() + (isAdministration ? " came, for administration" : " came"));
+        if (isAdministration) {  // a program has one of those
+            house_.log(Name() + " came");
+        }
     } else {
         answer.last = welcome == Welcome::kNoSession ? "it belongs to nobody here" : "it speaks another version";
     }

@@ -297,7 +297,7 @@ void Server::Parts::BeginStop() {
     RemoveFile();
     listener.Reset();
     for (const auto& [number, guest] : guests) {
-        guest->Drop("was let go: the daemon stops");
+        guest->LetGo("was let go: the daemon stops");
     }
 }
 

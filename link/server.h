@@ -14,7 +14,8 @@
 
 namespace vlink {
 
-// Told of clients that come, go, or are dropped, and why: one line each. From several threads.
+// Told of each program that comes, of those that go without a goodbye, and of every client that is refused or dropped,
+// and why: one line each. From several threads.
 using Log = std::function<void(const std::string& line)>;
 
 // Where a station's daemon listens unless told otherwise.

@@ -3,6 +3,7 @@
 // given away.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -23,6 +24,8 @@ class Session {
     // Everything that is still released. Cards that it found released; `problem` says what could not be opened.
     // `forGood`: the program has gone, and an order of it that is still on its way releases nothing any more.
     std::size_t TakeBack(bool forGood, host::Problem& problem);
+    // True once: for the first of its connections whose end is worth a word.
+    bool TakeMention() { return !mentioned_.exchange(true); }
 
   private:
     host::Machine& machine_;
@@ -30,6 +33,7 @@ class Session {
     std::set<std::uint32_t> released_;
     bool gone_ = false;
     const std::uint64_t number_;  // nobody else's, and not to be guessed
+    std::atomic<bool> mentioned_ = false;
 };
 
 class Sessions {

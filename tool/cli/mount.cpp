@@ -29,7 +29,7 @@ Result ReadOptions(CommonOptions& common, const MountCommand& command, mount::Op
     if (Result wrong = ReadMountArguments(command.arguments, command.place, common.readOnly, options)) {
         return wrong;
     }
-    common.readOnly = options.readOnly;
+    common.onlyReads = options.readOnly;  // a daemon that has the station goes on writing for others
     if (const std::string socket = FindSocket(common); !socket.empty()) {
         common.socket = fs::absolute(socket);
     }
@@ -43,7 +43,7 @@ Result ReadOptions(CommonOptions& common, const MountCommand& command, mount::Op
 }
 
 // Where a mount in the background logs to: into the station, unless nothing is written there.
-Result FindLog(const CommonOptions& common, const MountCommand& command, fs::path& log) {
+Result FindLog(const CommonOptions& common, const MountCommand& command, bool readOnly, fs::path& log) {
     if (!command.log.empty()) {
         log = fs::absolute(command.log);
         return std::nullopt;
@@ -56,7 +56,7 @@ Result FindLog(const CommonOptions& common, const MountCommand& command, fs::pat
     if (!station) {
         return ProblemFailure(problem);
     }
-    if (common.readOnly) {
+    if (readOnly) {
         log = DoorOf(*station, true).string() + ".mount.log";
         problem = MakeDoorDirectory();
         return problem ? Result(ProblemFailure(problem)) : std::nullopt;
@@ -107,7 +107,7 @@ int RunMount(CommonOptions common, const MountCommand& command) {
         return serve({});
     }
     fs::path logFile;
-    if (const Result wrong = FindLog(common, command, logFile)) {
+    if (const Result wrong = FindLog(common, command, options.readOnly, logFile)) {
         return output.Fail(*wrong);
     }
     return RunDetached(output, log, logFile, {"the mount", "nothing is mounted"}, serve);
@@ -127,7 +127,8 @@ clip but its time and its extended attribute user.vrkfs.appinfo. Names are found
 
 It goes to the background when it stands, and logs what it refuses and why to DIR/mount.log; with --foreground it stays,
 and logs to standard error. umount PLACE (or fusermount3 -u PLACE), SIGTERM and Ctrl-C take it away. A daemon that has
-the station is used; other commands reach the station beside a mount only through one (vrkfs serve --mount PLACE).
+the station is used; other commands reach the station beside a mount only through one (vrkfs serve --mount PLACE). With
+-o ro nothing is changed through this mount, whatever others do; --read-only demands that nobody can change anything.
 
 )") + kMountOptionsHelp +
             R"(

@@ -1,10 +1,13 @@
 #include "mount/mount.h"
 
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <list>
 #include <thread>
@@ -17,6 +20,8 @@
 
 namespace mount {
 namespace {
+
+constexpr int kWake = SIGURG;  // which nobody minds
 
 // libfuse tells its troubles on standard error only.
 std::string SessionOptions(const Options& options, bool readOnly) {
@@ -44,7 +49,7 @@ struct Mount::Parts {
     host::Problem Watch(host::Access& access);
     void Serve();
     void TellEnded() const;
-    [[nodiscard]] pid_t WakeLoop();
+    void EndLoop();
 
     const Options options;
     FileSystem files;
@@ -52,8 +57,10 @@ struct Mount::Parts {
     std::list<ChangeWatch> watches;
     fuse_session* session = nullptr;
     bool mounted = false;
+    std::string device;  // of the mount
     DeathWatch deathWatch;
     std::thread loop;
+    std::atomic<bool> loopEnded = false;
     int ended = -1;  // an event
 };
 
@@ -78,6 +85,7 @@ host::Problem Mount::Parts::MakeSession() {
                 "check /dev/fuse, your rights, and for allow_other /etc/fuse.conf"};
     }
     mounted = true;
+    device = DeviceAt(options.mountpoint);
     return {};
 }
 
@@ -98,8 +106,13 @@ void Mount::Parts::Serve() {
     fuse_loop_cfg_set_clone_fd(config, 1);
     fuse_loop_cfg_set_max_threads(config, options.threads);
     fuse_loop_cfg_set_idle_threads(config, options.threads);
+    sigset_t wake;
+    sigemptyset(&wake);
+    sigaddset(&wake, kWake);
+    ::pthread_sigmask(SIG_UNBLOCK, &wake, nullptr);
     (void)fuse_session_loop_mt(session, config);
     fuse_loop_cfg_destroy(config);
+    loopEnded = true;
     TellEnded();
 }
 
@@ -110,32 +123,34 @@ void Mount::Parts::TellEnded() const {
     }
 }
 
-// Something on the mount is open, so the kernel does not end it. The loop looks whether it is to end when a request has
-// come; if it has looked before, that one is answered by the end of the session.
-pid_t Mount::Parts::WakeLoop() {
+// The kernel ends a mount only when nothing on it is open any more, under whatever name and in whatever namespace. The
+// loop sleeps meanwhile and looks whether it is to end when a signal has woken it.
+void Mount::Parts::EndLoop() {
     fuse_session_exit(session);
-    pid_t process = KnockAt(options.mountpoint);
-    for (; process < 0; process = KnockAt(options.mountpoint)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // no other program can be started just now
+    struct sigaction nothing {};
+    nothing.sa_handler = [](int) {};
+    ::sigaction(kWake, &nothing, nullptr);
+    while (!loopEnded) {
+        (void)::pthread_kill(loop.native_handle(), kWake);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return process;
+    loop.join();
 }
 
 Mount::Parts::~Parts() {
     watches.clear();
     files.Caches().Stop();
-    pid_t waker = -1;
+    const std::filesystem::path place = loopEnded ? options.mountpoint : PlaceOf(device, options.mountpoint);
     if (loop.joinable()) {
-        if (mounted && !Unmount(options.mountpoint, false)) {
-            waker = WakeLoop();
+        if (DeviceAt(place) == device) {
+            Unmount(place, place != options.mountpoint);  // libfuse takes one away that is in use, but where it was
         }
-        loop.join();
+        EndLoop();
     }
     if (session != nullptr) {
         if (mounted) {
             fuse_session_unmount(session);
         }
-        AwaitProgram(waker);
         fuse_session_destroy(session);
     }
     files.CloseAll();
@@ -144,7 +159,9 @@ Mount::Parts::~Parts() {
     }
 }
 
-std::unique_ptr<Mount> Mount::Start(host::Access& access, const Options& options, Log log, host::Problem& problem) {
+std::unique_ptr<Mount> Mount::Start(host::Access& access, const Options& given, Log log, host::Problem& problem) {
+    Options options = given;
+    options.mountpoint = RealPlace(given.mountpoint);
     auto parts = std::make_unique<Parts>(access, options, std::move(log));
     problem = CheckMountpoint(options.mountpoint);
     if (!problem) {

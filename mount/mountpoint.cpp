@@ -8,9 +8,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -76,28 +77,45 @@ pid_t Spawn(std::vector<std::string> words, int input) {
     return process;
 }
 
-bool Succeeds(pid_t process) {
-    int status = 0;
-    while (process > 0 && ::waitpid(process, &status, 0) < 0) {
-        if (errno != EINTR) {
-            return false;
-        }
+void Await(pid_t process) {
+    while (process > 0 && ::waitpid(process, nullptr, 0) < 0 && errno == EINTR) {
     }
-    return process > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-std::string Escaped(const std::string& path) {
-    std::string text;
-    for (const char character : path) {
-        if (character == ' ' || character == '\t' || character == '\n' || character == '\\') {
-            char digits[8];
-            std::snprintf(digits, sizeof(digits), "\\%03o", static_cast<unsigned>(character));
-            text += digits;
+// What would break a line of the kernel's is in it as octal digits.
+std::string Unescaped(const std::string& text) {
+    std::string path;
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        if (text[index] == '\\' && text.size() - index > 3) {
+            path += static_cast<char>(std::stoi(text.substr(index + 1, 3), nullptr, 8));
+            index += 3;
         } else {
-            text += character;
+            path += text[index];
         }
     }
-    return text;
+    return path;
+}
+
+struct MountLine {
+    std::string device;
+    fs::path place;
+};
+
+// The mounts of our kind that this program sees, the last made last: "ID PARENT MAJOR:MINOR ROOT PLACE ... - TYPE ...".
+std::vector<MountLine> ReadMounts() {
+    std::vector<MountLine> found;
+    std::ifstream mounts("/proc/self/mountinfo");
+    for (std::string line; std::getline(mounts, line);) {
+        std::istringstream words(line);
+        std::string skipped;
+        MountLine mount;
+        std::string place;
+        if (words >> skipped >> skipped >> mount.device >> skipped >> place && line.find(" - fuse") != line.npos) {
+            mount.place = Unescaped(place);
+            found.push_back(std::move(mount));
+        }
+    }
+    return found;
 }
 
 bool IsDead(const fs::path& place) {
@@ -143,42 +161,47 @@ host::Problem CheckMountpoint(const fs::path& place) {
     return {};
 }
 
-bool Unmount(const fs::path& place, bool lazily) {
-    const int error = system_call::Unmount(place.c_str(), lazily);
-    if (error != EPERM) {
-        return error != EBUSY;  // what is no mount any more is as good as unmounted
+fs::path RealPlace(const fs::path& place) {
+    const std::unique_ptr<char, decltype(&std::free)> real(::realpath(place.c_str(), nullptr), &std::free);
+    return real ? fs::path(real.get()) : place;
+}
+
+std::string DeviceAt(const fs::path& place) {
+    std::string device;
+    for (const MountLine& mount : ReadMounts()) {
+        device = mount.place == place ? mount.device : device;
+    }
+    return device;
+}
+
+fs::path PlaceOf(const std::string& device, const fs::path& last) {
+    fs::path place = last;
+    for (const MountLine& mount : ReadMounts()) {
+        if (mount.device == device && mount.place == last) {
+            return last;
+        }
+        place = mount.device == device ? mount.place : place;
+    }
+    return place;
+}
+
+void Unmount(const fs::path& place, bool lazily) {
+    if (system_call::Unmount(place.c_str(), lazily) != EPERM) {
+        return;
     }
     std::vector<std::string> words{"fusermount3", "-u", "-q"};
     if (lazily) {
         words.emplace_back("-z");
     }
     words.insert(words.end(), {"--", place.string()});
-    return Succeeds(Spawn(std::move(words), -1));
+    Await(Spawn(std::move(words), -1));
 }
 
 void RaiseReadAhead(const fs::path& place) {
-    // "ID PARENT MAJOR:MINOR ROOT PLACE ...", with what would break a line as its octal digits.
-    std::ifstream mounts("/proc/self/mountinfo");
-    const std::string wanted = Escaped(place.string());
-    for (std::string line; std::getline(mounts, line);) {
-        std::istringstream words(line);
-        std::string id;
-        std::string parent;
-        std::string device;
-        std::string root;
-        std::string at;
-        if (words >> id >> parent >> device >> root >> at && at == wanted && line.find(" - fuse") != line.npos) {
-            std::ofstream("/sys/class/bdi/" + device + "/read_ahead_kb") << "1024";
-        }
+    const std::string device = DeviceAt(place);
+    if (!device.empty()) {
+        std::ofstream("/sys/class/bdi/" + device + "/read_ahead_kb") << "1024";
     }
-}
-
-pid_t KnockAt(const fs::path& place) {
-    return Spawn({"stat", "--", (place / "no such name").string()}, -1);
-}
-
-void AwaitProgram(pid_t process) {
-    (void)Succeeds(process);
 }
 
 void DeathWatch::Start(const fs::path& place) {
@@ -207,7 +230,7 @@ DeathWatch::~DeathWatch() {
     }
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     ::close(line_);
-    (void)Succeeds(process_);
+    Await(process_);
 }
 
 }  // namespace mount

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <string>
 
 #include "host/station.h"
 
@@ -14,18 +15,22 @@ namespace mount {
 // a mount that died left there is cleared away.
 [[nodiscard]] host::Problem CheckMountpoint(const std::filesystem::path& place);
 
-// Takes a mount away; false while something on it is open, unless it is to go out of sight all the same.
-bool Unmount(const std::filesystem::path& place, bool lazily);
-
 // None of what follows makes a request to the mount from within this program: if it was killed while it waited for its
 // own answer, it could not end.
 
+// With every link followed, as the kernel shows it.
+[[nodiscard]] std::filesystem::path RealPlace(const std::filesystem::path& place);
+
+// A mount's device as the kernel numbers it, "0:47"; empty: there is no mount of our kind.
+[[nodiscard]] std::string DeviceAt(const std::filesystem::path& place);
+// Where that mount is now: it moves with the directories above it. `last`: where it was.
+[[nodiscard]] std::filesystem::path PlaceOf(const std::string& device, const std::filesystem::path& last);
+
+// Takes a mount away, unless something on it is open; `lazily`: out of sight all the same.
+void Unmount(const std::filesystem::path& place, bool lazily);
+
 // The kernel reads ahead in larger pieces than it does by itself, where it lets us say so.
 void RaiseReadAhead(const std::filesystem::path& place);
-
-// Has another program make a request to the mount; it ends when it is answered. Its process, for AwaitProgram.
-[[nodiscard]] pid_t KnockAt(const std::filesystem::path& place);
-void AwaitProgram(pid_t process);
 
 // Clears the place when this program dies without having unmounted: a small program of its own waits for that. Without
 // it a dead mount would stay, and everything on it would fail.

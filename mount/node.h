@@ -84,10 +84,11 @@ struct Node {
     unsigned opens = 0;         // files open on it
     unsigned writers = 0;       // those of them that can write
     // Pages are kept for readers that keep writers away, and not across a replacement of the clip: a reader of the old
-    // one would fill them with its bytes.
+    // one would fill them with its bytes, even one whose pages are not kept, if it maps the file.
     unsigned generation = 0;
-    unsigned cachedOpens = 0;            // of this generation
-    unsigned staleOpens = 0;             // of earlier ones
+    unsigned readers = 0;                // open for reading only, of this generation
+    unsigned cachedOpens = 0;            // those of them whose pages are kept
+    unsigned staleReaders = 0;           // of earlier generations
     bool mayHavePages = false;           // with the kernel
     std::size_t childrenHeld = 0;        // children that are held
     std::shared_ptr<ClipWriter> writer;  // a copy under way, or about to begin

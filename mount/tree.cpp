@@ -494,26 +494,28 @@ void Tree::SetFacts(const NodePointer& node, const Facts& facts, Opening* openin
     caches_.ForgetInode(node->inode, opening != nullptr && node->mayHavePages);
 }
 
-// Another clip may stand there now: those who have the old one open and bring pages of it keep theirs to themselves
-// from here on, and nobody joins them. The lock is held.
+// Another clip may stand there now: those who have the old one open may bring pages of it, so that as long as they are
+// there nobody's are kept. The lock is held.
 void Tree::BeginGeneration(Node& node) {
     ++node.generation;
-    node.staleOpens += std::exchange(node.cachedOpens, 0);
+    node.staleReaders += std::exchange(node.readers, 0);
+    node.cachedOpens = 0;
 }
 
 bool Tree::CanCache(const NodePointer& node, Opening& opening) {
     const std::lock_guard hold(lock_);
     opening.generation = node->generation;
-    return node->staleOpens == 0 && !node->IsUnderWay();
+    return node->staleReaders == 0 && !node->IsUnderWay();
 }
 
 void Tree::Opened(const NodePointer& node, Opening& opening, bool& keep) {
     const std::lock_guard hold(lock_);
     const bool wasHeld = node->IsHeld();
-    opening.cached = opening.cached && opening.generation == node->generation && node->staleOpens == 0;
+    const bool isCurrent = opening.generation == node->generation;
+    opening.cached = opening.cached && isCurrent && node->staleReaders == 0;
     keep = opening.cached && node->cachedOpens != 0;
     ++node->opens;
-    node->writers += opening.writes ? 1 : 0;
+    ++(opening.writes ? node->writers : isCurrent ? node->readers : node->staleReaders);
     node->cachedOpens += opening.cached ? 1 : 0;
     node->mayHavePages = node->mayHavePages || opening.cached;
     HoldChanged(node, wasHeld, Drop::kNo);
@@ -522,14 +524,13 @@ void Tree::Opened(const NodePointer& node, Opening& opening, bool& keep) {
 bool Tree::Closed(const NodePointer& node, const Opening& opening) {
     const std::lock_guard hold(lock_);
     --node->opens;
-    node->writers -= opening.writes ? 1 : 0;
-    if (opening.cached) {
-        opening.generation == node->generation ? --node->cachedOpens : --node->staleOpens;
-    }
+    --(opening.writes ? node->writers : isCurrent ? node->readers : node->staleReaders);
+    node->cachedOpens -= opening.cached && isCurrent ? 1 : 0;
     HoldChanged(node, true, Drop::kYes);
     return opening.writes && node->writers == 0;
 }
 
+    const bool isCurrent = opening.generation == node->generation;
 std::shared_ptr<ClipWriter> Tree::WriterOf(const NodePointer& node) {
     const std::lock_guard hold(lock_);
     return node->writer;

@@ -427,14 +427,24 @@ void Tree::Detach(const NodePointer& node) {
     }
 }
 
+// Under its name in the folder. What was known to be there has gone without having been missed yet, what was hidden
+// there is another file's. The lock is held.
+void Tree::PutInto(const NodePointer& folder, const NodePointer& node, std::string_view spelling) {
+    Listing& listing = *folder->listing;
+    if (const NodePointer before = std::exchange(listing.children[node->key], node)) {
+        Detach(before);
+    }
+    listing.hidden.erase(node->key);
+    TellAppeared(listing, folder->inode, node->key, spelling);
+}
+
 NodePointer Tree::Add(const NodePointer& folder, const std::u16string& name, bool isFolder, const Facts& facts,
                       std::string_view spelling) {
     const std::lock_guard hold(lock_);
     NodePointer node = Make(folder, name, isFolder ? Kind::kFolder : Kind::kFile, folder->drive, folder->level + 1);
     node->size = facts.size;
     node->time = facts.time;
-    folder->listing->children[node->key] = node;
-    TellAppeared(*folder->listing, folder->inode, node->key, spelling);
+    PutInto(folder, node, spelling);
     return node;
 }
 
@@ -463,8 +473,7 @@ void Tree::Move(const NodePointer& node, const NodePointer& folder, const std::u
     }
     node->name = name;
     node->key = host::UpcaseName(name);
-    folder->listing->children[node->key] = node;
-    TellAppeared(*folder->listing, folder->inode, node->key, spelling);
+    PutInto(folder, node, spelling);
 }
 
 void Tree::Hide(const NodePointer& folder, const std::u16string& name) {

@@ -59,7 +59,7 @@ class Tree {
 
     // These with the folder's `work` held. What the driver lists there now; tells the kernel what has changed.
     void Merge(const NodePointer& folder, const std::vector<host::DirectoryEntry>& entries, Clock::duration took);
-    // A new object under a name that was free; `spelling`: as the kernel knows it, empty when it does not.
+    // A new object under a name that was free on the drive; `spelling`: as the kernel knows it, empty when it does not.
     NodePointer Add(const NodePointer& folder, const std::u16string& name, bool isFolder, const Facts& facts,
                     std::string_view spelling);
     // It is under no name any more.
@@ -105,6 +105,7 @@ class Tree {
                                    unsigned level);
     void AppendPath(const Node& node, std::u16string& path) const;
     void Detach(const NodePointer& node);
+    void PutInto(const NodePointer& folder, const NodePointer& node, std::string_view spelling);
     void TellAppeared(Listing& listing, std::uint64_t folder, const std::u16string& key, std::string_view known);
     bool Update(const NodePointer& folder, const NodePointer& child, const host::DirectoryEntry& entry);
     enum class Drop { kNo, kYes };

@@ -144,8 +144,7 @@ int FileSystem::RemoveFile(std::uint64_t folder, std::string_view spelling) {
     }
     if (const auto writer = tree_->WriterOf(node); writer != nullptr && !writer->IsOver()) {
         const bool isNew = writer->HasFile() && writer->Path() == tree_->PathOf(node);
-        writer->Discard();
-        if (isNew) {
+        if (writer->Discard() && isNew) {
             Leave(node, place, spelling);
             return 0;
         }

@@ -52,6 +52,7 @@ host::Status ClipWriter::Restart() {
     total_ = 0;
     failed_ = {};
     status = status.Ok() ? CreateLocked() : status;
+    made_ = status.Ok();  // else whatever is under that name now is not ours
     return status.Ok() ? status : Fail(status).status;
 }
 
@@ -95,16 +96,26 @@ ClipWriter::Outcome ClipWriter::Fail(host::Status status) {
     return failed_;
 }
 
+// It rested empty, and others could have it: what they have recorded into it is theirs.
 host::Status ClipWriter::Reopen() {
     if (handle_) {
         return host::status::kSuccess;
     }
     const host::OpenResult opened =
         drive_.Open(path_, kAccess, host::share::kNone, host::Disposition::kOpen, host::option::kNonDirectoryFile);
-    if (opened.status.Ok()) {
-        handle_ = host::ScopedHandle(drive_.Process(), opened.handle);
+    if (!opened.status.Ok()) {
+        return opened.status;
     }
-    return opened.status;
+    handle_ = host::ScopedHandle(drive_.Process(), opened.handle);
+    Facts facts;
+    host::Status status = drive_.Look(opened.handle, facts);
+    if (status.Ok() && facts.size != 0) {
+        status = host::status::kObjectNameCollision;
+    }
+    if (!status.Ok()) {
+        handle_.Reset();
+    }
+    return status;
 }
 
 host::Status ClipWriter::Put(std::uint64_t offset, std::span<const std::byte> bytes) {

@@ -69,13 +69,15 @@ int FileSystem::RemoveOld(const NodePointer& folder, const std::u16string& aside
 
 // It goes at once, or with the last of those who have it open; until then no listing here shows it.
 void FileSystem::RemoveAside(const NodePointer& folder, const std::u16string& aside, const std::string& display) {
-    const host::Status status = folder->drive->RemoveLater(tree_->PathBelow(folder, aside));
+    const std::u16string path = tree_->PathBelow(folder, aside);
+    const host::Status status = folder->drive->RemoveLater(path);
     Facts facts;
-    if (!status.Ok()) {
+    const host::Status after = folder->drive->Look(path, facts);
+    if (!status.Ok() || after.Ok()) {
         journal_.Line(display + ": " + tree_->DisplayBelow(folder, aside) +
-                      " could not be deleted: " + host::StatusName(status));
-        tree_->Show(folder, aside);
-    } else if (folder->drive->Look(tree_->PathBelow(folder, aside), facts) == host::status::kObjectNameNotFound) {
+                      " could not be deleted: " + (status.Ok() ? "see vrkfs events" : host::StatusName(status)));
+    }
+    if (!status.Ok() || after.Ok() || after == host::status::kObjectNameNotFound) {
         tree_->Show(folder, aside);
     }
 }

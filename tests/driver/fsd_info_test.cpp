@@ -27,14 +27,7 @@ class FsdInfo : public FsdTest {
     }
 
     nt::Handle Trusted(const std::u16string& path) {
-        const std::u16string name = u"\\DosDevices\\P:" + path;
-        nt::OpenParameters parameters;
-        parameters.name = name;
-        parameters.desiredAccess = FILE_READ_DATA | FILE_WRITE_DATA | DELETE | SYNCHRONIZE;
-        parameters.options = 0;  // an asynchronous handle's position is the driver's to answer
-        nt::Handle handle = 0;
-        EXPECT_EQ(trusted_->Open(parameters, &handle), STATUS_SUCCESS);
-        return handle;
+        return OpenTrusted(*trusted_, path, FILE_READ_DATA | FILE_WRITE_DATA);
     }
     Answer Query(nt::Handle handle, int informationClass, ULONG length) {
         std::memset(buffer_, 0xEE, sizeof(buffer_));
@@ -100,14 +93,11 @@ class FsdInfoKinds : public FsdInfo {
         FsdInfo::SetUp();
         AddType(u"PIC", 2, 1000);
         Make(u"\\RZV\\VolA\\Empty", host::option::kDirectoryFile);
-        Make(u"\\RZV\\VolA\\Clips\\Shot.RZV");
-        ClipSpec clip;
-        clip.videoSdti = 0;
-        clip.videoFields = {1, 2, 3, 4, 5, 6};
-        const Bytes image = BuildImage(clip, true);
-        ASSERT_TRUE(User().Write(Hold(u"\\RZV\\VolA\\Clips\\Shot.RZV", kReadWrite).Get(), image, 0).status.Ok());
-        const host::ScopedHandle notes(
-            User(), Open(u"\\PIC\\VolA\\Clips\\Shot.RZV\\notes", host::Disposition::kCreate, kReadWrite).handle);
+        const host::ScopedHandle shot = Hold(u"\\RZV\\VolA\\Clips\\Shot.RZV", kReadWrite, host::Disposition::kCreate);
+        const Bytes image = BuildImage({.videoSdti = 0, .videoFields = {1, 2, 3, 4, 5, 6}}, true);
+        ASSERT_TRUE(User().Write(shot.Get(), image, 0).status.Ok());
+        const host::ScopedHandle notes =
+            Hold(u"\\PIC\\VolA\\Clips\\Shot.RZV\\notes", kReadWrite, host::Disposition::kCreate);
         ASSERT_TRUE(User().Write(notes.Get(), Bytes(10), 0).status.Ok());
     }
 };
@@ -120,8 +110,7 @@ TEST_F(FsdInfoKinds, EveryQueryOnEveryKindOfHandle) {
             int informationClass;
             ULONG minimum;
             NTSTATUS status;
-            ULONG_PTR atMinimum;
-            ULONG_PTR returned;
+            ULONG_PTR atMinimum, returned;
         } queries[] = {
             {FileBasicInformation, 40, STATUS_SUCCESS, 40, 40},
             {FileStandardInformation, 24, STATUS_SUCCESS, 24, 24},

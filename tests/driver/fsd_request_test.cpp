@@ -89,14 +89,13 @@ class FsdRequest : public FsdTest {
 TEST_F(FsdRequest, ParametersThatNoProgramCanSendAreRefused) {
     const struct {
         const char16_t* name;
-        ULONG disposition;
-        ULONG eaLength;
+        ULONG disposition, eaLength;
         NTSTATUS status;
     } cases[] = {
         {u"\\RZV", FILE_OPEN, 1, STATUS_INVALID_PARAMETER},
         {u"\\RZV\\VolA\\Clips\\New", 6, 0, STATUS_INVALID_PARAMETER},
         {u"\\RZV\\VolA\\Clips\\New", 255, 0, STATUS_INVALID_PARAMETER},
-        {u"\\RZV\\VolA\\Clips\\Take1", FILE_OPEN, 0, STATUS_SUCCESS},
+        {kTake1, FILE_OPEN, 0, STATUS_SUCCESS},
     };
     for (const auto& test : cases) {
         CraftedOpen open(Disk(), test.name);
@@ -109,7 +108,7 @@ TEST_F(FsdRequest, ParametersThatNoProgramCanSendAreRefused) {
 }
 
 TEST_F(FsdRequest, AWriteThatComesAfterItsHandlesCleanupIsRefused) {
-    CraftedOpen open(Disk(), u"\\RZV\\VolA\\Clips\\Take1");
+    CraftedOpen open(Disk(), kTake1);
     ASSERT_EQ(open.Create(), STATUS_SUCCESS);
     const auto write = [&](ULONG length) {
         return open.Send(IRP_MJ_WRITE, [&](PIO_STACK_LOCATION stack) { stack->Parameters.Write.Length = length; });
@@ -128,12 +127,10 @@ TEST_F(FsdRequest, ABufferThatCannotBeUsedIsRefusedBeforeTheTransfer) {
     auto* const noAccess = static_cast<std::byte*>(memory);
     std::byte* const readOnly = noAccess + kPage;
     const host::ScopedHandle folder = Hold(u"\\RZV\\VolA\\Clips");
-    host::OpenRequest request;
-    request.path = u"P:\\RZV\\VolA\\Clips\\Take1";
-    request.access = kReadWrite;
     for (const bool overlapped : {false, true}) {
-        request.overlapped = overlapped;
-        const host::ScopedHandle file(User(), User().Create(request).handle);
+        const host::OpenResult opened =
+            User().Create({.path = std::u16string(u"P:") + kTake1, .access = kReadWrite, .overlapped = overlapped});
+        const host::ScopedHandle file(User(), opened.handle);
         const auto read = [&](std::byte* buffer, std::size_t length) {
             const std::span<std::byte> span(buffer, length);
             const auto never = [](host::IoResult) { ADD_FAILURE() << "completed after its refusal"; };
@@ -144,7 +141,7 @@ TEST_F(FsdRequest, ABufferThatCannotBeUsedIsRefusedBeforeTheTransfer) {
         EXPECT_EQ(read(readOnly, 512), kRefused);
         EXPECT_EQ(read(noAccess + kPage - 16, 32), kRefused);
     }
-    const host::ScopedHandle file = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
+    const host::ScopedHandle file = Hold(kTake1, kReadWrite);
     EXPECT_EQ(host::StatusName(User().Read(file.Get(), {noAccess, 0}, 0).status), "STATUS_SUCCESS");
     EXPECT_EQ(host::StatusName(User().Write(file.Get(), {noAccess, 512}, 0).status), kRefused);
     EXPECT_NE(host::StatusName(User().Write(file.Get(), {readOnly, 512}, 0).status), kRefused);
@@ -194,7 +191,7 @@ TEST_F(FsdRequest, ATargetFolderIsOpenedUnderTheNameThatItIsToHold) {
         ULONG_PTR information;
         const char16_t* left;
     } cases[] = {
-        {u"\\RZV\\VolA\\Clips\\Take1", STATUS_SUCCESS, FILE_EXISTS, u"Take1"},
+        {kTake1, STATUS_SUCCESS, FILE_EXISTS, u"Take1"},
         {u"\\RZV\\VolA\\Clips\\Next", STATUS_SUCCESS, FILE_DOES_NOT_EXIST, u"Next"},
         {u"\\RZV\\VolA\\Clips\\", STATUS_SUCCESS, FILE_EXISTS, u"Clips"},
         {u"\\RZV\\VolA\\Nowhere\\Next", STATUS_OBJECT_PATH_NOT_FOUND, 0, u"\\RZV\\VolA\\Nowhere\\Next"},
@@ -203,7 +200,7 @@ TEST_F(FsdRequest, ATargetFolderIsOpenedUnderTheNameThatItIsToHold) {
         {u"", STATUS_INVALID_PARAMETER, 0, u""},
     };
     for (const bool openAlready : {false, true}) {
-        const host::ScopedHandle holder = openAlready ? Hold(u"\\RZV\\VolA\\Clips\\Take1") : host::ScopedHandle();
+        const host::ScopedHandle holder = openAlready ? Hold(kTake1) : host::ScopedHandle();
         for (const auto& test : cases) {
             CraftedOpen open(Disk(), test.path);
             EXPECT_EQ(open.Create(FILE_OPEN, 0, SL_OPEN_TARGET_DIRECTORY), test.status) << "case " << (&test - cases);

@@ -10,20 +10,13 @@ namespace share = host::share;
 class FsdShare : public FsdTest {
   protected:
     host::OpenResult OpenAs(const std::u16string& path, std::uint32_t wanted, std::uint32_t shared) {
-        host::OpenRequest request;
-        request.path = u"P:" + path;
-        request.access = wanted;
-        request.shareAccess = shared;
-        return User().Create(request);
+        return User().Create({.path = u"P:" + path, .access = wanted, .shareAccess = shared});
     }
 };
 
 TEST_F(FsdShare, OpensOfOnePathRestrictEachOther) {
     const struct {
-        std::uint32_t firstAccess;
-        std::uint32_t firstShare;
-        std::uint32_t secondAccess;
-        std::uint32_t secondShare;
+        std::uint32_t firstAccess, firstShare, secondAccess, secondShare;
         bool both;
     } cases[] = {
         {access::kReadData, share::kRead, access::kReadData, share::kRead, true},
@@ -39,20 +32,18 @@ TEST_F(FsdShare, OpensOfOnePathRestrictEachOther) {
     };
     for (const char16_t* path : {u"", u"\\", u"\\RZV\\VolA\\Clips", u"\\RZV\\VolA\\Clips\\Take1"}) {
         for (const auto& test : cases) {
-            const host::OpenResult first = OpenAs(path, test.firstAccess, test.firstShare);
-            ASSERT_TRUE(first.status.Ok());
+            host::ScopedHandle first(User(), OpenAs(path, test.firstAccess, test.firstShare).handle);
+            ASSERT_TRUE(first);
             const host::OpenResult second = OpenAs(path, test.secondAccess, test.secondShare);
-            EXPECT_EQ(host::StatusName(second.status), test.both ? "STATUS_SUCCESS" : "STATUS_SHARING_VIOLATION")
+            EXPECT_EQ(host::StatusName(second.status), test.both ? kOk : "STATUS_SHARING_VIOLATION")
                 << std::hex << test.firstAccess << "/" << test.firstShare << " then " << test.secondAccess << "/"
                 << test.secondShare;
-            if (second.status.Ok()) {
-                EXPECT_TRUE(User().Close(second.handle).Ok());
-            }
-            EXPECT_TRUE(User().Close(first.handle).Ok());
+            host::ScopedHandle(User(), second.handle).Reset();
+            first.Reset();
             // Nothing of either is left that could refuse the most demanding open.
-            const host::OpenResult alone = OpenAs(path, access::kReadData | access::kWriteData, share::kNone);
-            EXPECT_EQ(host::StatusName(alone.status), "STATUS_SUCCESS");
-            EXPECT_TRUE(User().Close(alone.handle).Ok());
+            const host::OpenResult alone = OpenAs(path, kReadWrite, share::kNone);
+            EXPECT_EQ(host::StatusName(alone.status), kOk);
+            host::ScopedHandle(User(), alone.handle).Reset();
         }
     }
     ExpectIdle("at the end");

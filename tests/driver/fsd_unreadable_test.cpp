@@ -4,25 +4,18 @@
 namespace tests {
 namespace {
 
-constexpr const char* kOk = "STATUS_SUCCESS";
-constexpr std::uint32_t kReadWriteDelete = kReadWrite | host::access::kDelete;
-
 class FsdUnreadable : public FsdTest {
   protected:
     // Mounts the volumes again while the disk refuses to read the blocks.
     void RemountWithout(ULONG lba, ULONG blocks) {
-        board::Misbehaviour rule;
-        rule.operation = board::Operation::kRead;
-        rule.scsiId = 0;
-        rule.firstLba = lba;
-        rule.lastLba = lba + blocks - 1;
-        Board().Misbehave().Add(rule);
+        Board().Misbehave().Add(
+            {.operation = board::Operation::kRead, .scsiId = 0, .firstLba = lba, .lastLba = lba + blocks - 1});
         EXPECT_EQ(Locked([] { return VrkFsHwFlushVolumeCache(&Card()->Hw, Vcb()); }), STATUS_SUCCESS);
         EXPECT_EQ(Locked([] { return VrkFsHwRebuildVolumeCache(&Card()->Hw, Vcb()); }), STATUS_SUCCESS);
     }
     ULONG RecordLba() {
-        const host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Take1");
-        return Find({u"RZV", u"VolA", u"Clips", u"Take1"})->Common->RecordLba;
+        const host::ScopedHandle handle = Hold(kTake1);
+        return Find(kTake1)->Common->RecordLba;
     }
 };
 
@@ -41,7 +34,7 @@ TEST_F(FsdUnreadable, AFileKeepsItsRecordWhateverIsDoneToItsStandIn) {
 
     // The disk reads again: the real name leads to the real record, while the stand-in is still open.
     Board().Misbehave().Clear();
-    host::ScopedHandle real = Hold(u"\\RZV\\VolA\\Clips\\Take1", kReadWrite);
+    host::ScopedHandle real = Hold(kTake1, kReadWrite);
     handle.Reset();
     real.Reset();
     ExpectIdle("when both are closed");
@@ -77,7 +70,7 @@ TEST_F(FsdUnreadable, AFolderKeepsWhatItHolds) {
     const host::OpenResult inside = Open(standIn + u"\\New", host::Disposition::kCreate, kReadWrite);
     EXPECT_EQ(host::StatusName(inside.status), "STATUS_UNSUCCESSFUL");
     Board().Misbehave().Clear();
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take1"), kOk);
+    EXPECT_EQ(TryOpen(kTake1), kOk);
 }
 
 }  // namespace

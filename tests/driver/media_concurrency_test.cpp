@@ -14,11 +14,8 @@ class MediaConcurrency : public MediaTest {
 
     static host::ScopedHandle OpenFor(host::Process& process, const std::u16string& path, host::Disposition disposition,
                                       std::uint32_t access, std::uint32_t share) {
-        host::OpenRequest request;
-        request.path = u"P:\\RZV\\VOL\\F" + path;
-        request.disposition = disposition;
-        request.access = access;
-        request.shareAccess = share;
+        const host::OpenRequest request{
+            .path = u"P:\\RZV\\VOL\\F" + path, .access = access, .shareAccess = share, .disposition = disposition};
         return {process, process.Create(request).handle};
     }
     static std::u16string NameOf(unsigned number) { return u"\\CLIP" + std::u16string(1, u'0' + number % 3); }
@@ -52,10 +49,8 @@ class MediaConcurrency : public MediaTest {
         }
     }
     static void WatchAndList(host::Process& process) {
-        host::OpenRequest request;
-        request.path = u"P:\\RZV\\VOL\\F";
-        request.options = host::option::kDirectoryFile;
-        request.overlapped = true;
+        const host::OpenRequest request{
+            .path = u"P:\\RZV\\VOL\\F", .options = host::option::kDirectoryFile, .overlapped = true};
         const host::ScopedHandle folder(process, process.Create(request).handle);
         auto buffer = std::make_shared<Bytes>(512);
         (void)process.NotifyChangeDirectory(

@@ -2,6 +2,7 @@
 // the same file can be written properly afterwards. A clip that is written again survives whatever happens to the new
 // one.
 #include <algorithm>
+#include <tuple>
 
 #include "media/media_file.h"
 #include "tests/driver/media_rig.h"
@@ -12,20 +13,13 @@ namespace {
 class MediaHostile : public MediaTest {
   protected:
     // Everything that a refused commit must leave alone.
-    struct State {
-        std::uint64_t freeBlocks;
-        FileEntry onDisk;
-        std::uint64_t size;
-    };
+    using State = std::tuple<std::uint64_t, std::uint64_t, Bytes>;  // free blocks, size, the record on the disk
     State StateOf(const host::ScopedHandle& handle, const std::u16string& name) {
         host::FileFacts facts;
         EXPECT_TRUE(host::QueryFacts(User(), handle.Get(), facts).Ok());
-        return {FreeBlocks(), RawFile(name), facts.size};
-    }
-    void ExpectSame(const State& before, const State& after) {
-        EXPECT_EQ(after.freeBlocks, before.freeBlocks);
-        EXPECT_EQ(std::memcmp(&after.onDisk, &before.onDisk, sizeof(FileEntry)), 0) << "the record on the disk";
-        EXPECT_EQ(after.size, before.size);
+        const FileEntry entry = RawFile(name);
+        const std::span<const std::byte> record = BytesOf(entry);
+        return {FreeBlocks(), facts.size, Bytes(record.begin(), record.end())};
     }
     void ExpectStillWritable(const host::ScopedHandle& handle, const ClipSpec& clip) {
         const Bytes image = BuildImage(clip, true);
@@ -93,7 +87,7 @@ TEST_F(MediaHostile, ImagesThatContradictThemselvesAreRefused) {
             const host::IoResult result = WriteAt(handle, image, 0, image.size());
             EXPECT_EQ(host::StatusName(result.status), "STATUS_FILE_INVALID");
             EXPECT_EQ(result.information, 0u);
-            ExpectSame(before, StateOf(handle, name));
+            EXPECT_EQ(StateOf(handle, name), before);
             ExpectStillWritable(handle, clip);
         }
         const host::ScopedHandle handle = OpenClip(name);
@@ -108,76 +102,54 @@ TEST_F(MediaHostile, AnAlphaStreamWithoutFramesIsNotKept) {
     Bytes image = BuildImage(clip, true);
     Poke(image, 360, 0, 4);                 // alpha frames
     Poke(image, 400 + 512, 0xFFFFFFFF, 4);  // its table is not looked at
+    const std::uint64_t before = FreeBlocks();
     {
         const host::ScopedHandle handle = OpenClip(u"a.RZV", host::Disposition::kCreate);
-        const std::uint64_t before = FreeBlocks();
         ASSERT_TRUE(WriteAt(handle, image, 0, HeaderBytes(clip) + 16).status.Ok());
-        std::uint32_t sums[2] = {};
-        for (std::uint32_t field = 0; field < clip.videoFields.size(); ++field) {
-            sums[field % 2] += clip.videoFields[field];
-        }
-        EXPECT_EQ(FreeBlocks(), before - std::max(sums[0], sums[1]) - 1);
         // The fields are all video: nothing is interleaved.
         clip.alpha = clip.interleaved = false;
         const Bytes plain = BuildImage(clip, true);
-        const Bytes data(plain.begin() + static_cast<std::ptrdiff_t>(HeaderBytes(clip)) + 16, plain.end());
-        const host::IoResult result = User().Write(handle.Get(), data, 2 * 512 + 400 + 16);
+        const host::IoResult result =
+            User().Write(handle.Get(), Part(plain, HeaderBytes(clip) + 16), 2 * 512 + 400 + 16);
         EXPECT_EQ(host::StatusName(result.status), "STATUS_SUCCESS");
     }
     const FileEntry entry = RawFile(u"a.RZV");
     EXPECT_EQ(entry.Flags & kFileHasAlpha, 0u);
+    EXPECT_EQ(FreeBlocks(), before - entry.DataBlockCount - 2 - 1) << "data, record and a table";
     EXPECT_EQ(entry.AlphaDataStartLba + entry.AlphaDataBlockCount + entry.AlphaBodyTableLba, 0u);
     ExpectFieldsOnDisk(clip, 0, entry.DataStartLba, entry.DataBlockCount);
 }
 
 TEST_F(MediaHostile, AFullVolumeGivesEverythingBack) {
     StartVolume(1);
-    ClipSpec filler;
-    filler.frames = 1;
-    const std::uint32_t space = static_cast<std::uint32_t>(FreeBlocks());
-    filler.videoFields = {space / 2, 0};
-    PutClip(u"filler.RZV", filler);
+    PutClip(u"filler.RZV", {.frames = 1, .videoFields = {static_cast<std::uint32_t>(FreeBlocks()) / 2, 0}});
     const std::uint32_t left = static_cast<std::uint32_t>(FreeBlocks());
     struct {
         const char* what;
         std::uint32_t video, alpha;
-        bool withAlpha;
     } const cases[] = {
-        {"video", left, 0, false},
-        {"table", left - 2, 0, false},  // the record of the new file takes 2
-        {"alpha", left / 2, left / 2 + 1, true},
-        {"more than any disk", 60000, 60000, true},
+        {"video", left, 0},
+        {"table", left - 2, 0},  // the record of the new file takes 2
+        {"alpha", left / 2, left / 2 + 1},
+        {"more than any disk", 60000, 60000},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.what);
-        ClipSpec clip;
-        clip.frames = 1;
-        clip.alpha = test.withAlpha;
-        clip.videoFields = {test.video, 0};
-        clip.alphaFields = {test.alpha, 0};
-        if (!test.withAlpha) {
-            clip.alphaFields.clear();
-        }
-        ImageWriter header;
-        const Bytes whole =
-            BuildImage({.frames = 1, .alpha = clip.alpha, .videoFields = {0, 0}, .alphaFields = {0, 0}}, true);
-        header.Append(Bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(HeaderBytes(clip))));
-        const std::size_t table = clip.alpha ? 384 : 344;
-        Poke(header.bytes, table, test.video, 2);
-        if (clip.alpha) {
-            Poke(header.bytes, table + 512 + 16, test.alpha, 2);
+        const bool alpha = test.alpha != 0;
+        const ClipSpec clip{.frames = 1, .alpha = alpha, .videoFields = {0, 0}, .alphaFields = {0, 0}};
+        Bytes header = BuildImage(clip, true);
+        header.resize(HeaderBytes(clip));
+        Poke(header, alpha ? 384 : 344, test.video, 2);
+        if (alpha) {
+            Poke(header, 400 + 512, test.alpha, 2);
         }
         const host::ScopedHandle handle = OpenClip(u"new.RZV", host::Disposition::kOpenIf);
         const State before = StateOf(handle, u"new.RZV");
-        const host::IoResult result = WriteAt(handle, header.bytes, 0, header.bytes.size());
+        const host::IoResult result = WriteAt(handle, header, 0, header.size());
         EXPECT_EQ(host::StatusName(result.status), "STATUS_DISK_FULL");
-        ExpectSame(before, StateOf(handle, u"new.RZV"));
+        EXPECT_EQ(StateOf(handle, u"new.RZV"), before);
     }
-    ClipSpec fits;
-    fits.frames = 2;
-    fits.videoFields = {1, 2, 3, 4};
-    const host::ScopedHandle handle = OpenClip(u"new.RZV");
-    ExpectStillWritable(handle, fits);
+    ExpectStillWritable(OpenClip(u"new.RZV"), {.frames = 2, .videoFields = {1, 2, 3, 4}});
 }
 
 // A clip is written over an old one, and the board fails in one place after the other.
@@ -191,23 +163,21 @@ TEST_F(MediaHostile, AFailedSecondCommitLeavesTheOldClip) {
     const std::uint32_t recordLba = RawRecord<DirEntry>(kLastLba - 4607).FileTable[0];
     Card()->ScsiPrefs = {0, 0};
     host::ScopedHandle handle = OpenClip(u"a.RZV");
-    for (const std::uint64_t point : {0, 1, 2, 3}) {  // the two tables; the record, torn once and for ever
-        SCOPED_TRACE(point);
+    constexpr auto kWrite = board::Operation::kWrite;
+    const board::Misbehaviour points[] = {
+        {.operation = kWrite, .scsiId = {}},  // the two tables; the record, torn once and for ever
+        {.operation = kWrite, .scsiId = {}, .skip = 1},
+        {board::Wrong::kTearFail, kWrite, {}, recordLba, recordLba, 0, 1, STATUS_IO_DEVICE_ERROR, 1},
+        {.operation = kWrite, .scsiId = {}, .firstLba = recordLba, .lastLba = recordLba},
+    };
+    for (const board::Misbehaviour& point : points) {
+        SCOPED_TRACE(&point - points);
         const State before = StateOf(handle, u"a.RZV");
-        board::Misbehaviour rule;
-        rule.what = point == 2 ? board::Wrong::kTearFail : board::Wrong::kFail;
-        rule.operation = board::Operation::kWrite;
-        rule.skip = point < 2 ? point : 0;
-        rule.count = point == 2 ? 1 : 100;
-        rule.blocks = 1;
-        if (point >= 2) {
-            rule.firstLba = rule.lastLba = recordLba;
-        }
-        Board().Misbehave().Add(rule);
+        Board().Misbehave().Add(point);
         const host::IoResult result = WriteAt(handle, image, 0, HeaderBytes(fresh));
         Board().Misbehave().Clear();
         EXPECT_FALSE(result.status.Ok());
-        ExpectSame(before, StateOf(handle, u"a.RZV"));
+        EXPECT_EQ(StateOf(handle, u"a.RZV"), before);
         EXPECT_TRUE(ReadRange(handle, 0, BuildImage(old, false).size()) == BuildImage(old, false));
     }
     ExpectStillWritable(handle, fresh);
@@ -242,8 +212,7 @@ TEST_F(MediaHostile, PowerGoesWhileAClipIsWrittenAgain) {
             static_cast<void>(WriteAt(handle, image, 0, image.size()));
             ClipSpec other = beside;
             other.seed = 99;
-            const host::OpenResult third = Open(u"\\RZV\\VOL\\F\\c.RZV", host::Disposition::kCreate,
-                                                host::access::kReadData | host::access::kWriteData);
+            const host::OpenResult third = Open(u"\\RZV\\VOL\\F\\c.RZV", host::Disposition::kCreate, kReadWrite);
             const host::ScopedHandle created(User(), third.handle);
             const Bytes bytes = BuildImage(other, true);
             if (third.status.Ok()) {
@@ -264,8 +233,7 @@ TEST_F(MediaHostile, PowerGoesWhileAClipIsWrittenAgain) {
             EXPECT_TRUE(ReadRange(handle, 0, oldImage.size()) == oldImage);
             ++sawOld;
         } else {
-            EXPECT_TRUE(ReadRange(handle, 0, HeaderBytes(fresh)) ==
-                        Bytes(newImage.begin(), newImage.begin() + static_cast<std::ptrdiff_t>(HeaderBytes(fresh))));
+            EXPECT_TRUE(ReadRange(handle, 0, HeaderBytes(fresh)) == Part(newImage, 0, HeaderBytes(fresh)));
             ++sawNew;
         }
     }

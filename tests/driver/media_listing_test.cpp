@@ -39,11 +39,11 @@ Value At(std::span<const std::byte> bytes, std::size_t offset) {
 // Walks a buffer by its own offsets, which must be multiples of 8 and end with 0.
 std::vector<Listed> Unpack(std::uint32_t informationClass, std::span<const std::byte> bytes) {
     std::vector<Listed> entries;
-    std::size_t at = 0;
-    while (!bytes.empty()) {
+    std::uint32_t next = 1;
+    for (std::size_t at = 0; next != 0 && at < bytes.size(); at += next) {
         Listed entry;
         EXPECT_EQ(at % 8, 0u);
-        const std::uint32_t next = At<std::uint32_t>(bytes, at);
+        next = At<std::uint32_t>(bytes, at);
         entry.index = At<std::uint32_t>(bytes, at + 4);
         if (informationClass == kNames) {
             entry.nameLength = At<std::uint32_t>(bytes, at + 8);
@@ -62,14 +62,9 @@ std::vector<Listed> Unpack(std::uint32_t informationClass, std::span<const std::
         entries.push_back(entry);
         if (next == 0) {
             EXPECT_EQ(name + nameBytes, bytes.size()) << "the length told is that of what is stored";
-            break;
-        }
-        at += next;
-        EXPECT_LT(at, bytes.size());
-        if (at >= bytes.size()) {
-            break;
         }
     }
+    EXPECT_TRUE(next == 0 || bytes.empty()) << "the last entry leads beyond the buffer";
     return entries;
 }
 
@@ -109,12 +104,11 @@ class MediaListing : public MediaTest {
 
 TEST_F(MediaListing, EveryLevelListsItsKind) {
     AddType(u"XYZ", 2, 1000, 2000);
-    ClipSpec clip;
-    clip.videoSdti = 3;
-    clip.videoFields = {1, 2, 3, 4, 5, 6};
+    const ClipSpec clip{.videoSdti = 3, .videoFields = {1, 2, 3, 4, 5, 6}};
     PutClip(u"Clip.RZV", clip);
     const std::uint64_t size = BuildImage(clip, false).size();
-    const host::ScopedHandle note(User(), Open(u"\\XYZ\\VOL\\F\\Clip.RZV\\note", host::Disposition::kCreate).handle);
+    const std::u16string clipFolder = u"\\XYZ\\VOL\\F\\Clip.RZV";
+    Make(clipFolder + u"\\note");
     const struct {
         std::u16string path;
         std::vector<std::u16string> names;
@@ -126,10 +120,7 @@ TEST_F(MediaListing, EveryLevelListsItsKind) {
         {u"\\RZV\\VOL", {u"F"}, {0}, 0x90},
         {u"\\RZV\\VOL\\F", {u"Clip.RZV"}, {size}, 0x80},
         {u"\\XYZ\\VOL\\F", {u"Clip.RZV"}, {size}, 0x90},
-        {u"\\XYZ\\VOL\\F\\Clip.RZV",
-         {u"Clip0000.XYZ", u"Clip0001.XYZ", u"Clip0002.XYZ", u"note"},
-         {2000, 2000, 2000, 0},
-         0x80},
+        {clipFolder, {u"Clip0000.XYZ", u"Clip0001.XYZ", u"Clip0002.XYZ", u"note"}, {2000, 2000, 2000, 0}, 0x80},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(std::string(test.path.begin(), test.path.end()));
@@ -155,8 +146,7 @@ TEST_F(MediaListing, PackingAndGoingOn) {
         EXPECT_TRUE(OpenClip(names.back(), host::Disposition::kCreate));
     }
     for (const std::uint32_t informationClass : {kDirectory, kFull, kBoth, kNames}) {
-        for (const std::size_t bufferBytes :
-             {std::size_t{156}, std::size_t{160}, std::size_t{333}, std::size_t{4096}}) {
+        for (const std::size_t bufferBytes : {156, 160, 333, 4096}) {
             SCOPED_TRACE(testing::Message() << "class " << informationClass << " buffer " << bufferBytes);
             const host::ScopedHandle folder = Hold(u"\\RZV\\VOL\\F");
             EXPECT_TRUE(NamesOf(ListAll(folder, informationClass, std::nullopt, bufferBytes)) == names);

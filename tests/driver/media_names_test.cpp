@@ -117,8 +117,7 @@ TEST_F(MediaNames, LookingANameUpFindsWhatBuildingEveryNameFinds) {
 
 TEST(MediaParameters, EachFieldIsChecked) {
     struct Change {
-        std::size_t offset;
-        std::size_t size;
+        std::size_t offset, size;
         std::uint32_t value;
         bool valid;
     } const changes[] = {

@@ -51,8 +51,7 @@ TEST_F(MediaRam, WritesGrowTheFileUpToItsMaximum) {
         ULONGLONG offset;
         ULONG count;
         NTSTATUS status;
-        ULONG moved;
-        ULONG allocation;
+        ULONG moved, allocation;
         ULONGLONG end;
     } const cases[] = {
         {0, 10, STATUS_SUCCESS, 10, 65536, 10},
@@ -65,15 +64,14 @@ TEST_F(MediaRam, WritesGrowTheFileUpToItsMaximum) {
         {5, 3, STATUS_SUCCESS, 3, kMaximum, kMaximum},
     };
     RamFile* file = Make(u"\\XYZ\\V\\F\\C", u"notes");
-    const std::string data(100, 'x');
+    const std::vector<UCHAR> data(100, 'x');
     for (const auto& test : cases) {
+        SCOPED_TRACE(test.offset);
         ULONG count = test.count;
-        EXPECT_EQ(VrkFsVFWriteFile(file, reinterpret_cast<const UCHAR*>(data.data()), test.offset, &count, kMaximum),
-                  test.status)
-            << test.offset;
-        EXPECT_EQ(count, test.moved) << test.offset;
-        EXPECT_EQ(file->Allocation, test.allocation) << test.offset;
-        EXPECT_EQ(file->EndOfFile, test.end) << test.offset;
+        EXPECT_EQ(VrkFsVFWriteFile(file, data.data(), test.offset, &count, kMaximum), test.status);
+        EXPECT_EQ(count, test.moved);
+        EXPECT_EQ(file->Allocation, test.allocation);
+        EXPECT_EQ(file->EndOfFile, test.end);
     }
     EXPECT_EQ(Read(file, 65629, 3), std::string("x\0\0", 3));
     EXPECT_EQ(Read(file, kMaximum - 1, 5), "x");
@@ -85,8 +83,7 @@ TEST_F(MediaRam, SizesSetFromOutside) {
     struct {
         What what;
         ULONGLONG value;  // or offset of a write of four bytes
-        ULONG maximum;
-        ULONG allocation;
+        ULONG maximum, allocation;
         ULONGLONG end;
     } const steps[] = {
         {kEnd, 5000000, 2097152, 2097152, 2097152},
@@ -104,25 +101,20 @@ TEST_F(MediaRam, SizesSetFromOutside) {
         {kAllocation, ~0ull, 70000, 70000, 1000},
     };
     RamFile* file = Make(u"\\XYZ\\V\\F\\C", u"notes");
+    const UCHAR bytes[] = {'a', 'b', 'c', 'd'};
     for (const auto& step : steps) {
+        SCOPED_TRACE(&step - steps);
         ULONG count = 4;
-        NTSTATUS status = STATUS_SUCCESS;
-        if (step.what == kAllocation) {
-            status = VrkFsVFSetFileAllocation(file, step.maximum, step.value);
-        } else if (step.what == kEnd) {
-            status = VrkFsVFSetEndOfFile(file, step.maximum, step.value);
-        } else {
-            const UCHAR bytes[] = {'a', 'b', 'c', 'd'};
-            status = VrkFsVFWriteFile(file, bytes, step.value, &count, step.maximum);
-        }
-        EXPECT_EQ(status, count == 0 ? STATUS_END_OF_FILE : STATUS_SUCCESS) << &step - steps;
-        EXPECT_EQ(file->Allocation, step.allocation) << &step - steps;
-        EXPECT_EQ(file->EndOfFile, step.end) << &step - steps;
+        const NTSTATUS status = step.what == kAllocation ? VrkFsVFSetFileAllocation(file, step.maximum, step.value)
+                                : step.what == kEnd      ? VrkFsVFSetEndOfFile(file, step.maximum, step.value)
+                                                    : VrkFsVFWriteFile(file, bytes, step.value, &count, step.maximum);
+        EXPECT_EQ(status, count == 0 ? STATUS_END_OF_FILE : STATUS_SUCCESS);
+        EXPECT_EQ(file->Allocation, step.allocation);
+        EXPECT_EQ(file->EndOfFile, step.end);
         // What was never written, or was cut off, reads as zero.
         const std::string all = Read(file, 0, static_cast<ULONG>(file->EndOfFile));
         EXPECT_EQ(std::count(all.begin(), all.end(), '\0') + (step.what == kWrite && count == 4 ? 4 : 0),
-                  static_cast<std::ptrdiff_t>(all.size()))
-            << &step - steps;
+                  static_cast<std::ptrdiff_t>(all.size()));
     }
 }
 

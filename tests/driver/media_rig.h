@@ -29,9 +29,17 @@ struct ClipSpec {
     std::uint32_t videoSdti = 1;
     std::uint32_t alphaSdti = 1;
     std::uint64_t seed = 1;
-    std::vector<std::uint32_t> videoFields;  // sectors, 2 * frames of them
-    std::vector<std::uint32_t> alphaFields;
+    std::vector<std::uint32_t> videoFields = {};  // sectors, 2 * frames of them
+    std::vector<std::uint32_t> alphaFields = {};
+
+    const std::vector<std::uint32_t>& Fields(bool ofAlpha) const { return ofAlpha ? alphaFields : videoFields; }
 };
+
+// The bytes from one place on, up to another or the end.
+inline Bytes Part(const Bytes& bytes, std::uint64_t from, std::uint64_t to = ~std::uint64_t{0}) {
+    return Bytes(bytes.begin() + static_cast<std::ptrdiff_t>(from),
+                 bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(to, bytes.size())));
+}
 
 // Content of a field that no other field of any other clip has.
 inline Bytes FieldBytes(std::uint64_t seed, std::uint32_t stream, std::uint32_t field, std::uint32_t sectors) {
@@ -97,19 +105,16 @@ inline std::size_t HeaderBytes(const ClipSpec& clip) {
 
 inline void PutParameters(ImageWriter& image, const ClipSpec& clip, bool alpha, bool asWritten) {
     image.Chunk(40, 0, alpha ? 1 : 0);
-    image.Put16(720);
-    image.Put16(clip.is625 ? 576 : 486);
-    image.Put16(8);
-    image.Put16(4);
-    image.Put16(3);
-    image.Put16(clip.is625 ? 25 : 30);
+    for (const std::uint32_t value : {720, clip.is625 ? 576 : 486, 8, 4, 3, clip.is625 ? 25 : 30}) {
+        image.Put16(value);
+    }
     image.Put32(alpha ? clip.alphaSdti : clip.videoSdti);
     image.Put32(clip.frames);
     image.Put32((alpha ? 2u : 0u) | (clip.is625 ? 0u : 4u) | (alpha && asWritten && clip.interleaved ? 8u : 0u));
 }
 
 inline void PutTable(ImageWriter& image, const ClipSpec& clip, bool alpha) {
-    const std::vector<std::uint32_t>& fields = alpha ? clip.alphaFields : clip.videoFields;
+    const std::vector<std::uint32_t>& fields = clip.Fields(alpha);
     image.Chunk(TableBytes(clip.frames) + 16, 2, alpha ? 1 : 0);
     for (const std::uint32_t sectors : fields) {
         image.Put16(sectors / 3);
@@ -119,7 +124,7 @@ inline void PutTable(ImageWriter& image, const ClipSpec& clip, bool alpha) {
 }
 
 inline void PutField(ImageWriter& image, const ClipSpec& clip, std::uint32_t stream, std::uint32_t field) {
-    image.Append(FieldBytes(clip.seed, stream, field, (stream == 0 ? clip.videoFields : clip.alphaFields)[field]));
+    image.Append(FieldBytes(clip.seed, stream, field, clip.Fields(stream != 0)[field]));
 }
 
 // The image as an application writes it (interleaved if the clip says so), or as it is read back.
@@ -168,26 +173,18 @@ class MediaTest : public DriverTest {
     void StartVolume(std::uint32_t disks, const host::MachineOptions& options = {}) {
         MakeStation(disks, std::uint64_t{kDiskBlocks} * 512);
         ids_.clear();
-        for (std::uint32_t id = 0; ids_.size() < disks; ++id) {
-            if (id != 7) {
-                ids_.push_back(id);
-            }
+        for (std::uint32_t position = 0; position < disks; ++position) {
+            ids_.push_back(position < 7 ? position : position + 1);
+            Put(ids_.back(), 0, MakeVolumeEntry(u"VOL", disks, position));
         }
-        PutVolumeEntries();
         Start(options);
-        const host::OpenResult folder =
-            Open(u"\\RZV\\VOL\\F", host::Disposition::kCreate, host::access::kReadData, host::option::kDirectoryFile);
-        ASSERT_EQ(host::StatusName(folder.status), "STATUS_SUCCESS");
-        EXPECT_TRUE(User().Close(folder.handle).Ok());
+        Make(u"\\RZV\\VOL\\F", host::option::kDirectoryFile);
     }
 
     host::ScopedHandle OpenClip(const std::u16string& name, host::Disposition disposition = host::Disposition::kOpen,
                                 const std::u16string& type = u"RZV") {
-        const host::OpenResult opened = Open(
-            u"\\" + type + u"\\VOL\\F\\" + name, disposition,
-            host::access::kReadData | host::access::kWriteData | host::access::kReadAttributes | host::access::kDelete);
-        EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS");
-        return {User(), opened.handle};
+        return Hold(u"\\" + type + u"\\VOL\\F\\" + name,
+                    kReadWrite | host::access::kReadAttributes | host::access::kDelete, disposition);
     }
     host::IoResult WriteAt(const host::ScopedHandle& handle, const Bytes& bytes, std::uint64_t from, std::uint64_t to) {
         return User().Write(handle.Get(), std::span(bytes).subspan(from, to - from), from);
@@ -231,10 +228,7 @@ class MediaTest : public DriverTest {
     }
     template <typename Record>
     Record RawRecord(std::uint32_t lba) {
-        const Bytes bytes = RawBlocks(0, lba, sizeof(Record) / 512);
-        Record record;
-        std::memcpy(&record, bytes.data(), sizeof(record));
-        return record;
+        return Get<Record>(ids_[0], lba);
     }
     // The file's record as it lies on the disk.
     FileEntry RawFile(const std::u16string& name) {
@@ -253,7 +247,7 @@ class MediaTest : public DriverTest {
     // Every field where the rule puts it: on its disk in turn, behind the one before it on that disk.
     void ExpectFieldsOnDisk(const ClipSpec& clip, std::uint32_t stream, std::uint32_t startLba, std::uint32_t blocks) {
         std::vector<std::uint32_t> next(ids_.size(), startLba);
-        const std::vector<std::uint32_t>& fields = stream == 0 ? clip.videoFields : clip.alphaFields;
+        const std::vector<std::uint32_t>& fields = clip.Fields(stream != 0);
         for (std::uint32_t field = 0; field < fields.size(); ++field) {
             std::uint32_t& lba = next[field % ids_.size()];
             ASSERT_LE(lba + fields[field], startLba + blocks);
@@ -266,22 +260,6 @@ class MediaTest : public DriverTest {
     }
 
     std::vector<std::uint32_t> ids_;  // by position
-
-  private:
-    // Written from outside, so that volumes have any number of disks.
-    void PutVolumeEntries() {
-        for (std::uint32_t position = 0; position < ids_.size(); ++position) {
-            VolumeEntry entry{};
-            entry.Magic = kVolumeEntryMagic;
-            entry.Version = kVolumeEntryVersion;
-            entry.CreationTime = 0x01C0000000000000;
-            entry.DeviceCount = static_cast<ULONG>(ids_.size());
-            entry.Position = position;
-            std::memcpy(entry.Name, u"VOL", 6);
-            entry.Checksum = VrkFsHwCalcVolumeChecksum(&entry);
-            ASSERT_TRUE(OpenImage(ids_[position]).Write(0, 2, &entry));
-        }
-    }
 };
 
 }  // namespace tests

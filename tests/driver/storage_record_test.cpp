@@ -7,7 +7,6 @@
 namespace tests {
 namespace {
 
-using board::Misbehaviour;
 using board::Operation;
 using board::Wrong;
 
@@ -38,13 +37,14 @@ class Storage : public DriverRig {
     std::uint64_t Writes() { return BoardOf(0).Count().Of(Operation::kWrite); }
     // At this record: skip so many fitting requests, then go wrong for so many.
     void GoWrong(Operation operation, Wrong what, std::uint64_t count, std::uint64_t skip = 0) {
-        Misbehaviour rule;
-        rule.what = what;
-        rule.operation = operation;
-        rule.scsiId = kId;
-        rule.skip = skip;
-        rule.count = count;
-        BoardOf(0).Misbehave().Add(rule);
+        BoardOf(0).Misbehave().Add({.what = what, .operation = operation, .scsiId = kId, .skip = skip, .count = count});
+    }
+    std::string Logged() {
+        std::string text;
+        for (const std::string& event : Events()) {
+            text += (text.empty() ? "" : ", ") + event;
+        }
+        return text;
     }
     static FileEntry GoodFile() {
         FileEntry entry{};
@@ -69,10 +69,10 @@ TEST_F(Storage, RecordReadsRepeatTestReportAndSubstitute) {
         std::uint64_t boardErrors;  // so many reads fail first ...
         std::uint64_t badContents;  // ... and then so many deliver flipped bits
         std::uint64_t attempts;
-        const char* event;  // null: none
+        const char* events;
         bool substituted;
     } cases[] = {
-        {"good at once", 4, 0, 0, 1, nullptr, false},
+        {"good at once", 4, 0, 0, 1, "", false},
         {"second attempt", 4, 1, 0, 2, "80050005 read 3 2048 FileEntry 0", false},
         {"last attempt", 4, 4, 0, 5, "80050005 read 3 2048 FileEntry 3", false},
         {"never", 4, kAlways, 0, 5, "C0050006 read 3 2048 FileEntry 4", true},
@@ -98,7 +98,7 @@ TEST_F(Storage, RecordReadsRepeatTestReportAndSubstitute) {
         EXPECT_EQ(VrkFsHwSCSIReadEx(Hw(), kId, kLba, 2, &entry, 0, kHwRecordFileEntry, FALSE, &substituted),
                   STATUS_SUCCESS);
         EXPECT_EQ(Reads(), c.attempts);
-        EXPECT_EQ(Events(), c.event != nullptr ? std::vector<std::string>{c.event} : std::vector<std::string>{});
+        EXPECT_EQ(Logged(), c.events);
         EXPECT_EQ(substituted, c.substituted ? TRUE : FALSE);
         if (c.substituted) {
             EXPECT_EQ(NameOf(entry), u"BAD_FILE_2048");
@@ -114,14 +114,13 @@ TEST_F(Storage, RecordWritesAreReadBackAndRepeated) {
     const struct {
         const char* what;
         ULONG retries, verify;
-        std::uint64_t failedWrites, flippedWrites, failedReads;
-        std::uint64_t writes, reads;
+        std::uint64_t failedWrites, flippedWrites, failedReads, writes, reads;
         NTSTATUS status;
-        const char* event;
+        const char* events;
     } cases[] = {
-        {"without read-back", 4, 0, 0, 0, 0, 1, 0, STATUS_SUCCESS, nullptr},
-        {"without read-back there is no retry", 4, 0, kAlways, 0, 0, 1, 0, STATUS_IO_DEVICE_ERROR, nullptr},
-        {"with read-back", 4, 1, 0, 0, 0, 1, 1, STATUS_SUCCESS, nullptr},
+        {"without read-back", 4, 0, 0, 0, 0, 1, 0, STATUS_SUCCESS, ""},
+        {"without read-back there is no retry", 4, 0, kAlways, 0, 0, 1, 0, STATUS_IO_DEVICE_ERROR, ""},
+        {"with read-back", 4, 1, 0, 0, 0, 1, 1, STATUS_SUCCESS, ""},
         {"write fails once", 4, 1, 1, 0, 0, 2, 1, STATUS_SUCCESS, "80050005 write 3 2048 FileEntry 0"},
         {"write fails always", 4, 1, kAlways, 0, 0, 5, 0, STATUS_IO_DEVICE_ERROR, "C0050006 write 3 2048 FileEntry 4"},
         {"differs twice", 4, 7, 0, 2, 0, 3, 3, STATUS_SUCCESS, "80050009 3 2048 FileEntry 1 [40]"},
@@ -142,7 +141,7 @@ TEST_F(Storage, RecordWritesAreReadBackAndRepeated) {
         EXPECT_EQ(VrkFsHwSCSIWriteEx(Hw(), kId, kLba, 2, &entry, 0, kHwRecordFileEntry), c.status);
         EXPECT_EQ(Writes(), c.writes);
         EXPECT_EQ(Reads(), c.reads);
-        EXPECT_EQ(Events(), c.event != nullptr ? std::vector<std::string>{c.event} : std::vector<std::string>{});
+        EXPECT_EQ(Logged(), c.events);
     }
 }
 
@@ -185,9 +184,7 @@ TEST_F(Storage, ImpossibleTransfersNeverReachTheBoard) {
     // The last block of the address space can be asked for; this disk does not have it.
     EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 0xFFFFFFFF, 1, block, 0), STATUS_IO_DEVICE_ERROR);
     // A board that says "timed out" has failed.
-    Misbehaviour rule;
-    rule.status = STATUS_TIMEOUT;
-    BoardOf(0).Misbehave().Add(rule);
+    BoardOf(0).Misbehave().Add({.operation = {}, .scsiId = {}, .status = STATUS_TIMEOUT});
     EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 0, 1, block, 0), STATUS_DEVICE_CONFIGURATION_ERROR);
     EXPECT_EQ(VrkFsHwAcquireSCSI(Hw()), STATUS_DEVICE_CONFIGURATION_ERROR);
 }

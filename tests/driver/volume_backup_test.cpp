@@ -53,8 +53,7 @@ class VolumeBackup : public VolumeTest {
     }
     // How many of the bytes of the two blocks at lba are the backup's; the others must be 0.
     ULONG RecoveredBytes(ULONG lba) {
-        std::array<UCHAR, 1024> bytes{};
-        EXPECT_TRUE(OpenImage(0).Read(lba, 2, bytes.data()));
+        const auto bytes = Get<std::array<UCHAR, 1024>>(0, lba);
         ULONG count = 0;
         while (count < bytes.size() && bytes[count] == count % 251 + 1) {
             ++count;
@@ -73,8 +72,7 @@ TEST_F(VolumeBackup, WhatIsWrittenBack) {
         ULONG entries;
         UCHAR stream;
         std::size_t bytes;
-        ULONG video;
-        ULONG alpha;
+        ULONG video, alpha;
     } cases[] = {
         {"the video table", u"P:\\RZV\\V\\F\\X", 200, 0, 800, 800, 0},
         {"the alpha table", u"P:\\RZV\\V\\F\\X", 200, 9, 1024, 0, 1024},
@@ -112,9 +110,7 @@ TEST_F(VolumeBackup, WhoGetsItAndWhere) {
     Start();
     EXPECT_FALSE(std::filesystem::exists(BackupFile()));
     Stop();
-    Block first{};
-    EXPECT_TRUE(OpenImage(1).Read(kTable, 1, first.data()));
-    EXPECT_EQ(first, Block{});
+    EXPECT_EQ(Get<Block>(1, kTable), Block{});
 
     PutFolder(0, 1, MakeFolder(u"later", {{0, 5002}}));
     Put(0, 5002, MakePlainFile(u"rival", kTable + 1, 1));

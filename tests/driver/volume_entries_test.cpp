@@ -12,7 +12,11 @@ class VolumeEntries : public VolumeTest {
         Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
     }
     // Records as they lie on the disk of the running machine.
-    DirEntry FolderOnDisk(ULONG slot) { return OnDisk<DirEntry>(FolderLba(slot)); }
+    DirEntry FolderOnDisk(ULONG slot) { return Get<DirEntry>(0, FolderLba(slot)); }
+    void FailWrites(ULONG firstLba, ULONG lastLba, std::uint64_t skip, std::uint64_t count, board::Wrong what) {
+        const auto operation = board::Operation::kWrite;
+        Board().Misbehave().Add({what, operation, {}, firstLba, lastLba, skip, count, STATUS_IO_DEVICE_ERROR, 1});
+    }
 
     static NTSTATUS Rename(OpenedFolder& folder, FileEntry& image, ULONG slot, const std::u16string& name) {
         const UNICODE_STRING counted = CountedName(name);
@@ -36,14 +40,6 @@ class VolumeEntries : public VolumeTest {
         EXPECT_EQ(disk.Checksum, VrkFsHwCalcFolderChecksum(&disk));
         EXPECT_EQ(ListFiles(folder), ListFiles(again));
         return ListFolders() + " / " + ListFiles(folder) + " / " + std::to_string(FreeBlocks());
-    }
-
-  private:
-    template <typename Record>
-    Record OnDisk(ULONG lba) {
-        Record record{};
-        EXPECT_TRUE(Board().DiskAt(0)->Read(lba, sizeof(Record) / 512, &record));
-        return record;
     }
 };
 
@@ -112,7 +108,7 @@ TEST_F(VolumeEntries, MoveFromAFolderThatCannotBeWritten) {
     OpenFolder(target, 1);
     FileEntry image = ReadFile(source, 0);
     ULONG slot = 0;
-    FailWrites(FolderLba(0), FolderLba(0) + 17, 0, 2);
+    FailWrites(FolderLba(0), FolderLba(0) + 17, 0, 2, board::Wrong::kFail);
     EXPECT_FALSE(NT_SUCCESS(Move(target, source, image, slot, u"clip")));
     EXPECT_EQ(ListFiles(source) + "/" + ListFiles(target), "0:clip/");
     EXPECT_EQ(FolderOnDisk(1).FileTable[0], 2000u);
@@ -156,8 +152,7 @@ TEST_F(VolumeEntries, WhatIsNeverWritten) {
     DirEntry standInFolder{};
     standInFolder.Magic = kDirEntryMagic;
     standInFolder.InUse = 1;
-    const std::u16string text = u"n";
-    const UNICODE_STRING name = CountedName(text);
+    const UNICODE_STRING name = CountedName(u"n");
     EXPECT_EQ(Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &standInFolder, 0); }),
               STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Locked([&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &standInFolder, 0, &name); }),
@@ -180,8 +175,7 @@ TEST_F(VolumeEntries, AFailedWriteChangesNothing) {
     ASSERT_EQ(CreateFile(folder, u"good", image, slot), STATUS_SUCCESS);
     ASSERT_EQ(CreateFile(folder, u"victim", victim, victimSlot), STATUS_SUCCESS);
     OpenedFolder made;
-    const std::u16string text = u"Renamed";
-    const UNICODE_STRING name = CountedName(text);
+    const UNICODE_STRING name = CountedName(u"Renamed");
     const struct {
         const char* what;
         std::uint64_t writes;
@@ -201,7 +195,7 @@ TEST_F(VolumeEntries, AFailedWriteChangesNothing) {
     for (const auto& change : changes) {
         for (std::uint64_t n = 0; n < change.writes; ++n) {
             SCOPED_TRACE(testing::Message() << change.what << ", write " << n);
-            FailWrites(0, 0xFFFFFFFF, n, 1, board::Wrong::kTearFail, 1);
+            FailWrites(0, 0xFFFFFFFF, n, 1, board::Wrong::kTearFail);
             EXPECT_FALSE(NT_SUCCESS(change.change()));
             Board().Misbehave().Clear();
             EXPECT_EQ(Everything(folder) + Everything(other), before);

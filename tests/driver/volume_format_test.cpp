@@ -5,16 +5,10 @@
 namespace tests {
 namespace {
 
-constexpr LONG kNotWritten = 12345;
-
 class VolumeFormat : public VolumeTest {
   protected:
-    struct Outcome {
-        NTSTATUS status;
-        LONG result;
-        bool operator==(const Outcome&) const = default;
-    };
-    Outcome Run(const std::u16string& name, const std::vector<ULONG>& ids, std::optional<ULONG> count = {}) {
+    // The result code, of a request that ends well.
+    LONG Run(const std::u16string& name, const std::vector<ULONG>& ids, std::optional<ULONG> count = {}) {
         VrkFsVolumeInfoRecord request{};
         SetName(request.Name, name);
         request.DeviceCount = count.value_or(static_cast<ULONG>(ids.size()));
@@ -22,18 +16,16 @@ class VolumeFormat : public VolumeTest {
         for (std::size_t i = 0; i < 16; ++i) {
             request.Devices[i] = i < ids.size() ? ids[i] : 0xFFFFFFFF;
         }
-        LONG result = kNotWritten;
-        const NTSTATUS status = Locked([&] { return VrkFsHwFormatVolume(Hw(), Vcb(), &request, &result); });
-        return {status, result};
+        LONG result = 12345;
+        EXPECT_EQ(Locked([&] { return VrkFsHwFormatVolume(Hw(), Vcb(), &request, &result); }), STATUS_SUCCESS);
+        return result;
     }
-    static Outcome Result(LONG result) { return {STATUS_SUCCESS, result}; }
 };
 
 TEST_F(VolumeFormat, Refusals) {
     ResizeDisk(3, 5633);
     Put(2, 0, MakeVolumeEntry(u"Taken", 1, 0));
     Start();
-    const VolumeEntry before = Get<VolumeEntry>(2, 0);
     const struct {
         const char* what;
         std::u16string name;
@@ -58,26 +50,30 @@ TEST_F(VolumeFormat, Refusals) {
         {"another volume's name", u"TAKEN", {0}, 1, -28},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(Run(c.name, c.ids, c.count), Result(c.result)) << c.what;
+        EXPECT_EQ(Run(c.name, c.ids, c.count), c.result) << c.what;
     }
-    const std::u16string text = u"taken";
-    const UNICODE_STRING name = CountedName(text);
+    const UNICODE_STRING name = CountedName(u"taken");
     HwVolume* open = nullptr;
     ASSERT_TRUE(Locked([&] { return VrkFsHwOpenVolume(Hw(), &name, &open); }));
-    EXPECT_EQ(Run(u"N", {0, 2}), Result(-26));
+    EXPECT_EQ(Run(u"N", {0, 2}), -26);
     VrkFsHwCloseVolume(Hw(), open);
     EXPECT_EQ(DescribeVolumes(), "Taken(2)");
     EXPECT_EQ(Board().Count().Of(board::Operation::kWrite), 0u);
-    const VolumeEntry after = Get<VolumeEntry>(2, 0);
-    EXPECT_EQ(std::memcmp(&before, &after, sizeof(before)), 0);
 }
 
 TEST_F(VolumeFormat, NewVolumeInMemoryAndOnDisk) {
     ResizeDisk(3, 14000);
     Start();
-    EXPECT_EQ(Run(u"Sport", {3, 1}), Result(0));
+    EXPECT_EQ(Run(u"Sport", {3, 1}), 0);
     EXPECT_EQ(DescribeVolumes(), "Sport(3,1)");
-    EXPECT_EQ(FreeBlocks(), 13999u - 5631);
+    EXPECT_EQ(FreeBlocks(), 13999u - 5631);  // the smallest disk decides
+    EXPECT_EQ(Volume()->LastDataLba, 13999u - 4608);
+    EXPECT_EQ(Volume()->FirstDirLba, 13999u - 4607);
+    ULONGLONG total = 0;
+    ULONGLONG free = 0;
+    VrkFsHwGetVolumeSpaceInfo(Volume(), &total, &free);
+    EXPECT_EQ(total, 2 * (13999u - 4608 + 1));
+    EXPECT_EQ(free, 2 * (13999u - 5631));
     EXPECT_EQ(ListFolders(), "");
     for (const ULONG position : {0u, 1u}) {
         const VolumeEntry entry = Get<VolumeEntry>(position == 0 ? 3 : 1, 0);
@@ -95,17 +91,17 @@ TEST_F(VolumeFormat, NewVolumeInMemoryAndOnDisk) {
 
 TEST_F(VolumeFormat, OldVolumesLoseTheirDisks) {
     Start();
-    ASSERT_EQ(Run(u"A", {0, 1}), Result(0));
-    ASSERT_EQ(Run(u"B", {2, 3}), Result(0));
+    ASSERT_EQ(Run(u"A", {0, 1}), 0);
+    ASSERT_EQ(Run(u"B", {2, 3}), 0);
     OpenedFolder folder;
     ASSERT_EQ(CreateFolder(u"Gone", folder, Volume(0)), STATUS_SUCCESS);
-    EXPECT_EQ(Run(u"a", {0, 1}), Result(0));  // its own name again
+    EXPECT_EQ(Run(u"a", {0, 1}), 0);  // its own name again
     EXPECT_EQ(DescribeVolumes(), "B(2,3) a(0,1)");
     EXPECT_EQ(ListFolders(Volume(1)), "");
-    EXPECT_EQ(Run(u"C", {1, 2}), Result(0));
+    EXPECT_EQ(Run(u"C", {1, 2}), 0);
     EXPECT_EQ(DescribeVolumes(), "B(-,3)!incomplete a(0,-)!incomplete C(1,2)");
-    EXPECT_EQ(Run(u"C", {3}), Result(-28));
-    EXPECT_EQ(Run(u"D", {3}), Result(0));
+    EXPECT_EQ(Run(u"C", {3}), -28);
+    EXPECT_EQ(Run(u"D", {3}), 0);
     EXPECT_EQ(DescribeVolumes(), "a(0,-)!incomplete C(1,2) D(3)");
 }
 

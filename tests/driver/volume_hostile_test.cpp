@@ -1,5 +1,6 @@
 // Volumes whose records contradict each other or the disk, with right checksums: they mount, everything sound on them
 // is there, and no block with two claimants, or claimed by somebody else, is ever given out, given back or written.
+#include <algorithm>
 #include <random>
 #include <set>
 
@@ -30,10 +31,9 @@ class VolumeHostile : public VolumeTest {
         PutFolder(1, 0, MakeFolder(u"ok"));
     }
     struct File {
-        ULONG folder;
-        ULONG slot;
-        ULONG lba;
+        ULONG slot, lba;
         FileEntry record;
+        ULONG folder = 0;
     };
     // Folders F0, F1, ... hold what their files say.
     void PutFiles(const std::vector<File>& files) {
@@ -60,123 +60,89 @@ class VolumeHostile : public VolumeTest {
         }
         return text;
     }
-    static std::string Contested() {
+    // Where blocks are in doubt; counts them.
+    std::string Contested() {
         std::string text;
+        doubtful_ = 0;
         const AllocSegmentList& list = Volume()->Allocator.Contested;
         for (const AllocSegment* at = list.FirstByPosition; at != nullptr; at = at->NextByPosition) {
             text += (text.empty() ? "" : " ") + std::to_string(at->Start) + "+" + std::to_string(at->Count);
+            doubtful_ += at->Count;
         }
         return text;
     }
+
+    ULONG doubtful_ = 0;
 };
 
-struct HostileCase {
-    const char* what;
-    std::vector<std::pair<ULONG, std::pair<ULONG, FileEntry>>> files;  // slot, LBA, record: all in folder 0
-    std::string listed;
-    std::string contested;
-    ULONG taken;  // blocks
-};
+TEST_F(VolumeHostile, FilesMountAndWhatIsSoundIsKept) {
+    const FileEntry a = MakePlainFile(u"a", 1024, 10);
+    const FileEntry n = MakePlainFile(u"n");
+    const FileEntry clip = MakeMedia(u"a", 64, 1024, 100, 4990, 1);
+    const struct {
+        const char* what;
+        std::vector<File> files;
+        std::string mounted;  // the files; what is contested; how many blocks are taken
+    } cases[] = {
+        {"one record in two slots", {{0, 5000, clip}, {3, 5000, clip}}, "0:a 3:a / 1024+100 4990+1 5000+2 / 103"},
+        {"records that share a block",
+         {{0, 5000, a}, {1, 5001, MakePlainFile(u"b", 2000, 10)}},
+         "0:BAD_FILE_5000 1:b / 2000+10 5001+2 / 13"},
+        {"data of two files overlaps",
+         {{0, 5000, MakePlainFile(u"a", 1024, 100)}, {1, 5002, MakePlainFile(u"b", 1100, 100)}},
+         "0:a 1:b / 1100+100 / 180"},
+        {"data over a record and over its own record",
+         {{0, 5000, MakePlainFile(u"a", 4998, 4)}, {1, 6000, MakePlainFile(u"b", 4000, 2)}},
+         "0:a 1:b / 4998+4 / 8"},
+        {"data over everything",
+         {{0, 5000, MakePlainFile(u"a", 1024, 3976)}, {1, 3000, MakePlainFile(u"b", 1200, 5)}},
+         "0:a 1:b / 1200+5 3000+2 / 3978"},
+        {"ranges that wrap or leave the disk",
+         {{0, 5000, MakePlainFile(u"a", kBeyond, 0x20)},
+          {1, 5002, MakePlainFile(u"b", 2000, 0xFFFFFFFF)},
+          {2, 5004, MakeMedia(u"c", 0xFFFFFFFF, 11770, 100, 1, 2)},
+          {3, 5006, MakeMedia(u"d", 1, 1023, 2, 12000, 0xFFFFFFFF)}},
+         "0:a 1:b 2:c 3:d / 1024+1 2000+9776 / 9777"},
+        {"a record far below, then data above it",
+         {{0, 1030, MakePlainFile(u"low", 1024, 6)}, {1, 9000, MakePlainFile(u"b", 4000, 100)}},
+         "0:low 1:b /  / 110"},
+        {"ranges of no blocks",
+         {{0, 5000, MakeMedia(u"a", 0, 1024, 0, 0, 7)}, {1, 5002, MakePlainFile(u"b", 0, 50)}},
+         "0:a 1:b /  / 4"},
+        {"records outside the data area: below it, at its edges, over a folder, nowhere",
+         {{0, 1, n}, {1, 1023, n}, {2, kRigLastData, n}, {3, FolderLba(200), n}, {4, ~0u, n}, {5, 6000, a}},
+         "0:BAD_FILE_1 1:BAD_FILE_1023 2:BAD_FILE_11775 3:BAD_FILE_15376 4:BAD_FILE_4294967295 5:a"
+         " / 1024+10 11775+1 / 13"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        PutFiles(c.files);
+        Start();
+        ASSERT_EQ(DescribeVolumes(), "V(0) GOOD(1)");
+        EXPECT_EQ(ListFolders(Volume(1)), "0:ok");
+        const std::string contested = Contested();
+        EXPECT_EQ(AllFiles() + " / " + contested + " / " + std::to_string(kRigDataBlocks - FreeBlocks()), c.mounted);
 
-class VolumeHostileCases : public VolumeHostile, public testing::WithParamInterface<HostileCase> {};
-
-TEST_P(VolumeHostileCases, MountsAndKeepsWhatIsSound) {
-    const HostileCase& c = GetParam();
-    std::vector<File> files;
-    for (const auto& [slot, place] : c.files) {
-        files.push_back({0, slot, place.first, place.second});
+        // Whatever is deleted, in whatever order, nothing in doubt becomes free.
+        OpenedFolder folder;
+        OpenFolder(folder, 0);
+        for (const File& file : c.files) {
+            EXPECT_EQ(RemoveFile(folder, ReadFile(folder, file.slot), file.slot), STATUS_SUCCESS);
+        }
+        EXPECT_EQ(Contested(), contested);
+        EXPECT_EQ(FreeBlocks(), FreeWithout(doubtful_));
+        // The next mount finds an empty folder, and nothing in doubt any more.
+        Restart();
+        EXPECT_EQ(FreeBlocks(), kRigDataBlocks);
+        Stop();
     }
-    PutFiles(files);
-    Start();
-    ASSERT_EQ(DescribeVolumes(), "V(0) GOOD(1)") << c.what;
-    EXPECT_EQ(ListFolders(Volume(1)), "0:ok");
-    EXPECT_EQ(AllFiles(), c.listed) << c.what;
-    EXPECT_EQ(Contested(), c.contested) << c.what;
-    EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken)) << c.what;
-
-    // Whatever is deleted, in whatever order, nothing in doubt becomes free.
-    OpenedFolder folder;
-    OpenFolder(folder, 0);
-    for (const auto& [slot, place] : c.files) {
-        EXPECT_EQ(RemoveFile(folder, ReadFile(folder, slot), slot), STATUS_SUCCESS) << c.what;
-    }
-    EXPECT_EQ(Contested(), c.contested) << c.what;
-    ULONG doubtful = 0;
-    const AllocSegmentList& list = Volume()->Allocator.Contested;
-    for (const AllocSegment* at = list.FirstByPosition; at != nullptr; at = at->NextByPosition) {
-        doubtful += at->Count;
-    }
-    EXPECT_EQ(FreeBlocks(), FreeWithout(doubtful)) << c.what;
-    // The next mount finds an empty folder, and nothing in doubt any more.
-    Restart();
-    EXPECT_EQ(FreeBlocks(), kRigDataBlocks) << c.what;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, VolumeHostileCases,
-    testing::Values(
-        HostileCase{"one record in two slots",
-                    {{0, {5000, MakeMedia(u"a", 64, 1024, 100, 4990, 1)}},
-                     {3, {5000, MakeMedia(u"a", 64, 1024, 100, 4990, 1)}}},
-                    "0:a 3:a",
-                    "1024+100 4990+1 5000+2",
-                    103},
-        HostileCase{"records that share a block",
-                    {{0, {5000, MakePlainFile(u"a", 1024, 10)}}, {1, {5001, MakePlainFile(u"b", 2000, 10)}}},
-                    "0:BAD_FILE_5000 1:b",
-                    "2000+10 5001+2",
-                    13},
-        HostileCase{"data of two files overlaps",
-                    {{0, {5000, MakePlainFile(u"a", 1024, 100)}}, {1, {5002, MakePlainFile(u"b", 1100, 100)}}},
-                    "0:a 1:b",
-                    "1100+100",
-                    180},
-        HostileCase{"data over a record and over its own record",
-                    {{0, {5000, MakePlainFile(u"a", 4998, 4)}}, {1, {6000, MakePlainFile(u"b", 4000, 2)}}},
-                    "0:a 1:b",
-                    "4998+4",
-                    8},
-        HostileCase{"data over everything",
-                    {{0, {5000, MakePlainFile(u"a", 1024, 3976)}}, {1, {3000, MakePlainFile(u"b", 1200, 5)}}},
-                    "0:a 1:b",
-                    "1200+5 3000+2",
-                    3978},
-        HostileCase{"tables outside the data area",
-                    {{0, {1, MakePlainFile(u"a")}},
-                     {1, {1023, MakePlainFile(u"b")}},
-                     {2, {kRigLastData, MakePlainFile(u"c")}},
-                     {3, {kRigFirstDir + 18 * 200, MakePlainFile(u"d")}},
-                     {4, {0xFFFFFFFF, MakePlainFile(u"e")}},
-                     {5, {6000, MakePlainFile(u"f", 1024, 1)}}},
-                    "0:BAD_FILE_1 1:BAD_FILE_1023 2:BAD_FILE_11775 3:BAD_FILE_15376 4:BAD_FILE_4294967295 5:f",
-                    "1024+1 11775+1",
-                    4},
-        HostileCase{"ranges that wrap or leave the disk",
-                    {{0, {5000, MakePlainFile(u"a", kBeyond, 0x20)}},
-                     {1, {5002, MakePlainFile(u"b", 2000, 0xFFFFFFFF)}},
-                     {2, {5004, MakeMedia(u"c", 0xFFFFFFFF, 11770, 100, 1, 2)}},
-                     {3, {5006, MakeMedia(u"d", 1, 1023, 2, 12000, 0xFFFFFFFF)}}},
-                    "0:a 1:b 2:c 3:d",
-                    "1024+1 2000+9776",
-                    9777},
-        HostileCase{"a record far below, then data above it",
-                    {{0, {1030, MakePlainFile(u"low", 1024, 6)}}, {1, {9000, MakePlainFile(u"b", 4000, 100)}}},
-                    "0:low 1:b",
-                    "",
-                    110},
-        HostileCase{"ranges of no blocks",
-                    {{0, {5000, MakeMedia(u"a", 0, 1024, 0, 0, 7)}}, {1, {5002, MakePlainFile(u"b", 0, 50)}}},
-                    "0:a 1:b",
-                    "",
-                    4}),
-    [](const auto& one) { return "Case" + std::to_string(one.index); });
 
 // The order of the claims is that of the slots: the first record to name a block has it, but both lose the right to
 // write it.
 TEST_F(VolumeHostile, RecordsInDoubtAreNotWritten) {
-    PutFiles({{0, 0, 5000, MakePlainFile(u"a", 1024, 10)},
-              {1, 4, 5000, MakePlainFile(u"a", 1024, 10)},
-              {1, 5, 6000, MakePlainFile(u"good", 1100, 10)}});
+    const FileEntry shared = MakePlainFile(u"a", 1024, 10);
+    PutFiles({{0, 5000, shared}, {4, 5000, shared, 1}, {5, 6000, MakePlainFile(u"good", 1100, 10), 1}});
     Start();
     OpenedFolder first;
     OpenedFolder second;
@@ -201,61 +167,57 @@ TEST_F(VolumeHostile, RecordsInDoubtAreNotWritten) {
     EXPECT_EQ(FreeBlocks(), FreeWithout(12));
 }
 
-struct FolderCase {
-    const char* what;
-    std::function<void(DirEntry&)> change;
-    bool fixChecksum;
-    std::string folders;
-    std::string files;  // of folder slot 2
-};
-
-class VolumeHostileFolders : public VolumeHostile, public testing::WithParamInterface<FolderCase> {};
-
-TEST_P(VolumeHostileFolders, MountsAndLists) {
-    const FolderCase& c = GetParam();
-    DirEntry folder = MakeFolder(u"F", {{1, 5000}, {2, 5002}});
-    c.change(folder);
-    if (c.fixChecksum) {
-        folder.Checksum = VrkFsHwCalcFolderChecksum(&folder);
-    }
-    PutFolder(0, 2, folder);
-    PutFolder(0, 3, MakeFolder(u"next", {{0, 5004}}));
+TEST_F(VolumeHostile, FoldersMountAndAreListed) {
+    const std::string all = "2:F 3:next";
+    const std::string both = "1:a 2:b";
+    const struct {
+        const char* what;
+        std::function<void(DirEntry&)> change;
+        std::string folders, files;  // files of folder slot 2
+        bool fixChecksum = true;
+    } cases[] = {
+        {"another magic", [](DirEntry& f) { f.Magic = 0x12345678; }, all, both},
+        {"in use by any number", [](DirEntry& f) { f.InUse = 0x80000000; }, all, both},
+        {"not in use", [](DirEntry& f) { f.InUse = 0; }, "3:next", ""},
+        {"magic 0 and in use, unchecked", [](DirEntry& f) { f.Magic = 0; }, "3:next", "", false},
+        {"magic 0 and in use, with its checksum", [](DirEntry& f) { f.Magic = 0; }, all, both},
+        {"a wrong checksum", [](DirEntry& f) { f.Checksum ^= 1; }, "2:BAD_DIR_11812 3:next", "", false},
+        {"a count below the table", [](DirEntry& f) { f.FileCount = 0; }, all, both},
+        {"a count beyond all tables", [](DirEntry& f) { f.FileCount = 0xFFFFFFFF; }, all, both},
+        {"a name without an end", [](DirEntry& f) { std::ranges::fill(f.Name, u'z'); },
+         "2:" + std::string(256, 'z') + " 3:next", both},
+        {"no name", [](DirEntry& f) { f.Name[0] = 0; }, "2: 3:next", both},
+    };
     Put(0, 5000, MakePlainFile(u"a", 1024, 10));
     Put(0, 5002, MakePlainFile(u"b", 1034, 10));
     Put(0, 5004, MakePlainFile(u"c", 1044, 10));
-    Start();
-    ASSERT_EQ(DescribeVolumes(), "V(0) GOOD(1)") << c.what;
-    EXPECT_EQ(ListFolders(), c.folders) << c.what;
-    EXPECT_FALSE(IsFree(1044)) << c.what;
-    if (VrkFsHwCheckBitmapEntry(Volume(), 2)) {
-        OpenedFolder opened;
-        OpenFolder(opened, 2);
-        EXPECT_EQ(ListFiles(opened), c.files) << c.what;
-        EXPECT_LE(opened.image.FileCount, kMaxFilesPerFolder);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        DirEntry folder = MakeFolder(u"F", {{1, 5000}, {2, 5002}});
+        c.change(folder);
+        if (c.fixChecksum) {
+            folder.Checksum = VrkFsHwCalcFolderChecksum(&folder);
+        }
+        PutFolder(0, 0, DirEntry{});
+        PutFolder(0, 2, folder);
+        PutFolder(0, 3, MakeFolder(u"next", {{0, 5004}}));
+        Start();
+        ASSERT_EQ(DescribeVolumes(), "V(0) GOOD(1)");
+        EXPECT_EQ(ListFolders(), c.folders);
+        EXPECT_FALSE(IsFree(1044));
+        if (VrkFsHwCheckBitmapEntry(Volume(), 2)) {
+            OpenedFolder opened;
+            OpenFolder(opened, 2);
+            EXPECT_EQ(ListFiles(opened), c.files);
+            EXPECT_LE(opened.image.FileCount, kMaxFilesPerFolder);
+        }
+        // A new folder takes the lowest slot that is free, whatever the rest says.
+        OpenedFolder made;
+        EXPECT_EQ(CreateFolder(u"new", made), STATUS_SUCCESS);
+        EXPECT_EQ(made.common.FolderEntryIndex, 0u);
+        Stop();
     }
-    // A new folder takes the lowest slot that is free, whatever the rest says.
-    OpenedFolder made;
-    EXPECT_EQ(CreateFolder(u"new", made), STATUS_SUCCESS);
-    EXPECT_EQ(made.common.FolderEntryIndex, 0u);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, VolumeHostileFolders,
-    testing::Values(
-        FolderCase{"another magic", [](DirEntry& f) { f.Magic = 0x12345678; }, true, "2:F 3:next", "1:a 2:b"},
-        FolderCase{"in use by any number", [](DirEntry& f) { f.InUse = 0x80000000; }, true, "2:F 3:next", "1:a 2:b"},
-        FolderCase{"not in use", [](DirEntry& f) { f.InUse = 0; }, true, "3:next", ""},
-        FolderCase{"magic 0 and in use, unchecked", [](DirEntry& f) { f.Magic = 0; }, false, "3:next", ""},
-        FolderCase{"magic 0 and in use, with its checksum", [](DirEntry& f) { f.Magic = 0; }, true, "2:F 3:next",
-                   "1:a 2:b"},
-        FolderCase{"a wrong checksum", [](DirEntry& f) { f.Checksum ^= 1; }, false, "2:BAD_DIR_11812 3:next", ""},
-        FolderCase{"a count below the table", [](DirEntry& f) { f.FileCount = 0; }, true, "2:F 3:next", "1:a 2:b"},
-        FolderCase{"a count beyond all tables", [](DirEntry& f) { f.FileCount = 0xFFFFFFFF; }, true, "2:F 3:next",
-                   "1:a 2:b"},
-        FolderCase{"a name without an end", [](DirEntry& f) { std::fill(std::begin(f.Name), std::end(f.Name), u'z'); },
-                   true, "2:" + std::string(256, 'z') + " 3:next", "1:a 2:b"},
-        FolderCase{"no name", [](DirEntry& f) { f.Name[0] = 0; }, true, "2: 3:next", "1:a 2:b"}),
-    [](const auto& one) { return "Case" + std::to_string(one.index); });
 
 // Volumes of random nonsense with right checksums. Two properties must hold whatever they say: a block that any two
 // records claim, or that any listed record claims, is not free; and after all files are deleted and the volume is
@@ -272,7 +234,7 @@ TEST_P(VolumeHostileRandom, NothingClaimedIsFree) {
     };
     const auto some = [&]() -> ULONG { return random() % 8 == 0 ? random() : random() % 200; };
     std::vector<File> files;
-    for (int i = 0; i < 60; ++i) {
+    for (ULONG i = 0; i < 60; ++i) {
         FileEntry record = MakeMedia(u"f" + std::u16string(1, static_cast<char16_t>(u'A' + i)), random() % 100,
                                      somewhere(), some(), somewhere(), some() % 5);
         record.Kind = random() % 3;
@@ -285,7 +247,7 @@ TEST_P(VolumeHostileRandom, NothingClaimedIsFree) {
         const ULONG lba = !files.empty() && random() % 10 == 0 ? files[random() % files.size()].lba
                           : random() % 10 == 0                 ? somewhere()
                                                                : 9000 + 2 * (random() % 1000);
-        files.push_back({static_cast<ULONG>(random() % 3), static_cast<ULONG>(i), lba, record});
+        files.push_back({i, lba, record, static_cast<ULONG>(random() % 3)});
     }
     // Records that another one overwrote, or that lie over folder slots, are what the disk holds in the end.
     std::erase_if(files, [](const File& file) { return file.lba == 0; });
@@ -301,24 +263,19 @@ TEST_P(VolumeHostileRandom, NothingClaimedIsFree) {
                 continue;
             }
             const FileEntry entry = ReadFile(folder, i);
-            std::vector<std::pair<ULONG, ULONG>> ranges = {{folder.image.FileTable[i], 2}};
-            const auto add = [&](ULONG start, ULONG count) {
-                if (start != 0 && count != 0) {
-                    ranges.emplace_back(start, count);
-                }
-            };
-            add(entry.DataStartLba, entry.DataBlockCount);
-            if (entry.Kind == 1) {
-                add(entry.VideoBodyTableLba, entry.VideoBodyTableBlockCount);
-                if ((entry.Flags & 1) != 0) {
-                    add(entry.AlphaDataStartLba, entry.AlphaDataBlockCount);
-                    add(entry.AlphaBodyTableLba, entry.AlphaBodyTableBlockCount);
-                }
-            }
-            for (const auto& [start, count] : ranges) {
-                const std::uint64_t end = std::min<std::uint64_t>(std::uint64_t{start} + count, kRigLastData + 1);
+            const auto claim = [&](ULONG start, std::uint64_t count) {
+                const std::uint64_t end = start == 0 ? 0 : std::min<std::uint64_t>(start + count, kRigLastData + 1);
                 for (std::uint64_t lba = std::max<ULONG>(start, 1024); lba < end; ++lba) {
                     ++claims[lba];
+                }
+            };
+            claim(folder.image.FileTable[i], 2);
+            claim(entry.DataStartLba, entry.DataBlockCount);
+            if (entry.Kind == 1) {
+                claim(entry.VideoBodyTableLba, entry.VideoBodyTableBlockCount);
+                if ((entry.Flags & 1) != 0) {
+                    claim(entry.AlphaDataStartLba, entry.AlphaDataBlockCount);
+                    claim(entry.AlphaBodyTableLba, entry.AlphaBodyTableBlockCount);
                 }
             }
         }
@@ -334,13 +291,11 @@ TEST_P(VolumeHostileRandom, NothingClaimedIsFree) {
     };
     for (ULONG lba = 1024; lba <= kRigLastData; ++lba) {
         ASSERT_EQ(inFreeList(lba), claims[lba] == 0) << "block " << lba;
-        ASSERT_EQ(VrkFsVolAllocIsOwnedSpace(&Volume()->Allocator, lba, 1) != FALSE && claims[lba] > 1, false)
-            << "block " << lba << " has " << claims[lba] << " claimants and passes for owned";
+        ASSERT_FALSE(claims[lba] > 1 && VrkFsVolAllocIsOwnedSpace(&Volume()->Allocator, lba, 1)) << "block " << lba;
     }
     // Deletes in any order free only blocks that nobody else claims.
-    std::vector<File> order = files;
-    std::shuffle(order.begin(), order.end(), random);
-    for (const File& file : order) {
+    std::shuffle(files.begin(), files.end(), random);
+    for (const File& file : files) {
         OpenedFolder folder;
         OpenFolder(folder, file.folder);
         ASSERT_EQ(RemoveFile(folder, ReadFile(folder, file.slot), file.slot), STATUS_SUCCESS);

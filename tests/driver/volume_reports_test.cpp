@@ -36,12 +36,10 @@ class VolumeReports : public VolumeTest {
         std::array<std::byte, 64> buffer{};
     };
     void AddWatch(const std::string& name, const std::u16string& path, std::uint32_t filter) {
-        host::OpenRequest request;
-        request.path = u"P:" + path;
-        request.access = host::access::kReadData;
-        request.options = host::option::kDirectoryFile;
-        request.overlapped = true;
-        const host::OpenResult opened = User().Create(request);
+        const host::OpenResult opened = User().Create({.path = u"P:" + path,
+                                                       .access = host::access::kReadData,
+                                                       .options = host::option::kDirectoryFile,
+                                                       .overlapped = true});
         ASSERT_TRUE(opened.status.Ok()) << name;
         watches_.push_back(std::make_unique<Watch>());
         Watch* watch = watches_.back().get();
@@ -55,17 +53,15 @@ class VolumeReports : public VolumeTest {
     }
     // A watch begins when a worker has taken the request: waits for all of them.
     void AwaitWatches() {
-        const auto registered = [] {
-            return Locked([] {
-                std::size_t count = 0;
-                for (PLIST_ENTRY link = Vcb()->NotifyList.Flink; link != &Vcb()->NotifyList; link = link->Flink) {
-                    ++count;
-                }
-                return count;
-            });
-        };
-        while (registered() < watches_.size()) {
+        std::size_t registered = 0;
+        while (registered < watches_.size()) {
             std::this_thread::yield();
+            registered = 0;
+            Locked([&] {
+                for (PLIST_ENTRY link = Vcb()->NotifyList.Flink; link != &Vcb()->NotifyList; link = link->Flink) {
+                    ++registered;
+                }
+            });
         }
     }
     void WatchAll() {
@@ -102,11 +98,21 @@ TEST_F(VolumeReports, WhoHearsWhat) {
     OpenFolder(g, 1);
     FileEntry image = ReadFile(f, 0);
     ULONG slot = 0;
-    const std::u16string newText = u"new";
-    const UNICODE_STRING name = CountedName(newText);
+    const UNICODE_STRING name = CountedName(u"new");
+    const UNICODE_STRING volumeName = CountedName(u"V");
+    const auto rename = [&](BOOLEAN replace) {
+        return VrkFsHwRenameFile(Hw(), Vcb(), Volume(), &f.fcb, &image, slot, &name, replace);
+    };
+    const auto resolve = [&] {
+        VrkFsHwResolveVolumeNameConflicts(Hw(), Vcb(), &volumeName);
+        return STATUS_SUCCESS;
+    };
     OpenedFolder made;
     FileEntry created;
     ULONG createdSlot = 0;
+    const auto unmake = [&] {
+        return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &made.image, made.common.FolderEntryIndex);
+    };
     const struct {
         const char* what;
         std::function<NTSTATUS()> change;
@@ -114,59 +120,23 @@ TEST_F(VolumeReports, WhoHearsWhat) {
     } cases[] = {
         {"create a file", [&] { return CreateFile(f, u"created", created, createdSlot); }, "F, F of XYZ"},
         {"delete it", [&] { return RemoveFile(f, created, createdSlot); }, "F, F of XYZ"},
-        {"rename a file",
-         [&] {
-             return Locked(
-                 [&] { return VrkFsHwRenameFile(Hw(), Vcb(), Volume(), &f.fcb, &image, slot, &name, FALSE); });
-         },
-         "F, F of XYZ"},
-        {"rename over another",
-         [&] {
-             return Locked([&] { return VrkFsHwRenameFile(Hw(), Vcb(), Volume(), &f.fcb, &image, slot, &name, TRUE); });
-         },
-         "F, F of XYZ"},
-        {"write a record",
-         [&] {
-             return Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &f.fcb, &image, slot, f.image.FileTable[slot]); });
-         },
+        {"rename a file", [&] { return rename(FALSE); }, "F, F of XYZ"},
+        {"rename over another", [&] { return rename(TRUE); }, "F, F of XYZ"},
+        {"write a record", [&] { return VrkFsHwWriteFileEntry(Hw(), &f.fcb, &image, slot, f.image.FileTable[slot]); },
          ""},
         {"create a folder", [&] { return CreateFolder(u"H", made); }, "volume, volume of XYZ"},
-        {"delete it",
-         [&] {
-             return Locked([&] {
-                 return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &made.image, made.common.FolderEntryIndex);
-             });
-         },
-         "volume, volume of XYZ"},
-        {"move a file",
-         [&] {
-             return Locked([&] { return VrkFsHwMoveFile(Hw(), Vcb(), &g.fcb, &f.fcb, &image, &slot, &name, FALSE); });
-         },
+        {"delete it", unmake, "volume, volume of XYZ"},
+        {"move a file", [&] { return VrkFsHwMoveFile(Hw(), Vcb(), &g.fcb, &f.fcb, &image, &slot, &name, FALSE); },
          "F, F of XYZ, G"},
-        {"a hidden volume comes back",
-         [&] {
-             const std::u16string freed = u"V";
-             const UNICODE_STRING freedName = CountedName(freed);
-             Locked([&] { VrkFsHwResolveVolumeNameConflicts(Hw(), Vcb(), &freedName); });
-             return STATUS_SUCCESS;
-         },
-         "type"},
-        {"no other is hidden",
-         [&] {
-             const std::u16string freed = u"V";
-             const UNICODE_STRING freedName = CountedName(freed);
-             Locked([&] { VrkFsHwResolveVolumeNameConflicts(Hw(), Vcb(), &freedName); });
-             return STATUS_SUCCESS;
-         },
-         ""},
-        {"rename a folder",
-         [&] { return Locked([&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &g.image, 1, &name); }); },
+        {"a hidden volume comes back", resolve, "type"},
+        {"no other is hidden", resolve, ""},
+        {"rename a folder", [&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &g.image, 1, &name); },
          "volume, volume of XYZ"},
     };
     for (const auto& c : cases) {
         WatchAll();
         ASSERT_FALSE(HasFatalFailure()) << c.what;
-        EXPECT_EQ(c.change(), STATUS_SUCCESS) << c.what;
+        EXPECT_EQ(Locked(c.change), STATUS_SUCCESS) << c.what;
         EXPECT_EQ(Heard(), c.heard) << c.what;
     }
 }

@@ -24,12 +24,6 @@ inline constexpr ULONG kRigLastLba = kRigBlocks - 1;
 inline constexpr ULONG kRigFirstDir = kRigLastLba - 4607;
 inline constexpr ULONG kRigLastData = kRigFirstDir - 1;
 inline constexpr ULONG kRigDataBlocks = kRigLastLba - 5631;
-inline constexpr ULONGLONG kRigTime = 0x01C0000000000000;
-
-inline void SetName(WCHAR (&field)[kRecordNameChars], const std::u16string& name) {
-    std::memset(field, 0, sizeof(field));
-    std::memcpy(field, name.data(), std::min<std::size_t>(name.size(), kRecordNameChars) * sizeof(WCHAR));
-}
 
 inline std::u16string NameOf(const WCHAR* field) {
     std::size_t length = 0;
@@ -37,18 +31,6 @@ inline std::u16string NameOf(const WCHAR* field) {
         ++length;
     }
     return {field, length};
-}
-
-inline VolumeEntry MakeVolumeEntry(const std::u16string& name, ULONG count, ULONG position, ULONGLONG time = kRigTime) {
-    VolumeEntry entry{};
-    entry.Magic = kVolumeEntryMagic;
-    entry.Version = kVolumeEntryVersion;
-    entry.CreationTime = time;
-    entry.DeviceCount = count;
-    entry.Position = position;
-    SetName(entry.Name, name);
-    entry.Checksum = VrkFsHwCalcVolumeChecksum(&entry);
-    return entry;
 }
 
 inline DirEntry MakeFolder(const std::u16string& name, const std::map<ULONG, ULONG>& table = {}) {
@@ -98,17 +80,6 @@ class VolumeTest : public DriverTest {
 
     // ---- disks, from outside, while the machine is off ----
 
-    template <typename Record>
-    void Put(std::uint32_t id, ULONG lba, const Record& record) {
-        board::Disk disk = OpenImage(id);
-        ASSERT_TRUE(disk.Write(lba, sizeof(Record) / 512, &record));
-    }
-    template <typename Record>
-    Record Get(std::uint32_t id, ULONG lba) {
-        Record record{};
-        EXPECT_TRUE(OpenImage(id).Read(lba, sizeof(Record) / 512, &record));
-        return record;
-    }
     void PutFolder(std::uint32_t id, ULONG slot, const DirEntry& folder) { Put(id, FolderLba(slot), folder); }
     void ResizeDisk(std::uint32_t id, ULONG blocks) {
         std::filesystem::resize_file(ImagePath(id), std::uint64_t{blocks} * 512);
@@ -184,33 +155,14 @@ class VolumeTest : public DriverTest {
     }
     // "0:A 3:BAD_DIR_11830": slot and name of every folder of a volume, as a walk gives them.
     static std::string ListFolders(HwVolume* volume = nullptr) {
-        std::string text;
-        FoundEntry entry;
-        for (ULONG slot = 0;; ++slot) {
-            BOOLEAN found = FALSE;
-            EXPECT_EQ(Locked([&] {
-                          return VrkFsHwGetNextDirEntry(Hw(), volume != nullptr ? volume : Volume(), &slot, &entry,
-                                                        &found);
-                      }),
-                      STATUS_SUCCESS);
-            if (!found) {
-                return text;
-            }
-            Append(text, entry);
-        }
+        return Listed([&](ULONG* slot, FoundEntry* entry, BOOLEAN* found) {
+            return VrkFsHwGetNextDirEntry(Hw(), volume != nullptr ? volume : Volume(), slot, entry, found);
+        });
     }
     static std::string ListFiles(OpenedFolder& folder) {
-        std::string text;
-        FoundEntry entry;
-        for (ULONG slot = 0;; ++slot) {
-            BOOLEAN found = FALSE;
-            EXPECT_EQ(Locked([&] { return VrkFsHwGetNextFileEntry(Hw(), &folder.fcb, &slot, &entry, &found); }),
-                      STATUS_SUCCESS);
-            if (!found) {
-                return text;
-            }
-            Append(text, entry);
-        }
+        return Listed([&](ULONG* slot, FoundEntry* entry, BOOLEAN* found) {
+            return VrkFsHwGetNextFileEntry(Hw(), &folder.fcb, slot, entry, found);
+        });
     }
 
     // What the free count must be when exactly these blocks are taken.
@@ -221,30 +173,26 @@ class VolumeTest : public DriverTest {
             return NT_SUCCESS(status) && NT_SUCCESS(VrkFsVolAllocReleaseSpace(&Volume()->Allocator, lba, 1));
         });
     }
-    void FailWrites(ULONG firstLba, ULONG lastLba, std::uint64_t skip = 0, std::uint64_t count = 1,
-                    board::Wrong what = board::Wrong::kFail, std::uint32_t blocks = 0) {
-        Misbehave(board::Operation::kWrite, firstLba, lastLba, skip, count, what, blocks);
-    }
-    void FailReads(ULONG firstLba, ULONG lastLba, std::uint64_t count = ~std::uint64_t{0}) {
-        Misbehave(board::Operation::kRead, firstLba, lastLba, 0, count, board::Wrong::kFail, 0);
-    }
-    void Misbehave(board::Operation operation, ULONG firstLba, ULONG lastLba, std::uint64_t skip, std::uint64_t count,
-                   board::Wrong what, std::uint32_t blocks) {
-        board::Misbehaviour rule;
-        rule.what = what;
-        rule.operation = operation;
-        rule.firstLba = firstLba;
-        rule.lastLba = lastLba;
-        rule.skip = skip;
-        rule.count = count;
-        rule.blocks = blocks;
-        Board().Misbehave().Add(rule);
+    void FailReads(ULONG firstLba, ULONG lastLba) {
+        Board().Misbehave().Add(
+            {.operation = board::Operation::kRead, .scsiId = {}, .firstLba = firstLba, .lastLba = lastLba});
     }
 
   private:
-    static void Append(std::string& text, const FoundEntry& entry) {
-        const std::u16string name(entry.Name, entry.NameLength / sizeof(WCHAR));
-        text += (text.empty() ? "" : " ") + std::to_string(entry.Index) + ":" + std::string(name.begin(), name.end());
+    template <typename Next>
+    static std::string Listed(Next next) {
+        std::string text;
+        FoundEntry entry;
+        for (ULONG slot = 0;; ++slot) {
+            BOOLEAN found = FALSE;
+            EXPECT_EQ(Locked([&] { return next(&slot, &entry, &found); }), STATUS_SUCCESS);
+            if (!found) {
+                return text;
+            }
+            const std::u16string name(entry.Name, entry.NameLength / sizeof(WCHAR));
+            text += (text.empty() ? "" : " ") + std::to_string(entry.Index) + ":";
+            text.append(name.begin(), name.end());
+        }
     }
 };
 

@@ -10,17 +10,17 @@ class VolumeUnread : public VolumeTest {
     void SetUp() override {
         VolumeTest::SetUp();
         Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
-        PutFolder(0, 2, MakeFolder(u"F", {{0, 5000}, {4, 5002}}));
         PutFolder(0, 3, MakeFolder(u"G", {{1, 5004}}));
         Put(0, 5000, MakePlainFile(u"a", 1024, 100));
         Put(0, 5002, MakePlainFile(u"b", 1124, 100));
         Put(0, 5004, MakePlainFile(u"c", 1224, 100));
-        Start();
+        StartAfresh();
     }
     static constexpr ULONG kTaken = 306;
 
-    // Mounts again with the board as it has been told to be.
-    void Remount() {
+    // Mounts again while the disk refuses to read the blocks.
+    void RemountWithout(ULONG firstLba, ULONG lastLba) {
+        FailReads(firstLba, lastLba);
         ASSERT_EQ(Locked([&] { return VrkFsHwFlushVolumeCache(Hw(), Vcb()); }), STATUS_SUCCESS);
         ASSERT_EQ(Locked([&] { return VrkFsHwRebuildVolumeCache(Hw(), Vcb()); }), STATUS_SUCCESS);
         ASSERT_EQ(DescribeVolumes(), "V(0)");
@@ -29,6 +29,19 @@ class VolumeUnread : public VolumeTest {
         return Locked([&] { return VrkFsHwRetryUnreadRecords(Hw(), Volume()); });
     }
     std::uint64_t Reads() { return Board().Count().Of(board::Operation::kRead); }
+    // The first blocks of the first file, which nobody claims as long as its record cannot be read.
+    ULONG TakeFirst(ULONG count) {
+        ULONG start = 0;
+        EXPECT_TRUE(VrkFsVolAllocAllocateLowerSpace(&Volume()->Allocator, count, &start));
+        EXPECT_EQ(start, 1024u);
+        return start;
+    }
+    // The disks as they were in the beginning.
+    void StartAfresh() {
+        Stop();
+        PutFolder(0, 2, MakeFolder(u"F", {{0, 5000}, {4, 5002}}));
+        Start();
+    }
 };
 
 TEST_F(VolumeUnread, OneErrorLosesNothing) {
@@ -45,39 +58,36 @@ TEST_F(VolumeUnread, OneErrorLosesNothing) {
         {"a folder's last block", FolderLba(2) + 17, kTaken - 204, "2:BAD_DIR_11812 3:G", ""},
     };
     for (const auto& c : cases) {
-        FailReads(c.lba, c.lba);
-        Remount();
-        EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken)) << c.what;
-        EXPECT_EQ(ListFolders(), c.folders) << c.what;
+        SCOPED_TRACE(c.what);
+        RemountWithout(c.lba, c.lba);
+        EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken));
+        EXPECT_EQ(ListFolders(), c.folders);
         OpenedFolder folder;
         OpenFolder(folder, 2);
-        EXPECT_EQ(ListFiles(folder), c.files) << c.what;
+        EXPECT_EQ(ListFiles(folder), c.files);
         Board().Misbehave().Clear();
         // The listing was not remembered.
-        EXPECT_EQ(ListFolders(), "2:F 3:G") << c.what;
+        EXPECT_EQ(ListFolders(), "2:F 3:G");
         // Space is handed out only after the record was read and claimed.
         OpenedFolder other;
         OpenFolder(other, 3);
         FileEntry image;
         ULONG slot = 0;
-        ASSERT_EQ(CreateFile(other, u"new", image, slot), STATUS_SUCCESS) << c.what;
-        EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken + 2)) << c.what;
+        ASSERT_EQ(CreateFile(other, u"new", image, slot), STATUS_SUCCESS);
+        EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken + 2));
         ASSERT_EQ(RemoveFile(other, image, slot), STATUS_SUCCESS);
         OpenedFolder again;
         OpenFolder(again, 2);
-        EXPECT_EQ(ListFiles(again), "0:a 4:b") << c.what;
-        EXPECT_EQ(RemoveFile(again, ReadFile(again, 4), 4), STATUS_SUCCESS) << c.what;
-        EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102)) << c.what;
-        Stop();
-        PutFolder(0, 2, MakeFolder(u"F", {{0, 5000}, {4, 5002}}));
-        Start();
+        EXPECT_EQ(ListFiles(again), "0:a 4:b");
+        EXPECT_EQ(RemoveFile(again, ReadFile(again, 4), 4), STATUS_SUCCESS);
+        EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102));
+        StartAfresh();
     }
 }
 
 // A record that fails again is left alone: neither every allocation nor every listing pays for it.
 TEST_F(VolumeUnread, BadForGoodIsTriedOnce) {
-    FailReads(5000, 5000);
-    Remount();
+    RemountWithout(5000, 5000);
     Board().ResetCounters();
     EXPECT_EQ(Retry(), STATUS_SUCCESS);
     EXPECT_EQ(Reads(), 1u);
@@ -102,12 +112,9 @@ TEST_F(VolumeUnread, BadForGoodIsTriedOnce) {
 // What was claimed by nobody when space was handed out may lie in somebody's new file when it can be read at last: then
 // it is in doubt, and stays out of everybody's way.
 TEST_F(VolumeUnread, ReadableTooLate) {
-    FailReads(5000, 5000);
-    Remount();
+    RemountWithout(5000, 5000);
     EXPECT_EQ(Retry(), STATUS_SUCCESS);
-    ULONG start = 0;
-    ASSERT_TRUE(VrkFsVolAllocAllocateLowerSpace(&Volume()->Allocator, 60, &start));
-    ASSERT_EQ(start, 1024u);
+    const ULONG start = TakeFirst(60);
     Board().Misbehave().Clear();
     OpenedFolder folder;
     OpenFolder(folder, 2);
@@ -127,12 +134,10 @@ TEST_F(VolumeUnread, DeletedUnclaimed) {
         ULONG taken;  // afterwards, with the 100 blocks of the new file
     } cases[] = {{"a file", 5000, kTaken - 2}, {"a folder", FolderLba(2), kTaken - 204 + 100}};
     for (const auto& c : cases) {
-        FailReads(c.lba, c.lba);
-        Remount();
+        SCOPED_TRACE(c.what);
+        RemountWithout(c.lba, c.lba);
         EXPECT_EQ(Retry(), STATUS_SUCCESS);
-        ULONG start = 0;
-        ASSERT_TRUE(VrkFsVolAllocAllocateLowerSpace(&Volume()->Allocator, 100, &start));
-        ASSERT_EQ(start, 1024u);
+        TakeFirst(100);
         Board().Misbehave().Clear();
         OpenedFolder folder;
         OpenFolder(folder, 2);
@@ -146,26 +151,22 @@ TEST_F(VolumeUnread, DeletedUnclaimed) {
         }
         FileEntry changed = image;
         EXPECT_EQ(Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &changed, 0, 5000); }),
-                  STATUS_UNSUCCESSFUL)
-            << c.what;
+                  STATUS_UNSUCCESSFUL);
         if (c.lba == FolderLba(2)) {
             ULONG slot = 0;
             EXPECT_EQ(CreateFile(folder, u"new", changed, slot), STATUS_UNSUCCESSFUL);
         }
-        EXPECT_EQ(RemoveFile(folder, image, 0), STATUS_SUCCESS) << c.what;
-        EXPECT_TRUE(VrkFsVolAllocIsOwnedSpace(&Volume()->Allocator, 1024, 100)) << c.what;
-        EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken)) << c.what;
+        EXPECT_EQ(RemoveFile(folder, image, 0), STATUS_SUCCESS);
+        EXPECT_TRUE(VrkFsVolAllocIsOwnedSpace(&Volume()->Allocator, 1024, 100));
+        EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken));
         Board().Misbehave().Clear();
-        Stop();
-        PutFolder(0, 2, MakeFolder(u"F", {{0, 5000}, {4, 5002}}));
-        Start();
+        StartAfresh();
     }
 }
 
 // An empty slot that could not be read passes for a folder until it is read; then it can be used.
 TEST_F(VolumeUnread, EmptySlot) {
-    FailReads(FolderLba(0), FolderLba(1) + 17);
-    Remount();
+    RemountWithout(FolderLba(0), FolderLba(1) + 17);
     EXPECT_EQ(ListFolders(), "0:BAD_DIR_11776 1:BAD_DIR_11794 2:F 3:G");
     EXPECT_EQ(Volume()->FolderCount, 4u);
     OpenedFolder made;
@@ -184,8 +185,7 @@ TEST_F(VolumeUnread, DeletedFolderIsCountedOffOnce) {
     Stop();
     PutFolder(0, 0, MakeFolder(u"E"));
     Start();
-    FailReads(FolderLba(0), FolderLba(0));
-    Remount();
+    RemountWithout(FolderLba(0), FolderLba(0));
     Board().Misbehave().Clear();
     OpenedFolder folder;
     OpenFolder(folder, 0);

@@ -15,10 +15,29 @@
 #include "tests/support/machine_fixture.h"
 #include "volume/allocator.h"
 #include "volume/hw_volume.h"
+#include "volume/records.h"
 
 namespace tests {
 
 inline constexpr std::uint32_t kReadWrite = host::access::kReadData | host::access::kWriteData;
+inline constexpr ULONGLONG kRigTime = 0x01C0000000000000;
+
+inline void SetName(WCHAR (&field)[kRecordNameChars], const std::u16string& name) {
+    std::memset(field, 0, sizeof(field));
+    std::memcpy(field, name.data(), std::min<std::size_t>(name.size(), kRecordNameChars) * sizeof(WCHAR));
+}
+
+inline VolumeEntry MakeVolumeEntry(const std::u16string& name, ULONG count, ULONG position, ULONGLONG time = kRigTime) {
+    VolumeEntry entry{};
+    entry.Magic = kVolumeEntryMagic;
+    entry.Version = kVolumeEntryVersion;
+    entry.CreationTime = time;
+    entry.DeviceCount = count;
+    entry.Position = position;
+    SetName(entry.Name, name);
+    entry.Checksum = VrkFsHwCalcVolumeChecksum(&entry);
+    return entry;
+}
 
 // A counted string over text that outlives it.
 inline UNICODE_STRING CountedName(std::u16string_view text) {
@@ -66,10 +85,14 @@ class DriverTest : public MachineTest {
         ASSERT_EQ(VrkFsGlobAddFileType(pVrkFsGlobalData, &row), STATUS_SUCCESS);
     }
 
-    host::ScopedHandle Hold(const std::u16string& path, std::uint32_t access = host::access::kReadData) {
-        const host::OpenResult opened = Open(path, host::Disposition::kOpen, access);
-        EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS");
+    host::ScopedHandle Hold(const std::u16string& path, std::uint32_t access = host::access::kReadData,
+                            host::Disposition disposition = host::Disposition::kOpen, std::uint32_t options = 0) {
+        const host::OpenResult opened = Open(path, disposition, access, options);
+        EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS") << std::string(path.begin(), path.end());
         return {User(), opened.handle};
+    }
+    void Make(const std::u16string& path, std::uint32_t options = 0) {
+        Hold(path, kReadWrite, host::Disposition::kCreate, options).Reset();
     }
     // In the order of the listing.
     std::vector<std::u16string> List(const std::u16string& path) {
@@ -81,13 +104,23 @@ class DriverTest : public MachineTest {
         }
         return names;
     }
-    // A disk's image while the machine is off.
+    // A disk's image, and a record on it: from outside, as other hands would read and write it.
     board::Disk OpenImage(std::uint32_t id) {
         std::string error;
         const auto path = StationPath() / "card0" / ("scsi" + std::to_string(id) + ".img");
         std::optional<board::Disk> disk = board::Disk::Open(path.string(), {}, error);
         EXPECT_TRUE(disk) << error;
         return std::move(*disk);
+    }
+    template <typename Record>
+    void Put(std::uint32_t id, ULONG lba, const Record& record) {
+        ASSERT_TRUE(OpenImage(id).Write(lba, sizeof(Record) / 512, &record));
+    }
+    template <typename Record>
+    Record Get(std::uint32_t id, ULONG lba) {
+        Record record{};
+        EXPECT_TRUE(OpenImage(id).Read(lba, sizeof(Record) / 512, &record));
+        return record;
     }
 };
 

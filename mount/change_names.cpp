@@ -21,7 +21,7 @@ bool IsSameDrive(const NodePointer& one, const NodePointer& other) {
 }  // namespace
 
 int FileSystem::FindPlace(Operation operation, std::uint64_t folderInode, std::string_view spelling, Place& place) {
-    place.folder = Known(folderInode);
+    place.folder = tree_->Find(folderInode);
     if (place.folder == nullptr || !place.folder->IsFolder()) {
         return ENOENT;
     }

@@ -40,11 +40,6 @@ host::Problem FileSystem::Start() {
     return {};
 }
 
-void FileSystem::AddOpen(OpenFile* file) {
-    const std::lock_guard hold(opensLock_);
-    opens_.insert(file);
-}
-
 void FileSystem::CloseAll() {
     std::set<OpenFile*> left;
     {
@@ -56,8 +51,18 @@ void FileSystem::CloseAll() {
     }
 }
 
-NodePointer FileSystem::Known(std::uint64_t inode) {
-    return tree_->Find(inode);
+FileSystem::FolderAtWork FileSystem::WorkAround(const NodePointer& node) {
+    while (true) {
+        FolderAtWork at{tree_->ParentOf(node), {}};
+        if (at.folder == nullptr) {
+            return at;
+        }
+        at.work = std::unique_lock(at.folder->listing->work);
+        if (tree_->ParentOf(node) == at.folder) {
+            return at;
+        }
+        // It was moved while we waited.
+    }
 }
 
 int FileSystem::SyncImages(const std::string& display) {

@@ -53,8 +53,7 @@ struct OpenFile {
     Tree::Opening opening;
     bool passes = false;  // its bytes go straight to the driver: the command port, frame and RAM files
     bool keepPages = false;
-    bool isOpen = false;  // counted
-    std::mutex lock;      // guards the following
+    std::mutex lock;  // guards the following
     host::ScopedHandle handle;
     ReadOrder order;
 
@@ -132,15 +131,21 @@ class FileSystem {
     [[nodiscard]] int RemoveAttribute(const NodePointer& node, std::string_view name);
     [[nodiscard]] int ListAttributes(const NodePointer& node, std::string& names);
 
-    void AddOpen(OpenFile* file);
-
   private:
     // Names.
     [[nodiscard]] int NeedNames(const NodePointer& folder);
     [[nodiscard]] host::Status ListLocked(const NodePointer& folder);
     [[nodiscard]] int List(const NodePointer& folder, Clock::duration oldest);
     void RefreshFacts(const NodePointer& folder, const Snapshot& facts);
-    [[nodiscard]] NodePointer Known(std::uint64_t inode);
+    // Whether the drive tells of every change of a name in the folder.
+    [[nodiscard]] static bool IsReported(const NodePointer& folder);
+
+    // The folder that something is in, with its work lock held. Null: it is under no name any more.
+    struct FolderAtWork {
+        NodePointer folder;
+        std::unique_lock<std::mutex> work;
+    };
+    [[nodiscard]] FolderAtWork WorkAround(const NodePointer& node);
 
     // Changes of names. `folder` with its work lock held, where there is one to take.
     struct Place {
@@ -169,18 +174,27 @@ class FileSystem {
     // Files.
     [[nodiscard]] bool IsStale(const NodePointer& node, bool writes);
     [[nodiscard]] int OpenPassing(const NodePointer& node, int flags, OpenFile& file);
+    [[nodiscard]] int OpenReader(OpenFile& file);
+    void AwaitClose(const NodePointer& node);
+    [[nodiscard]] int OpenWriter(OpenFile& file, int flags);
+    void Count(OpenFile& file);
     [[nodiscard]] int OpenHandle(OpenFile& file, bool cached);
     [[nodiscard]] int ReadHandle(OpenFile& file, std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count);
     [[nodiscard]] int TruncatePassing(const NodePointer& node, std::uint64_t size);
-    [[nodiscard]] int TruncateClip(const NodePointer& node, OpenFile* file, std::uint64_t size);
-    [[nodiscard]] int TruncateCopy(const NodePointer& node, OpenFile* file, ClipWriter& writer, std::uint64_t size);
+    [[nodiscard]] int TruncateClip(const NodePointer& node, const OpenFile* file, std::uint64_t size);
+    [[nodiscard]] int TruncateCopy(const NodePointer& node, const OpenFile* file, ClipWriter& writer,
+                                   std::uint64_t size);
     [[nodiscard]] int Report(const NodePointer& node, const ClipWriter::Outcome& outcome);
     [[nodiscard]] int BeginReplacement(const NodePointer& node, ClipWriter& writer);
-    [[nodiscard]] int Finish(const NodePointer& node, ClipWriter& writer);
+    // A copy that is whole takes its place; `part`: there is one that is not whole yet.
+    [[nodiscard]] int FinishIfWhole(const OpenFile& file, bool& part);
+    // `at`: where the node is; let go of when the copy has its place and has to be made durable.
+    [[nodiscard]] int Finish(const NodePointer& node, ClipWriter& writer, FolderAtWork& at);
     [[nodiscard]] int CheckWritten(const NodePointer& node, const std::u16string& path, std::uint64_t total,
                                    Facts& facts);
     [[nodiscard]] bool IsBeside(const NodePointer& node, const ClipWriter& writer);
-    void GiveUp(const NodePointer& node, ClipWriter& writer);
+    void GiveUp(const NodePointer& node, ClipWriter& writer, const NodePointer& folder);
+    void EndCopy(const NodePointer& node, FolderAtWork& at);
     void EndWriting(const NodePointer& node);
     [[nodiscard]] int SyncImages(const std::string& display);
 

@@ -1,6 +1,6 @@
 // Finding and listing names. What is known of a folder answers; the drive is asked once, and again when it reports a
-// change (watch.cpp), since it reports every change of a name. Sizes and times change without a report: those of files
-// are read again when they are older than a second.
+// change (change_watch.cpp), since it reports every change of a name. Sizes and times change without a report: those of
+// files are read again when they are older than a second.
 #include <algorithm>
 #include <cerrno>
 
@@ -55,9 +55,12 @@ int FileSystem::List(const NodePointer& folder, Clock::duration oldest) {
 }
 
 // The types are the one list whose changes nobody reports; and nothing is reported to who is not there to hear it.
+bool FileSystem::IsReported(const NodePointer& folder) {
+    return folder->kind == Kind::kTop || (folder->level != kRootLevel && folder->drive->watched);
+}
+
 int FileSystem::NeedNames(const NodePointer& folder) {
-    const bool isReported = folder->kind == Kind::kTop || (folder->level != kRootLevel && folder->drive->watched);
-    return List(folder, isReported ? kAnyAge : kFactsAge);
+    return List(folder, IsReported(folder) ? kAnyAge : kFactsAge);
 }
 
 void FileSystem::Refresh(const NodePointer& folder) {
@@ -109,7 +112,7 @@ NodePointer FileSystem::FindNew(const NodePointer& folder, std::u16string_view n
 }
 
 int FileSystem::Lookup(std::uint64_t folderInode, std::string_view spelling, Found& found) {
-    const NodePointer folder = Known(folderInode);
+    const NodePointer folder = tree_->Find(folderInode);
     if (folder == nullptr || !folder->IsFolder()) {
         return ENOENT;
     }
@@ -133,8 +136,7 @@ int FileSystem::Lookup(std::uint64_t folderInode, std::string_view spelling, Fou
         node = FindNew(folder, *name, key);
     }
     if (node == nullptr) {
-        const bool isReported = folder->kind == Kind::kTop || (folder->level != kRootLevel && folder->drive->watched);
-        found.nameSeconds = isReported && tree_->RememberMissing(folder, key, spelling) ? kLongSeconds : 0;
+        found.nameSeconds = IsReported(folder) && tree_->RememberMissing(folder, key, spelling) ? kLongSeconds : 0;
         return 0;
     }
     Fill(node, spelling, found);
@@ -142,7 +144,7 @@ int FileSystem::Lookup(std::uint64_t folderInode, std::string_view spelling, Fou
 }
 
 int FileSystem::GetFacts(std::uint64_t inode, Snapshot& facts, double& seconds) {
-    const NodePointer node = Known(inode);
+    const NodePointer node = tree_->Find(inode);
     if (node == nullptr) {
         return ENOENT;
     }
@@ -153,9 +155,8 @@ int FileSystem::GetFacts(std::uint64_t inode, Snapshot& facts, double& seconds) 
 }
 
 int FileSystem::ListFolder(const NodePointer& folder, std::vector<Row>& rows) {
-    const bool isReported = folder->kind == Kind::kTop || (folder->level != kRootLevel && folder->drive->watched);
     const bool holdsFiles = folder->level >= kFolderLevel;
-    if (const int error = List(folder, isReported && !holdsFiles ? kAnyAge : kFactsAge); error != 0) {
+    if (const int error = List(folder, IsReported(folder) && !holdsFiles ? kAnyAge : kFactsAge); error != 0) {
         return error;
     }
     const NodePointer parent = tree_->ParentOf(folder);

@@ -24,6 +24,7 @@ namespace mount {
 
 // A name beside a clip's own that listings leave out by default: ".NAME.ENDING", then ".NAME.ENDING2" and so on, cut to
 // what a name can hold.
+inline constexpr unsigned kSideNames = 20;  // to try
 [[nodiscard]] std::u16string SideName(std::u16string_view name, std::u16string_view ending, unsigned attempt);
 
 }  // namespace mount

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "mount/file_system.h"
 #include "mount/names.h"
@@ -10,6 +12,8 @@
 namespace mount {
 namespace {
 
+constexpr auto kCloseWait = std::chrono::milliseconds(200);
+constexpr auto kCloseStep = std::chrono::milliseconds(2);
 constexpr std::uint32_t kReaders = host::access::kReadData | host::access::kReadAttributes;
 
 bool Writes(int flags) {
@@ -76,8 +80,63 @@ bool FileSystem::IsStale(const NodePointer& node, bool writes) {
     return tree_->Look(node).gone;
 }
 
+int FileSystem::OpenReader(OpenFile& file) {
+    const bool cached = tree_->CanCache(file.node, file.opening);
+    const int error = tree_->IsUnderWay(file.node) ? 0 : OpenHandle(file, cached);
+    if (error == 0) {
+        Count(file);
+    }
+    return error;
+}
+
+// The kernel tells of a close in its own time, and maybe after the open that came next: what is left of a copy then is
+// in nobody's way. One that somebody is still at stays, after a moment.
+void FileSystem::AwaitClose(const NodePointer& node) {
+    const auto isHeld = [&] {
+        const std::shared_ptr<ClipWriter> writer = tree_->WriterOf(node);
+        return writer != nullptr && !writer->IsOver() && writer->HasBytes() && tree_->WritersOf(node) != 0;
+    };
+    for (auto waited = kCloseStep * 0; isHeld() && waited < kCloseWait; waited += kCloseStep) {
+        std::this_thread::sleep_for(kCloseStep);
+    }
+}
+
+// Begins a copy or joins one, with what the last writer left ended first. No copy begins or ends in the folder
+// meanwhile.
+int FileSystem::OpenWriter(OpenFile& file, int flags) {
+    const NodePointer& node = file.node;
+    if ((flags & O_TRUNC) != 0) {
+        AwaitClose(node);
+    }
+    FolderAtWork at = WorkAround(node);
+    if (at.folder != nullptr && tree_->WritersOf(node) == 0) {
+        EndCopy(node, at);
+        if (!at.work) {
+            at = WorkAround(node);
+        }
+    }
+    if (at.folder == nullptr || tree_->Look(node).gone) {
+        return ESTALE;
+    }
+    const std::shared_ptr<ClipWriter> writer = tree_->NeedWriter(node);
+    if ((flags & O_TRUNC) != 0 && writer->HasBytes()) {
+        return journal_.Refused(Operation::kWrite, tree_->Display(node), EBUSY, "another copy onto it is under way");
+    }
+    if ((flags & O_TRUNC) != 0 && !writer->HasFile()) {
+        tree_->SetTruncated(node);
+    }
+    Count(file);
+    return 0;
+}
+
+void FileSystem::Count(OpenFile& file) {
+    tree_->Opened(file.node, file.opening, file.keepPages);
+    const std::lock_guard hold(opensLock_);
+    opens_.insert(&file);
+}
+
 int FileSystem::Open(std::uint64_t inode, int flags, std::unique_ptr<OpenFile>& file) {
-    const NodePointer node = Known(inode);
+    const NodePointer node = tree_->Find(inode);
     if (node == nullptr) {
         return ENOENT;
     }
@@ -93,23 +152,14 @@ int FileSystem::Open(std::uint64_t inode, int flags, std::unique_ptr<OpenFile>& 
     file = std::make_unique<OpenFile>();
     file->node = node;
     file->opening.writes = Writes(flags);
-    int error = 0;
-    if (!node->IsClip()) {
-        error = OpenPassing(node, flags, *file);
-    } else if (Writes(flags)) {
-        (void)tree_->NeedWriter(node);
-        error = (flags & O_TRUNC) != 0 ? Truncate(node, file.get(), 0) : 0;
-    } else {
-        const bool cached = tree_->CanCache(node, file->opening);
-        error = tree_->IsUnderWay(node) ? 0 : OpenHandle(*file, cached);
+    if (node->IsClip()) {
+        return Writes(flags) ? OpenWriter(*file, flags) : OpenReader(*file);
     }
-    if (error != 0) {
-        return error;
+    const int error = OpenPassing(node, flags, *file);
+    if (error == 0) {
+        Count(*file);
     }
-    tree_->Opened(node, file->opening, file->keepPages);
-    file->isOpen = true;
-    AddOpen(file.get());
-    return 0;
+    return error;
 }
 
 int FileSystem::ReadHandle(OpenFile& file, std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count) {
@@ -155,17 +205,19 @@ void FileSystem::Release(std::unique_ptr<OpenFile> file) {
         const std::lock_guard hold(opensLock_);
         opens_.erase(file.get());
     }
+    // Before its handle goes: from then on somebody else may write, and what the kernel has kept is not to be joined.
+    const bool wasLastWriter = tree_->Closed(file->node, file->opening);
     file->handle.Reset();
-    if (tree_->Closed(file->node, file->opening) && file->node->IsClip()) {
+    if (wasLastWriter && file->node->IsClip()) {
         EndWriting(file->node);
     }
 }
 
 int FileSystem::Sync(OpenFile* file) {
-    if (file != nullptr && file->opening.writes && file->node->IsClip()) {
-        if (const int error = Flush(*file); error != 0) {
-            return error;
-        }
+    // A copy goes on after it, unless it is whole.
+    bool part = false;
+    if (const int error = file == nullptr ? 0 : FinishIfWhole(*file, part); error != 0) {
+        return error;
     }
     return SyncImages("the station");
 }

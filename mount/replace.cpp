@@ -11,11 +11,6 @@
 #include "mount/names.h"
 
 namespace mount {
-namespace {
-
-constexpr unsigned kSideNames = 20;  // to try
-
-}  // namespace
 
 host::Status FileSystem::PutAside(const Place& place, std::u16string_view ending, std::u16string& aside) {
     host::Status status = host::status::kObjectNameCollision;

@@ -532,6 +532,7 @@ void Tree::Opened(const NodePointer& node, Opening& opening, bool& keep) {
 
 bool Tree::Closed(const NodePointer& node, const Opening& opening) {
     const std::lock_guard hold(lock_);
+    const bool isCurrent = opening.generation == node->generation;
     --node->opens;
     --(opening.writes ? node->writers : isCurrent ? node->readers : node->staleReaders);
     node->cachedOpens -= opening.cached && isCurrent ? 1 : 0;
@@ -539,7 +540,6 @@ bool Tree::Closed(const NodePointer& node, const Opening& opening) {
     return opening.writes && node->writers == 0;
 }
 
-    const bool isCurrent = opening.generation == node->generation;
 std::shared_ptr<ClipWriter> Tree::WriterOf(const NodePointer& node) {
     const std::lock_guard hold(lock_);
     return node->writer;
@@ -568,9 +568,9 @@ bool Tree::IsUnderWay(const NodePointer& node) {
     return node->IsUnderWay();
 }
 
-bool Tree::SetTruncated(const NodePointer& node) {
+void Tree::SetTruncated(const NodePointer& node) {
     const std::lock_guard hold(lock_);
-    return !std::exchange(node->truncated, true);
+    node->truncated = true;
 }
 
 bool Tree::IsTruncated(const NodePointer& node) {
@@ -578,12 +578,13 @@ bool Tree::IsTruncated(const NodePointer& node) {
     return node->truncated;
 }
 
-void Tree::WriterDone(const NodePointer& node, const Facts* facts) {
+void Tree::WriterDone(const NodePointer& node, const ClipWriter& done, const Facts* facts) {
     std::shared_ptr<ClipWriter> writer;  // goes after the lock
     const std::lock_guard hold(lock_);
-    writer = std::move(node->writer);
-    node->writer.reset();
-    node->truncated = false;
+    if (node->writer.get() == &done) {
+        writer = std::exchange(node->writer, nullptr);
+        node->truncated = false;
+    }
     if (facts != nullptr) {
         node->size = facts->size;
         node->time = facts->time;

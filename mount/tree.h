@@ -93,11 +93,11 @@ class Tree {
     [[nodiscard]] bool IsUnderWay(const NodePointer& node);
     void SetWriter(const NodePointer& node, std::shared_ptr<ClipWriter> writer);
     [[nodiscard]] unsigned WritersOf(const NodePointer& node);  // files open on it that can write
-    // From now on the name stands for the copy, even before it has any bytes. Returns whether it did not already.
-    bool SetTruncated(const NodePointer& node);
+    // From now on the name stands for the copy, even before it has any bytes.
+    void SetTruncated(const NodePointer& node);
     [[nodiscard]] bool IsTruncated(const NodePointer& node);
-    // The copy is over; what is there now has these facts.
-    void WriterDone(const NodePointer& node, const Facts* facts);
+    // The copy is over; what is there now has these facts. One that has begun since then goes on.
+    void WriterDone(const NodePointer& node, const ClipWriter& done, const Facts* facts);
 
   private:
     [[nodiscard]] std::uint64_t NumberFor(std::uint64_t parent, const std::u16string& key);

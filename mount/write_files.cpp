@@ -9,8 +9,6 @@
 namespace mount {
 namespace {
 
-constexpr unsigned kSideNames = 20;  // to try
-
 std::string Bytes(std::uint64_t count) {
     return std::to_string(count);
 }
@@ -62,9 +60,7 @@ int FileSystem::Create(std::uint64_t folder, std::string_view spelling, bool mus
     const NodePointer node = tree_->Add(place.folder, place.name, false, facts, spelling);
     tree_->SetWriter(node, writer);
     file->node = node;
-    tree_->Opened(node, file->opening, file->keepPages);
-    file->isOpen = true;
-    AddOpen(file.get());
+    Count(*file);
     Fill(node, spelling, made);
     return 0;
 }
@@ -77,11 +73,10 @@ int FileSystem::Report(const NodePointer& node, const ClipWriter::Outcome& outco
 
 // The copy goes beside the clip that it is to replace.
 int FileSystem::BeginReplacement(const NodePointer& node, ClipWriter& writer) {
-    const NodePointer folder = tree_->ParentOf(node);
-    if (folder == nullptr) {
+    const FolderAtWork at = WorkAround(node);
+    if (at.folder == nullptr) {
         return ENOENT;
     }
-    const std::lock_guard work(folder->listing->work);
     if (writer.HasFile()) {
         return 0;
     }
@@ -90,12 +85,12 @@ int FileSystem::BeginReplacement(const NodePointer& node, ClipWriter& writer) {
     for (unsigned attempt = 0; attempt < kSideNames && status == host::status::kObjectNameCollision; ++attempt) {
         name = SideName(tree_->NameOf(node), u"new", attempt);
         Facts facts;
-        status = writer.Create(tree_->PathBelow(folder, name), facts);
+        status = writer.Create(tree_->PathBelow(at.folder, name), facts);
     }
     if (!status.Ok()) {
-        return CheckRoom({folder, tree_->NameOf(node), {}}, Operation::kCreate, status);
+        return CheckRoom({at.folder, tree_->NameOf(node), {}}, Operation::kCreate, status);
     }
-    tree_->Hide(folder, name);
+    tree_->Hide(at.folder, name);
     return 0;
 }
 
@@ -110,6 +105,9 @@ int FileSystem::Write(OpenFile& file, std::uint64_t offset, std::span<const std:
     }
     const std::shared_ptr<ClipWriter> writer = tree_->NeedWriter(file.node);
     if (!writer->HasFile()) {
+        if (tree_->Look(file.node).gone) {
+            return ENOENT;
+        }
         if (offset != 0 && !tree_->IsTruncated(file.node)) {
             return journal_.Refused(Operation::kWrite, tree_->Display(file.node), EPERM,
                                     "a finished clip is not written into: copy a whole one over it");
@@ -128,9 +126,8 @@ int FileSystem::Write(OpenFile& file, std::uint64_t offset, std::span<const std:
                                            : Report(file.node, outcome);
 }
 
-// A program may close one of several descriptors of what it goes on writing, and shells do before the first byte: what
-// is not whole yet is only said to be so.
-int FileSystem::Flush(OpenFile& file) {
+int FileSystem::FinishIfWhole(const OpenFile& file, bool& part) {
+    part = false;
     if (!file.opening.writes || file.passes) {
         return 0;
     }
@@ -146,7 +143,20 @@ int FileSystem::Flush(OpenFile& file) {
         writer->Rest();
         return 0;
     }
-    return writer->IsWhole() ? Finish(file.node, *writer) : EINVAL;
+    part = !writer->IsWhole();
+    if (part) {
+        return 0;
+    }
+    FolderAtWork at = WorkAround(file.node);
+    return Finish(file.node, *writer, at);
+}
+
+// A program may close one of several descriptors of what it goes on writing, and shells do before the first byte: what
+// is not whole yet is only said to be so.
+int FileSystem::Flush(OpenFile& file) {
+    bool part = false;
+    const int error = FinishIfWhole(file, part);
+    return error == 0 && part ? EINVAL : error;
 }
 
 // A record is written when its clip is closed, where a failure is told to nobody.
@@ -161,8 +171,8 @@ int FileSystem::CheckWritten(const NodePointer& node, const std::u16string& path
                                 (gone ? "" : "; what is left of the copy can be deleted"));
 }
 
-int FileSystem::Finish(const NodePointer& node, ClipWriter& writer) {
-    const NodePointer folder = tree_->ParentOf(node);
+int FileSystem::Finish(const NodePointer& node, ClipWriter& writer, FolderAtWork& at) {
+    const NodePointer folder = at.folder;
     if (folder == nullptr) {
         if (!writer.IsOver()) {
             journal_.Line(tree_->Display(node) + ": was removed while a copy onto it was under way: so is the copy");
@@ -170,9 +180,11 @@ int FileSystem::Finish(const NodePointer& node, ClipWriter& writer) {
         writer.Discard();
         return 0;
     }
-    std::unique_lock work(folder->listing->work);
     if (writer.IsOver()) {
         return 0;
+    }
+    if (!writer.IsWhole()) {
+        return EINVAL;  // begun again meanwhile
     }
     const std::u16string path = writer.Path();
     const std::u16string own = tree_->PathOf(node);
@@ -195,8 +207,8 @@ int FileSystem::Finish(const NodePointer& node, ClipWriter& writer) {
         tree_->Remove(node);
         caches_.TellRemoved(folder->inode, node->inode, TreeName(tree_->NameOf(node)));
     }
-    tree_->WriterDone(node, error == 0 ? &facts : nullptr);
-    work.unlock();
+    tree_->WriterDone(node, writer, error == 0 ? &facts : nullptr);
+    at.work.unlock();
     return aside.empty() ? error : RemoveOld(folder, aside, tree_->Display(node));
 }
 
@@ -206,17 +218,8 @@ bool FileSystem::IsBeside(const NodePointer& node, const ClipWriter& writer) {
     return writer.HasFile() && path.substr(path.rfind(u'\\') + 1) != tree_->NameOf(node);
 }
 
-// Deletes what is not whole.
-void FileSystem::GiveUp(const NodePointer& node, ClipWriter& writer) {
-    const NodePointer folder = tree_->ParentOf(node);
-    if (folder == nullptr) {
-        writer.Discard();
-        return;
-    }
-    const std::lock_guard work(folder->listing->work);
-    if (writer.IsOver()) {
-        return;
-    }
+// Deletes what is not whole. The folder's work is held.
+void FileSystem::GiveUp(const NodePointer& node, ClipWriter& writer, const NodePointer& folder) {
     const std::string display = tree_->Display(node);
     const std::u16string path = writer.Path();
     const bool replaces = path != tree_->PathOf(node);
@@ -234,22 +237,27 @@ void FileSystem::GiveUp(const NodePointer& node, ClipWriter& writer) {
         const std::string name = TreeName(tree_->NameOf(node));
         tree_->Remove(node);
         caches_.TellRemoved(folder->inode, node->inode, name);
+        if (!gone) {
+            (void)ListLocked(folder);
+        }
     }
 }
 
-// The last who could write has closed it.
-void FileSystem::EndWriting(const NodePointer& node) {
+// Nobody has it open for writing any more. `at`: where it is.
+void FileSystem::EndCopy(const NodePointer& node, FolderAtWork& at) {
     const std::shared_ptr<ClipWriter> writer = tree_->WriterOf(node);
     if (writer == nullptr) {
         return;
     }
     if (!writer->IsOver()) {
         if (writer->IsWhole()) {
-            (void)Finish(node, *writer);
+            (void)Finish(node, *writer, at);
             return;
         }
-        if (writer->HasBytes() || !writer->Failed().Ok() || IsBeside(node, *writer)) {
-            GiveUp(node, *writer);
+        if (at.folder == nullptr) {
+            writer->Discard();
+        } else if (writer->HasBytes() || !writer->Failed().Ok() || IsBeside(node, *writer)) {
+            GiveUp(node, *writer, at.folder);
         } else {
             writer->Rest();
             if (!writer->HasFile() && tree_->IsTruncated(node)) {
@@ -257,7 +265,16 @@ void FileSystem::EndWriting(const NodePointer& node) {
             }
         }
     }
-    tree_->WriterDone(node, nullptr);
+    tree_->WriterDone(node, *writer, nullptr);
+}
+
+// The last who could write has closed it. The kernel tells of that when it likes: somebody else may have it open by now
+// and have ended the copy that we came for.
+void FileSystem::EndWriting(const NodePointer& node) {
+    FolderAtWork at = WorkAround(node);
+    if (tree_->WritersOf(node) == 0) {
+        EndCopy(node, at);
+    }
 }
 
 int FileSystem::Truncate(const NodePointer& node, OpenFile* file, std::uint64_t size) {
@@ -293,7 +310,7 @@ int FileSystem::TruncatePassing(const NodePointer& node, std::uint64_t size) {
 }
 
 // Of a copy under way.
-int FileSystem::TruncateCopy(const NodePointer& node, OpenFile* file, ClipWriter& writer, std::uint64_t size) {
+int FileSystem::TruncateCopy(const NodePointer& node, const OpenFile* file, ClipWriter& writer, std::uint64_t size) {
     if (size == writer.End()) {
         return 0;
     }
@@ -301,23 +318,25 @@ int FileSystem::TruncateCopy(const NodePointer& node, OpenFile* file, ClipWriter
         const ClipWriter::Outcome outcome = writer.Extend(size);
         return outcome.Ok() ? 0 : Report(node, outcome);
     }
-    const NodePointer folder = tree_->ParentOf(node);
-    if (file == nullptr || !file->isOpen || folder == nullptr) {
+    if (file == nullptr) {
         return journal_.Refused(Operation::kWrite, tree_->Display(node), EBUSY, "another copy onto it is under way");
     }
-    const std::lock_guard work(folder->listing->work);
+    const FolderAtWork at = WorkAround(node);
+    if (at.folder == nullptr) {
+        return ENOENT;
+    }
     const host::Status status = writer.Restart();
     return status.Ok() ? 0 : journal_.Refused(Operation::kWrite, tree_->Display(node), status);
 }
 
-int FileSystem::TruncateClip(const NodePointer& node, OpenFile* file, std::uint64_t size) {
+int FileSystem::TruncateClip(const NodePointer& node, const OpenFile* file, std::uint64_t size) {
     const std::shared_ptr<ClipWriter> writer = tree_->WriterOf(node);
     if (writer != nullptr && writer->HasFile() && !writer->IsOver()) {
         return TruncateCopy(node, file, *writer, size);
     }
     if (size == 0 && file != nullptr) {
         (void)tree_->NeedWriter(node);
-        (void)tree_->SetTruncated(node);
+        tree_->SetTruncated(node);
         return 0;
     }
     if (size == tree_->Look(node).size) {

@@ -1,0 +1,167 @@
+// Requests that cross each other: what one program sees or loses when another one, or the kernel, does something else
+// in between.
+#include "tests/mount/mount_fixture.h"
+
+namespace tests {
+namespace {
+
+class MountCrossing : public MountTest {
+  protected:
+    // A program in the test's directory; T and O are the folders, `small` and `large` the clips' bytes.
+    void Python(const std::string& program) const {
+        std::ofstream(At("program.py")) << "import ctypes, mmap, os, time\n"
+                                           "T = 'm/P/RZV/TWO/A/'; O = 'm/P/RZV/ONE/A/'\n"
+                                           "W = os.O_WRONLY | os.O_CREAT | os.O_TRUNC\n"
+                                           "small = open('small', 'rb').read(); large = open('large', 'rb').read()\n"
+                                           "def await_file(name):\n"
+                                           "    while not os.path.exists(name): time.sleep(0.01)\n" +
+                                               program;
+        Do("python3 program.py");
+    }
+};
+
+// What leaves a folder while a program is at listing it is not brought back by the rest of the listing: a copy to the
+// old name of a clip that was moved would go onto that clip.
+TEST_F(MountCrossing, AListingAndWhatLeavesMeanwhile) {
+    Do("mkdir m/P/RZV/TWO/B");
+    Python(R"(
+names = ['n%03d' % i + 'x' * 120 for i in range(60)]
+for name in names: os.close(os.open(T + name, W))
+moved, removed = names[-1], names[-2]
+open(T + moved, 'wb').write(small)
+folder = os.open(T, os.O_RDONLY | os.O_DIRECTORY)
+room = ctypes.create_string_buffer(4096)
+SYS_getdents64 = {'x86_64': 217, 'aarch64': 61}[os.uname().machine]
+some = lambda: ctypes.CDLL(None).syscall(SYS_getdents64, folder, room, 4096)
+assert some() > 0
+os.rename(T + moved, 'm/P/RZV/TWO/B/' + moved)
+os.unlink(T + removed)
+while some() > 0: pass
+assert not os.path.exists(T + moved) and not os.path.exists(T + removed)
+open(T + moved, 'wb').write(large)
+assert open('m/P/RZV/TWO/B/' + moved, 'rb').read() == small
+)");
+}
+
+// The kernel tells of a close when it likes, also after the open that came next.
+TEST_F(MountCrossing, ACopyRightAfterOneThatWasGivenUp) {
+    Python(R"(
+for i in range(60):
+    for begun in (b'', small[:70000]):
+        a = os.open(T + 'a', W)
+        os.write(a, begun)
+        try: os.close(a)
+        except OSError: pass
+        a = os.open(T + 'a', W)
+        for at in range(0, len(small), 100000): os.write(a, small[at:at + 100000])
+        os.close(a)
+        assert open(T + 'a', 'rb').read() == small
+)");
+    ExpectOut("ls -A $T", "a\n");
+}
+
+TEST_F(MountCrossing, ACopyGoesOnAfterASync) {
+    Python(R"(
+for clip in (small, large):
+    a = os.open(T + 'a', W)
+    for at in range(0, len(clip), 300000):
+        os.write(a, clip[at:at + 300000])
+        os.fsync(a)
+    os.close(a)
+    assert open(T + 'a', 'rb').read() == clip
+)");
+}
+
+// A file that is still empty is anybody's to record into. Who had it open before loses nothing of theirs.
+TEST_F(MountCrossing, AnEmptyFileThatSomebodyElseRecordsInto) {
+    std::thread recorder([&] {
+        EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(At("ready")); }));
+        const host::OpenResult opened =
+            Open(u"\\RZV\\TWO\\A\\a", host::Disposition::kOpen, host::access::kReadData | host::access::kWriteData);
+        EXPECT_TRUE(opened.status.Ok()) << host::StatusName(opened.status);
+        const std::string bytes = Contents(At("small"));
+        EXPECT_TRUE(User().Write(opened.handle, std::as_bytes(std::span(bytes)), 0).status.Ok());
+        EXPECT_TRUE(User().Close(opened.handle).Ok());
+        std::ofstream(At("recorded")) << "x";
+    });
+    Python(R"(
+a = os.open(T + 'a', W)
+os.close(os.dup(a))
+open('ready', 'w').close()
+await_file('recorded')
+other = bytearray(small); other[-1] ^= 1
+try: os.write(a, other); assert False
+except OSError: pass
+try: os.close(a)
+except OSError: pass
+)");
+    recorder.join();
+    Remount();
+    Do("cmp small $T/a");
+}
+
+// A reader beside a writer gets no pages kept, but maps the file: none of it shows up in the clip that comes next.
+TEST_F(MountCrossing, AMappingOfTheClipBefore) {
+    Do("cp small $T/a");
+    host::OpenRequest request;
+    request.path = u"P:\\RZV\\TWO\\A\\a";
+    request.access = host::access::kReadData | host::access::kWriteData;
+    const host::OpenResult writer = User().Create(request);
+    ASSERT_TRUE(writer.status.Ok());
+    std::thread others([&] {
+        EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(At("mapped")); }));
+        EXPECT_TRUE(User().Close(writer.handle).Ok());
+        RenameOnDrive(u"\\RZV\\TWO\\A\\a", u"Aside");
+        PutOnDrive(u"\\RZV\\TWO\\A\\a", "large");
+        EXPECT_TRUE(Eventually([&] { return Sh("cmp large $T/a").status == 0; }));
+        std::ofstream(At("replaced")) << "x";
+    });
+    Python(R"(
+old = os.open(T + 'a', os.O_RDONLY)
+mapping = mmap.mmap(old, len(small), flags=mmap.MAP_PRIVATE, prot=mmap.PROT_READ)
+open('mapped', 'w').close()
+await_file('replaced')
+new = os.open(T + 'a', os.O_RDONLY)
+for at in range(0, len(small), 65536): mapping[at]
+read = b''
+while piece := os.read(new, 1 << 20): read += piece
+assert read == large
+)");
+    others.join();
+}
+
+// However the place was named and wherever it is by then, the mount ends when it is told to.
+TEST_F(MountCrossing, EndsWhereverItIs) {
+    Do("cp small $T/a");
+    mount_.reset();
+    Do("mkdir -p real x/m && ln -s real link");
+    MountDrives([&](mount::Options& options) { options.mountpoint = At("link"); });
+    Do("cmp small real/P/RZV/TWO/A/a");
+    mount_.reset();
+    Do("rmdir real");
+    const auto startReader = [&](const std::string& place) {
+        std::filesystem::remove(At("ready"));
+        const pid_t reader = StartShell(
+            directory_.Path(),
+            "exec 3< " + place + "/P/RZV/TWO/A/a; touch ready; while test -e ready; do sleep 0.01; done", At("said"));
+        EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(At("ready")); }));
+        return reader;
+    };
+    for (const char* away : {"mv x y", "umount -l x/m || fusermount3 -uz x/m"}) {
+        for (const bool inUse : {false, true}) {
+            MountDrives([&](mount::Options& options) { options.mountpoint = At("x/m"); });
+            const pid_t reader = inUse ? startReader("x/m") : -1;
+            Do(away);
+            mount_.reset();
+            Do("grep -q " + directory_.Path().string() +
+               " /proc/self/mountinfo && echo still there; test ! -e y || mv y x");
+            std::filesystem::remove(At("ready"));
+            if (inUse) {
+                EXPECT_EQ(Await(reader), 0);
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tests

@@ -144,5 +144,24 @@ TEST_F(MountPlace, TheCommandComesAndGoes) {
     EXPECT_NE(Contents(At("station/mount.log")).find("was taken away"), std::string::npos);
 }
 
+// One that changes nothing, beside a daemon that goes on writing for others.
+TEST_F(MountPlace, ReadsOnlyThroughADaemonThatWrites) {
+    mount_.reset();
+    Stop();
+    const std::string vrkfs = std::string(VRKFS_PROGRAM) + " ";
+    Outcome served = Sh(vrkfs + "serve --json -s station");
+    ASSERT_EQ(served.status, 0) << served.out;
+    served.out.erase(0, served.out.rfind(':') + 1);
+    const std::string number = "process=" + served.out.substr(0, served.out.find('}')) + "; ";
+    EXPECT_EQ(Sh(vrkfs + "mount -s station --read-only m").status, 3);
+    EXPECT_EQ(Sh(vrkfs + "mount -s station -o ro m").status, 0);
+    EXPECT_NE(Sh("mkdir $T/../B").out.find("Read-only file system"), std::string::npos);
+    EXPECT_EQ(Sh(vrkfs + "mkdir -s station P:/RZV/TWO/C").status, 0);
+    EXPECT_TRUE(Eventually([&] { return Sh("ls $T/..").out == "A\nC\n"; }));
+    Do("umount m || fusermount3 -u m");
+    Do(number + "kill $process");
+    EXPECT_TRUE(Eventually([&] { return Sh(number + "kill -0 $process").status != 0; }));
+}
+
 }  // namespace
 }  // namespace tests

@@ -30,6 +30,14 @@ class Daemon : public tests::DaemonTest {
         }
         return all;
     }
+    [[nodiscard]] std::size_t TimesLogged(const std::string& words) const {
+        const std::string log = DaemonLog();
+        std::size_t times = 0;
+        for (std::size_t at = log.find(words); at != log.npos; at = log.find(words, at + 1)) {
+            ++times;
+        }
+        return times;
+    }
 };
 
 // Every command, in an order in which each has something to do.
@@ -138,6 +146,7 @@ TEST_F(Daemon, IsFoundAfterOneThatWasKilled) {
         EXPECT_EQ(Run("ls P:/RZV/TWO/A").out, "c\n");
         EXPECT_THAT(DaemonLog(), HasSubstr("serving"));
         EXPECT_EQ(StopDaemon(), 0);
+        EXPECT_EQ(TimesLogged("client "), 1u) << DaemonLog();  // a command is one line
         EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(Socket())));
     }
 }
@@ -431,6 +440,7 @@ TEST_F(Daemon, DisksOfAProgramThatDiesComeBack) {
     EXPECT_EQ(Await(client), -SIGKILL);
     EXPECT_TRUE(Becomes([&] { return Run("ls P:/RZV/ONE").out == "A\n"; })) << DaemonLog();
     EXPECT_EQ(StopDaemon(), 0) << DaemonLog();
+    EXPECT_EQ(TimesLogged("went away"), 1u) << DaemonLog();
 }
 
 TEST_F(Daemon, ARecorderAndAPlayerMeetAtIt) {

@@ -187,9 +187,10 @@ bool LinesToField(const std::uint8_t* lines, Frame& frame, std::uint32_t stream,
     if (content == FieldContent::kJpeg && !Decode(frame, stream, field, image, problem, note)) {
         return false;
     }
+    const std::uint32_t rows = content == FieldContent::kJpeg ? image.height : frame.FieldLines();
     bool changed = false;
     Bytes before(kLineBytes);
-    for (std::uint32_t line = 0; line < frame.FieldLines(); ++line) {
+    for (std::uint32_t line = 0; line < rows; ++line) {
         const std::uint8_t* const wanted = lines + std::size_t{frame.LineOf(field, line)} * kLineBytes;
         if (content == FieldContent::kLines) {
             std::memcpy(bytes.data() + line * kLineBytes, wanted, kLineBytes);

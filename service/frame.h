@@ -62,8 +62,9 @@ FieldContent ContentOf(const Frame& frame, std::uint32_t stream, std::uint32_t f
 bool FrameToPicture(const Frame& frame, Picture& picture, std::string& problem, std::string& note);
 
 // Changes the fields where the picture differs from what FrameToPicture makes of them; lines that do not differ keep
-// their bytes, a JPEG image in which something differs is made anew, as good as fits where it is. A picture without
-// alpha leaves the frame's alone. False with `problem` filled when it does not fit; the frame is then half changed.
+// their bytes, a JPEG image in which something differs is made anew, as good as fits where it is, and stays as high as
+// it is. A picture without alpha leaves the frame's alone. False with `problem` filled when it does not fit; the frame
+// is then half changed.
 bool PictureToFrame(const Picture& picture, Frame& frame, std::string& problem);
 
 // The fields' lines one upon the other in the order of the picture, video first, then alpha: 4:2:2 as it is. A JPEG

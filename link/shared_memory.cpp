@@ -110,14 +110,14 @@ Windows::Window Windows::TakeNow(std::size_t size, std::unique_lock<std::mutex>&
         return {};
     }
     made_ += size;
-    const auto place = out_.insert(size);
+    out_.insert(size);
     hold.unlock();
     Window window;
     const bool allocated = memory_.Allocate(size, window).Ok();
     hold.lock();
     if (!allocated) {
         made_ -= size;
-        out_.erase(place);
+        out_.erase(out_.find(size));  // any of its size: who gives one back takes the first
         givenBack_.notify_all();
         return {};
     }

@@ -21,14 +21,7 @@ void Need(host::Status status, const char* step) {
 }
 
 clip::ClipRecipe Recipe(std::uint64_t seed) {
-    clip::ClipRecipe recipe;
-    recipe.kind = clip::ClipKind::Tagged;
-    recipe.frames = 6;
-    recipe.alpha = seed == 2;
-    recipe.minSectors = 0;
-    recipe.maxSectors = 24;
-    recipe.seed = seed;
-    return recipe;
+    return {.kind = clip::ClipKind::Tagged, .frames = 6, .alpha = seed == 2, .maxSectors = 24, .seed = seed};
 }
 
 // The template station lives as long as the test program.
@@ -37,10 +30,7 @@ struct TemplateStation {
     fs::path path = directory.Path() / "template";
 
     TemplateStation() {
-        host::StationLayout layout;
-        layout.disks = 5;
-        layout.diskBytes = 8 << 20;
-        host::Problem problem = host::CreateStation(path, layout);
+        host::Problem problem = host::CreateStation(path, {.disks = 5, .diskBytes = 8 << 20});
         auto machine = problem ? nullptr : host::Machine::Start(path, {}, problem);
         if (!machine) {
             throw std::runtime_error(problem.what);
@@ -78,10 +68,9 @@ void WorkOnKeep(Process& user, Outcome& outcome) {
         image != NewClip()) {
         outcome.wrong.push_back("the new clip was read with wrong bytes");
     }
-    host::Status status;
     outcome.deleted = DeleteFile(user, u"\\RZV\\KEEP\\CLIPS\\OLD.RZV").Ok();
-    (void)Listed(user, u"\\RZV\\KEEP\\CLIPS", u"KEEP.RZV", status);
-    (void)Listed(user, u"\\", u"RZV", status);
+    (void)Listed(user, u"\\RZV\\KEEP\\CLIPS", u"KEEP.RZV");
+    (void)Listed(user, u"\\", u"RZV");
 }
 
 // Steps that make a volume from nothing.
@@ -93,7 +82,7 @@ void WorkOnFresh(Process& user) {
 }
 
 // Steps that change what is there. MOVE is moved to places apart, SLIDE onto its own blocks.
-void WorkOnChanges(Process& user, Outcome& outcome) {
+void WorkOnChanges(host::Machine& machine, Process& user, Outcome& outcome) {
     const std::u16string changes = u"\\RZV\\KEEP\\CHANGES\\";
     outcome.renamed = RenameTo(user, changes + u"NAME.RZV", u"NAMED.RZV").Ok();
     outcome.walked = RenameTo(user, changes + u"WALK.RZV", u"P:\\RZV\\KEEP\\OTHER\\WALKED.RZV").Ok();
@@ -106,7 +95,7 @@ void WorkOnChanges(Process& user, Outcome& outcome) {
     step("rename the volume", RenameTo(user, u"\\RZV\\LONE", u"ALONE").Ok());
     outcome.gone = DeleteFile(user, changes + u"GONE.RZV").Ok();
     step("look at a table", LookAtTable(user, changes + u"MOVE.RZV"));
-    step("record in place", RecordInPlace(user, changes + u"TAKE.RZV"));
+    step("record in place", RecordInPlace(machine, changes + u"TAKE.RZV"));
     for (std::uint32_t segment = 0; segment < VRKFS_SEGMENT_COUNT; ++segment) {
         const bool data = segment == VRKFS_SEGMENT_DATA || segment == VRKFS_SEGMENT_ALPHA_DATA;
         step("move", MoveSegment(user, changes + u"MOVE.RZV", segment, data ? 1500 : -50));
@@ -119,11 +108,8 @@ void WorkOnChanges(Process& user, Outcome& outcome) {
 
 // A frame read, written and closed.
 void WorkOnFrame(Process& user, const std::u16string& path, std::uint32_t frame, bool overlapped, Outcome& outcome) {
-    host::OpenRequest request;
-    request.path = u"P:" + path;
-    request.access = host::access::kReadData | host::access::kWriteData;
-    request.overlapped = overlapped;
-    const host::OpenResult opened = user.Create(request);
+    const host::OpenResult opened = user.Create(
+        {.path = u"P:" + path, .access = host::access::kReadData | host::access::kWriteData, .overlapped = overlapped});
     const host::ScopedHandle file(user, opened.handle);
     Bytes bytes(3000);
     const host::Status read = opened.status.Ok() ? user.Read(file.Get(), bytes, 1).status : opened.status;
@@ -180,23 +166,20 @@ void WorkThroughService(host::Machine& machine, Process& user, Outcome& outcome)
     service.Leave();
 }
 
-bool Reads(Process& user, const std::u16string& name, const Bytes& wanted, std::string* why = nullptr) {
+// Why a clip does not read back as wanted; empty: it does.
+std::string Wrong(Process& user, const std::u16string& name, const Bytes& wanted) {
     Bytes image;
     const host::Status status = GetClip(user, u"\\RZV\\KEEP\\" + name, image);
     if (status.Ok() && image == wanted) {
-        return true;
+        return {};
     }
-    if (why != nullptr) {
-        *why = std::string(name.begin(), name.end()) +
-               (status.Ok() ? " reads back with other bytes afterwards"
-                            : " cannot be read afterwards: " + host::StatusName(status));
-    }
-    return false;
+    return std::string(name.begin(), name.end()) + (status.Ok()
+                                                        ? " reads back with other bytes afterwards"
+                                                        : " cannot be read afterwards: " + host::StatusName(status));
 }
 
 void InspectClip(Process& user, const std::u16string& name, const Bytes& wanted, std::vector<std::string>& wrong) {
-    std::string why;
-    if (!Reads(user, name, wanted, &why)) {
+    if (const std::string why = Wrong(user, name, wanted); !why.empty()) {
         wrong.push_back(why);
     }
 }
@@ -204,10 +187,10 @@ void InspectClip(Process& user, const std::u16string& name, const Bytes& wanted,
 // What was changed is as before or as after; done, it is as after.
 void InspectChange(Process& user, const std::vector<std::u16string>& before, const std::u16string& after, bool done,
                    std::vector<std::string>& wrong) {
-    std::string why;
-    bool found = Reads(user, after, NewClip(), &why);
+    const std::string why = Wrong(user, after, NewClip());
+    bool found = why.empty();
     for (const std::u16string& name : before) {
-        const bool there = Reads(user, name, NewClip());
+        const bool there = Wrong(user, name, NewClip()).empty();
         if (done && there) {
             wrong.push_back(std::string(name.begin(), name.end()) + " is still there");
         }
@@ -215,6 +198,14 @@ void InspectChange(Process& user, const std::vector<std::u16string>& before, con
     }
     if (!found) {
         wrong.push_back(why + ", nor is it where it was");
+    }
+}
+
+// Gone when it was deleted, else whole.
+void InspectDeleted(Process& user, const std::u16string& name, bool deleted, std::vector<std::string>& wrong) {
+    Bytes image;
+    if (GetClip(user, u"\\RZV\\KEEP\\" + name, image).Ok() && (deleted || image != NewClip())) {
+        wrong.push_back(std::string(name.begin(), name.end()) + (deleted ? " is still there" : " has other bytes"));
     }
 }
 
@@ -226,16 +217,10 @@ void InspectChanges(Process& user, const Outcome& before, std::vector<std::strin
     if (!before.slid) {
         InspectClip(user, u"CHANGES\\SLIDE.RZV", NewClip(), wrong);
     }
-    host::Status status;
-    const bool lone = Listed(user, u"\\RZV\\LONE", u"F", status) || Listed(user, u"\\RZV\\ALONE", u"F", status);
-    if (!lone) {
+    if (!Listed(user, u"\\RZV\\LONE", u"F") && !Listed(user, u"\\RZV\\ALONE", u"F")) {
         wrong.push_back("the renamed volume is lost");
     }
-    Bytes image;
-    const bool there = GetClip(user, u"\\RZV\\KEEP\\CHANGES\\GONE.RZV", image).Ok();
-    if (there && (before.gone || image != NewClip())) {
-        wrong.push_back(before.gone ? "the deleted clip is still there" : "the clip not deleted has other bytes");
-    }
+    InspectDeleted(user, u"CHANGES\\GONE.RZV", before.gone, wrong);
 }
 
 }  // namespace
@@ -283,7 +268,7 @@ Outcome Live(Life life, const fs::path& station, const Hooks& hooks) {
                 WorkOnFresh(*user);
                 break;
             case Life::kChanges:
-                WorkOnChanges(*user, outcome);
+                WorkOnChanges(*machine, *user, outcome);
                 break;
             case Life::kService:
                 WorkThroughService(*machine, *user, outcome);
@@ -310,6 +295,7 @@ std::vector<std::string> Inspect(Life life, const fs::path& station, const Outco
         InspectClip(*user, u"SAFE\\KEEP.RZV", KeptClip(), wrong);
         if (!before.torn) {
             InspectClip(*user, u"CLIPS\\KEEP.RZV", KeptClip(), wrong);
+            InspectDeleted(*user, u"CLIPS\\OLD.RZV", before.deleted, wrong);
         }
         if (before.recorded) {
             InspectClip(*user, u"CLIPS\\NEW.RZV", NewClip(), wrong);

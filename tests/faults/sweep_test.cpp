@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 
 #include "board/board.h"
 #include "nt/kernel.h"
@@ -67,16 +68,19 @@ class Sweep : public testing::TestWithParam<Kind> {
     static constexpr Promises kHealthy = {true, true, false, true};
 
     // Runs one life on a fresh copy of the template and looks at the station afterwards.
-    void RunPoint(const std::string& name, const Hooks& hooks, const std::function<void()>& before,
-                  const std::function<void()>& after, const Promises& promises) {
+    void RunPoint(const std::string& name, const Hooks& hooks, const Promises& promises,
+                  const std::optional<nt::FaultPlan>& plan = {}) {
         SCOPED_TRACE(name);
         const std::filesystem::path station = directory_.Path() / "station";
         CopyTemplate(station);
-        before();
+        if (plan) {
+            nt::ArmFaults(*plan);
+        }
         Outcome outcome = Live(GetParam().life, station, hooks);
-        after();
+        kernelCalls_ = plan ? nt::DisarmFaults() : 0;
         outcome.recorded = outcome.recorded && promises.closing;
         outcome.gone = outcome.gone && promises.closing;
+        outcome.deleted = outcome.deleted && promises.closing;
         outcome.slid = !promises.slide;
         outcome.torn = promises.torn;
         if (promises.everything) {
@@ -90,13 +94,27 @@ class Sweep : public testing::TestWithParam<Kind> {
         }
     }
 
+    // What a healthy life asks of the board once the machine runs.
+    board::Counters CountBoard() {
+        board::Counters counters;
+        RunPoint("counting",
+                 {.started = [](host::Machine& machine) { machine.BoardOf(0)->ResetCounters(); },
+                  .ending = [&](host::Machine& machine) { counters = machine.BoardOf(0)->Count(); }},
+                 kHealthy);
+        return counters;
+    }
+
     static void Report(const char* what, std::size_t run, std::uint64_t possible) {
         std::printf("[   SWEEP  ] %s: %zu points run of %llu possible\n", what, run,
                     static_cast<unsigned long long>(possible));
     }
 
     tests::TemporaryDirectory directory_;
+    std::uint64_t kernelCalls_ = 0;  // of the last life, if there was a plan for them
 };
+
+constexpr Kind kKinds[] = {{Life::kRecording, false}, {Life::kRecording, true}, {Life::kChanges, false},
+                           {Life::kChanges, true},    {Life::kService, false},  {Life::kService, true}};
 
 std::string PointName(std::uint64_t point, std::uint64_t possible, bool forEver) {
     return "point " + std::to_string(point) + " of " + std::to_string(possible) + (forEver ? ", for ever" : ", once") +
@@ -108,45 +126,29 @@ class KernelCalls : public Sweep {};
 
 TEST_P(KernelCalls, FailInTurn) {
     const bool forEver = GetParam().forEver;
-    const auto arm = [&](std::uint64_t failAt) {
-        nt::FaultPlan plan;
-        plan.kinds = nt::kAllFaults;
-        plan.failAt = failAt;
-        plan.forEver = forEver;
-        nt::ArmFaults(plan);
+    const auto plan = [&](std::uint64_t failAt) {
+        return nt::FaultPlan{.kinds = nt::kAllFaults, .failAt = failAt, .forEver = forEver};
     };
-    std::uint64_t possible = 0;
-    RunPoint(
-        "counting", {}, [&] { arm(0); }, [&] { possible = nt::DisarmFaults(); }, kHealthy);
+    RunPoint("counting", {}, kHealthy, plan(0));
+    const std::uint64_t possible = kernelCalls_;
     ASSERT_GT(possible, 100u);
 
     const auto points = PointsOf(possible);
     for (const std::uint64_t point : points) {
         // To take an interrupted slide back, the card's path has to be claimed, which takes a request.
-        RunPoint(
-            PointName(point, possible, forEver), {}, [&] { arm(point); }, [] { nt::DisarmFaults(); },
-            {true, !forEver, false});
+        RunPoint(PointName(point, possible, forEver), {}, {true, !forEver, false}, plan(point));
     }
     Report("kernel calls", points.size(), possible);
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, KernelCalls,
-                         testing::Values(Kind{Life::kRecording, false}, Kind{Life::kRecording, true},
-                                         Kind{Life::kChanges, false}, Kind{Life::kChanges, true},
-                                         Kind{Life::kService, false}, Kind{Life::kService, true}),
-                         NameOf);
+INSTANTIATE_TEST_SUITE_P(Faults, KernelCalls, testing::ValuesIn(kKinds), NameOf);
 
 // Board requests that fail, once the machine runs.
 class BoardRequests : public Sweep {};
 
 TEST_P(BoardRequests, FailInTurn) {
     const bool forEver = GetParam().forEver;
-    std::uint64_t possible = 0;
-    Hooks counting;
-    counting.started = [](host::Machine& machine) { machine.BoardOf(0)->ResetCounters(); };
-    counting.ending = [&](host::Machine& machine) { possible = machine.BoardOf(0)->Count().Total(); };
-    RunPoint(
-        "counting", counting, [] {}, [] {}, kHealthy);
+    const std::uint64_t possible = CountBoard().Total();
     ASSERT_GT(possible, 50u);
 
     const auto points = PointsOf(possible);
@@ -155,36 +157,23 @@ TEST_P(BoardRequests, FailInTurn) {
         hooks.started = [&](host::Machine& machine) {
             board::Misbehaviour rule;
             rule.skip = point - 1;
-            if (!forEver) {
-                rule.count = 1;
-            }
+            rule.count = forEver ? rule.count : 1;
             machine.BoardOf(0)->Misbehave().Add(rule);
         };
         hooks.ending = [](host::Machine& machine) { machine.BoardOf(0)->Misbehave().Clear(); };
         // A disk that fails for ever takes the record of a clip with it at the last close, which has nobody to tell.
-        RunPoint(
-            PointName(point, possible, forEver), hooks, [] {}, [] {}, {false, !forEver, false});
+        RunPoint(PointName(point, possible, forEver), hooks, {false, !forEver, false});
     }
     Report("board requests", points.size(), possible);
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, BoardRequests,
-                         testing::Values(Kind{Life::kRecording, false}, Kind{Life::kRecording, true},
-                                         Kind{Life::kChanges, false}, Kind{Life::kChanges, true}),
-                         NameOf);
+INSTANTIATE_TEST_SUITE_P(Faults, BoardRequests, testing::ValuesIn(kKinds, kKinds + 4), NameOf);
 
 // The power goes at a write: half of it reaches the disk, and nothing after it.
 class PowerCuts : public Sweep {};
 
 TEST_P(PowerCuts, AtEachWrite) {
-    std::uint64_t possible = 0;
-    Hooks counting;
-    counting.started = [](host::Machine& machine) { machine.BoardOf(0)->ResetCounters(); };
-    counting.ending = [&](host::Machine& machine) {
-        possible = machine.BoardOf(0)->Count().Of(board::Operation::kWrite);
-    };
-    RunPoint(
-        "counting", counting, [] {}, [] {}, kHealthy);
+    const std::uint64_t possible = CountBoard().Of(board::Operation::kWrite);
     ASSERT_GT(possible, 20u);
 
     const auto points = PointsOf(possible);
@@ -194,9 +183,8 @@ TEST_P(PowerCuts, AtEachWrite) {
             hooks.started = [&](host::Machine& machine) {
                 machine.BoardOf(0)->CutPowerAtWrite(point, blocks, board::AfterPowerLoss::kError);
             };
-            RunPoint(
-                PointName(point, possible, false) + ", " + std::to_string(blocks) + " blocks land", hooks, [] {}, [] {},
-                {false, false, blocks != 0});
+            RunPoint(PointName(point, possible, false) + ", " + std::to_string(blocks) + " blocks land", hooks,
+                     {false, false, blocks != 0});
         }
     }
     Report("power cuts", points.size() * 2, possible * 2);

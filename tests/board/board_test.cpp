@@ -93,11 +93,8 @@ class MainBoard : public testing::Test {
     }
 
     static nt::Handle OpenCard(nt::Process& process) {
-        nt::OpenParameters parameters;
-        parameters.name = u"\\Device\\Vrk0";
-        parameters.options = 0;
         nt::Handle handle = 0;
-        EXPECT_EQ(process.Open(parameters, &handle), STATUS_SUCCESS);
+        EXPECT_EQ(process.Open({.name = u"\\Device\\Vrk0", .options = 0}, &handle), STATUS_SUCCESS);
         return handle;
     }
     static NTSTATUS Ask(nt::Process& process, nt::Handle card, Asked& asked, ULONG code = IOCTL_VRK_SCSI_COMMAND) {

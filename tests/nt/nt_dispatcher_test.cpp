@@ -9,19 +9,17 @@ namespace {
 
 using namespace nt_test;
 
-LARGE_INTEGER Ticks(LONGLONG ticks) {
-    LARGE_INTEGER value;
-    value.QuadPart = ticks;
-    return value;
-}
-
 NTSTATUS Wait(PVOID object, const LONGLONG* ticks = nullptr) {
-    LARGE_INTEGER timeout = Ticks(ticks != nullptr ? *ticks : 0);
+    LARGE_INTEGER timeout;
+    timeout.QuadPart = ticks != nullptr ? *ticks : 0;
     return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, ticks != nullptr ? &timeout : nullptr);
 }
 
 using DispatcherTest = KernelTest;
-using ClockTest = ManualClockTest;
+
+class ClockTest : public KernelTest {
+    nt::BootOptions Options() override { return {.manualClock = true}; }
+};
 
 // The waiter owns the event's memory and frees it as soon as it runs: the setter must not look back.
 TEST_F(DispatcherTest, AWaiterMayFreeTheEventAsSoonAsItIsLetGo) {

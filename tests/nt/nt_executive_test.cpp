@@ -77,14 +77,13 @@ TEST_F(ExecutiveTest, AProbeFindsEveryBadPageWithoutTouchingTheGoodOnes) {
     const int fd = memfd_create("probe", 0);
     ASSERT_EQ(ftruncate(fd, kPage), 0);
     char* const shared = map(2 * kPage, MAP_SHARED, fd);
-    struct Case {
+    const struct {
         const char* name;
         const char* from;
         size_t bytes;
         bool read;
         bool write;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"good", memory, 40 * kPage, true, true},
         {"up to the read-only page", memory + 40 * kPage, 10 * kPage, true, true},
         {"one byte into it", memory + 40 * kPage, 10 * kPage + 1, true, false},
@@ -98,7 +97,7 @@ TEST_F(ExecutiveTest, AProbeFindsEveryBadPageWithoutTouchingTheGoodOnes) {
         {"null", nullptr, 101, false, false},
         {"the end of the address space", reinterpret_cast<char*>(~uintptr_t{0} - 100), 101, false, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(NT_SUCCESS(Probe(c.from, c.bytes, false)), c.read) << c.name;
         EXPECT_EQ(NT_SUCCESS(Probe(c.from, c.bytes, true)), c.write) << c.name;
     }

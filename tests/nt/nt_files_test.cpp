@@ -11,7 +11,6 @@ using tests::Attributes;
 namespace fs = std::filesystem;
 
 constexpr ULONG kSynchronous = FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE | FILE_SEQUENTIAL_ONLY;
-constexpr ACCESS_MASK kRead = GENERIC_READ | SYNCHRONIZE;
 constexpr std::u16string_view kBackup = u"\\SystemRoot\\system32\\drivers\\!RZVBKUP.!BT";
 
 class FilesTest : public tests::StationTest {
@@ -24,11 +23,11 @@ class FilesTest : public tests::StationTest {
         ASSERT_EQ(nt::AttachStation(files_), "");
     }
 
-    static NTSTATUS Open(std::u16string_view name, HANDLE* file, ACCESS_MASK access = kRead,
-                         ULONG options = kSynchronous) {
+    static NTSTATUS Open(std::u16string_view name, HANDLE* file) {
         IO_STATUS_BLOCK ioStatus;
-        const NTSTATUS status = ZwCreateFile(file, access, Attributes(name), &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL,
-                                             FILE_SHARE_READ, FILE_OPEN, options, nullptr, 0);
+        const NTSTATUS status =
+            ZwCreateFile(file, GENERIC_READ | SYNCHRONIZE, Attributes(name), &ioStatus, nullptr, FILE_ATTRIBUTE_NORMAL,
+                         FILE_SHARE_READ, FILE_OPEN, kSynchronous, nullptr, 0);
         EXPECT_EQ(ioStatus.Status, status);
         return status;
     }
@@ -47,11 +46,10 @@ TEST_F(FilesTest, NamesLeadNowhereElse) {
     tests::WriteFile(root_ / "a b" / "\u00C4rger.txt", "umlaut");
     tests::WriteFile(root_ / "both" / "FILE", "upper");
     tests::WriteFile(root_ / "both" / "file", "lower");
-    struct Case {
+    const struct {
         std::u16string_view name;
         NTSTATUS status;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {kBackup, STATUS_SUCCESS},
         {u"\\systemroot\\SYSTEM32\\Drivers\\!rzvbkup.!bt", STATUS_SUCCESS},
         {u"\\SystemRoot\\A B\\\u00E4RGER.TXT", STATUS_SUCCESS},
@@ -71,9 +69,9 @@ TEST_F(FilesTest, NamesLeadNowhereElse) {
         {u"\\DosDevices\\C:\\both\\file", STATUS_OBJECT_PATH_NOT_FOUND},
         {std::u16string_view(u"\\SystemRoot\\both\\file\0", 22), STATUS_OBJECT_NAME_INVALID},
     };
-    for (const Case& c : cases) {
+    for (const auto& [name, status] : cases) {
         HANDLE file = nullptr;
-        EXPECT_EQ(Open(c.name, &file), c.status) << nt::Utf8FromWide(c.name);
+        EXPECT_EQ(Open(name, &file), status) << nt::Utf8FromWide(name);
         if (file != nullptr) {
             ZwClose(file);
         }

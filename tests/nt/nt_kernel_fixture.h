@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -11,49 +12,47 @@
 #include "nt/kernel.h"
 #include "nt/nt.h"
 #include "nt/system.h"
+#include "tests/support/eventually.h"
 
 // A kernel that boots and shuts down around each test, with nothing left over, and a driver whose requests a test
 // answers.
 
 namespace nt_test {
 
+using tests::Eventually;
+
 // Collects what the verifier says instead of stopping the process.
 class Violations {
   public:
     Violations() {
-        Messages().clear();
+        messages_.clear();
         nt::SetViolationHandler(&Record);
     }
     ~Violations() { nt::SetViolationHandler(nullptr); }
 
     static size_t Count() {
-        std::lock_guard guard(Lock());
-        return Messages().size();
+        std::lock_guard guard(lock_);
+        return messages_.size();
     }
     // The messages so far, which it forgets.
     static std::string Take() {
-        std::lock_guard guard(Lock());
+        std::lock_guard guard(lock_);
         std::string text;
-        for (const std::string& message : Messages()) {
+        for (const std::string& message : messages_) {
             text += message + "\n";
         }
-        Messages().clear();
+        messages_.clear();
         return text;
     }
 
   private:
-    static std::mutex& Lock() {
-        static std::mutex lock;
-        return lock;
-    }
-    static std::vector<std::string>& Messages() {
-        static std::vector<std::string> messages;
-        return messages;
-    }
     static void Record(const char* message) {
-        std::lock_guard guard(Lock());
-        Messages().push_back(message);
+        std::lock_guard guard(lock_);
+        messages_.push_back(message);
     }
+
+    static inline std::mutex lock_;
+    static inline std::vector<std::string> messages_;
 };
 
 // Device names and the like, as the kernel wants them.
@@ -88,7 +87,7 @@ class TestDriver {
     DEVICE_TYPE deviceType = FILE_DEVICE_UNKNOWN;
 
     NTSTATUS Load() {
-        Current() = this;
+        current_ = this;
         return nt::LoadDriver({&Entry, u"Test", u""}, &object);
     }
     // What it left over, as text.
@@ -110,12 +109,8 @@ class TestDriver {
     }
 
   private:
-    static TestDriver*& Current() {
-        static TestDriver* current;
-        return current;
-    }
     static NTSTATUS NTAPI Entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
-        TestDriver& self = *Current();
+        TestDriver& self = *current_;
         for (PDRIVER_DISPATCH& routine : driver->MajorFunction) {
             routine = Dispatch;
         }
@@ -125,7 +120,7 @@ class TestDriver {
         return NT_SUCCESS(status) ? IoCreateSymbolicLink(Name(u"\\DosDevices\\T:"), Name(u"\\Device\\Test")) : status;
     }
     static VOID NTAPI OnUnload(PDRIVER_OBJECT) {
-        TestDriver& self = *Current();
+        TestDriver& self = *current_;
         IoDeleteSymbolicLink(Name(u"\\??\\T:"));
         IoDeleteDevice(self.device);
         if (self.onUnload) {
@@ -136,7 +131,7 @@ class TestDriver {
         static const char* const kNames[] = {"create",  "pipe",   "close",    "read",     "write",  "query", "set",
                                              "queryea", "setea",  "flush",    "queryvol", "setvol", "dir",   "fsctl",
                                              "ioctl",   "iioctl", "shutdown", "lock",     "cleanup"};
-        TestDriver& self = *Current();
+        TestDriver& self = *current_;
         const UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
         {
             std::lock_guard guard(self.lock_);
@@ -145,6 +140,7 @@ class TestDriver {
         return self.on[major] ? self.on[major](device, irp) : Complete(irp, STATUS_SUCCESS);
     }
 
+    static inline TestDriver* current_ = nullptr;
     std::mutex lock_;
     std::string seen_;
 };
@@ -157,15 +153,6 @@ class KernelTest : public ::testing::Test {
         EXPECT_EQ(nt::ToString(nt::Shutdown()), "");
     }
     virtual nt::BootOptions Options() { return {}; }
-};
-
-class ManualClockTest : public KernelTest {
-  protected:
-    nt::BootOptions Options() override {
-        nt::BootOptions options;
-        options.manualClock = true;
-        return options;
-    }
 };
 
 // A kernel with the test driver loaded.
@@ -183,16 +170,27 @@ class DriverTest : public KernelTest {
     TestDriver driver;
 };
 
-// Waits for something that another thread does, at most ten seconds.
-inline bool Eventually(const std::function<bool()>& condition) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+// A process beside the driver.
+class SystemTest : public DriverTest {
+  protected:
+    void SetUp() override {
+        driver.deviceType = FILE_DEVICE_DISK_FILE_SYSTEM;
+        DriverTest::SetUp();
+        process = std::make_unique<nt::Process>("app");
     }
-    return true;
-}
+    void TearDown() override {
+        process.reset();
+        DriverTest::TearDown();
+    }
+    nt::Handle Open(std::u16string_view name, ULONG options = FILE_SYNCHRONOUS_IO_NONALERT,
+                    ACCESS_MASK access = FILE_ALL_ACCESS) {
+        nt::Handle handle = 0;
+        EXPECT_EQ(process->Open({.name = name, .desiredAccess = access, .options = options}, &handle), STATUS_SUCCESS);
+        EXPECT_EQ(handle % 4, 0u);
+        driver.Forget();
+        return handle;
+    }
+    std::unique_ptr<nt::Process> process;
+};
 
 }  // namespace nt_test

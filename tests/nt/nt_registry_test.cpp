@@ -24,12 +24,11 @@ std::string Bytes(ULONG number) {
 // ---- the file's form ----
 
 TEST(RegistryStore, EveryValueSurvivesTheFile) {
-    struct Case {
+    const struct {
         ULONG type;
         std::string data;
         const char* text;  // What a person sees.
-    };
-    const Case cases[] = {
+    } cases[] = {
         {REG_DWORD, Bytes(4294967295u), R"("type": "REG_DWORD",
                 "value": 4294967295)"},
         {REG_DWORD, "abc", R"("bytes": "616263")"},
@@ -44,7 +43,7 @@ TEST(RegistryStore, EveryValueSurvivesTheFile) {
         {REG_BINARY, std::string("\0\x01\xFF", 3), R"("bytes": "0001ff")"},
         {4711, "x", R"("type": 4711)"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         nt::RegistryTree tree;
         nt::AddRegistryKey(&tree, kParameters).values[u"NAME"] = {u"Name", c.type, c.data};
         const std::string text = nt::FormatRegistry(tree);
@@ -62,11 +61,10 @@ TEST(RegistryStore, EveryValueSurvivesTheFile) {
 
 TEST(RegistryStore, BadFilesAreExplained) {
     const std::string key = R"({"format":1,"keys":{"\\Registry\\K":)";
-    struct Case {
+    const struct {
         std::string text;
         const char* complaint;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"", "parse error"},
         {"{\"format\":1}", "the file: wanted"},
         {R"({"format":2,"keys":{}})", "format 1"},
@@ -85,7 +83,7 @@ TEST(RegistryStore, BadFilesAreExplained) {
         {key + R"({"V":{"type":3,"bytes":")" + std::string((2 << 20) + 2, '0') + R"("}}}})", "longer than 1 MiB"},
         {key + "{\"" + std::string(16384, 'n') + R"(":{"type":3,"bytes":""}}}})", "name is too long"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const auto parsed = nt::ParseRegistry(c.text);
         const std::string shown = c.text.substr(0, 120);
         ASSERT_TRUE(std::holds_alternative<std::string>(parsed)) << shown;

@@ -14,16 +14,15 @@
 namespace {
 
 TEST(Upcase, SimpleOneToOne) {
-    struct Case {
+    const struct {
         WCHAR from;
         WCHAR to;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {u'a', u'A'},   {u'z', u'Z'},     {u'A', u'A'},     {u'`', u'`'},     {u'{', u'{'},     {0xE0, 0xC0},
         {0xF7, 0xF7},   {0xDF, 0xDF},     {0xFF, 0x178},    {0x3C2, 0x3A3},   {0x451, 0x401},   {0x1C6, 0x1C4},
         {0x149, 0x149}, {0xFF41, 0xFF21}, {0x1F80, 0x1F88}, {0x10D0, 0x1C90}, {0xD801, 0xD801}, {0xFFFF, 0xFFFF},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(RtlUpcaseUnicodeChar(c.from), c.to) << std::hex << unsigned{c.from};
     }
     for (ULONG code = 0; code < 0x10000; ++code) {

@@ -24,12 +24,10 @@ class SectionTest : public tests::StationTest {
                                SEC_COMMIT, nullptr);
     }
 
-    static NTSTATUS Map(HANDLE section, void** address, SIZE_T* size, LONGLONG offset = 0,
-                        ULONG protect = PAGE_READWRITE) {
-        LARGE_INTEGER start;
-        start.QuadPart = offset;
-        *address = nullptr;
-        return ZwMapViewOfSection(section, NtCurrentProcess(), address, 0, 0, &start, size, ViewShare, 0, protect);
+    static NTSTATUS Map(HANDLE section, void** address, SIZE_T* size) {
+        LARGE_INTEGER start{};
+        return ZwMapViewOfSection(section, NtCurrentProcess(), address, 0, 0, &start, size, ViewShare, 0,
+                                  PAGE_READWRITE);
     }
 };
 
@@ -72,6 +70,9 @@ TEST_F(SectionTest, AProgramSharesItButCannotResizeIt) {
         ASSERT_EQ(Create(&section, kName, 24 * 10), STATUS_OBJECT_NAME_EXISTS);
         ZwClose(section);
         EXPECT_EQ(program.Close(handle), STATUS_SUCCESS);
+        program.Exit();
+        EXPECT_EQ(nt::OpenSectionFor(program.Object(), u"P:/OTHER", SECTION_ALL_ACCESS, &handle, &descriptor),
+                  STATUS_PROCESS_IS_TERMINATING);
     }
     EXPECT_EQ(ZwOpenSection(&section, SECTION_ALL_ACCESS, Attributes(kName)), STATUS_OBJECT_NAME_NOT_FOUND);
 }

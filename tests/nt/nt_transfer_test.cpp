@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "tests/nt/nt_system_fixture.h"
+#include "tests/nt/nt_kernel_fixture.h"
 
 // Transfers and control requests of a process.
 

@@ -1,4 +1,5 @@
 #include <atomic>
+#include <list>
 
 #include "tests/nt/nt_kernel_fixture.h"
 
@@ -28,7 +29,13 @@ void InPagedPool(void (*initialise)(PVOID)) {
     ExFreePool(memory);
 }
 
-VOID NTAPI DoNothing(PVOID) {}
+// Queued when it is made; it stays where it is until its routine has begun.
+struct WorkItem : WORK_QUEUE_ITEM {
+    WorkItem(void (*routine)(PVOID), PVOID context, WORK_QUEUE_TYPE queue) {
+        ExInitializeWorkItem(this, routine, context);
+        ExQueueWorkItem(this, queue);
+    }
+};
 
 struct Resource : ERESOURCE {
     Resource() { ExInitializeResourceLite(this); }
@@ -57,13 +64,7 @@ const Misdeed kMisdeeds[] = {
     {"an event in paged pool", "an event at",
      [] { InPagedPool([](PVOID at) { KeInitializeEvent(static_cast<PKEVENT>(at), NotificationEvent, FALSE); }); }},
     {"a work item in paged pool", "a work item at",
-     [] {
-         InPagedPool([](PVOID at) {
-             auto* const item = static_cast<PWORK_QUEUE_ITEM>(at);
-             ExInitializeWorkItem(item, DoNothing, nullptr);
-             ExQueueWorkItem(item, CriticalWorkQueue);
-         });
-     }},
+     [] { InPagedPool([](PVOID at) { new (at) WorkItem([](PVOID) {}, nullptr, CriticalWorkQueue); }); }},
     {"freeing twice", "no allocated pool block",
      [] {
          PVOID const memory = ExAllocatePoolWithTag(PagedPool, 16, kTag);
@@ -180,20 +181,14 @@ const Misdeed kMisdeeds[] = {
              std::atomic<bool> left{false};
          } gate;
          KeInitializeEvent(&gate.open, NotificationEvent, FALSE);
-         WORK_QUEUE_ITEM blockers[4];  // keep all four threads busy, so that the item stays queued
-         for (WORK_QUEUE_ITEM& blocker : blockers) {
-             ExInitializeWorkItem(
-                 &blocker,
-                 [](PVOID g) {
-                     KeWaitForSingleObject(&static_cast<Gate*>(g)->open, Executive, KernelMode, FALSE, nullptr);
-                 },
-                 &gate);
-             ExQueueWorkItem(&blocker, CriticalWorkQueue);
+         const auto wait = [](PVOID g) {
+             KeWaitForSingleObject(&static_cast<Gate*>(g)->open, Executive, KernelMode, FALSE, nullptr);
+         };
+         std::list<WorkItem> blockers;  // keep all four threads busy, so that the item stays queued
+         for (int thread = 0; thread < 4; ++thread) {
+             blockers.emplace_back(wait, &gate, CriticalWorkQueue);
          }
-         WORK_QUEUE_ITEM item;
-         ExInitializeWorkItem(
-             &item, [](PVOID g) { static_cast<Gate*>(g)->left = true; }, &gate);
-         ExQueueWorkItem(&item, CriticalWorkQueue);
+         WorkItem item([](PVOID g) { static_cast<Gate*>(g)->left = true; }, &gate, CriticalWorkQueue);
          ExQueueWorkItem(&item, CriticalWorkQueue);
          KeSetEvent(&gate.open, 0, FALSE);
          EXPECT_TRUE(Eventually([&] { return gate.left.load(); }));
@@ -202,27 +197,19 @@ const Misdeed kMisdeeds[] = {
      }},
     {"a work routine that keeps a lock", "returned in 1 critical regions",
      [] {
-         static std::atomic<bool> over;
-         over = false;
-         WORK_QUEUE_ITEM item;
-         ExInitializeWorkItem(
-             &item, [](PVOID) { KeEnterCriticalRegion(); }, nullptr);
-         ExQueueWorkItem(&item, HyperCriticalWorkQueue);
+         std::atomic<bool> over = false;
+         WorkItem item([](PVOID) { KeEnterCriticalRegion(); }, nullptr, HyperCriticalWorkQueue);
          EXPECT_TRUE(Eventually([] { return Violations::Count() == 1; }));
-         WORK_QUEUE_ITEM undo;  // there is one such thread
-         ExInitializeWorkItem(
-             &undo,
-             [](PVOID) {
-                 KeLeaveCriticalRegion();
-                 over = true;
-             },
-             nullptr);
-         ExQueueWorkItem(&undo, HyperCriticalWorkQueue);
-         EXPECT_TRUE(Eventually([] { return over.load(); }));
+         const auto leave = [](PVOID done) {
+             KeLeaveCriticalRegion();
+             *static_cast<std::atomic<bool>*>(done) = true;
+         };
+         WorkItem undo(leave, &over, HyperCriticalWorkQueue);  // there is one such thread
+         EXPECT_TRUE(Eventually([&] { return over.load(); }));
      }},
 };
 
-class VerifierTest : public KernelTest {};
+using VerifierTest = KernelTest;
 
 TEST_F(VerifierTest, FindsEachMisdeed) {
     const nt::DriverImage image{[](PDRIVER_OBJECT driver, PUNICODE_STRING) {
@@ -289,13 +276,12 @@ struct Locks {
 };
 
 TEST_F(VerifierTest, AnAcquireOrderThatContradictsOneSeenBeforeIsRefused) {
-    struct Case {
+    const struct {
         const char* name;
         void (*first)(Locks&);
         void (*then)(Locks&);
         bool refused;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"the same order", [](Locks& l) { l.Outer() && l.Inner(); }, [](Locks& l) { l.Outer() && l.Inner(); }, false},
         {"the opposite", [](Locks& l) { l.Outer() && l.Inner(); }, [](Locks& l) { l.Inner() && l.Outer(); }, true},
         {"a circle of three",
@@ -312,7 +298,7 @@ TEST_F(VerifierTest, AnAcquireOrderThatContradictsOneSeenBeforeIsRefused) {
         {"an attempt that does not wait cannot deadlock", [](Locks& l) { l.Outer() && l.File(0); },
          [](Locks& l) { l.File(1) && l.Outer(FALSE); }, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         {
             Violations violations;
@@ -329,7 +315,7 @@ TEST_F(VerifierTest, AnAcquireOrderThatContradictsOneSeenBeforeIsRefused) {
     }
 }
 
-class VerifierDriverTest : public DriverTest {};
+using VerifierDriverTest = DriverTest;
 
 TEST_F(VerifierDriverTest, AUsersRequestMustAcquireInsideACriticalRegion) {
     Violations violations;
@@ -350,6 +336,92 @@ TEST_F(VerifierDriverTest, AUsersRequestMustAcquireInsideACriticalRegion) {
     ASSERT_EQ(process.Open({.name = u"\\??\\T:\\f"}, &handle), STATUS_SUCCESS);
     EXPECT_EQ(process.Read(handle, nullptr, nullptr, 0), STATUS_SUCCESS);
     EXPECT_NE(Violations::Take().find("outside a critical region"), std::string::npos);
+}
+
+TEST_F(VerifierDriverTest, HoldsDispatchRoutinesToTheirWord) {
+    struct Case {
+        const char* name;
+        const char* message;
+        std::function<NTSTATUS(PIRP)> routine;
+    };
+    constexpr ULONG kBuffered = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS);
+    static std::atomic<PIRP> left;
+    static KSPIN_LOCK lock;
+    KeInitializeSpinLock(&lock);
+    const auto cancelRoutine = [](PDEVICE_OBJECT, PIRP) {};
+    const Case cases[] = {
+        {"completes twice", "does not exist or has been completed",
+         [](PIRP irp) {
+             Complete(irp, STATUS_SUCCESS);
+             IofCompleteRequest(irp, IO_NO_INCREMENT);
+             return STATUS_SUCCESS;
+         }},
+        {"never completes", "never completed request",
+         [](PIRP irp) {
+             left = irp;
+             return STATUS_SUCCESS;
+         }},
+        {"returns pending unannounced", "STATUS_PENDING without IoMarkIrpPending",
+         [](PIRP irp) {
+             left = irp;
+             return STATUS_PENDING;
+         }},
+        {"announces pending and completes", "marked the request pending and returned 0x00000000",
+         [](PIRP irp) {
+             IoMarkIrpPending(irp);
+             return Complete(irp, STATUS_SUCCESS);
+         }},
+        {"completes with its cancel routine set", "with its cancel routine still set",
+         [&](PIRP irp) {
+             IoSetCancelRoutine(irp, cancelRoutine);
+             return Complete(irp, STATUS_SUCCESS);
+         }},
+        {"keeps the cancel lock in its cancel routine", "returned with the cancel lock held",
+         [&](PIRP irp) {
+             IoMarkIrpPending(irp);
+             IoSetCancelRoutine(irp, cancelRoutine);
+             IoCancelIrp(irp);
+             left = irp;
+             return STATUS_PENDING;
+         }},
+        {"completes with a spin lock held", "with a spin lock held",
+         [](PIRP irp) {
+             KIRQL irql;
+             KeAcquireSpinLock(&lock, &irql);
+             Complete(irp, STATUS_SUCCESS);
+             KeReleaseSpinLock(&lock, irql);
+             return STATUS_SUCCESS;
+         }},
+        {"keeps a critical region", "returned in 1 critical regions (entered in 0)",
+         [](PIRP irp) {
+             KeEnterCriticalRegion();
+             return Complete(irp, STATUS_SUCCESS);
+         }},
+        {"returns more than the buffer holds", "returned 5 bytes to a buffer of 4",
+         [](PIRP irp) { return Complete(irp, STATUS_SUCCESS, 5); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        left = nullptr;
+        const auto requests = nt::GetStatistics().requests;
+        driver.on[IRP_MJ_DEVICE_CONTROL] = [&](PDEVICE_OBJECT, PIRP irp) { return c.routine(irp); };
+        Violations violations;
+        ULONG out = 0;
+        IO_STATUS_BLOCK status{};
+        KEVENT event;
+        KeInitializeEvent(&event, NotificationEvent, FALSE);
+        IoCallDriver(driver.device, IoBuildDeviceIoControlRequest(kBuffered, driver.device, nullptr, 0, &out,
+                                                                  sizeof(out), FALSE, &event, &status));
+        const std::string said = Violations::Take();
+        EXPECT_NE(said.find(c.message), std::string::npos) << said;
+        if (KeAreApcsDisabled()) {
+            KeLeaveCriticalRegion();
+        }
+        if (left != nullptr) {
+            Complete(left, STATUS_SUCCESS);
+        }
+        EXPECT_EQ(nt::GetStatistics().requests, requests);
+    }
 }
 
 // ---- what is left over ----

@@ -59,6 +59,16 @@ class Service::CardThread {
         }
     }
 
+    // Whoever still waits for an answer of a service that has died would do so for a minute, and everybody else behind
+    // it: an answer to no request ends that. While this one has its own request posted, none of its own can be meant.
+    void EndOldExchange() {
+        VrkFsServiceResponse none{};
+        none.Result = 1;
+        if (waiting_) {
+            (void)VrkFsClientSendServiceResponse(card_->Client(), card_->Control(), &none, sizeof(none), nullptr, 0);
+        }
+    }
+
   private:
     bool IsStopping() {
         const std::lock_guard hold(service_.lock_);
@@ -240,7 +250,8 @@ bool Service::Announce(std::string& problem) {
         return false;
     }
     announced_ = true;
-    for (const auto& card : cards_) {  // the rows of a service that has died
+    for (const auto& card : cards_) {  // what a service that has died has left: its rows, and who waits for it
+        card->EndOldExchange();
         (void)VrkFsClientUnregisterFileTypes(card->GetCard().Client(), card->GetCard().Control());
     }
     VrkFsStatus status = VRKFS_STATUS_SUCCESS;

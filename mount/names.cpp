@@ -1,6 +1,5 @@
 #include "mount/names.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 
@@ -137,8 +136,12 @@ std::optional<std::u16string> DriveName(std::string_view name) {
 }
 
 bool IsTooLong(std::string_view name) {
-    const auto begins = [](char byte) { return (static_cast<std::uint8_t>(byte) & 0xC0) != 0x80; };
-    return static_cast<std::size_t>(std::ranges::count_if(name, begins)) > kMaxNameCharacters;
+    std::size_t characters = 0;
+    for (const char byte : name) {
+        const auto first = static_cast<std::uint8_t>(byte);
+        characters += (first & 0xC0) == 0x80 ? 0 : first < 0xF0 ? 1 : 2;
+    }
+    return characters > kMaxNameCharacters;
 }
 
 bool IsPortName(std::u16string_view upcased) {

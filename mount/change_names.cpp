@@ -237,27 +237,10 @@ int FileSystem::RenameRam(const NodePointer& node, const Place& from, const Plac
     return 0;
 }
 
-int FileSystem::Rename(std::uint64_t folder, std::string_view spelling, std::uint64_t newFolder,
-                       std::string_view newSpelling, bool mayReplace) {
-    Place from;
-    Place to;
-    if (const int error = FindPlace(Operation::kRename, folder, spelling, from); error != 0) {
-        return error;
-    }
-    if (const int error = FindPlace(Operation::kRename, newFolder, newSpelling, to); error != 0) {
-        return error;
-    }
-    if (const int error = CheckNewName(Operation::kRename, to); error != 0) {
-        return error;
-    }
-    std::unique_lock work(from.folder->listing->work, std::defer_lock);
-    std::unique_lock otherWork(to.folder->listing->work, std::defer_lock);
-    if (from.folder == to.folder) {
-        work.lock();
-    } else {
-        std::lock(work, otherWork);
-    }
-    const NodePointer node = tree_->Child(from.folder, from.key);
+int FileSystem::RenameAtWork(const Place& asked, const Place& to, std::string_view spelling,
+                             std::string_view newSpelling, bool mayReplace, NodePointer& node, std::u16string& aside) {
+    Place from = asked;
+    node = tree_->Child(from.folder, from.key);
     if (node == nullptr) {
         return ENOENT;
     }
@@ -276,26 +259,31 @@ int FileSystem::Rename(std::uint64_t folder, std::string_view spelling, std::uin
     }
     const std::string display = tree_->Display(node);
     const NodePointer target = tree_->Child(to.folder, to.key);
-    std::u16string aside;
-    host::Status status = host::status::kSuccess;
-    if (target == nullptr || target == node) {
-        status = RenameTo(node, from, to);
-    } else if (!mayReplace) {
+    const bool replaces = target != nullptr && target != node;
+    if (replaces && !mayReplace) {
         return EEXIST;
-    } else if (const int error = ClearTarget(node, target, to); error != 0) {
+    }
+    if (const int error = replaces ? ClearTarget(node, target, to) : 0; error != 0) {
         return error;
-    } else if (target->IsFolder()) {
-        status = RenameTo(node, from, to);
-    } else {
+    }
+    host::Status status;
+    if (replaces && !target->IsFolder()) {
         if (const auto writer = tree_->WriterOf(target); writer != nullptr && !writer->IsOver()) {
             writer->Discard();
         }
         status = Swap(from, to, aside);
+    } else {
+        status = RenameTo(node, from, to);
+    }
+    // Somebody else has made it meanwhile: the kernel is to look again.
+    if (status == host::status::kObjectNameCollision && target == nullptr && ListLocked(to.folder).Ok() && mayReplace &&
+        tree_->Child(to.folder, to.key) != nullptr) {
+        return ESTALE;
     }
     if (!status.Ok()) {
         return journal_.Refused(Operation::kRename, display, status);
     }
-    if (target != nullptr && target != node) {
+    if (replaces) {
         Leave(target, to, newSpelling);
     }
     if (const std::string own = TreeName(from.name); own != spelling) {
@@ -305,16 +293,37 @@ int FileSystem::Rename(std::uint64_t folder, std::string_view spelling, std::uin
     if (const auto writer = tree_->WriterOf(node); writer != nullptr && writer->HasFile()) {
         writer->SetPath(tree_->PathOf(node));
     }
-    if (aside.empty()) {
-        return 0;
+    return 0;
+}
+
+int FileSystem::Rename(std::uint64_t folder, std::string_view spelling, std::uint64_t newFolder,
+                       std::string_view newSpelling, bool mayReplace) {
+    Place from;
+    Place to;
+    if (const int error = FindPlace(Operation::kRename, folder, spelling, from); error != 0) {
+        return error;
     }
-    if (work.owns_lock()) {
-        work.unlock();
+    if (const int error = FindPlace(Operation::kRename, newFolder, newSpelling, to); error != 0) {
+        return error;
     }
-    if (otherWork.owns_lock()) {
-        otherWork.unlock();
+    if (const int error = CheckNewName(Operation::kRename, to); error != 0) {
+        return error;
     }
-    return RemoveOld(to.folder, aside, tree_->Display(node));
+    NodePointer node;
+    std::u16string aside;
+    {
+        std::unique_lock work(from.folder->listing->work, std::defer_lock);
+        std::unique_lock otherWork(to.folder->listing->work, std::defer_lock);
+        if (from.folder == to.folder) {
+            work.lock();
+        } else {
+            std::lock(work, otherWork);
+        }
+        if (const int error = RenameAtWork(from, to, spelling, newSpelling, mayReplace, node, aside); error != 0) {
+            return error;
+        }
+    }
+    return aside.empty() ? 0 : RemoveOld(to.folder, aside, tree_->Display(node));
 }
 
 }  // namespace mount

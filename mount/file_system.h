@@ -161,6 +161,10 @@ class FileSystem {
     [[nodiscard]] int RenameRam(const NodePointer& node, const Place& from, const Place& to, std::string_view spelling,
                                 std::string_view newSpelling);
     [[nodiscard]] int CheckMove(const NodePointer& node, const Place& from, const Place& to);
+    // Renames with the work locks held. `node`: what was renamed; `aside`: where a clip went that it replaces.
+    [[nodiscard]] int RenameAtWork(const Place& asked, const Place& to, std::string_view spelling,
+                                   std::string_view newSpelling, bool mayReplace, NodePointer& node,
+                                   std::u16string& aside);
     [[nodiscard]] int ClearTarget(const NodePointer& node, const NodePointer& target, const Place& to);
     // Renames aside what stands in the place, under a name of that ending.
     [[nodiscard]] host::Status PutAside(const Place& place, std::u16string_view ending, std::u16string& aside);

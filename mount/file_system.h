@@ -53,7 +53,8 @@ struct OpenFile {
     Tree::Opening opening;
     bool passes = false;  // its bytes go straight to the driver: the command port, frame and RAM files
     bool keepPages = false;
-    std::mutex lock;  // guards the following
+    std::atomic<bool> wrote = false;  // its program is told at its close if the copy is not whole
+    std::mutex lock;                  // guards the following
     host::ScopedHandle handle;
     ReadOrder order;
 
@@ -160,11 +161,11 @@ class FileSystem {
     void Leave(const NodePointer& node, const Place& place, std::string_view spelling);
     [[nodiscard]] int RenameRam(const NodePointer& node, const Place& from, const Place& to, std::string_view spelling,
                                 std::string_view newSpelling);
-    [[nodiscard]] int CheckMove(const NodePointer& node, const Place& from, const Place& to);
     // Renames with the work locks held. `node`: what was renamed; `aside`: where a clip went that it replaces.
     [[nodiscard]] int RenameAtWork(const Place& asked, const Place& to, std::string_view spelling,
                                    std::string_view newSpelling, bool mayReplace, NodePointer& node,
                                    std::u16string& aside);
+    [[nodiscard]] int CheckMove(const NodePointer& node, const Place& from, const Place& to);
     [[nodiscard]] int ClearTarget(const NodePointer& node, const NodePointer& target, const Place& to);
     // Renames aside what stands in the place, under a name of that ending.
     [[nodiscard]] host::Status PutAside(const Place& place, std::u16string_view ending, std::u16string& aside);

@@ -103,6 +103,7 @@ int FileSystem::Write(OpenFile& file, std::uint64_t offset, std::span<const std:
         const host::Status status = result.status.Ok() ? host::status::kEndOfFile : result.status;
         return journal_.Refused(Operation::kWrite, tree_->Display(file.node), status);
     }
+    file.wrote = true;
     const std::shared_ptr<ClipWriter> writer = tree_->NeedWriter(file.node);
     if (!writer->HasFile()) {
         if (tree_->Look(file.node).gone) {
@@ -156,7 +157,7 @@ int FileSystem::FinishIfWhole(const OpenFile& file, bool& part) {
 int FileSystem::Flush(OpenFile& file) {
     bool part = false;
     const int error = FinishIfWhole(file, part);
-    return error == 0 && part ? EINVAL : error;
+    return error == 0 && part && file.wrote ? EINVAL : error;
 }
 
 // A record is written when its clip is closed, where a failure is told to nobody.
@@ -229,8 +230,10 @@ void FileSystem::GiveUp(const NodePointer& node, ClipWriter& writer, const NodeP
                                 : "was closed with " + Bytes(writer.End()) + " of " + Bytes(writer.Total()) + " bytes";
     const bool gone = writer.Discard();
     journal_.Line(display + ": the copy " + how + ": " +
-                  (replaces ? "the clip that was there stays as it is" : "it was deleted") +
-                  (gone ? "" : ", but something is left under " + TreeName(path.substr(path.rfind(u'\\') + 1))));
+                  (replaces ? "the clip that was there stays as it is"
+                   : gone   ? "it was deleted"
+                            : "it is to be deleted") +
+                  (gone ? "" : ", and something is left under " + TreeName(path.substr(path.rfind(u'\\') + 1))));
     if (replaces) {
         tree_->Show(folder, path.substr(path.rfind(u'\\') + 1));
     } else {

@@ -26,16 +26,16 @@ class FsdConcurrency : public FsdTest {
         std::vector<std::byte> buffer(512);
         for (int step = 0; step < kSteps; ++step) {
             const bool folder = below(4) == 0;
-            host::OpenRequest request;
-            request.path = std::u16string(u"P:\\") + (below(2) == 0 ? u"RZV" : u"XYZ") + u"\\VolA\\Folder" +
-                           static_cast<char16_t>(u'0' + below(2));
+            std::u16string path = std::u16string(u"P:\\") + (below(2) == 0 ? u"RZV" : u"XYZ") + u"\\VolA\\Folder" +
+                                  static_cast<char16_t>(u'0' + below(2));
             if (!folder) {
-                request.path += std::u16string(u"\\File") + static_cast<char16_t>(u'0' + below(3));
+                path += std::u16string(u"\\File") + static_cast<char16_t>(u'0' + below(3));
             }
-            request.access = kReadWrite | host::access::kReadAttributes | host::access::kDelete;
-            request.options = folder ? host::option::kDirectoryFile : host::option::kNonDirectoryFile;
-            request.disposition = below(2) == 0 ? host::Disposition::kOpenIf : host::Disposition::kOpen;
-            const host::OpenResult opened = process.Create(request);
+            const host::OpenResult opened =
+                process.Create({.path = path,
+                                .access = kReadWriteDelete | host::access::kReadAttributes,
+                                .disposition = below(2) == 0 ? host::Disposition::kOpenIf : host::Disposition::kOpen,
+                                .options = folder ? host::option::kDirectoryFile : host::option::kNonDirectoryFile});
             EXPECT_TRUE(IsExpected(opened.status)) << host::StatusName(opened.status);
             if (!opened.status.Ok()) {
                 continue;
@@ -55,16 +55,14 @@ class FsdConcurrency : public FsdTest {
         }
     }
 
-    // Every name of the folders, deepest first.
+    void Remove(const std::u16string& path) { EXPECT_EQ(SetDelete(Hold(path, host::access::kDelete), true), kOk); }
     void RemoveAll() {
-        for (const char16_t* folder : {u"Folder0", u"Folder1"}) {
-            const std::u16string path = std::u16string(u"\\RZV\\VolA\\") + folder;
-            for (const char16_t* file : {u"\\File0", u"\\File1", u"\\File2", u""}) {
-                const host::OpenResult opened = Open(path + file, host::Disposition::kOpen, host::access::kDelete);
-                if (opened.status.Ok()) {
-                    const host::ScopedHandle handle(User(), opened.handle);
-                    EXPECT_EQ(SetDelete(handle, true), "STATUS_SUCCESS");
+        for (const std::u16string folder : {u"\\RZV\\VolA\\Folder0", u"\\RZV\\VolA\\Folder1"}) {
+            if (TryOpen(folder) == kOk) {
+                for (const std::u16string& file : List(folder)) {
+                    Remove(folder + u"\\" + file);
                 }
+                Remove(folder);
             }
         }
     }

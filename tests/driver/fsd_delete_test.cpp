@@ -8,6 +8,7 @@ namespace tests {
 namespace {
 
 using host::Disposition;
+constexpr char16_t kTake2[] = u"\\RZV\\VolA\\Clips\\Take2";
 constexpr char16_t kEmpty[] = u"\\RZV\\VolA\\Empty";
 
 class FsdDelete : public FsdTest {
@@ -19,20 +20,12 @@ class FsdDelete : public FsdTest {
             DualAllocation dual{};
             ASSERT_EQ(VrkFsVolAllocAllocateDualSpace(&Volume()->Allocator, 40, 3, &dual), STATUS_SUCCESS);
             entry->Kind = kFileKindMedia;
-            if (alpha) {
-                entry->AlphaDataStartLba = dual.LowerStart;
-                entry->AlphaDataBlockCount = dual.LowerCount;
-                entry->AlphaBodyTableLba = dual.UpperStart;
-                entry->AlphaBodyTableBlockCount = dual.UpperCount;
-                entry->Flags |= kFileAlphaReserved | kFileHasAlpha;
-            } else {
-                entry->DataStartLba = dual.LowerStart;
-                entry->DataBlockCount = dual.LowerCount;
-                entry->VideoBodyTableLba = dual.UpperStart;
-                entry->VideoBodyTableBlockCount = dual.UpperCount;
-                entry->FrameCount = 5;
-                entry->Flags |= kFileVideoReserved;
-            }
+            (alpha ? entry->AlphaDataStartLba : entry->DataStartLba) = dual.LowerStart;
+            (alpha ? entry->AlphaDataBlockCount : entry->DataBlockCount) = dual.LowerCount;
+            (alpha ? entry->AlphaBodyTableLba : entry->VideoBodyTableLba) = dual.UpperStart;
+            (alpha ? entry->AlphaBodyTableBlockCount : entry->VideoBodyTableBlockCount) = dual.UpperCount;
+            entry->FrameCount = alpha ? entry->FrameCount : 5;
+            entry->Flags |= alpha ? kFileAlphaReserved | kFileHasAlpha : kFileVideoReserved;
         });
     }
     // Space beside what was reserved last, so that neither merges with free space when it is given back.
@@ -55,18 +48,18 @@ class FsdDelete : public FsdTest {
 
 TEST_F(FsdDelete, HappensWhenTheLastHandleOfThePathGoes) {
     const ULONGLONG freeBefore = FreeBlocks();
-    Make(u"\\RZV\\VolA\\Clips\\Take2");
-    host::ScopedHandle first = Hold(u"\\RZV\\VolA\\Clips\\Take2", kReadWriteDelete);
-    host::ScopedHandle second = Hold(u"\\RZV\\VolA\\Clips\\Take2", host::access::kDelete);
+    Make(kTake2);
+    host::ScopedHandle first = Hold(kTake2, kReadWriteDelete);
+    host::ScopedHandle second = Hold(kTake2, host::access::kDelete);
     EXPECT_EQ(SetDelete(first, true), kOk);
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take2"), kDeletePending);
+    EXPECT_EQ(TryOpen(kTake2), kDeletePending);
     EXPECT_EQ(SetDelete(second, false), kOk);
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take2"), kOk);
+    EXPECT_EQ(TryOpen(kTake2), kOk);
     EXPECT_EQ(SetDelete(second, true), kOk);
     first.Reset();
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take2"), kDeletePending);
+    EXPECT_EQ(TryOpen(kTake2), kDeletePending);
     second.Reset();
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Take2"), kNotFound);
+    EXPECT_EQ(TryOpen(kTake2), kNotFound);
     EXPECT_EQ(FreeBlocks(), freeBefore);
     EXPECT_EQ(Volume()->Allocator.ReservedCount, 0u);
     ExpectIdle("after the delete");
@@ -136,17 +129,17 @@ TEST_F(FsdDelete, OfOneFolderPathIsSeenByTheOther) {
 TEST_F(FsdDelete, NeedsNoMemoryOnceItIsPending) {
     const ULONGLONG freeBefore = FreeBlocks();
     std::vector<DualAllocation> between;
-    Make(u"\\RZV\\VolA\\Clips\\Doomed");
-    host::ScopedHandle handle = Hold(u"\\RZV\\VolA\\Clips\\Doomed", kReadWriteDelete);
+    Make(kTake2);
+    host::ScopedHandle handle = Hold(kTake2, kReadWriteDelete);
     for (const bool alpha : {false, true}) {  // ranges that each become a segment of their own
-        Reserve(Find(u"\\RZV\\VolA\\Clips\\Doomed"), alpha);
+        Reserve(Find(kTake2), alpha);
         between.push_back(TakeSome());
     }
     EXPECT_EQ(SetDelete(handle, true), kOk);
     ArmNoMemory();
     handle.Reset();
     nt::DisarmFaults();
-    EXPECT_EQ(TryOpen(u"\\RZV\\VolA\\Clips\\Doomed"), kNotFound);
+    EXPECT_EQ(TryOpen(kTake2), kNotFound);
     std::ranges::for_each(between, GiveBack);
     EXPECT_EQ(FreeBlocks(), freeBefore);
     EXPECT_EQ(Volume()->Allocator.ReservedCount, 0u);
@@ -225,7 +218,7 @@ TEST_F(FsdSettle, SpaceStaysReservedUntilItCanBeGivenBack) {
 }
 
 TEST_F(FsdSettle, OnlyWhatTheFileHoldsGoesBack) {
-    Make(u"\\RZV\\VolA\\Clips\\Take2");
+    Make(kTake2);
     const ULONGLONG freeBefore = FreeBlocks();
     // Alpha that was settled goes with the video that was not: a file without frames keeps neither.
     host::ScopedHandle handle = Hold(kTake1, kReadWrite);
@@ -237,8 +230,8 @@ TEST_F(FsdSettle, OnlyWhatTheFileHoldsGoesBack) {
     EXPECT_EQ(FreeBlocks(), freeBefore);
 
     // Tables and alpha that a damaged plain file names are another file's.
-    host::ScopedHandle other = Hold(u"\\RZV\\VolA\\Clips\\Take2");
-    const ULONG otherLba = Find(u"\\RZV\\VolA\\Clips\\Take2")->Common->RecordLba;
+    host::ScopedHandle other = Hold(kTake2);
+    const ULONG otherLba = Find(kTake2)->Common->RecordLba;
     handle = Hold(kTake1, kReadWrite);
     FileEntry* entry = Find(kTake1)->Common->FileEntry;
     entry->VideoBodyTableLba = entry->AlphaDataStartLba = entry->AlphaBodyTableLba = otherLba;

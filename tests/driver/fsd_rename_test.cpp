@@ -146,13 +146,9 @@ TEST_F(FsdRename, TheRecordsLengthsAreChecked) {
         {1000, 514, STATUS_OBJECT_NAME_INVALID}, {16, 4, STATUS_SUCCESS},
     };
     for (const auto& test : cases) {
-        std::vector<std::byte> buffer(test.length);
-        if (test.length >= 16) {
-            std::memcpy(buffer.data() + 8, &test.nameBytes, 4);
-            for (std::size_t at = 12; at + 2 <= buffer.size(); at += 2) {
-                buffer[at] = std::byte{'n'};
-            }
-        }
+        std::u16string buffer(500, u'n');
+        buffer.replace(0, 4, 4, u'\0');
+        std::memcpy(&buffer[4], &test.nameBytes, 4);
         IO_STATUS_BLOCK block{};
         EXPECT_EQ(trusted.SetInformation(handle, &block, buffer.data(), test.length, FileRenameInformation),
                   test.status)

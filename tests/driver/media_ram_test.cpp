@@ -45,76 +45,58 @@ class MediaRam : public DriverRig {
     std::optional<nt::DriverScope> scope_;
 };
 
-TEST_F(MediaRam, WritesGrowTheFileUpToItsMaximum) {
+// Writes and sizes set from outside. What was never written, or was cut off, reads as zero.
+TEST_F(MediaRam, SizesAndContents) {
+    enum What { kWrite, kEnd, kAllocation };
     constexpr ULONG kMaximum = 2097152;
     struct {
-        ULONGLONG offset;
-        ULONG count;
-        NTSTATUS status;
-        ULONG moved, allocation;
+        What what;
+        ULONGLONG value;  // a size, or the place of a write ...
+        ULONG count;      // ... of so many bytes
+        ULONG maximum, moved, allocation;
         ULONGLONG end;
-    } const cases[] = {
-        {0, 10, STATUS_SUCCESS, 10, 65536, 10},
-        {65530, 100, STATUS_SUCCESS, 100, 131072, 65630},
-        {300000, 1, STATUS_SUCCESS, 1, 300001, 300001},
-        {2097100, 100, STATUS_SUCCESS, 52, kMaximum, kMaximum},
-        {2097152, 1, STATUS_END_OF_FILE, 0, kMaximum, kMaximum},
-        {0xFFFFFFFFFFFFFFFF, 100, STATUS_END_OF_FILE, 0, kMaximum, kMaximum},
-        {0xFFFFFFFFFFFFFFF0, 16, STATUS_END_OF_FILE, 0, kMaximum, kMaximum},
-        {5, 3, STATUS_SUCCESS, 3, kMaximum, kMaximum},
+    } const steps[] = {
+        {kWrite, 0, 10, kMaximum, 10, 65536, 10},
+        {kWrite, 65530, 100, kMaximum, 100, 131072, 65630},
+        {kWrite, 300000, 1, kMaximum, 1, 300001, 300001},
+        {kWrite, 2097100, 100, kMaximum, 52, kMaximum, kMaximum},
+        {kWrite, 2097152, 1, kMaximum, 0, kMaximum, kMaximum},
+        {kWrite, 0xFFFFFFFFFFFFFFFF, 100, kMaximum, 0, kMaximum, kMaximum},
+        {kWrite, 0xFFFFFFFFFFFFFFF0, 16, kMaximum, 0, kMaximum, kMaximum},
+        {kWrite, 5, 3, kMaximum, 3, kMaximum, kMaximum},
+        {kAllocation, 0, 0, kMaximum, 0, 0, 0},
+        {kEnd, 5000000, 0, kMaximum, 0, kMaximum, kMaximum},
+        {kAllocation, 100, 0, kMaximum, 0, 100, 100},  // what does not fit any more is gone
+        {kWrite, 50, 4, kMaximum, 4, 100, 100},
+        {kEnd, 40, 0, kMaximum, 0, 100, 40},
+        {kWrite, 96, 4, kMaximum, 4, 100, 100},
+        {kEnd, 90, 0, kMaximum, 0, 100, 90},
+        {kEnd, 100, 0, kMaximum, 0, 100, 100},
+        {kAllocation, 0, 0, kMaximum, 0, 0, 0},
+        {kEnd, 10, 0, kMaximum, 0, 10, 10},
+        {kAllocation, 200000, 0, kMaximum, 0, 200000, 10},
+        {kEnd, 60000, 0, 1000, 0, 200000, 1000},
+        {kWrite, 200000, 4, 1000, 0, 200000, 1000},  // a lower maximum takes nothing away
+        {kAllocation, ~0ull, 0, 70000, 0, 70000, 1000},
     };
     RamFile* file = Make(u"\\XYZ\\V\\F\\C", u"notes");
     const std::vector<UCHAR> data(100, 'x');
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.offset);
-        ULONG count = test.count;
-        EXPECT_EQ(VrkFsVFWriteFile(file, data.data(), test.offset, &count, kMaximum), test.status);
-        EXPECT_EQ(count, test.moved);
-        EXPECT_EQ(file->Allocation, test.allocation);
-        EXPECT_EQ(file->EndOfFile, test.end);
-    }
-    EXPECT_EQ(Read(file, 65629, 3), std::string("x\0\0", 3));
-    EXPECT_EQ(Read(file, kMaximum - 1, 5), "x");
-    EXPECT_EQ(Read(file, kMaximum, 5), "");
-}
-
-TEST_F(MediaRam, SizesSetFromOutside) {
-    enum What { kAllocation, kEnd, kWrite };
-    struct {
-        What what;
-        ULONGLONG value;  // or offset of a write of four bytes
-        ULONG maximum, allocation;
-        ULONGLONG end;
-    } const steps[] = {
-        {kEnd, 5000000, 2097152, 2097152, 2097152},
-        {kAllocation, 100, 2097152, 100, 100},  // what does not fit any more is gone
-        {kWrite, 50, 2097152, 100, 100},
-        {kEnd, 40, 2097152, 100, 40},
-        {kWrite, 96, 2097152, 100, 100},
-        {kEnd, 90, 2097152, 100, 90},
-        {kEnd, 100, 2097152, 100, 100},
-        {kAllocation, 0, 2097152, 0, 0},
-        {kEnd, 10, 2097152, 10, 10},
-        {kAllocation, 200000, 2097152, 200000, 10},
-        {kEnd, 60000, 1000, 200000, 1000},
-        {kWrite, 200000, 1000, 200000, 1000},  // a lower maximum takes nothing away
-        {kAllocation, ~0ull, 70000, 70000, 1000},
-    };
-    RamFile* file = Make(u"\\XYZ\\V\\F\\C", u"notes");
-    const UCHAR bytes[] = {'a', 'b', 'c', 'd'};
+    std::string content;
     for (const auto& step : steps) {
         SCOPED_TRACE(&step - steps);
-        ULONG count = 4;
+        ULONG moved = step.count;
         const NTSTATUS status = step.what == kAllocation ? VrkFsVFSetFileAllocation(file, step.maximum, step.value)
-                                : step.what == kEnd      ? VrkFsVFSetEndOfFile(file, step.maximum, step.value)
-                                                    : VrkFsVFWriteFile(file, bytes, step.value, &count, step.maximum);
-        EXPECT_EQ(status, count == 0 ? STATUS_END_OF_FILE : STATUS_SUCCESS);
+                                : step.what == kEnd
+                                    ? VrkFsVFSetEndOfFile(file, step.maximum, step.value)
+                                    : VrkFsVFWriteFile(file, data.data(), step.value, &moved, step.maximum);
+        EXPECT_EQ(status, step.what == kWrite && step.moved == 0 ? STATUS_END_OF_FILE : STATUS_SUCCESS);
+        ASSERT_EQ(moved, step.moved);
         EXPECT_EQ(file->Allocation, step.allocation);
         EXPECT_EQ(file->EndOfFile, step.end);
-        // What was never written, or was cut off, reads as zero.
-        const std::string all = Read(file, 0, static_cast<ULONG>(file->EndOfFile));
-        EXPECT_EQ(std::count(all.begin(), all.end(), '\0') + (step.what == kWrite && count == 4 ? 4 : 0),
-                  static_cast<std::ptrdiff_t>(all.size()));
+        content.resize(step.end);
+        std::fill_n(content.begin() + (moved == 0 ? 0 : static_cast<std::ptrdiff_t>(step.value)), moved, 'x');
+        EXPECT_TRUE(Read(file, 0, kMaximum + 5) == content);
+        EXPECT_EQ(Read(file, step.end, 5), "");
     }
 }
 

@@ -32,7 +32,6 @@ class VolumeBackup : public VolumeTest {
   protected:
     void SetUp() override {
         VolumeTest::SetUp();
-        Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
         PutFolder(0, 0, MakeFolder(u"F", {{0, 5000}}));
         Put(0, 5000, MakeClip());
     }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "storage/hw_context.h"
+#include "tests/support/driver_fixture.h"
 #include "volume/records.h"
 
 namespace {
@@ -19,14 +20,6 @@ ULONG PlainChecksum(const std::vector<UCHAR>& bytes) {
         b += a;
     }
     return (b << 16) + a;
-}
-
-UNICODE_STRING Counted(const std::u16string& text) {
-    UNICODE_STRING string{};
-    string.Buffer = const_cast<PWSTR>(text.data());
-    string.Length = static_cast<USHORT>(text.size() * sizeof(WCHAR));
-    string.MaximumLength = string.Length;
-    return string;
 }
 
 TEST(VolumeChecksum, KnownValues) {
@@ -63,11 +56,11 @@ TEST(VolumeNames, Valid) {
     const std::u16string invalid[] = {u"",   std::u16string(u"\0a", 2), u"a:b", u"a|", u"a\"",
                                       u"\\", std::u16string(257, u'x')};
     for (const std::u16string& text : valid) {
-        const UNICODE_STRING name = Counted(text);
+        const UNICODE_STRING name = tests::CountedName(text);
         EXPECT_TRUE(VrkFsHwIsValidFilename(&name)) << text.size();
     }
     for (const std::u16string& text : invalid) {
-        const UNICODE_STRING name = Counted(text);
+        const UNICODE_STRING name = tests::CountedName(text);
         EXPECT_FALSE(VrkFsHwIsValidFilename(&name)) << text.size();
     }
 }

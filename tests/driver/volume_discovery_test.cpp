@@ -4,10 +4,7 @@
 namespace tests {
 namespace {
 
-class VolumeDiscovery : public VolumeTest {
-  protected:
-    void SetUp() override { MakeStation(5, std::uint64_t{kRigBlocks} * 512); }
-};
+using VolumeDiscovery = VolumeTest;
 
 TEST_F(VolumeDiscovery, EntriesMakeVolumes) {
     struct EntryOnDisk {

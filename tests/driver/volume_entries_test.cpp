@@ -7,10 +7,6 @@ namespace {
 
 class VolumeEntries : public VolumeTest {
   protected:
-    void SetUp() override {
-        VolumeTest::SetUp();
-        Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
-    }
     // Records as they lie on the disk of the running machine.
     DirEntry FolderOnDisk(ULONG slot) { return Get<DirEntry>(0, FolderLba(slot)); }
     void FailWrites(ULONG firstLba, ULONG lastLba, std::uint64_t skip, std::uint64_t count, board::Wrong what) {
@@ -31,8 +27,7 @@ class VolumeEntries : public VolumeTest {
 
     // What may be seen of a folder: its own listing, what the disk says, what the cache says, and the free space.
     std::string Everything(OpenedFolder& folder) {
-        OpenedFolder again;
-        OpenFolder(again, folder.common.FolderEntryIndex);
+        OpenedFolder again(folder.common.FolderEntryIndex);
         EXPECT_EQ(folder.image.FileCount, again.image.FileCount);
         const DirEntry disk = FolderOnDisk(folder.common.FolderEntryIndex);
         EXPECT_EQ(std::memcmp(disk.FileTable, folder.image.FileTable, sizeof(disk.FileTable)), 0);
@@ -54,11 +49,8 @@ TEST_F(VolumeEntries, FoldersAndTheirSlots) {
     }
     OpenedFolder extra;
     EXPECT_EQ(CreateFolder(u"TooMany", extra), STATUS_ACCESS_DENIED);
-    const auto remove = [&](ULONG slot) {
-        return Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &folders[slot]->image, slot); });
-    };
-    EXPECT_EQ(remove(200), STATUS_SUCCESS);
-    EXPECT_EQ(remove(3), STATUS_SUCCESS);
+    EXPECT_EQ(RemoveFolder(folders[200]->image, 200), STATUS_SUCCESS);
+    EXPECT_EQ(RemoveFolder(folders[3]->image, 3), STATUS_SUCCESS);
     EXPECT_EQ(FolderOnDisk(3).InUse, 0u);
     EXPECT_EQ(NameOf(FolderOnDisk(3).Name), u"Fd");
     EXPECT_EQ(CreateFolder(u"Again", extra), STATUS_SUCCESS);
@@ -102,10 +94,8 @@ TEST_F(VolumeEntries, MoveFromAFolderThatCannotBeWritten) {
     PutFolder(0, 1, MakeFolder(u"T"));
     Put(0, 2000, MakePlainFile(u"clip", 1100, 50));
     Start();
-    OpenedFolder source;
-    OpenedFolder target;
-    OpenFolder(source, 0);
-    OpenFolder(target, 1);
+    OpenedFolder source(0);
+    OpenedFolder target(1);
     FileEntry image = ReadFile(source, 0);
     ULONG slot = 0;
     FailWrites(FolderLba(0), FolderLba(0) + 17, 0, 2, board::Wrong::kFail);
@@ -128,35 +118,29 @@ TEST_F(VolumeEntries, WhatIsNeverWritten) {
     ASSERT_EQ(CreateFile(folder, u"b", image, slot), STATUS_SUCCESS);
     const ULONG lba = folder.image.FileTable[1];
     const std::uint64_t writes = Board().Count().Of(board::Operation::kWrite);
-    const auto write = [&](FileEntry& entry, ULONG at, ULONG expected) {
-        return Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &entry, at, expected); });
-    };
     FileEntry standIn;
     VrkFsHwMakeSubstituteFile(&standIn, lba);
-    EXPECT_EQ(write(standIn, 1, lba), STATUS_SUCCESS);  // not written, and that is right
-    EXPECT_EQ(write(image, 1, folder.image.FileTable[0]), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(write(image, 0, lba), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(write(image, 2, 0), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(write(image, 2048, lba), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(WriteFile(folder, standIn, 1, lba), STATUS_SUCCESS);  // not written, and that is right
+    EXPECT_EQ(WriteFile(folder, image, 1, folder.image.FileTable[0]), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(WriteFile(folder, image, 0, lba), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(WriteFile(folder, image, 2, 0), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(WriteFile(folder, image, 2048, lba), STATUS_UNSUCCESSFUL);
     for (const ULONG elsewhere : {0u, 2u, 1023u, 5000u, kRigLastData, kRigFirstDir, 0xFFFFFFFFu}) {
         folder.image.FileTable[1] = elsewhere;
-        EXPECT_EQ(write(image, 1, elsewhere), STATUS_UNSUCCESSFUL) << elsewhere;
+        EXPECT_EQ(WriteFile(folder, image, 1, elsewhere), STATUS_UNSUCCESSFUL) << elsewhere;
         EXPECT_EQ(Rename(folder, image, 1, u"c"), STATUS_UNSUCCESSFUL) << elsewhere;
     }
     folder.image.FileTable[1] = lba;
     folder.common.Flags = kFcbCommonSubstitute;
-    EXPECT_EQ(write(image, 1, lba), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(WriteFile(folder, image, 1, lba), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(CreateFile(folder, u"c", image, slot), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(RemoveFile(folder, image, 1), STATUS_UNSUCCESSFUL);
     folder.common.Flags = 0;
     DirEntry standInFolder{};
     standInFolder.Magic = kDirEntryMagic;
     standInFolder.InUse = 1;
-    const UNICODE_STRING name = CountedName(u"n");
-    EXPECT_EQ(Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &standInFolder, 0); }),
-              STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Locked([&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &standInFolder, 0, &name); }),
-              STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(RemoveFolder(standInFolder, 0), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(RenameFolder(standInFolder, 0, u"n"), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Board().Count().Of(board::Operation::kWrite), writes);
     EXPECT_EQ(Everything(folder), "0:F / 0:a 1:b / " + std::to_string(FreeWithout(4)));
 }
@@ -175,17 +159,14 @@ TEST_F(VolumeEntries, AFailedWriteChangesNothing) {
     ASSERT_EQ(CreateFile(folder, u"good", image, slot), STATUS_SUCCESS);
     ASSERT_EQ(CreateFile(folder, u"victim", victim, victimSlot), STATUS_SUCCESS);
     OpenedFolder made;
-    const UNICODE_STRING name = CountedName(u"Renamed");
     const struct {
         const char* what;
         std::uint64_t writes;
         std::function<NTSTATUS()> change;
     } changes[] = {
         {"create a folder", 1, [&] { return CreateFolder(u"New", made); }},
-        {"rename a folder", 1,
-         [&] { return Locked([&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &folder.image, 0, &name); }); }},
-        {"delete a folder", 1,
-         [&] { return Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &other.image, 1); }); }},
+        {"rename a folder", 1, [&] { return RenameFolder(folder.image, 0, u"Renamed"); }},
+        {"delete a folder", 1, [&] { return RemoveFolder(other.image, 1); }},
         {"create a file", 2, [&] { return CreateFile(folder, u"new", image, slot); }},
         {"rename a file", 1, [&] { return Rename(folder, victim, victimSlot, u"renamed"); }},
         {"move a file", 3, [&] { return Move(other, folder, victim, victimSlot, u"moved"); }},

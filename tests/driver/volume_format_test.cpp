@@ -7,6 +7,7 @@ namespace {
 
 class VolumeFormat : public VolumeTest {
   protected:
+    void SetUp() override { MakeStation(4, std::uint64_t{kRigBlocks} * 512); }
     // The result code, of a request that ends well.
     LONG Run(const std::u16string& name, const std::vector<ULONG>& ids, std::optional<ULONG> count = {}) {
         VrkFsVolumeInfoRecord request{};

@@ -26,7 +26,6 @@ class VolumeHostile : public VolumeTest {
   protected:
     void SetUp() override {
         VolumeTest::SetUp();
-        Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
         Put(1, 0, MakeVolumeEntry(u"GOOD", 1, 0, kRigTime + 1));
         PutFolder(1, 0, MakeFolder(u"ok"));
     }
@@ -53,8 +52,7 @@ class VolumeHostile : public VolumeTest {
         std::string text;
         for (ULONG slot = 0; slot < 10; ++slot) {
             if (VrkFsHwCheckBitmapEntry(Volume(), slot)) {
-                OpenedFolder folder;
-                OpenFolder(folder, slot);
+                OpenedFolder folder(slot);
                 text += (text.empty() ? "" : " | ") + ListFiles(folder);
             }
         }
@@ -124,8 +122,7 @@ TEST_F(VolumeHostile, FilesMountAndWhatIsSoundIsKept) {
         EXPECT_EQ(AllFiles() + " / " + contested + " / " + std::to_string(kRigDataBlocks - FreeBlocks()), c.mounted);
 
         // Whatever is deleted, in whatever order, nothing in doubt becomes free.
-        OpenedFolder folder;
-        OpenFolder(folder, 0);
+        OpenedFolder folder(0);
         for (const File& file : c.files) {
             EXPECT_EQ(RemoveFile(folder, ReadFile(folder, file.slot), file.slot), STATUS_SUCCESS);
         }
@@ -144,25 +141,20 @@ TEST_F(VolumeHostile, RecordsInDoubtAreNotWritten) {
     const FileEntry shared = MakePlainFile(u"a", 1024, 10);
     PutFiles({{0, 5000, shared}, {4, 5000, shared, 1}, {5, 6000, MakePlainFile(u"good", 1100, 10), 1}});
     Start();
-    OpenedFolder first;
-    OpenedFolder second;
-    OpenFolder(first, 0);
-    OpenFolder(second, 1);
+    OpenedFolder first(0);
+    OpenedFolder second(1);
     FileEntry image = ReadFile(first, 0);
     FileEntry good = ReadFile(second, 5);
-    const auto write = [&](OpenedFolder& folder, FileEntry& entry, ULONG slot, ULONG lba) {
-        return Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &entry, slot, lba); });
-    };
-    EXPECT_EQ(write(first, image, 0, 5000), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(write(second, image, 4, 5000), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(write(second, good, 5, 6000), STATUS_SUCCESS);
+    EXPECT_EQ(WriteFile(first, image, 0, 5000), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(WriteFile(second, image, 4, 5000), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(WriteFile(second, good, 5, 6000), STATUS_SUCCESS);
     EXPECT_EQ(RemoveFile(second, image, 4), STATUS_SUCCESS);
     EXPECT_FALSE(IsFree(5000));
     EXPECT_FALSE(IsFree(1024));
     Restart();
     // One claimant is left: the file is as good as any again.
     OpenFolder(first, 0);
-    EXPECT_EQ(write(first, image, 0, 5000), STATUS_SUCCESS);
+    EXPECT_EQ(WriteFile(first, image, 0, 5000), STATUS_SUCCESS);
     EXPECT_EQ(RemoveFile(first, image, 0), STATUS_SUCCESS);
     EXPECT_EQ(FreeBlocks(), FreeWithout(12));
 }
@@ -206,8 +198,7 @@ TEST_F(VolumeHostile, FoldersMountAndAreListed) {
         EXPECT_EQ(ListFolders(), c.folders);
         EXPECT_FALSE(IsFree(1044));
         if (VrkFsHwCheckBitmapEntry(Volume(), 2)) {
-            OpenedFolder opened;
-            OpenFolder(opened, 2);
+            OpenedFolder opened(2);
             EXPECT_EQ(ListFiles(opened), c.files);
             EXPECT_LE(opened.image.FileCount, kMaxFilesPerFolder);
         }
@@ -256,8 +247,7 @@ TEST_P(VolumeHostileRandom, NothingClaimedIsFree) {
     ASSERT_EQ(DescribeVolumes(), "V(0) GOOD(1)");
     std::vector<int> claims(kRigLastData + 1);
     for (ULONG slot = 0; slot < 3; ++slot) {
-        OpenedFolder folder;
-        OpenFolder(folder, slot);
+        OpenedFolder folder(slot);
         for (ULONG i = 0; i < kMaxFilesPerFolder; ++i) {
             if (folder.image.FileTable[i] == 0) {
                 continue;
@@ -296,8 +286,7 @@ TEST_P(VolumeHostileRandom, NothingClaimedIsFree) {
     // Deletes in any order free only blocks that nobody else claims.
     std::shuffle(files.begin(), files.end(), random);
     for (const File& file : files) {
-        OpenedFolder folder;
-        OpenFolder(folder, file.folder);
+        OpenedFolder folder(file.folder);
         ASSERT_EQ(RemoveFile(folder, ReadFile(folder, file.slot), file.slot), STATUS_SUCCESS);
     }
     for (ULONG lba = 1024; lba <= kRigLastData; ++lba) {

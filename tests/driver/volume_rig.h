@@ -59,24 +59,29 @@ inline FileEntry MakePlainFile(const std::u16string& name, ULONG start = 0, ULON
     return entry;
 }
 
-// An open folder as the request frame keeps it.
-struct OpenedFolder {
-    FCB fcb{};
-    FCBCommon common{};
-    DirEntry image{};
-
-    OpenedFolder() {
-        fcb.Common = &common;
-        common.FolderEntry = &image;
-        common.Level = kLevelFolder;
-    }
-    OpenedFolder(const OpenedFolder&) = delete;
-    OpenedFolder& operator=(const OpenedFolder&) = delete;
-};
-
 class VolumeTest : public DriverTest {
   protected:
-    void SetUp() override { MakeStation(4, std::uint64_t{kRigBlocks} * 512); }
+    // Blank disks, and a volume "V" on the first.
+    void SetUp() override {
+        MakeStation(5, std::uint64_t{kRigBlocks} * 512);
+        Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
+    }
+
+    // A folder as the request frame keeps it while it is open.
+    struct OpenedFolder {
+        OpenedFolder() {
+            fcb.Common = &common;
+            common.FolderEntry = &image;
+            common.Level = kLevelFolder;
+        }
+        explicit OpenedFolder(ULONG slot) : OpenedFolder() { OpenFolder(*this, slot); }
+        OpenedFolder(const OpenedFolder&) = delete;
+        OpenedFolder& operator=(const OpenedFolder&) = delete;
+
+        FCB fcb{};
+        FCBCommon common{};
+        DirEntry image{};
+    };
 
     // ---- disks, from outside, while the machine is off ----
 
@@ -120,8 +125,8 @@ class VolumeTest : public DriverTest {
         return text;
     }
 
-    static void OpenFolder(OpenedFolder& folder, ULONG slot, HwVolume* volume = nullptr) {
-        folder.common.VolumeHandle = volume != nullptr ? volume : Volume();
+    static void OpenFolder(OpenedFolder& folder, ULONG slot) {
+        folder.common.VolumeHandle = Volume();
         folder.common.FolderEntryIndex = slot;
         BOOLEAN substituted = FALSE;
         EXPECT_EQ(Locked([&] {
@@ -140,12 +145,22 @@ class VolumeTest : public DriverTest {
                                          &folder.common.FolderEntryIndex);
         });
     }
+    static NTSTATUS RenameFolder(DirEntry& image, ULONG slot, std::u16string_view to) {
+        const UNICODE_STRING name = CountedName(to);
+        return Locked([&] { return VrkFsHwRenameFolder(Hw(), Vcb(), Volume(), &image, slot, &name); });
+    }
+    static NTSTATUS RemoveFolder(DirEntry& image, ULONG slot) {
+        return Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &image, slot); });
+    }
     static NTSTATUS CreateFile(OpenedFolder& folder, const std::u16string& name, FileEntry& image, ULONG& slot) {
         const UNICODE_STRING counted = CountedName(name);
         return Locked([&] { return VrkFsHwCreateFileEntry(Hw(), Vcb(), &folder.fcb, &counted, &image, &slot); });
     }
     static NTSTATUS RemoveFile(OpenedFolder& folder, const FileEntry& image, ULONG slot) {
         return Locked([&] { return VrkFsHwRemoveFileEntry(Hw(), Vcb(), &folder.fcb, &image, slot); });
+    }
+    static NTSTATUS WriteFile(OpenedFolder& folder, FileEntry& image, ULONG slot, ULONG lba) {
+        return Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &image, slot, lba); });
     }
     static FileEntry ReadFile(OpenedFolder& folder, ULONG slot, BOOLEAN* substituted = nullptr) {
         FileEntry image{};

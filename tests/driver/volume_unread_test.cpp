@@ -9,7 +9,6 @@ class VolumeUnread : public VolumeTest {
   protected:
     void SetUp() override {
         VolumeTest::SetUp();
-        Put(0, 0, MakeVolumeEntry(u"V", 1, 0));
         PutFolder(0, 3, MakeFolder(u"G", {{1, 5004}}));
         Put(0, 5000, MakePlainFile(u"a", 1024, 100));
         Put(0, 5002, MakePlainFile(u"b", 1124, 100));
@@ -62,22 +61,19 @@ TEST_F(VolumeUnread, OneErrorLosesNothing) {
         RemountWithout(c.lba, c.lba);
         EXPECT_EQ(FreeBlocks(), FreeWithout(c.taken));
         EXPECT_EQ(ListFolders(), c.folders);
-        OpenedFolder folder;
-        OpenFolder(folder, 2);
+        OpenedFolder folder(2);
         EXPECT_EQ(ListFiles(folder), c.files);
         Board().Misbehave().Clear();
         // The listing was not remembered.
         EXPECT_EQ(ListFolders(), "2:F 3:G");
         // Space is handed out only after the record was read and claimed.
-        OpenedFolder other;
-        OpenFolder(other, 3);
+        OpenedFolder other(3);
         FileEntry image;
         ULONG slot = 0;
         ASSERT_EQ(CreateFile(other, u"new", image, slot), STATUS_SUCCESS);
         EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken + 2));
         ASSERT_EQ(RemoveFile(other, image, slot), STATUS_SUCCESS);
-        OpenedFolder again;
-        OpenFolder(again, 2);
+        OpenedFolder again(2);
         EXPECT_EQ(ListFiles(again), "0:a 4:b");
         EXPECT_EQ(RemoveFile(again, ReadFile(again, 4), 4), STATUS_SUCCESS);
         EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 102));
@@ -101,8 +97,7 @@ TEST_F(VolumeUnread, BadForGoodIsTriedOnce) {
     EXPECT_EQ(Reads(), 1u + 4);
     // And so is a read that succeeds by the way.
     Board().Misbehave().Clear();
-    OpenedFolder folder;
-    OpenFolder(folder, 2);
+    OpenedFolder folder(2);
     EXPECT_EQ(ListFiles(folder), "0:a 4:b");
     EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 100));
     EXPECT_EQ(Retry(), STATUS_SUCCESS);
@@ -116,8 +111,7 @@ TEST_F(VolumeUnread, ReadableTooLate) {
     EXPECT_EQ(Retry(), STATUS_SUCCESS);
     const ULONG start = TakeFirst(60);
     Board().Misbehave().Clear();
-    OpenedFolder folder;
-    OpenFolder(folder, 2);
+    OpenedFolder folder(2);
     const FileEntry image = ReadFile(folder, 0);
     EXPECT_EQ(RemoveFile(folder, image, 0), STATUS_SUCCESS);
     EXPECT_EQ(FreeBlocks(), FreeWithout(kTaken - 2));  // its record is free; its data is not, nor is the new file's
@@ -139,8 +133,7 @@ TEST_F(VolumeUnread, DeletedUnclaimed) {
         EXPECT_EQ(Retry(), STATUS_SUCCESS);
         TakeFirst(100);
         Board().Misbehave().Clear();
-        OpenedFolder folder;
-        OpenFolder(folder, 2);
+        OpenedFolder folder(2);
         const FileEntry image = ReadFile(folder, 0);
         // The disk fails again, and the copies that were read have been displaced.
         FailReads(c.lba, c.lba);
@@ -150,8 +143,7 @@ TEST_F(VolumeUnread, DeletedUnclaimed) {
             VrkFsVolCacheFolderEntryCache(&Volume()->EntryCache, &other, 1 + i);
         }
         FileEntry changed = image;
-        EXPECT_EQ(Locked([&] { return VrkFsHwWriteFileEntry(Hw(), &folder.fcb, &changed, 0, 5000); }),
-                  STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(WriteFile(folder, changed, 0, 5000), STATUS_UNSUCCESSFUL);
         if (c.lba == FolderLba(2)) {
             ULONG slot = 0;
             EXPECT_EQ(CreateFile(folder, u"new", changed, slot), STATUS_UNSUCCESSFUL);
@@ -187,10 +179,8 @@ TEST_F(VolumeUnread, DeletedFolderIsCountedOffOnce) {
     Start();
     RemountWithout(FolderLba(0), FolderLba(0));
     Board().Misbehave().Clear();
-    OpenedFolder folder;
-    OpenFolder(folder, 0);
-    EXPECT_EQ(Locked([&] { return VrkFsHwInvalidateDirEntry(Hw(), Vcb(), Volume(), &folder.image, 0); }),
-              STATUS_SUCCESS);
+    OpenedFolder folder(0);
+    EXPECT_EQ(RemoveFolder(folder.image, 0), STATUS_SUCCESS);
     OpenedFolder made;
     ASSERT_EQ(CreateFolder(u"new", made), STATUS_SUCCESS);
     EXPECT_EQ(made.common.FolderEntryIndex, 0u);

@@ -74,13 +74,14 @@ class Caller {
         control_ = Open(u"VrkFsDevice0");
         service_ = Opened(user_, {.path = u"VrkFsDevice0", .access = kReadWrite, .overlapped = true});
         VrkFsFileTypeList types{1, {{}}};
-        types.Rows[0].TypeCode = 1;
-        std::copy_n(u"XYZ", 3, types.Rows[0].Extension);
-        types.Rows[0].FrameSize = 1000;
-        types.Rows[0].FrameSizeWithAlpha = 1500;
+        VrkFsFileType& type = types.Rows[0];
+        type.TypeCode = 1;
+        type.FrameSize = type.FrameSizeWithAlpha = type.FrameSizeSdti1 = type.FrameSizeSdti1WithAlpha = 1000;
+        type.FrameSizeSdti12 = type.FrameSizeSdti12WithAlpha = 1500;
+        std::copy_n(u"XYZ", 3, type.Extension);
         Tell(IOCTL_VRKFS_REGISTER_FILE_TYPES, types);
-        types.Rows[0].AccessMode = VRKFS_FILE_TYPE_FRAME_FOLDERS;
-        std::copy_n(u"FRM", 3, types.Rows[0].Extension);
+        type.AccessMode = VRKFS_FILE_TYPE_FRAME_FOLDERS;
+        std::copy_n(u"FRM", 3, type.Extension);
         Tell(IOCTL_VRKFS_REGISTER_FILE_TYPES, types);
         OpenAll();
     }
@@ -226,9 +227,9 @@ class Caller {
                                               u"RZV\\V\\B\\NEW.RZV",
                                               u"RZV\\V\\A\\RENAMED.RZV",
                                               u"RZV\\V\\B\\RENAMED.RZV",
-                                              u"XYZ\\V\\A\\ONE.RZV\\note",
-                                              u"XYZ\\V\\A\\ONE.RZV\\note2",
-                                              u"XYZ\\V\\A\\ONE.RZV\\ONE0001.XYZ",
+                                              u"FRM\\V\\A\\ONE.RZV\\note",
+                                              u"FRM\\V\\A\\ONE.RZV\\note2",
+                                              u"FRM\\V\\A\\ONE.RZV\\ONE0001.FRM",
                                               u"XYZ\\V\\A\\ONE.RZV",
                                               u"RZV\\V\\A",
                                               u"RZV\\V"};
@@ -346,7 +347,7 @@ class Caller {
     }
     void Rename(host::Handle file) {
         constexpr const char16_t* kNames[] = {u"P:\\RZV\\V\\B\\RENAMED.RZV", u"RENAMED.RZV", u"ONE.RZV", u"KEPT.RZV",
-                                              u"P:\\RZV\\V\\C\\KEPT.RZV",    u"ONE0002.XYZ", u"note2",   u""};
+                                              u"P:\\RZV\\V\\C\\KEPT.RZV",    u"ONE0002.FRM", u"note2",   u""};
         (void)host::Rename(user_, file, kNames[input_.Take<std::uint8_t>() % std::size(kNames)]);
     }
     void WriteAnything(host::Handle file) {
@@ -416,33 +417,36 @@ void WriteSeeds(Seeds& seeds) {
         then(kCreateTable, {file, 0, 0});
         then(kAddVideo, {file, 0, 0, 0, 0});
         then(kAddAlpha, {file, 0, 0, 0, 0});
-        then(kUseTable, {1, 24, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0});
+        then(kUseTable, {file, 1, 24, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 9, 0, 0, 0, 0, 0, 0, 0, 0});
         then(kUpdate, {file, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 3});
         then(kDereference, {file, 0, 0});
-        then(kMove, {file, 1, 0x00, 0x18, 1, 0x00, 0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+        then(kMove, {file, 1, 0x00, 0x0A, 1, 0x00, 0x09, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
         then(kRename, {file, alpha});
         then(kReference, {file, alpha, 0, 0});
         seeds.Add(life);
     }
     for (std::uint8_t segment = 0; segment < VRKFS_SEGMENT_COUNT; ++segment) {
         for (const std::uint8_t off : {0, 1}) {
-            std::vector<std::uint8_t> move{kOpenMedia, 0, 0, 0, kMedia, kMove, file};
+            std::vector<std::uint8_t> move{kCloseAll, kOpenMedia, 0, 0, 0, kMedia, kMove, file};
             for (std::uint8_t other = 0; other < VRKFS_SEGMENT_COUNT; ++other) {
                 move.push_back(other == segment ? 1 : 0);
                 move.push_back(static_cast<std::uint8_t>(other == segment ? 0x40 + off : 0));
                 if (other == segment) {
-                    move.push_back(0x10);
+                    move.push_back(0x08);
                 }
             }
             seeds.Add(move);
         }
     }
     for (std::uint8_t what = 0; what < kMediaSteps; ++what) {
-        for (std::uint8_t path = 0; path < 12; path = static_cast<std::uint8_t>(path + 3)) {
+        for (const std::uint8_t path : {0, 3, 6, 8}) {
             seeds.Add(
                 {kOpenMedia, 0x10, path, 0, kMedia, what, file, 7, 0, 0, 0, kMedia, what, file, 0xB3, 0xC5, 0xD1});
         }
     }
+    // A RAM file takes a frame's name, and is a frame then.
+    seeds.Add(
+        {kOpenMedia, 0, 6, 0, kMedia, kWrite, file, 1, 0, 0, kMedia, kRename, file, 5, kMedia, kWrite, file, 1, 0, 0});
     for (std::uint8_t command = 0; command < 16; ++command) {
         seeds.Add({kPort, 1, 16, 16, 0, 0, 0, command, 0, 0, 0, 'A', 0, 0, 0, 0, 0, 0, 0, 100, 0, 0});
     }

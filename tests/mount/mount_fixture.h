@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "mount/mount.h"
+#include "tests/support/eventually.h"
 #include "tests/support/machine_fixture.h"
 #include "tool/clip/writer.h"
 
@@ -69,18 +70,6 @@ inline int Await(pid_t process) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// Looks again and again; for what happens soon, but not at once.
-inline bool Eventually(const std::function<bool()>& holds) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > limit) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
 class MountTest : public MachineTest {
   protected:
     // Volumes ONE (disk 0) and TWO (disks 1, 2), a folder A in each; a mount of all at place; the clips @/small and
@@ -91,9 +80,8 @@ class MountTest : public MachineTest {
         Start();
         ASSERT_EQ(Format(u"ONE", {0}), 0);
         ASSERT_EQ(Format(u"TWO", {1, 2}), 0);
-        for (const char16_t* folder : {u"\\RZV\\ONE\\A", u"\\RZV\\TWO\\A"}) {
-            ASSERT_TRUE(MakeOnDrive(folder, host::option::kDirectoryFile).Ok());
-        }
+        MakeFolder(u"\\RZV\\ONE\\A");
+        MakeFolder(u"\\RZV\\TWO\\A");
         MakeClip("small", {.kind = clip::ClipKind::Tagged, .frames = 9, .alpha = true, .maxSectors = 40, .seed = 5});
         MakeClip("large", {.standard = 625, .frames = 6, .seed = 2});
         std::filesystem::create_directory(Place());
@@ -147,30 +135,18 @@ class MountTest : public MachineTest {
         EXPECT_EQ(Sh(script).out, out) << script;
     }
 
-    host::Status MakeOnDrive(const std::u16string& path, std::uint32_t options) {
-        const host::OpenResult made =
-            Open(path, host::Disposition::kCreate, host::access::kReadData | host::access::kWriteData, options);
-        if (made.status.Ok()) {
-            (void)User().Close(made.handle);
-        }
-        return made.status;
-    }
     // A clip from another program of the machine's.
     void PutOnDrive(const std::u16string& path, const std::string& local) {
-        const host::OpenResult made = Open(path, host::Disposition::kCreate,
-                                           host::access::kReadData | host::access::kWriteData | host::access::kDelete);
-        ASSERT_TRUE(made.status.Ok()) << host::StatusName(made.status);
         const std::string bytes = Contents(At(local));
-        const host::IoResult written = User().Write(made.handle, std::as_bytes(std::span(bytes)), 0);
-        EXPECT_EQ(written.information, bytes.size());
-        EXPECT_TRUE(User().Close(made.handle).Ok());
+        const host::ScopedHandle file =
+            Hold(path, host::access::kReadData | host::access::kWriteData, host::Disposition::kCreate);
+        EXPECT_EQ(User().Write(file.Get(), std::as_bytes(std::span(bytes)), 0).information, bytes.size());
     }
-
+    void MakeFolder(const std::u16string& path) {
+        Hold(path, host::access::kListDirectory, host::Disposition::kCreate, host::option::kDirectoryFile);
+    }
     void RenameOnDrive(const std::u16string& path, const std::u16string& name) {
-        const host::OpenResult opened = Open(path, host::Disposition::kOpen, host::access::kDelete);
-        ASSERT_TRUE(opened.status.Ok()) << host::StatusName(opened.status);
-        EXPECT_TRUE(host::Rename(User(), opened.handle, name).Ok());
-        EXPECT_TRUE(User().Close(opened.handle).Ok());
+        EXPECT_TRUE(host::Rename(User(), Hold(path, host::access::kDelete).Get(), name).Ok());
     }
 
     void MakeClip(const std::string& name, const clip::ClipRecipe& recipe) const {

@@ -54,23 +54,20 @@ TEST_F(MountNames, WhatOthersChangeShows) {
         EXPECT_TRUE(Eventually([&] { return Sh("cmp small $T/" + std::string(name)).status == 0; })) << name;
     }
     ExpectOut("ls $T", "Take\n");
-    const std::uint64_t number = Number(folder + "Take");
 
-    const host::OpenResult opened = Open(u"\\RZV\\TWO\\A\\Take", host::Disposition::kOpen, host::access::kDelete);
-    ASSERT_TRUE(opened.status.Ok());
-    EXPECT_TRUE(host::Rename(User(), opened.handle, u"Moved").Ok());
+    host::ScopedHandle held = Hold(u"\\RZV\\TWO\\A\\Take", host::access::kDelete);
+    EXPECT_TRUE(host::Rename(User(), held.Get(), u"Moved").Ok());
     EXPECT_TRUE(Eventually([&] { return !IsThere(folder + "Take") && IsThere(folder + "moved"); }));
-    EXPECT_TRUE(host::SetDeleteOnCleanup(User(), opened.handle, true).Ok());
-    EXPECT_TRUE(User().Close(opened.handle).Ok());
+    EXPECT_TRUE(host::SetDeleteOnCleanup(User(), held.Get(), true).Ok());
+    held.Reset();
     EXPECT_TRUE(Eventually([&] { return !IsThere(folder + "Moved") && Sh("ls $T").out.empty(); }));
 
     EXPECT_FALSE(IsThere("m/P/RZV/TWO/N"));
-    ASSERT_TRUE(MakeOnDrive(u"\\RZV\\TWO\\N", host::option::kDirectoryFile).Ok());
+    MakeFolder(u"\\RZV\\TWO\\N");
     EXPECT_TRUE(Eventually([&] { return IsThere("m/P/RZV/TWO/N"); }));
     // Another clip under the name, with other bytes; what the kernel kept of the first is not shown.
     PutOnDrive(u"\\RZV\\TWO\\A\\Take", "large");
     EXPECT_TRUE(Eventually([&] { return Sh("cmp large $T/Take").status == 0; }));
-    EXPECT_NE(number, 0u);
     // Who goes on reading the old one brings none of its bytes to who reads the new one.
     std::ifstream old(At(folder + "Take"), std::ios::binary);
     EXPECT_EQ(old.get(), Contents(At("large")).front());
@@ -120,8 +117,7 @@ TEST_F(MountNames, WhatOthersHaveOpenIsTheirs) {
         return opened.status.Ok();
     }));
     Do("cmp small $T/a");
-    const std::string other = Contents(At("small"));
-    std::string changed = other;
+    std::string changed = Contents(At("small"));
     changed.back() ^= 1;
     EXPECT_TRUE(User().Write(opened.handle, std::as_bytes(std::span(changed)), 0).status.Ok());
     std::ofstream(At("changed"), std::ios::binary) << changed;
@@ -129,15 +125,13 @@ TEST_F(MountNames, WhatOthersHaveOpenIsTheirs) {
     Do("cmp changed $T/a");
 }
 
-struct Refusal {
-    const char* script;
-    const char* said;
-    const char* noted;  // in the journal; null: nothing there
-};
-
 TEST_F(MountNames, RefusalsInWordsThatPeopleKnow) {
     Do("cp small $T/a && cp small $O/b && touch $T/empty");
-    const Refusal refusals[] = {
+    const struct {
+        const char* script;
+        const char* said;
+        const char* noted;  // in the journal; null: nothing there
+    } refusals[] = {
         {"mkdir $T/folder", "Operation not permitted", "folders stand in volumes only"},
         {"mkdir m/P/RZV/THREE", "Operation not permitted", "vrkfs format"},
         {"mkdir m/P/XYZ", "Operation not permitted", "vrkfs format"},
@@ -145,8 +139,6 @@ TEST_F(MountNames, RefusalsInWordsThatPeopleKnow) {
         {"cp small m/P/RZV/TWO/clip", "Operation not permitted", "clips stand in folders only"},
         {"rmdir m/P/RZV/TWO", "Operation not permitted", "format"},
         {"rmdir m/P/RZV/TWO/A", "Directory not empty", "something is in it"},
-        {"rmdir $T/a", "Not a directory", nullptr},
-        {"unlink m/P/RZV/TWO/A", "Is a directory", nullptr},
         {"rm $T/none", "No such file", nullptr},
         {"cp small '$T/a*b'; cp small \"$T/a*b\"", "Invalid argument", "none of \\ / : *"},
         {"cp small '$T/x'; cp small $T/___port0___", "", nullptr},
@@ -165,7 +157,7 @@ TEST_F(MountNames, RefusalsInWordsThatPeopleKnow) {
         {"for i in 1 2 3 4 5 6 7 8 9 10 11 12; do cp large $T/big$i || exit 1; done", "No space left on device",
          "no room in one piece"},
     };
-    for (const Refusal& refusal : refusals) {
+    for (const auto& refusal : refusals) {
         const Outcome outcome = Sh(refusal.script);
         EXPECT_NE(outcome.status, 0) << refusal.script;
         EXPECT_NE(outcome.out.find(refusal.said), std::string::npos) << refusal.script << ": " << outcome.out;
@@ -175,26 +167,26 @@ TEST_F(MountNames, RefusalsInWordsThatPeopleKnow) {
     }
     Do("truncate -s $(stat -c %s $T/a) $T/a && cmp small $T/a && cmp small $O/b");
     // The system's call, with its flags, from a program of its own; its errno.
-    const auto rename = [&](const char* from, const char* to, unsigned flags) {
-        const std::string call =
-            "import ctypes; l = ctypes.CDLL(None, use_errno=True); "
-            "r = l.renameat2(-100, b'" +
-            std::string(from) + "', -100, b'" + to + "', " + std::to_string(flags) +
-            "); print(ctypes.get_errno() if r else 0)";
-        return std::stoi(Sh("python3 -c \"" + call + "\"").out);
+    const auto rename = [&](const std::string& from, const std::string& to, unsigned flags) {
+        return std::stoi(Sh("cd m/P/RZV; python3 -c \"import ctypes; l = ctypes.CDLL(None, use_errno=True); "
+                            "r = l.renameat2(-100, b'" +
+                            from + "', -100, b'" + to + "', " + std::to_string(flags) +
+                            "); print(ctypes.get_errno() if r else 0)\"")
+                             .out);
     };
-    EXPECT_EQ(rename("m/P/RZV/TWO/A/a", "m/P/RZV/TWO/A/empty", RENAME_NOREPLACE), EEXIST);
-    EXPECT_EQ(rename("m/P/RZV/TWO/A/a", "m/P/RZV/TWO/A/empty", RENAME_EXCHANGE), EINVAL);
-    EXPECT_EQ(rename("m/P/RZV/TWO/A/a", "m/P/RZV/ONE/A/a", 0), EXDEV);
-    EXPECT_EQ(rename("m/P/RZV/TWO/A", "m/P/RZV/ONE/B", 0), EXDEV);
-    EXPECT_EQ(rename("m/P/RZV/TWO/A/a", "m/P/RZV/TWO/A/free", RENAME_NOREPLACE), 0);
+    EXPECT_EQ(rename("TWO/A/a", "TWO/A/empty", RENAME_NOREPLACE), EEXIST);
+    EXPECT_EQ(rename("TWO/A/a", "TWO/A/empty", RENAME_EXCHANGE), EINVAL);
+    EXPECT_EQ(rename("TWO/A/a", "ONE/A/a", 0), EXDEV);
+    EXPECT_EQ(rename("TWO/A", "ONE/B", 0), EXDEV);
+    EXPECT_EQ(rename("TWO/A/a", "TWO/A/free", RENAME_NOREPLACE), 0);
     Do("cmp small $T/free && chmod 600 $T/free && chown 1:1 $T/free");
 }
 
 TEST_F(MountNames, AFullFolderSaysSo) {
     for (int file = 0; file < 2048; ++file) {
         const std::string digits = std::to_string(file);
-        ASSERT_TRUE(MakeOnDrive(u"\\RZV\\ONE\\A\\" + std::u16string(digits.begin(), digits.end()), 0).Ok());
+        Hold(u"\\RZV\\ONE\\A\\" + std::u16string(digits.begin(), digits.end()), host::access::kWriteData,
+             host::Disposition::kCreate);
     }
     EXPECT_TRUE(Eventually([&] { return Sh("ls $O | wc -l").out == "2048\n"; }));
     const Outcome full = Sh("touch $O/more");

@@ -78,22 +78,20 @@ TEST_F(MountPlace, OptionsOfAMount) {
 TEST_F(MountPlace, PlacesThatWillNotDo) {
     std::filesystem::create_directory(At("full"));
     std::ofstream(At("full/file")) << "x";
-    const std::pair<const char*, const char*> places[] = {
-        {"m", "something is mounted on"}, {"full", "is not empty"}, {"small", "is no directory"}, {"none", "No such"}};
-    for (const auto& [place, said] : places) {
+    std::filesystem::create_directory(At("empty"));
+    const std::tuple<const char*, char, const char*> places[] = {{"m", 'P', "something is mounted on"},
+                                                                 {"full", 'P', "is not empty"},
+                                                                 {"small", 'P', "is no directory"},
+                                                                 {"none", 'P', "No such"},
+                                                                 {"empty", 'Z', "no drive Z:"}};
+    for (const auto& [place, drive, said] : places) {
         mount::Options options;
         options.mountpoint = At(place);
+        options.drive = drive;
         host::Problem problem;
         EXPECT_FALSE(mount::Mount::Start(Machine(), options, {}, problem)) << place;
         EXPECT_NE(problem.what.find(said), std::string::npos) << problem.what;
     }
-    mount::Options options;
-    options.mountpoint = At("full");
-    options.drive = 'Z';
-    std::filesystem::remove(At("full/file"));
-    host::Problem problem;
-    EXPECT_FALSE(mount::Mount::Start(Machine(), options, {}, problem));
-    EXPECT_NE(problem.what.find("no drive Z:"), std::string::npos) << problem.what;
 }
 
 TEST_F(MountPlace, EndsWhenItIsTakenAwayOrGoesWhileInUse) {

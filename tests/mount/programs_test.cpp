@@ -93,11 +93,9 @@ TEST_F(MountPrograms, SpaceAgreesWithWhatIsThere) {
 TEST_F(MountPrograms, ReadersBesideARecorder) {
     Do("cp small $T/a && cp large $T/b");
     const char* const readers[] = {
-        "i=0; while [ $i -lt 8 ]; do cmp small $T/a || exit 1; i=$((i+1)); done",
-        "i=0; while [ $i -lt 8 ]; do dd if=$T/b bs=98765 status=none | cmp - large || exit 1; "
-        "i=$((i+1)); done",
-        "i=0; while [ $i -lt 4 ]; do cp large $T/c || exit 1; cmp large $T/c || exit 1; "
-        "i=$((i+1)); done"};
+        "for i in 1 2 3 4 5 6 7 8; do cmp small $T/a || exit 1; done",
+        "for i in 1 2 3 4 5 6 7 8; do dd if=$T/b bs=98765 status=none | cmp - large || exit 1; done",
+        "for i in 1 2 3 4; do cp large $T/c && cmp large $T/c || exit 1; done"};
     std::vector<pid_t> programs;
     for (const char* reader : readers) {
         programs.push_back(StartShell(directory_.Path(), "T=m/P/RZV/TWO/A; " + std::string(reader),

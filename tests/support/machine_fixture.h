@@ -123,6 +123,15 @@ class MachineTest : public testing::Test {
         return User().Create(request);
     }
 
+    // The same, open for as long as the result lives; the case fails where it cannot be opened.
+    host::ScopedHandle Hold(const std::u16string& path,
+                            std::uint32_t access = host::access::kReadData | host::access::kReadAttributes,
+                            host::Disposition disposition = host::Disposition::kOpen, std::uint32_t options = 0) {
+        const host::OpenResult opened = Open(path, disposition, access, options);
+        EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS") << std::string(path.begin(), path.end());
+        return {User(), opened.handle};
+    }
+
     TemporaryDirectory directory_;
     std::unique_ptr<host::Machine> machine_;
     std::unique_ptr<host::Process> process_;

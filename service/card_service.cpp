@@ -14,6 +14,7 @@ constexpr std::size_t kMaxRendered = 8;
 constexpr std::size_t kMaxEdits = 32;
 constexpr std::chrono::seconds kFresh{2};      // how long a file that was made serves reads
 constexpr std::chrono::seconds kSameLine{10};  // in which a line is not said again
+constexpr double kLinesASecond = 2;
 constexpr std::size_t kPieceBytes = 1 << 20;
 static_assert(kPieceBytes <= kBufferBytes);
 constexpr std::chrono::seconds kCreationTime{45};  // of the driver's 60
@@ -411,14 +412,29 @@ bool CardService::Refuse(std::uint32_t type, const Respond& respond) const {
     return false;
 }
 
-// A program that tries again and again says one thing once; a person who does hears it again.
+// A program that tries again and again says one thing once; a person who does hears it again. One that goes through a
+// thousand frames without pictures fills no disk with lines.
 void CardService::Say(const std::string& line) {
     const auto now = Clock::now();
-    if (line != lastLine_ || now - lastSaid_ > kSameLine) {
-        lastLine_ = line;
-        lastSaid_ = now;
-        log_("card " + std::to_string(card_.Index()) + ": " + line);
+    if (line == lastLine_ && now - lastSaid_ < kSameLine) {
+        return;
     }
+    const double seconds = std::chrono::duration<double>(now - lastTried_).count();
+    lastTried_ = now;
+    credit_ = std::min(kMostLines, credit_ + seconds * kLinesASecond);
+    if (credit_ < 1) {
+        ++unsaid_;
+        return;
+    }
+    credit_ -= 1;
+    const std::string card = "card " + std::to_string(card_.Index()) + ": ";
+    if (unsaid_ != 0) {
+        log_(card + "(" + std::to_string(unsaid_) + " lines were left out)");
+        unsaid_ = 0;
+    }
+    lastLine_ = line;
+    lastSaid_ = now;
+    log_(card + line);
 }
 
 void CardService::SayOfFrame(const FrameKey& key, const std::string& what) {

@@ -42,6 +42,7 @@ class CardService {
 
   private:
     using Clock = std::chrono::steady_clock;
+    static constexpr double kMostLines = 50;  // at once
     // A frame's file under a handle.
     struct FrameKey {
         std::uint32_t handle;
@@ -88,6 +89,9 @@ class CardService {
     Log log_;
     std::string lastLine_;
     Clock::time_point lastSaid_;
+    Clock::time_point lastTried_;
+    double credit_ = kMostLines;  // lines that may be said at once, as of lastTried_
+    unsigned long unsaid_ = 0;
     std::uint32_t nextHandle_;
     std::map<std::uint32_t, LookedInto> open_;
     std::deque<Rendered> rendered_;  // newest first

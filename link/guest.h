@@ -133,8 +133,9 @@ class Guest {
     // guest_transfers.cpp: requests that may take long
     Answer CarryRequest(const FrameHeader& header, const IoRecord& record, std::span<const std::byte> data);
     Answer Begin(const std::shared_ptr<UnderWay>& way, const IoRecord& record);
-    host::Status PlaceData(UnderWay& way, const IoRecord& record, std::span<const std::byte> data);
-    bool Admit(const std::shared_ptr<UnderWay>& way);
+    host::Status Admit(const std::shared_ptr<UnderWay>& request, const IoRecord& record,
+                       std::span<const std::byte> data);
+    bool Count(const std::shared_ptr<UnderWay>& way);
     void Dismiss(const UnderWay& way);
     void Ended(const std::shared_ptr<UnderWay>& way, const host::IoResult& result);
     static Answer Conclude(const std::shared_ptr<UnderWay>& way, const host::IoResult& result);

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <new>
 
 #include "link/under_way.h"
 
@@ -34,18 +35,18 @@ Guest::Answer Guest::CarryRequest(const FrameHeader& header, const IoRecord& rec
     way->op = header.op;
     way->id = header.id;
     way->overlapped = (record.options & kOverlapped) != 0 || header.op == Op::kNotify;
-    const host::Status placed = PlaceData(*way, record, data);
-    if (!placed.Ok()) {
-        return {.record = {placed.code, 0, 0, 0}};
-    }
-    if (!Admit(way)) {
-        return {.record = {host::status::kInsufficientResources.code, 0, 0, 0}};
+    const host::Status admitted = Admit(way, record, data);
+    if (!admitted.Ok()) {
+        return {.record = {admitted.code, 0, 0, 0}};
     }
     return Begin(way, record);
 }
 
-// Finds the data's places: in the client's memory, for a transfer; else room for a copy.
-host::Status Guest::PlaceData(UnderWay& way, const IoRecord& record, std::span<const std::byte> data) {
+// Finds the data's places: in the client's memory, for a transfer; else room for a copy. A request that has them is
+// under way from here on, and can be cancelled.
+host::Status Guest::Admit(const std::shared_ptr<UnderWay>& request, const IoRecord& record,
+                          std::span<const std::byte> data) {
+    UnderWay& way = *request;
     const bool transfer = way.op == Op::kRead || way.op == Op::kWrite;
     const bool takesIn = way.op != Op::kRead && way.op != Op::kNotify;
     const bool givesOut = way.op != Op::kWrite;
@@ -73,8 +74,15 @@ host::Status Guest::PlaceData(UnderWay& way, const IoRecord& record, std::span<c
     const std::size_t inBytes = holdsIn ? in.size() : 0;
     const std::size_t outBytes = holdsOut ? record.out.length : 0;
     way.heldBytes = inBytes + outBytes;
+    if (!Count(request)) {
+        return host::status::kInsufficientResources;
+    }
     if (way.heldBytes > 0) {
-        way.held = std::make_unique<std::byte[]>(way.heldBytes);
+        way.held.reset(new (std::nothrow) std::byte[way.heldBytes]());
+        if (!way.held) {
+            Dismiss(way);
+            return host::status::kInsufficientResources;
+        }
     }
     if (takesIn) {
         way.in = in;
@@ -135,8 +143,8 @@ Guest::Answer Guest::Begin(const std::shared_ptr<UnderWay>& way, const IoRecord&
             .order = {.unless = &way->over}};
 }
 
-// A request is under way from here on, and can be cancelled.
-bool Guest::Admit(const std::shared_ptr<UnderWay>& way) {
+// Before it has what it wants: as many as there are threads could want all at once.
+bool Guest::Count(const std::shared_ptr<UnderWay>& way) {
     const std::lock_guard hold(waysLock_);
     if (ways_.size() >= house_.limits.requests || held_ + way->heldBytes > house_.limits.heldBytes) {
         return false;

@@ -331,7 +331,8 @@ constexpr std::size_t kMostShared = 1024;
 // A block in nobody's use, zeroed.
 std::uint32_t LocalProcess::TakeBlock(std::size_t whole, Share* share) {
     const bool shared = share != nullptr;
-    if (const auto idle = idle_.find({shared, whole}); idle != idle_.end()) {
+    const auto idle = idle_.lower_bound({shared, whole});
+    if (idle != idle_.end() && idle->first.first == shared && idle->first.second <= 2 * whole) {
         const std::uint32_t number = idle->second;
         idle_.erase(idle);
         std::memset(blocks_[number].address, 0, whole);
@@ -365,7 +366,7 @@ Status LocalProcess::Allocate(std::size_t size, NamedMemory& memory, Share* shar
     if (name == 0) {
         // The block stays for another time, but whoever is to map it has not been told of it.
         if (share == nullptr || share->descriptor < 0) {
-            idle_.emplace(std::pair{share != nullptr, whole}, number);
+            idle_.emplace(std::pair{share != nullptr, blocks_[number].size}, number);
         } else {
             close(share->descriptor);
             munmap(address, whole);
@@ -378,7 +379,7 @@ Status LocalProcess::Allocate(std::size_t size, NamedMemory& memory, Share* shar
     memory = {{address, size}, name};
     if (share != nullptr) {
         share->number = number;
-        share->bytes = whole;
+        share->bytes = blocks_[number].size;
     }
     return status::kSuccess;
 }

@@ -1,6 +1,8 @@
 // Copying clips onto a drive. A new clip is written under its own name, one over another beside it. When all of it is
 // there, at the latest when the program closes it, it is closed and checked, and takes its place; what is not whole by
 // then is deleted, and what stood there before stays.
+#include <vrkfs/results.h>
+
 #include <cerrno>
 
 #include "mount/file_system.h"
@@ -11,6 +13,14 @@ namespace {
 
 std::string Bytes(std::uint64_t count) {
     return std::to_string(count);
+}
+
+// A command that fails is a write that succeeds, and who writes it from a script may not look at the reply.
+bool HasCommandFailed(host::Process& process, host::Handle port) {
+    std::int32_t reply[2] = {};  // its length and the result
+    const host::IoResult read = process.Read(port, std::as_writable_bytes(std::span(reply)), 0);
+    return read.status.Ok() && read.information == sizeof(reply) &&
+           (reply[1] == VRKFS_PORT_FAILED || reply[1] == VRKFS_PORT_UNKNOWN_COMMAND);
 }
 
 }  // namespace
@@ -98,6 +108,9 @@ int FileSystem::Write(OpenFile& file, std::uint64_t offset, std::span<const std:
     if (file.passes) {
         const host::IoResult result = process_->Write(file.handle.Get(), bytes, offset);
         if (result.status.Ok() && result.information == bytes.size()) {
+            if (file.node->kind == Kind::kPort && HasCommandFailed(*process_, file.handle.Get())) {
+                journal_.Line(tree_->Display(file.node) + ": the command has failed");
+            }
             return 0;
         }
         const host::Status status = result.status.Ok() ? host::status::kEndOfFile : result.status;

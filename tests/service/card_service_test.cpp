@@ -56,12 +56,9 @@ class CardServiceTest : public ClientTest {
                            std::uint64_t offset, std::uint32_t count) {
         VrkFsServiceRequest request{};
         request.Type = type;
-        request.Payload.Transfer = {handle,
-                                    static_cast<std::uint32_t>(kind),
-                                    static_cast<std::uint32_t>(offset),
-                                    static_cast<std::uint32_t>(offset >> 32),
-                                    count,
-                                    frame};
+        const auto low = static_cast<std::uint32_t>(offset);
+        const auto high = static_cast<std::uint32_t>(offset >> 32);
+        request.Payload.Transfer = {handle, static_cast<std::uint32_t>(kind), low, high, count, frame};
         return Ask(request);
     }
     std::uint32_t ReadRaw(std::uint32_t frame, std::uint32_t count) {
@@ -141,10 +138,11 @@ TEST_F(CardServiceTest, TakesNothingForGranted) {
     EXPECT_NE(handle_, 0u);
     EXPECT_NE(handle_, first);
     EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_ + 1, service::FileKind::kRaw, 0, 0, 10), 1u);
-    EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_, service::FileKind{0}, 0, 0, 10), 1u);
-    EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_, service::FileKind{5}, 0, 0, 10), 1u);
-    EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_, service::FileKind::kRaw, 0x7FFFFFFF, 0, 10), 1u);
-    EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_, service::FileKind::kRaw, 0xFFFFFFFF, 0, 10), 1u);
+    for (const int kind : {0, 5}) {
+        EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_, static_cast<service::FileKind>(kind), 0, 0, 10), 1u) << kind;
+    }
+    EXPECT_EQ(ReadRaw(0x7FFFFFFF, 10), 1u);
+    EXPECT_EQ(ReadRaw(0xFFFFFFFF, 10), 1u);
     // Behind the file there are zeros, as far as anybody asks.
     EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_, service::FileKind::kRaw, 0, 0xFFFFFFFFFFFFFF00, 3 << 20), 0u);
     EXPECT_TRUE(data_ == service::Bytes(3 << 20));

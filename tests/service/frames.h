@@ -16,12 +16,7 @@
 namespace tests {
 
 inline clip::ClipRecipe BarsRecipe(std::uint32_t standard, bool alpha, std::uint32_t frames = 10) {
-    clip::ClipRecipe recipe;
-    recipe.standard = standard;
-    recipe.alpha = alpha;
-    recipe.frames = frames;
-    recipe.seed = 17;
-    return recipe;
+    return {.standard = standard, .frames = frames, .alpha = alpha, .seed = 17};
 }
 
 inline service::Frame BarsFrame(const clip::ClipRecipe& recipe, std::uint32_t index) {

@@ -9,6 +9,7 @@
 #include "client/client.h"
 #include "service/service.h"
 #include "tests/service/frames.h"
+#include "tests/support/eventually.h"
 #include "tool/clip/writer.h"
 
 namespace tests {
@@ -27,38 +28,27 @@ class ServiceTest : public MachineTest {
         MakeStation(2, 64 << 20, cards);
         Start();
         ASSERT_EQ(Format(u"VOL", {0, 1}), 0);
-        MakeFolder(u"\\RZV\\VOL\\CLIPS");
+        Hold(u"\\RZV\\VOL\\CLIPS", host::access::kListDirectory, host::Disposition::kCreate,
+             host::option::kDirectoryFile);
     }
     void TearDown() override {
         StopService();
         MachineTest::TearDown();
     }
 
-    void MakeFolder(const std::u16string& path) {
-        const host::OpenResult made =
-            Open(path, host::Disposition::kCreate, host::access::kListDirectory, host::option::kDirectoryFile);
-        ASSERT_TRUE(made.status.Ok());
-        EXPECT_TRUE(User().Close(made.handle).Ok());
-    }
     void PutClip(const std::u16string& name, const clip::ClipRecipe& recipe) {
         Write(u"\\RZV\\VOL\\CLIPS\\" + name, clip::MakeClipImage(recipe), host::Disposition::kCreate);
     }
     // In one piece, and closed.
-    void Write(const std::u16string& path, std::span<const std::byte> bytes, host::Disposition disposition) {
-        const host::ScopedHandle file(User(), Open(path, disposition, kWrite).handle);
-        ASSERT_TRUE(file) << service::ToText(path);
-        const host::IoResult written = User().Write(file.Get(), bytes, 0);
+    void Write(const std::u16string& path, std::span<const std::byte> bytes,
+               host::Disposition disposition = host::Disposition::kOpen) {
+        const host::IoResult written = User().Write(Hold(path, kWrite, disposition).Get(), bytes, 0);
         EXPECT_STATUS(written, "STATUS_SUCCESS") << service::ToText(path);
         EXPECT_EQ(written.information, bytes.size());
     }
-    host::IoResult Read(const std::u16string& path, std::uint64_t offset, std::span<std::byte> bytes) {
-        const host::ScopedHandle file(User(), Open(path).handle);
-        return file ? User().Read(file.Get(), bytes, offset) : host::IoResult{host::status::kNoSuchFile, 0};
-    }
     // All of it, in pieces of that size.
     Bytes ReadWhole(const std::u16string& path, std::size_t piece = 1 << 20) {
-        const host::ScopedHandle file(User(), Open(path).handle);
-        EXPECT_TRUE(file) << service::ToText(path);
+        const host::ScopedHandle file = Hold(path);
         host::FileFacts facts;
         EXPECT_TRUE(host::QueryFacts(User(), file.Get(), facts).Ok());
         Bytes bytes(facts.size);
@@ -67,21 +57,16 @@ class ServiceTest : public MachineTest {
             const auto part = all.subspan(at, std::min(piece, bytes.size() - at));
             const host::IoResult read = User().Read(file.Get(), part, at);
             EXPECT_STATUS(read, "STATUS_SUCCESS") << service::ToText(path) << " at " << at;
-            if (read.information != part.size()) {
-                ADD_FAILURE() << "short";
-                break;
-            }
+            EXPECT_EQ(read.information, part.size());
             at += part.size();
         }
         return bytes;
     }
     std::vector<std::u16string> List(const std::u16string& path) {
         std::vector<std::u16string> names;
-        const host::ScopedHandle folder(
-            User(),
-            Open(path, host::Disposition::kOpen, host::access::kListDirectory, host::option::kDirectoryFile).handle);
+        const host::ScopedHandle folder = Hold(path, host::access::kListDirectory);
         std::vector<host::DirectoryEntry> entries;
-        EXPECT_TRUE(folder && host::ListDirectory(User(), folder.Get(), entries).Ok()) << service::ToText(path);
+        EXPECT_TRUE(host::ListDirectory(User(), folder.Get(), entries).Ok()) << service::ToText(path);
         for (const host::DirectoryEntry& entry : entries) {
             names.push_back(entry.name);
         }
@@ -103,10 +88,7 @@ class ServiceTest : public MachineTest {
             std::string problem;
             EXPECT_TRUE(service_->Run(problem)) << problem;
         });
-        for (int round = 0; List(u"\\").size() < 5; ++round) {
-            ASSERT_LT(round, 2000) << Log();
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        ASSERT_TRUE(Eventually([&] { return List(u"\\").size() == 5; })) << Log();
     }
     void StopService() {
         if (service_) {
@@ -139,18 +121,12 @@ TEST_F(ServiceTest, ClipsAreFoldersOfPictures) {
     EXPECT_EQ(names[7], u"BARS.0007.TGA");
     EXPECT_EQ(names[9], u"NOTES");
 
-    const struct {
-        const char16_t* folder;
-        FileKind kind;
-        std::size_t piece;
-    } types[] = {{u"TGA", FileKind::kTga, 99'991},
-                 {u"BMP", FileKind::kBmp, 1 << 20},
-                 {u"YUV", FileKind::kYuv, 4096 * 31},
-                 {u"RAW", FileKind::kRaw, 512 * 777}};
-    for (const auto& type : types) {
-        const std::u16string name =
-            std::u16string(u"\\") + type.folder + u"\\VOL\\CLIPS\\BARS.RZV\\BARS.0007." + type.folder;
-        EXPECT_TRUE(ReadWhole(name, type.piece) == FileOf(type.kind, BarsFrame(recipe, 7))) << service::ToText(name);
+    for (const auto& [type, kind, piece] : {std::tuple{u"TGA", FileKind::kTga, 99'991},
+                                            {u"BMP", FileKind::kBmp, 1 << 20},
+                                            {u"YUV", FileKind::kYuv, 4096 * 31},
+                                            {u"RAW", FileKind::kRaw, 512 * 777}}) {
+        const std::u16string name = std::u16string(u"\\") + type + u"\\VOL\\CLIPS\\BARS.RZV\\BARS.0007." + type;
+        EXPECT_TRUE(ReadWhole(name, piece) == FileOf(kind, BarsFrame(recipe, 7))) << service::ToText(name);
     }
     ExpectShows(ReadWhole(clip + u"\\BARS.0000.TGA"), FileKind::kTga, BarsFrame(recipe, 0));
     EXPECT_EQ(Log(), "serving 1 card\n");
@@ -202,24 +178,23 @@ class ServiceWrites : public ServiceTest {
         ASSERT_TRUE(service::FileToFrame(FileKind::kTga, changed_, frame_, problem)) << problem;
     }
     void ExpectImage(const std::vector<std::byte>& expected) {
-        const Bytes image = ReadWhole(u"\\RZV\\VOL\\CLIPS\\BARS.RZV");
+        const Bytes image = ReadWhole(clip_);
         EXPECT_TRUE(std::ranges::equal(std::as_bytes(std::span(image)), expected)) << Log();
     }
 
     const clip::ClipRecipe recipe_ = BarsRecipe(625, false, 8);
+    const std::u16string clip_ = u"\\RZV\\VOL\\CLIPS\\BARS.RZV";
     const std::u16string place_ = u"\\TGA\\VOL\\CLIPS\\BARS.RZV\\BARS.0003.TGA";
     Bytes changed_;         // the picture of frame 3
     service::Frame frame_;  // with it
 };
 
 TEST_F(ServiceWrites, AChangedPictureChangesItsFrameAndNothingElse) {
-    const host::ScopedHandle file(User(), Open(place_, host::Disposition::kOpen, kWrite).handle);
-    ASSERT_TRUE(file);
+    const host::ScopedHandle file = Hold(place_, kWrite);
     const auto bytes = std::as_bytes(std::span(changed_));
     for (std::size_t at = 0; at < bytes.size(); at += 131'071) {
-        EXPECT_STATUS(
-            User().Write(file.Get(), bytes.subspan(at, std::min<std::size_t>(131'071, bytes.size() - at)), at),
-            "STATUS_SUCCESS");
+        const auto piece = bytes.subspan(at, std::min<std::size_t>(131'071, bytes.size() - at));
+        EXPECT_STATUS(User().Write(file.Get(), piece, at), "STATUS_SUCCESS");
     }
     ExpectImage(ImageWith(recipe_, 3, frame_));  // while it is open: it was whole with the last piece
     EXPECT_TRUE(ReadWhole(u"\\BMP\\VOL\\CLIPS\\BARS.RZV\\BARS.0003.BMP") == FileOf(FileKind::kBmp, frame_));
@@ -230,7 +205,7 @@ TEST_F(ServiceWrites, PartsOfAPicture) {
     const std::size_t from = 18 + 300 * 720 * 3;
     const auto part = std::as_bytes(std::span(changed_)).subspan(from, 10 * 720 * 3);
     {
-        const host::ScopedHandle file(User(), Open(place_, host::Disposition::kOpen, kWrite).handle);
+        const host::ScopedHandle file = Hold(place_, kWrite);
         EXPECT_STATUS(User().Write(file.Get(), part, from), "STATUS_SUCCESS");
         std::vector<std::byte> seen(part.size());
         EXPECT_STATUS(User().Read(file.Get(), seen, from), "STATUS_SUCCESS");
@@ -240,20 +215,17 @@ TEST_F(ServiceWrites, PartsOfAPicture) {
 
     Bytes other = FileOf(FileKind::kTga, BarsFrame(recipe_, 5));
     other[17] = 0x20;  // upside down
-    {
-        const host::ScopedHandle file(User(), Open(place_, host::Disposition::kOpen, kWrite).handle);
-        EXPECT_STATUS(User().Write(file.Get(), std::as_bytes(std::span(other)).first(500'000), 0), "STATUS_SUCCESS");
-    }
+    Write(place_, std::as_bytes(std::span(other)).first(500'000));
     ExpectImage(ImageWith(recipe_, 3, frame_));
     EXPECT_NE(Log().find("BARS.RZV, frame 3: is not changed: the file ends before the picture does"),
               std::string::npos);
-    Write(place_, std::as_bytes(std::span(other)), host::Disposition::kOpen);
+    Write(place_, std::as_bytes(std::span(other)));
     EXPECT_FALSE(ReadWhole(place_) == changed_);
 }
 
 TEST_F(ServiceWrites, ImportsARamFile) {
     const std::u16string ram = u"\\TGA\\VOL\\CLIPS\\BARS.RZV\\NEW";
-    const host::ScopedHandle file(User(), Open(ram, host::Disposition::kCreate, kWrite | host::access::kDelete).handle);
+    const host::ScopedHandle file = Hold(ram, kWrite | host::access::kDelete, host::Disposition::kCreate);
     EXPECT_STATUS(User().Write(file.Get(), std::as_bytes(std::span(changed_)), 0), "STATUS_SUCCESS");
     EXPECT_EQ(host::StatusName(host::Rename(User(), file.Get(), u"BARS.0003.TGA")), "STATUS_SUCCESS");
     ExpectImage(ImageWith(recipe_, 3, frame_));
@@ -262,15 +234,13 @@ TEST_F(ServiceWrites, ImportsARamFile) {
 TEST_F(ServiceWrites, RefusesWhatDoesNotFit) {
     const Bytes small = FileOf(FileKind::kTga, BarsFrame(BarsRecipe(525, false), 0));
     const auto tryWrite = [&](std::span<const std::uint8_t> bytes) {
-        const host::ScopedHandle file(User(), Open(place_, host::Disposition::kOpen, kWrite).handle);
-        return User().Write(file.Get(), std::as_bytes(bytes), 0);
+        return User().Write(Hold(place_, kWrite).Get(), std::as_bytes(bytes), 0);
     };
     EXPECT_STATUS(tryWrite(small), "STATUS_UNSUCCESSFUL");
     EXPECT_NE(Log().find("the picture has 720 by 486 pixels, the frame 720 by 576"), std::string::npos);
     EXPECT_STATUS(tryWrite(Bytes(2000, 0xAB)), "STATUS_UNSUCCESSFUL");
     {
-        const host::ScopedHandle writer(User(),
-                                        Open(u"\\RZV\\VOL\\CLIPS\\BARS.RZV", host::Disposition::kOpen, kWrite).handle);
+        const host::ScopedHandle writer = Hold(clip_, kWrite);
         EXPECT_STATUS(tryWrite(changed_), "STATUS_UNSUCCESSFUL");
         EXPECT_NE(Log().find("somebody has it open for writing"), std::string::npos);
     }
@@ -280,16 +250,13 @@ TEST_F(ServiceWrites, RefusesWhatDoesNotFit) {
 
 // Whoever looks into a clip keeps it; it goes when he is done.
 TEST_F(ServiceWrites, AClipThatIsDeletedMeanwhile) {
-    const host::ScopedHandle looking(User(), Open(place_, host::Disposition::kOpen, kWrite).handle);
+    const host::ScopedHandle looking = Hold(place_, kWrite);
     std::vector<std::byte> some(1000);
     EXPECT_STATUS(User().Read(looking.Get(), some, 0), "STATUS_SUCCESS");
-    {
-        const host::ScopedHandle gone(
-            User(), Open(u"\\RZV\\VOL\\CLIPS\\BARS.RZV", host::Disposition::kOpen, host::access::kDelete).handle);
-        ASSERT_TRUE(host::SetDeleteOnCleanup(User(), gone.Get(), true).Ok());
-    }
+    ASSERT_TRUE(host::SetDeleteOnCleanup(User(), Hold(clip_, host::access::kDelete).Get(), true).Ok());
     EXPECT_STATUS(User().Write(looking.Get(), std::as_bytes(std::span(changed_)), 0), "STATUS_UNSUCCESSFUL");
-    EXPECT_STATUS(Read(u"\\BMP\\VOL\\CLIPS\\BARS.RZV\\BARS.0003.BMP", 0, some), "STATUS_UNSUCCESSFUL");
+    const host::ScopedHandle late = Hold(u"\\BMP\\VOL\\CLIPS\\BARS.RZV\\BARS.0003.BMP");
+    EXPECT_STATUS(User().Read(late.Get(), some, 0), "STATUS_UNSUCCESSFUL");
 }
 
 // ---- The command port ----
@@ -316,7 +283,7 @@ TEST_F(ServiceTest, TheCommandPortMakesClipsAndMeasures) {
     StartStation();
     StartService();
     const auto ask = [&](const std::u16string& folder, const std::vector<std::byte>& command) {
-        const host::ScopedHandle port(User(), Open(folder + u"\\___Port0___", host::Disposition::kOpen, kWrite).handle);
+        const host::ScopedHandle port = Hold(folder + u"\\___Port0___", kWrite);
         EXPECT_STATUS(User().Write(port.Get(), command, 0), "STATUS_SUCCESS");
         PortAnswer answer;
         (void)User().Read(port.Get(), WritableBytesOf(answer), 0);
@@ -345,7 +312,7 @@ TEST_F(ServiceTest, TheCommandPortMakesClipsAndMeasures) {
     std::fill(expected.begin() + 18, expected.end(), std::uint8_t{0});  // black and transparent
     EXPECT_TRUE(ReadWhole(u"\\TGA\\VOL\\CLIPS\\NEW.RZV\\NEW.0004.TGA") == expected);
     const Bytes picture = FileOf(FileKind::kTga, BarsFrame(BarsRecipe(625, true), 2));
-    Write(u"\\TGA\\VOL\\CLIPS\\NEW.RZV\\NEW.0002.TGA", std::as_bytes(std::span(picture)), host::Disposition::kOpen);
+    Write(u"\\TGA\\VOL\\CLIPS\\NEW.RZV\\NEW.0002.TGA", std::as_bytes(std::span(picture)));
     EXPECT_TRUE(ReadWhole(u"\\TGA\\VOL\\CLIPS\\NEW.RZV\\NEW.0002.TGA") == picture);
     EXPECT_EQ(measure(625, 0).space.FreeBlocks, before.space.FreeBlocks - (5 * 4 * 810 / 2 + 2 + 2) * 2);
 
@@ -371,14 +338,7 @@ TEST_F(ServiceTest, OneServiceForAllCardsAndNoSecond) {
     ASSERT_EQ(Format(u"OTHER", {0, 1}, 1), 0);
     PutClip(u"BARS.RZV", BarsRecipe(625, false, 2));
     StartService();
-    {
-        host::OpenRequest request;
-        request.path = u"Q:\\TGA\\OTHER";
-        request.options = host::option::kDirectoryFile;
-        const host::OpenResult opened = User().Create(request);
-        EXPECT_TRUE(opened.status.Ok());
-        EXPECT_TRUE(User().Close(opened.handle).Ok());
-    }
+    EXPECT_TRUE(host::ScopedHandle(User(), User().Create({.path = u"Q:\\TGA\\OTHER"}).handle));
     EXPECT_EQ(List(u"\\").size(), 5u) << "the rows of one card are those of all";
     std::string problem;
     EXPECT_FALSE(NewService()->Run(problem));
@@ -387,7 +347,7 @@ TEST_F(ServiceTest, OneServiceForAllCardsAndNoSecond) {
     EXPECT_TRUE(ReadWhole(place) == FileOf(FileKind::kTga, BarsFrame(BarsRecipe(625, false), 1)));
 
     // Without one there are no pictures, and its successor does not take its files for its own.
-    host::ScopedHandle held(User(), Open(place).handle);
+    host::ScopedHandle held = Hold(place);
     std::vector<std::byte> some(100);
     EXPECT_STATUS(User().Read(held.Get(), some, 0), "STATUS_SUCCESS");
     StopService();

@@ -27,13 +27,7 @@ using testing::HasSubstr;
 constexpr size_t kSector = 512;
 
 ClipRecipe Tagged(uint32_t frames, uint32_t shortest, uint32_t longest, uint64_t seed = 1) {
-    ClipRecipe recipe;
-    recipe.kind = ClipKind::Tagged;
-    recipe.frames = frames;
-    recipe.minSectors = shortest;
-    recipe.maxSectors = longest;
-    recipe.seed = seed;
-    return recipe;
+    return {.kind = ClipKind::Tagged, .frames = frames, .minSectors = shortest, .maxSectors = longest, .seed = seed};
 }
 
 ClipRecipe WithAlpha(ClipRecipe recipe, bool interleave) {
@@ -102,38 +96,25 @@ struct Anatomy {
 
     // Calls with stream, field, offset and bytes of every field in the order of the image; returns the image's end.
     size_t ForEachField(const Image& image, const std::function<void(uint32_t, size_t, size_t, size_t)>& visit) const {
+        const size_t turn = interleaved ? 2 : 2 * frames;  // so many fields of one stream, then of the next
         size_t at = data + 16;
-        const auto field = [&](uint32_t stream, size_t index) {
-            const size_t bytes = Sectors(image, stream, index) * kSector;
-            visit(stream, index, at, bytes);
-            at += bytes;
-        };
-        if (interleaved) {
-            for (size_t frame = 0; frame < frames; ++frame) {
-                for (const uint32_t stream : {0u, 1u}) {
-                    field(stream, 2 * frame);
-                    field(stream, 2 * frame + 1);
+        for (size_t first = 0; first < 2 * frames; first += turn) {
+            for (uint32_t stream = 0; stream < (hasAlpha ? 2u : 1u); ++stream) {
+                at += stream == 1 && !interleaved ? 16 : 0;
+                for (size_t index = first; index < first + turn; ++index) {
+                    const size_t bytes = Sectors(image, stream, index) * kSector;
+                    visit(stream, index, at, bytes);
+                    at += bytes;
                 }
             }
-            return at + 16;
         }
-        for (uint32_t stream = 0; stream < (hasAlpha ? 2u : 1u); ++stream) {
-            at += stream * 16;
-            for (size_t index = 0; index < 2 * frames; ++index) {
-                field(stream, index);
-            }
-        }
-        return at;
+        return at + (interleaved ? 16 : 0);
     }
 
     // Bytes after the last node of a body table, which mean nothing.
     [[nodiscard]] bool IsPadding(size_t offset) const {
-        for (uint32_t stream = 0; stream < (hasAlpha ? 2u : 1u); ++stream) {
-            if (offset >= tables[stream] + frames * 8 && offset < tables[stream] + tableBytes) {
-                return true;
-            }
-        }
-        return false;
+        const size_t table = hasAlpha && offset >= tables[1] ? tables[1] : tables[0];
+        return offset >= table + frames * 8 && offset < table + tableBytes;
     }
 
     bool hasAlpha = false;
@@ -210,16 +191,11 @@ TEST(ClipTest, OneWrongByteAnywhereIsFound) {
         SCOPED_TRACE(clip::DescribeRecipe(recipe));
         Image image = clip::MakeClipImage(recipe);
         const Anatomy anatomy(image);
-        struct Owner {
-            bool isData = false;
-            uint32_t stream = 0;
-            size_t field = 0;
-            size_t sector = 0;
-        };
-        std::vector<Owner> owners(image.size());
+        using Place = std::tuple<uint32_t, size_t, size_t>;  // stream, field, sector
+        std::vector<std::optional<Place>> owners(image.size());
         anatomy.ForEachField(image, [&](uint32_t stream, size_t field, size_t offset, size_t bytes) {
             for (size_t at = 0; at < bytes; ++at) {
-                owners[offset + at] = {true, stream, field, at / kSector};
+                owners[offset + at] = {stream, field, at / kSector};
             }
         });
         for (size_t at = 0; at < image.size(); ++at) {
@@ -232,14 +208,13 @@ TEST(ClipTest, OneWrongByteAnywhereIsFound) {
             }
             ASSERT_TRUE(verdict.problem) << "byte " << at;
             ASSERT_EQ(Line(verdict).find('\n'), std::string::npos);
-            if (!owners[at].isData) {
+            if (!owners[at]) {
                 continue;
             }
             ASSERT_TRUE(verdict.problem->place) << "byte " << at << ": " << Line(verdict);
+            const auto& [stream, field, sector] = *verdict.problem->place;
             EXPECT_EQ(verdict.problem->offset, at);
-            EXPECT_EQ(verdict.problem->place->stream, owners[at].stream) << at;
-            EXPECT_EQ(verdict.problem->place->field, owners[at].field) << at;
-            EXPECT_EQ(verdict.problem->place->sector, owners[at].sector) << at;
+            EXPECT_EQ(Place(stream, field, sector), *owners[at]) << at;
             EXPECT_EQ(verdict.wrongSectors, 1u);
         }
         EXPECT_TRUE(Verify(image).Right());
@@ -249,11 +224,8 @@ TEST(ClipTest, OneWrongByteAnywhereIsFound) {
 TEST(ClipTest, EveryTruncationAndEveryExtraByteIsFound) {
     for (const bool asPipe : {false, true}) {
         for (const bool isSigned : {true, false}) {
-            const Image whole = [&] {
-                Image image = clip::MakeClipImage(WithAlpha(Tagged(2, 1, 3), false));
-                std::fill_n(image.begin() + 32, isSigned ? 0 : 256, std::byte{0x20});
-                return image;
-            }();
+            Image whole = clip::MakeClipImage(WithAlpha(Tagged(2, 1, 3), false));
+            std::fill_n(whole.begin() + 32, isSigned ? 0 : 256, std::byte{0x20});
             for (size_t length = 0; length < whole.size(); length += length < 1500 ? 1 : 37) {
                 const Image image(whole.begin(), whole.begin() + length);
                 const ClipVerdict verdict = Verify(image, asPipe);
@@ -261,9 +233,8 @@ TEST(ClipTest, EveryTruncationAndEveryExtraByteIsFound) {
                 EXPECT_THAT(Line(verdict), HasSubstr("ends")) << length;
                 EXPECT_LE(verdict.problem->offset, length);
             }
-            Image longer = whole;
-            longer.push_back(std::byte{0});
-            EXPECT_THAT(Line(Verify(longer, asPipe)), HasSubstr("the end of the clip"));
+            whole.push_back(std::byte{0});
+            EXPECT_THAT(Line(Verify(whole, asPipe)), HasSubstr("the end of the clip"));
         }
     }
 }

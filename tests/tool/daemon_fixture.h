@@ -1,30 +1,15 @@
 // A station with its daemon, both the test's own.
 #pragma once
 
-#include <chrono>
-#include <thread>
-
+#include "tests/support/eventually.h"
 #include "tests/tool/program_fixture.h"
 
 namespace tests {
 
 class DaemonTest : public ProgramTest {
   protected:
-    static constexpr std::chrono::seconds kLimit{60};  // generous: nothing is decided by it
-
     ~DaemonTest() override { (void)StopDaemon(SIGKILL); }
 
-    template <typename Check>
-    static bool Becomes(Check check) {
-        const auto end = std::chrono::steady_clock::now() + kLimit;
-        while (!check()) {
-            if (std::chrono::steady_clock::now() > end) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return true;
-    }
     static bool HasEnded(pid_t child) {
         siginfo_t ended{};
         return ::waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 || ended.si_pid != 0;
@@ -32,9 +17,8 @@ class DaemonTest : public ProgramTest {
 
     // In the foreground, as a child of the test; ready when this returns. Its log is in @/err-daemon.
     void StartDaemon(const std::string& options = "") {
-        std::filesystem::remove(Path("out-daemon"));  // of an earlier one
         daemon_ = Start("serve --foreground --json " + options, "/dev/null", "-daemon");
-        ASSERT_TRUE(Becomes([&] { return HasEnded(daemon_) || Contents(Path("out-daemon")).ends_with('\n'); }));
+        ASSERT_TRUE(Eventually([&] { return HasEnded(daemon_) || Contents(Path("out-daemon")).ends_with('\n'); }));
         ASSERT_FALSE(HasEnded(daemon_)) << DaemonLog();
     }
     // Its exit status, or the signal that ended it, below 0.

@@ -71,12 +71,20 @@ class Defrag : public tests::MachineTest {
         });
     }
 
+    // All of it, to a volume whose free space is one piece that a recorder is given.
+    void Finish() {
+        Defragmenter worker(User(), volume_);
+        ASSERT_TRUE(worker.Survey().Ok());
+        EXPECT_TRUE(Run(worker).Ok());
+        EXPECT_TRUE(worker.Plan().after.IsGathered());
+        EXPECT_TRUE(CanRecord(worker.Plan().after.largest.count - kFileBlocks));
+    }
+
     // Whether a recorder is given that much in one piece.
     bool CanRecord(std::uint32_t blocks) {
         const DrivePath path = volume_.Child(u"A").Child(u"probe");
         host::ScopedHandle file(User(), Create(path, 0));
-        const host::OpenResult control = OpenControl();
-        const host::ScopedHandle handle(User(), control.handle);
+        const host::ScopedHandle handle(User(), OpenControl().handle);
         VrkFsVideoSpace space{};
         space.Handle = file.Get();
         space.BodyTableBlocksWanted = 1;
@@ -94,12 +102,12 @@ class Defrag : public tests::MachineTest {
 
   private:
     host::Handle Create(const DrivePath& path, std::uint32_t options) {
-        host::OpenRequest request;
-        request.path = path.Open();
-        request.access = host::access::kReadData | host::access::kWriteData | host::access::kDelete;
-        request.disposition = host::Disposition::kCreate;
-        request.options = options;
-        return User().Create(request).handle;
+        return User()
+            .Create({.path = path.Open(),
+                     .access = host::access::kReadData | host::access::kWriteData | host::access::kDelete,
+                     .disposition = host::Disposition::kCreate,
+                     .options = options})
+            .handle;
     }
 
     // False when the volume has no room for it.
@@ -169,11 +177,7 @@ TEST_F(Defrag, StopsBetweenAnyTwoMoves) {
         Restart();
         ExpectEveryClip("stopped after " + std::to_string(moves));
     }
-    Defragmenter worker(User(), volume_);
-    ASSERT_TRUE(worker.Survey().Ok());
-    EXPECT_TRUE(Run(worker).Ok());
-    EXPECT_TRUE(worker.Plan().after.IsGathered());
-    EXPECT_TRUE(CanRecord(worker.Plan().after.largest.count - kFileBlocks));
+    Finish();
     ExpectEveryClip("finished");
 }
 
@@ -204,15 +208,14 @@ TEST_F(Defrag, NamesWhatStandsInTheWay) {
     }
     const auto path = std::ranges::find(clips_, held, &DrivePath::Display);
     ASSERT_NE(path, clips_.end());
-    host::OpenRequest request;
-    request.path = path->Open();
 
     // In use before the survey, and from the middle of the work on.
     for (const bool early : {false, true}) {
         SCOPED_TRACE(early);
         Defragmenter worker(User(), volume_);
+        const auto use = [&] { user = host::ScopedHandle(User(), User().Create({.path = path->Open()}).handle); };
         if (early) {
-            user = host::ScopedHandle(User(), User().Create(request).handle);
+            use();
         }
         ASSERT_TRUE(worker.Survey().Ok());
         const tool::FreeSpace before = worker.Plan().before;
@@ -220,7 +223,7 @@ TEST_F(Defrag, NamesWhatStandsInTheWay) {
                       return worker.Describe(move).path == held;
                   }));
         if (!early) {
-            user = host::ScopedHandle(User(), User().Create(request).handle);
+            use();
         }
         ASSERT_TRUE(user);
         EXPECT_TRUE(Run(worker).Ok());
@@ -234,10 +237,7 @@ TEST_F(Defrag, NamesWhatStandsInTheWay) {
         user.Reset();
         ExpectEveryClip("after that");
     }
-    Defragmenter worker(User(), volume_);
-    ASSERT_TRUE(worker.Survey().Ok());
-    EXPECT_TRUE(Run(worker).Ok());
-    EXPECT_TRUE(worker.Plan().after.IsGathered());
+    Finish();
 }
 
 using DefragCli = tests::ProgramTest;
@@ -253,18 +253,16 @@ TEST_F(DefragCli, MapAndDefrag) {
     ExpectFailure(Run("map P:/RZV/NONE"), 1, "STATUS_OBJECT_NAME_NOT_FOUND");
 
     // Every block of the data area is told once.
-    const auto sum = [](const std::vector<nlohmann::json>& lines) {
-        std::uint64_t next = lines.front()["first"];
-        for (const auto& line : lines) {
-            if (line.contains("use")) {
-                EXPECT_EQ(line["first"], next);
-                next += line["blocks"].get<std::uint64_t>();
-            }
-        }
-        return next - lines.front()["first"].get<std::uint64_t>();
-    };
     const auto before = Run("map --json P:/RZV/TWO").Objects();
-    EXPECT_EQ(sum(before), before.back()["blocks"]);
+    const std::uint64_t first = before.front()["first"];
+    std::uint64_t next = first;
+    for (const auto& line : before) {
+        if (line.contains("use")) {
+            EXPECT_EQ(line["first"], next);
+            next += line["blocks"].get<std::uint64_t>();
+        }
+    }
+    EXPECT_EQ(next - first, before.back()["blocks"]);
     EXPECT_GT(before.back()["free_runs"], 1);
     EXPECT_GT(before.back()["alpha_bytes"], 0);
 

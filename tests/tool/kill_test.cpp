@@ -28,11 +28,11 @@ class Kill : public tests::DaemonTest {
 
     void SetUp() override {
         MakeStation("--disks 4 --size 64M");
-        ASSERT_EQ(Run("format --name SHOW --disks 0,1").status, 0);
-        ASSERT_EQ(Run("format --name ONE --disks 2").status, 0);
-        ASSERT_EQ(Run(std::string("mkdir ") + kFolder).status, 0);
-        ASSERT_EQ(Run("clip make @/clip --frames 9 --alpha --fields 0..40 --seed 5").status, 0);
-        ASSERT_EQ(Run(std::string("put @/clip ") + kFolder + "kept0").status, 0);
+        for (const char* line :
+             {"format --name SHOW --disks 0,1", "format --name ONE --disks 2", "mkdir P:/RZV/SHOW/A",
+              "clip make @/clip --frames 9 --alpha --fields 0..40 --seed 5", "put @/clip P:/RZV/SHOW/A/kept0"}) {
+            ASSERT_EQ(Run(line).status, 0) << line;
+        }
         std::filesystem::create_directory(Place());
         mounts_ = ::access("/dev/fuse", R_OK | W_OK) == 0;
     }
@@ -85,7 +85,7 @@ class Kill : public tests::DaemonTest {
     void TakeMountAway() {
         const bool killed = daemon_ < 0;
         EXPECT_EQ(StopDaemon(), 0) << DaemonLog();
-        EXPECT_TRUE(Becomes([&] {
+        EXPECT_TRUE(tests::Eventually([&] {
             if (killed) {
                 (void)::umount2(Place().c_str(), 0);
             }

@@ -68,24 +68,24 @@ class ProgramTest : public testing::Test {
     // With volumes ONE (disk 0) and TWO (disks 1, 2), a folder A in each, and the clip @/clip.
     void MakeVolumes() {
         MakeStation();
-        ASSERT_EQ(Run("format --name ONE --disks 0").status, 0);
-        ASSERT_EQ(Run("format --name TWO --disks 1,2").status, 0);
-        ASSERT_EQ(Run("mkdir P:/RZV/ONE/A").status, 0);
-        ASSERT_EQ(Run("mkdir P:/RZV/TWO/A").status, 0);
-        ASSERT_EQ(Run("clip make @/clip --frames 9 --alpha --fields 0..40 --seed 5").status, 0);
+        for (const char* line : {"format --name ONE --disks 0", "format --name TWO --disks 1,2", "mkdir P:/RZV/ONE/A",
+                                 "mkdir P:/RZV/TWO/A", "clip make @/clip --frames 9 --alpha --fields 0..40 --seed 5"}) {
+            ASSERT_EQ(Run(line).status, 0) << line;
+        }
     }
 
     // "ls -l P:/", split at spaces, with @ for the test's directory and | for a space inside a word. Standard input is
     // the file `input`, else /dev/null.
     Outcome Run(const std::string& line, const std::string& input = "/dev/null") const {
-        const pid_t child = Start(line, input);
-        return Finish(child);
+        return Finish(Start(line, input));
     }
 
     // The same in two steps, for what happens meanwhile. Programs at the same time want names for what they write.
     pid_t Start(const std::string& line, const std::string& input, const std::string& name = "",
                 const char* program = VRKFS_PROGRAM) const {
-        const pid_t child = ::fork();
+        std::filesystem::remove(Path("out" + name));  // what is read is never another program's
+        std::filesystem::remove(Path("err" + name));
+        const pid_t child = Forked(::fork());
         if (child == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // nothing outlives a test program that crashed
             Redirect(input, O_RDONLY, STDIN_FILENO);
@@ -93,10 +93,14 @@ class ProgramTest : public testing::Test {
             Redirect(Path("err" + name), O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
             Execute(line, program);
         }
-        if (child < 0) {
-            std::abort();  // a signal to process -1 would reach every other one
-        }
         return child;
+    }
+    // A signal to process -1 would reach every other one, and a wait any other child.
+    static pid_t Forked(pid_t process) {
+        if (process < 0) {
+            std::abort();
+        }
+        return process;
     }
     Outcome Finish(pid_t child, const std::string& name = "") const {
         return {Await(child), Contents(Path("out" + name)), Contents(Path("err" + name))};
@@ -105,7 +109,7 @@ class ProgramTest : public testing::Test {
     // On a terminal, where `typed` waits to be read; everything it shows is in `out`.
     Outcome RunOnTerminal(const std::string& line, const std::string& typed) const {
         int terminal = -1;
-        const pid_t child = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+        const pid_t child = Forked(::forkpty(&terminal, nullptr, nullptr, nullptr));
         if (child == 0) {
             Execute(line, VRKFS_PROGRAM);
         }
@@ -128,7 +132,21 @@ class ProgramTest : public testing::Test {
         EXPECT_NE(outcome.err.find(text), std::string::npos) << outcome.err << "lacks: " << text;
     }
 
+    // A command and, if it is to fail, what its one line says.
+    struct Step {
+        const char* line;
+        const char* says;
+    };
+    static void Expect(const Outcome& outcome, const char* says) {
+        if (says != nullptr) {
+            ExpectFailure(outcome, 1, says);
+        } else {
+            EXPECT_EQ(outcome.status, 0) << outcome.err;
+        }
+    }
+
     TemporaryDirectory directory_;
+    bool noStation_ = false;  // the environment names none
 
     // The exit status, or the number of the signal that ended it, below 0.
     static int Await(pid_t child) {
@@ -162,18 +180,11 @@ class ProgramTest : public testing::Test {
             arguments.push_back(word.data());
         }
         arguments.push_back(nullptr);
-        if (!noStation_) {
-            ::setenv("VRKFS_STATION", Path(kStationName).c_str(), 1);
-        } else {
-            ::unsetenv("VRKFS_STATION");
-        }
+        noStation_ ? ::unsetenv("VRKFS_STATION") : ::setenv("VRKFS_STATION", Path(kStationName).c_str(), 1);
         ::signal(SIGPIPE, SIG_DFL);
         ::execv(program, arguments.data());
         ::_exit(98);
     }
-
-  protected:
-    bool noStation_ = false;  // the environment names none
 };
 
 }  // namespace tests

@@ -10,11 +10,10 @@ namespace {
 using namespace std::string_literals;
 
 TEST(Text, EveryNameCanBeShownAndTypedBack) {
-    struct Case {
+    const struct {
         std::u16string name;
         std::string shown;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {u"Clip 1.rzv", "Clip 1.rzv"},
         {u"\u00DC\u4E16\u754C", "\u00DC\u4E16\u754C"},
         {{0xD83C, 0xDFAC}, "\U0001F3AC"},
@@ -26,7 +25,7 @@ TEST(Text, EveryNameCanBeShownAndTypedBack) {
         {u"a/b\\c:d<e>|", "a<002F>b<005C>c<003A>d<003C>e<003E><007C>"},
         {u"<0041>", "<003C>0041<003E>"},  // a name that looks like an escape is not taken for one
     };
-    for (const Case& test : cases) {
+    for (const auto& test : cases) {
         EXPECT_EQ(tool::DisplayName(test.name), test.shown);
         EXPECT_EQ(tool::ParseName(test.shown), test.name) << test.shown;
     }

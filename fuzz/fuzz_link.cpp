@@ -21,12 +21,11 @@ using vlink::Op;
 // the second says; else it is an operation, counted from a process's first.
 constexpr std::uint8_t kRaw = 0xF0;
 constexpr std::uint8_t kOps = 20;  // a process's, and two that are none
-constexpr std::uint8_t kAllocate = 15;
-static_assert(static_cast<unsigned>(Op::kCreate) + kAllocate == static_cast<unsigned>(Op::kAllocateMemory));
+constexpr std::uint8_t kAllocate = static_cast<unsigned>(Op::kAllocateMemory) - static_cast<unsigned>(Op::kCreate);
 // Of the second: a word of the frame is changed. The rest: bytes of data, or how a create opens.
 constexpr std::uint8_t kDamaged = 0x80;
-// Of the input's last byte: the talker closes its writing end only, and reads what it is told.
-constexpr std::uint8_t kOtherEnd = 0x01;
+// Of the input's last byte: the talker goes at once; else it closes its writing end only, and reads what it is told.
+constexpr std::uint8_t kGoes = 0x01;
 
 constexpr const char16_t* kPaths[] = {
     u"P:\\RZV\\V\\A\\ONE.RZV", u"P:\\RZV\\V\\A", u"VrkFsDevice0", u"\\Device\\Vrk0", u"P:", u"P:\\RZV\\V\\A\\NEW.RZV"};
@@ -122,7 +121,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const tests::Stranger administration(path, vlink::Kind::kAdministration);
         tests::Stranger talker(path);
         talker.Send(fuzz::Speech(fuzz::Input(data, size), administration.Session(), memory.name));
-        if (size > 0 && (data[size - 1] & fuzz::kOtherEnd) != 0) {
+        if (size > 0 && (data[size - 1] & fuzz::kGoes) == 0) {
             shutdown(talker.Socket(), SHUT_WR);
             fuzz::Demand(administration.Session() != 0 && talker.IsLetGo(), "what the daemon says makes no sense");
         }

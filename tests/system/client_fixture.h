@@ -78,13 +78,12 @@ class ClientTest : public MachineTest {
     static std::u16string Path(const std::u16string& name) { return u"P:\\RZV\\VOL\\CLIPS\\" + name; }
 
     static examples::RecordOrder Order(const std::u16string& name, bool alpha, std::uint64_t seed) {
-        examples::RecordOrder order;
-        order.path = Path(name);
-        order.reservedFrames = 100;
-        order.frames = 12;
-        order.alpha = alpha;
-        order.pattern = {seed, 0, 24};
-        return order;
+        return {.path = Path(name),
+                .reservedFrames = 100,
+                .frames = 12,
+                .alpha = alpha,
+                .pattern = {seed, 0, 24},
+                .watch = {}};
     }
 
     VrkFsHandle OpenFile(const std::u16string& path, std::uint32_t flags) {

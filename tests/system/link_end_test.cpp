@@ -6,17 +6,11 @@
 namespace tests {
 namespace {
 
-class LinkEnd : public LinkTest {
-  protected:
-    // Reads of the disks' first blocks stay in the board until they are cancelled.
-    void HoldFirstBlocks() {
-        board::Misbehaviour hold;
-        hold.what = board::Wrong::kHold;
-        hold.operation = board::Operation::kRead;
-        hold.lastLba = 0;
-        Board().Misbehave().Add(hold);
-    }
-};
+using LinkEnd = LinkTest;
+
+// Reads of the disks' first blocks stay in the board until they are cancelled.
+const board::Misbehaviour kHold{
+    .what = board::Wrong::kHold, .operation = board::Operation::kRead, .scsiId = {}, .lastLba = 0};
 
 TEST_F(LinkEnd, NothingIsLeftOfAClientThatDies) {
     (void)MakeClip();
@@ -28,7 +22,7 @@ TEST_F(LinkEnd, NothingIsLeftOfAClientThatDies) {
         EXPECT_EQ(client.Ask(Op::kNotify, Io(folder, kAllChanges, room)).status, host::status::kPending.code);
     }
     const VrkScsiRequest blocks = ReadOfOneBlock(client.Ask(Op::kAllocateMemory, OfSize(1 << 20)).value);
-    HoldFirstBlocks();
+    Board().Misbehave().Add(kHold);
     for (const host::Handle disks : {client.Open(u"\\Device\\Vrk0"), client.Open(u"\\Device\\Vrk0", true)}) {
         client.Post(Op::kDeviceControl, Io(disks, IOCTL_VRK_SCSI_COMMAND, sizeof(blocks), 0, sizeof(blocks)), blocks);
     }
@@ -48,7 +42,7 @@ TEST_F(LinkEnd, EverythingEndsWhenTheDaemonGoes) {
     host::Process::NamedMemory memory;
     ASSERT_TRUE(User().AllocateMemory(8192, memory).Ok());
     const PostedPtr watch = Watch(User(), folder.Get());
-    HoldFirstBlocks();
+    Board().Misbehave().Add(kHold);
     auto reading = std::async(std::launch::async, [&] {
         VrkScsiRequest blocks = ReadOfOneBlock(memory.name);
         return User().DeviceControl(disks.Get(), IOCTL_VRK_SCSI_COMMAND, BytesOf(blocks), WritableBytesOf(blocks));

@@ -83,12 +83,8 @@ class LinkTest : public ClientTest {
     static host::ScopedHandle OpenIn(host::Process& process, const std::u16string& path,
                                      std::uint32_t access = kReadWrite, bool overlapped = false,
                                      host::Disposition disposition = host::Disposition::kOpen) {
-        host::OpenRequest request;
-        request.path = path;
-        request.access = access;
-        request.disposition = disposition;
-        request.overlapped = overlapped;
-        const host::OpenResult opened = process.Create(request);
+        const host::OpenResult opened =
+            process.Create({.path = path, .access = access, .disposition = disposition, .overlapped = overlapped});
         EXPECT_EQ(host::StatusName(opened.status), "STATUS_SUCCESS");
         return {process, opened.handle};
     }

@@ -93,12 +93,7 @@ TEST_F(LinkHostile, WhoIsOnlyWrongIsAnswered) {
     const host::Handle folder = client.Open(kFolder, true, kLooks);
     const host::Handle disks = client.Open(u"\\Device\\Vrk0");
     const std::uint32_t own = client.Ask(Op::kAllocateMemory, OfSize(8192)).value;
-    struct Row {
-        Op op;
-        IoRecord record;
-        const char* status;
-    };
-    std::vector<Row> rows = {
+    std::vector<std::tuple<Op, IoRecord, const char*>> rows = {
         {Op::kRead, Placed({}, {own, 8192, 0}, file), "STATUS_SUCCESS"},
         {Op::kFlush, Io(file + 400), "STATUS_INVALID_HANDLE"},
         {Op::kRead, Io(folder, 0, 100, vlink::kHasOffset), "STATUS_ACCESS_DENIED"},
@@ -111,10 +106,10 @@ TEST_F(LinkHostile, WhoIsOnlyWrongIsAnswered) {
     for (const Place place :
          {Place{own, 8192, 1}, Place{own, 0xFFFFFFFF, 4096}, Place{own, 4096, ~std::uint64_t{0} - 100},
           Place{own + 16, 1, 0}, Place{others.name, 1, 0}}) {
-        rows.push_back({Op::kRead, Placed({}, place, file), "STATUS_ACCESS_VIOLATION"});
+        rows.emplace_back(Op::kRead, Placed({}, place, file), "STATUS_ACCESS_VIOLATION");
     }
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        EXPECT_EQ(client.AskStatus(rows[i].op, rows[i].record), rows[i].status) << i;
+    for (const auto& [op, record, status] : rows) {
+        EXPECT_EQ(client.AskStatus(op, record), status) << std::hex << record.out.length << ' ' << record.offset;
     }
     // A block transfer into memory of another process.
     VrkScsiRequest blocks = ReadOfOneBlock(others.name);

@@ -87,10 +87,9 @@ class Stranger {
     // Whether the daemon closes, whatever it says before.
     bool IsLetGo() {
         vlink::Frame frame;
-        vlink::FrameReader::Result result{};
-        do {
-            result = reader_.Next(frame);
-        } while (result == vlink::FrameReader::Result::kFrame);
+        vlink::FrameReader::Result result = reader_.Next(frame);
+        for (; result == vlink::FrameReader::Result::kFrame; result = reader_.Next(frame)) {
+        }
         return result == vlink::FrameReader::Result::kEnd;
     }
     void Die() { socket_.Reset(); }

@@ -87,43 +87,53 @@ bool ChangeWatch::Wait(Clock::duration time) {
     return !woken_.wait_for(hold, time, [this] { return stop_; });
 }
 
-void ChangeWatch::ReadAgain() {
+// False: some of it could not be read.
+bool ChangeWatch::ReadAgain() {
+    bool all = true;
     for (const NodePointer& folder : files_.Nodes().KnownFolders()) {
         if (folder->drive == &drive_) {
-            files_.Refresh(folder);
+            all = files_.Refresh(folder) && all;
         }
         const std::lock_guard hold(lock_);
         if (stop_) {
-            return;
+            break;
         }
     }
+    return all;
 }
 
-// The next request goes out before anything is read, so no change falls between the two.
+// The next request goes out before anything is read, so no change falls between the two. What could not be read is
+// tried again: nobody reports that change once more.
 void ChangeWatch::Run() {
+    bool missed = false;
     while (true) {
+        bool ended = false;
         bool reported = false;
         {
             std::unique_lock hold(lock_);
-            woken_.wait(hold, [this] { return stop_ || !asked_; });
+            const auto isOver = [this] { return stop_ || !asked_; };
+            missed ? (void)woken_.wait_for(hold, kRetry, isOver) : woken_.wait(hold, isOver);
             if (stop_) {
                 return;
             }
+            ended = !asked_;
             reported = reported_;
         }
-        drive_.watched = reported && drive_.watched;
-        if (!Wait(reported ? kGather : kRetry)) {
-            return;
-        }
-        if (!reported) {
-            root_.Reset();
-        }
-        if (reported ? !Ask() : !Listen()) {
-            continue;
+        if (ended) {
+            drive_.watched = reported && drive_.watched;
+            if (!Wait(reported ? kGather : kRetry)) {
+                return;
+            }
+            if (!reported) {
+                root_.Reset();
+            }
+            if (reported ? !Ask() : !Listen()) {
+                continue;
+            }
         }
         const Clock::time_point begin = Clock::now();
-        ReadAgain();
-        drive_.watched = true;
+        missed = !ReadAgain();
+        drive_.watched = !missed;
         if (!Wait((Clock::now() - begin) * kReadingShare)) {
             return;
         }

@@ -26,7 +26,7 @@ class ChangeWatch {
     [[nodiscard]] bool Listen();
     [[nodiscard]] bool Ask();
     void Run();
-    void ReadAgain();
+    [[nodiscard]] bool ReadAgain();
     bool Wait(Clock::duration time);
 
     FileSystem& files_;

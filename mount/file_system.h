@@ -101,8 +101,8 @@ class FileSystem {
         NodePointer node;
     };
     [[nodiscard]] int ListFolder(const NodePointer& folder, std::vector<Row>& rows);
-    // Reads again what is known of a folder.
-    void Refresh(const NodePointer& folder);
+    // Reads again what is known of a folder. False: it could not be read, and may be out of date.
+    bool Refresh(const NodePointer& folder);
 
     // ---- Changes of names (change_names.cpp, replace.cpp) ----
     [[nodiscard]] int MakeFolder(std::uint64_t folder, std::string_view name, Found& made);

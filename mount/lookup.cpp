@@ -63,10 +63,11 @@ int FileSystem::NeedNames(const NodePointer& folder) {
     return List(folder, IsReported(folder) ? kAnyAge : kFactsAge);
 }
 
-void FileSystem::Refresh(const NodePointer& folder) {
+bool FileSystem::Refresh(const NodePointer& folder) {
     const std::lock_guard work(folder->listing->work);
+    const host::Status status = ListLocked(folder);
     // A folder that is gone is taken out by the folder above it.
-    (void)ListLocked(folder);
+    return status.Ok() || status == host::status::kObjectNameNotFound || status == host::status::kObjectPathNotFound;
 }
 
 // Somebody at work there is changing what is known: that will do.

@@ -12,10 +12,7 @@ constexpr std::size_t kBufferBytes = 256;
 // A trusted caller, so that every length and class reaches the driver as it is.
 class FsdInfo : public FsdTest {
   protected:
-    struct Answer {
-        NTSTATUS status;
-        ULONG_PTR information;
-    };
+    using Answer = std::pair<NTSTATUS, ULONG_PTR>;  // with the information
 
     void SetUp() override {
         FsdTest::SetUp();
@@ -56,7 +53,8 @@ class FsdInfo : public FsdTest {
         return trusted_->SetVolumeInformation(handle, &block, buffer_, length, FileFsLabelInformation);
     }
     template <typename Record>
-    Record As() const {
+    Record Ask(nt::Handle handle, int informationClass) {
+        EXPECT_EQ(Query(handle, informationClass, sizeof(Record)), Answer(STATUS_SUCCESS, sizeof(Record)));
         Record record;
         std::memcpy(&record, buffer_, sizeof(record));
         return record;
@@ -130,15 +128,12 @@ TEST_F(FsdInfoKinds, EveryQueryOnEveryKindOfHandle) {
         for (const auto& test : queries) {
             SCOPED_TRACE(std::string(path.begin(), path.end()) + " " + std::to_string(test.informationClass));
             if (test.minimum != 0) {
-                const Answer shorter = Query(handle, test.informationClass, test.minimum - 1);
-                EXPECT_EQ(shorter.status, STATUS_BUFFER_TOO_SMALL);
-                EXPECT_EQ(shorter.information, 0u);
+                EXPECT_EQ(Query(handle, test.informationClass, test.minimum - 1), Answer(STATUS_BUFFER_TOO_SMALL, 0));
             }
             for (const ULONG length : {test.minimum, ULONG{kBufferBytes}}) {
-                const Answer answer = Query(handle, test.informationClass, length);
-                EXPECT_EQ(answer.status, test.status);
-                EXPECT_EQ(answer.information, length == kBufferBytes ? test.returned : test.atMinimum);
-                for (std::size_t at = answer.information; at < kBufferBytes; ++at) {
+                const ULONG_PTR returned = length == kBufferBytes ? test.returned : test.atMinimum;
+                EXPECT_EQ(Query(handle, test.informationClass, length), Answer(test.status, returned));
+                for (std::size_t at = returned; at < kBufferBytes; ++at) {
                     ASSERT_EQ(buffer_[at], std::byte{0xEE}) << "written behind what was asked for";
                 }
             }
@@ -166,10 +161,8 @@ TEST_F(FsdInfoKinds, EverySetOnEveryKindOfHandle) {
             {FileStandardInformation, 0, STATUS_INVALID_PARAMETER},
             {FileAlignmentInformation, 0, STATUS_INVALID_PARAMETER},
         };
-        ASSERT_EQ(Query(handle, FileStandardInformation, 24).status, STATUS_SUCCESS);
-        const LONGLONG size = As<FILE_STANDARD_INFORMATION>().EndOfFile.QuadPart;
-        ASSERT_EQ(Query(handle, FileBasicInformation, 40).status, STATUS_SUCCESS);
-        const LONGLONG before = As<FILE_BASIC_INFORMATION>().LastWriteTime.QuadPart;
+        const LONGLONG size = Ask<FILE_STANDARD_INFORMATION>(handle, FileStandardInformation).EndOfFile.QuadPart;
+        const LONGLONG before = Ask<FILE_BASIC_INFORMATION>(handle, FileBasicInformation).LastWriteTime.QuadPart;
         for (const auto& test : sets) {
             SCOPED_TRACE(std::string(path.begin(), path.end()) + " " + std::to_string(test.informationClass));
             FILE_BASIC_INFORMATION basic{};
@@ -182,18 +175,16 @@ TEST_F(FsdInfoKinds, EverySetOnEveryKindOfHandle) {
             EXPECT_EQ(Set(handle, test.informationClass, std::max<ULONG>(test.minimum, 1)), test.status);
         }
         // A time of 0 changes nothing; another one is taken by what has a time of its own.
-        ASSERT_EQ(Query(handle, FileBasicInformation, 40).status, STATUS_SUCCESS);
-        auto basic = As<FILE_BASIC_INFORMATION>();
+        auto basic = Ask<FILE_BASIC_INFORMATION>(handle, FileBasicInformation);
         EXPECT_EQ(basic.LastWriteTime.QuadPart, before);
         basic.LastWriteTime.QuadPart = kTime;
         std::memcpy(buffer_, &basic, sizeof(basic));
         ASSERT_EQ(Set(handle, FileBasicInformation, 40), STATUS_SUCCESS);
-        ASSERT_EQ(Query(handle, FileBasicInformation, 40).status, STATUS_SUCCESS);
         const bool takes = ram || (path.starts_with(u"\\RZV\\VolA\\Clips\\") && !path.ends_with(u"___"));
-        EXPECT_EQ(As<FILE_BASIC_INFORMATION>().LastWriteTime.QuadPart, takes ? kTime : before);
+        EXPECT_EQ(Ask<FILE_BASIC_INFORMATION>(handle, FileBasicInformation).LastWriteTime.QuadPart,
+                  takes ? kTime : before);
         // Only a RAM file has a size that can be set: it was set to 0 above.
-        ASSERT_EQ(Query(handle, FileStandardInformation, 24).status, STATUS_SUCCESS);
-        EXPECT_EQ(As<FILE_STANDARD_INFORMATION>().EndOfFile.QuadPart, ram ? 0 : size);
+        EXPECT_EQ(Ask<FILE_STANDARD_INFORMATION>(handle, FileStandardInformation).EndOfFile.QuadPart, ram ? 0 : size);
         EXPECT_EQ(trusted_->Close(handle), STATUS_SUCCESS);
     }
 }
@@ -213,15 +204,14 @@ TEST_F(FsdInfo, TheVolumeTellsItsLabelSpaceAndKind) {
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(std::to_string(test.informationClass) + " in " + std::to_string(test.length));
-        const Answer answer = QueryVolume(handle, test.informationClass, test.length);
-        EXPECT_EQ(answer.status, test.status);
-        EXPECT_EQ(answer.information, test.returned);
+        EXPECT_EQ(QueryVolume(handle, test.informationClass, test.length), Answer(test.status, test.returned));
         for (std::size_t at = test.length; at < kBufferBytes; ++at) {
             ASSERT_EQ(buffer_[at], std::byte{0xEE}) << "written behind the buffer";
         }
     }
-    ASSERT_EQ(QueryVolume(handle, 3, 24).status, STATUS_SUCCESS);
-    const auto size = As<FILE_FS_SIZE_INFORMATION>();
+    ASSERT_EQ(QueryVolume(handle, 3, 24), Answer(STATUS_SUCCESS, 24));
+    FILE_FS_SIZE_INFORMATION size;
+    std::memcpy(&size, buffer_, sizeof(size));
     EXPECT_EQ(size.AvailableAllocationUnits.QuadPart, 409600);
     EXPECT_EQ(size.BytesPerSector * size.SectorsPerAllocationUnit, 512u);
     EXPECT_GT(size.TotalAllocationUnits.QuadPart, 1);
@@ -234,15 +224,15 @@ TEST_F(FsdInfo, ALabelIsKeptOnlyIfItFits) {
     EXPECT_EQ(SetLabel(handle, 66, std::u16string(33, u'x'), 100), STATUS_INVALID_VOLUME_LABEL);
     EXPECT_EQ(SetLabel(handle, 11, u"Studio", 100), STATUS_INVALID_VOLUME_LABEL);
     EXPECT_EQ(SetLabel(handle, 0xFFFFFFFE, u"Studio", 100), STATUS_INVALID_VOLUME_LABEL);
-    ASSERT_EQ(QueryVolume(handle, 5, 100).information, 26u);
+    ASSERT_EQ(QueryVolume(handle, 5, 100), Answer(STATUS_SUCCESS, 26));
     EXPECT_EQ(std::memcmp(buffer_ + 12, u"RZV_VFS", 14), 0);
     EXPECT_EQ(SetLabel(handle, 12, u"Studio", 16), STATUS_SUCCESS);
-    ASSERT_EQ(QueryVolume(handle, 5, 100).information, 24u);
+    ASSERT_EQ(QueryVolume(handle, 5, 100), Answer(STATUS_SUCCESS, 24));
     EXPECT_EQ(std::memcmp(buffer_ + 12, u"Studio", 12), 0);
-    ASSERT_EQ(QueryVolume(handle, 1, 100).information, 30u);
+    ASSERT_EQ(QueryVolume(handle, 1, 100), Answer(STATUS_SUCCESS, 30));
     EXPECT_EQ(std::memcmp(buffer_ + 18, u"Studio", 12), 0);
     EXPECT_EQ(SetLabel(handle, 64, std::u16string(32, u'y'), 100), STATUS_SUCCESS);
-    EXPECT_EQ(QueryVolume(handle, 1, 100).information, 82u);
+    EXPECT_EQ(QueryVolume(handle, 1, 100), Answer(STATUS_SUCCESS, 82));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // Images that contradict themselves, and commits that something goes wrong in: nothing is taken, nothing changes, and
 // the same file can be written properly afterwards. A clip that is written again survives whatever happens to the new
 // one.
-#include <algorithm>
 #include <tuple>
 
 #include "media/media_file.h"
@@ -160,7 +159,7 @@ TEST_F(MediaHostile, AFailedSecondCommitLeavesTheOldClip) {
     const ClipSpec fresh = RandomClip(random, 9, true, false, 2, 5);
     PutClip(u"a.RZV", old);
     const Bytes image = BuildImage(fresh, true);
-    const std::uint32_t recordLba = RawRecord<DirEntry>(kLastLba - 4607).FileTable[0];
+    const std::uint32_t recordLba = Get<DirEntry>(0, kLastLba - 4607).FileTable[0];
     Card()->ScsiPrefs = {0, 0};
     host::ScopedHandle handle = OpenClip(u"a.RZV");
     constexpr auto kWrite = board::Operation::kWrite;

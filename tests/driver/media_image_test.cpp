@@ -297,7 +297,7 @@ TEST_F(MediaImage, RecordsThatCannotBeTrueAreRefused) {
     const ClipSpec clip = RandomClip(random, 70, true, false, 1, 3);
     PutClip(u"a.RZV", clip);
     PutClip(u"b.RZV", clip);
-    const std::uint32_t lba = RawRecord<DirEntry>(kLastLba - 4607).FileTable[0];
+    const std::uint32_t lba = Get<DirEntry>(0, kLastLba - 4607).FileTable[0];
     const FileEntry good = RawFile(u"a.RZV");
     struct {
         const char* what;

@@ -132,8 +132,6 @@ TEST(MediaParameters, EachFieldIsChecked) {
         EXPECT_EQ(NT_SUCCESS(VrkFsRZVVerifyVideoParameters(&parameters)), change.valid)
             << "offset " << change.offset << " value " << change.value;
     }
-    VideoParameters at25{{40, 0, 0}, 720, 486, 8, 4, 3, 25, 1, 10, 0};
-    EXPECT_EQ(VrkFsRZVVerifyVideoParameters(&at25), STATUS_SUCCESS);
 }
 
 }  // namespace

@@ -25,11 +25,12 @@ class MediaRam : public DriverRig {
         scope_.reset();
         DriverRig::TearDown();
     }
-    RamFile* Make(const std::u16string& parent, const std::u16string& name) {
+    RamFile* Make(const std::u16string& parent, const std::u16string& name, ULONG most = 100,
+                  NTSTATUS expected = STATUS_SUCCESS) {
         const UNICODE_STRING parentName = Counted(parent);
         const UNICODE_STRING ownName = Counted(name);
         RamFile* file = nullptr;
-        EXPECT_EQ(VrkFsVFCreateNewFile(&set_, &parentName, &ownName, 5, 100, &file), STATUS_SUCCESS);
+        EXPECT_EQ(VrkFsVFCreateNewFile(&set_, &parentName, &ownName, 5, most, &file), expected);
         return file;
     }
     static std::string Read(const RamFile* file, ULONGLONG offset, ULONG count) {
@@ -121,12 +122,10 @@ TEST_F(MediaRam, NamesOrderAndLimit) {
         EXPECT_EQ(any != FALSE, i < 2);
         EXPECT_EQ(listed, i == 0 ? second : i == 1 ? first : nullptr);
     }
-    const std::u16string third = u"three";
-    const UNICODE_STRING name = Counted(third);
-    EXPECT_EQ(VrkFsVFCreateNewFile(&set_, &parent, &name, 5, 3, &found), STATUS_ACCESS_DENIED);
+    Make(lower, u"three", 3, STATUS_ACCESS_DENIED);
     EXPECT_EQ(Events(), std::vector<std::string>{"C0050002 Virtual file limit exceeded"});
     VrkFsVFDeleteFile(&set_, other);
-    EXPECT_EQ(VrkFsVFCreateNewFile(&set_, &parent, &name, 5, 3, &found), STATUS_SUCCESS);
+    Make(lower, u"three", 3);
     EXPECT_EQ(set_.Count, 3u);
 }
 

@@ -10,7 +10,6 @@
 #include <numeric>
 #include <optional>
 #include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -57,11 +56,7 @@ inline Bytes FieldBytes(std::uint64_t seed, std::uint32_t stream, std::uint32_t 
 inline ClipSpec RandomClip(std::mt19937& random, std::uint32_t frames, bool alpha, bool interleaved,
                            std::uint32_t minSectors, std::uint32_t maxSectors) {
     std::uniform_int_distribution<std::uint32_t> length(minSectors, maxSectors);
-    ClipSpec clip;
-    clip.frames = frames;
-    clip.alpha = alpha;
-    clip.interleaved = interleaved;
-    clip.is625 = random() % 2 == 0;
+    ClipSpec clip{.frames = frames, .is625 = random() % 2 == 0, .alpha = alpha, .interleaved = interleaved};
     clip.seed = random();
     clip.videoSdti = 3 + random() % 13;
     clip.alphaSdti = random() % 2;
@@ -232,10 +227,10 @@ class MediaTest : public DriverTest {
     }
     // The file's record as it lies on the disk.
     FileEntry RawFile(const std::u16string& name) {
-        const DirEntry folder = RawRecord<DirEntry>(kLastLba - 4607);
+        const DirEntry folder = Get<DirEntry>(0, kLastLba - 4607);
         for (const ULONG lba : folder.FileTable) {
             if (lba != 0) {
-                const FileEntry entry = RawRecord<FileEntry>(lba);
+                const FileEntry entry = Get<FileEntry>(0, lba);
                 if (name == std::u16string(entry.Name)) {
                     return entry;
                 }

@@ -305,10 +305,13 @@ TEST_P(VolumeAllocatorModel, AgreesAfterEveryOperation) {
         ULONG expected = 0;
         const ULONG kind = random() % 10;
         const bool inUpper = random() % 2 == 0;
-        if (kind < 4) {
-            const ULONG count = size(inUpper ? 6 : 12);
-            const bool fits = model.Allocate(inUpper, count, expected);
-            ASSERT_EQ(Allocate(inUpper, count, start), fits ? STATUS_SUCCESS : kNoSpace);
+        if (kind < 7 && kind != 4) {
+            const bool claims = kind > 4;
+            start = expected = claims ? 1024 + static_cast<ULONG>(random() % blocks) : 0;
+            const ULONG count = claims ? std::min<ULONG>(size(8), 1024 + blocks - start) : size(inUpper ? 6 : 12);
+            const bool fits = claims ? model.Claim(inUpper, start, count) : model.Allocate(inUpper, count, expected);
+            const NTSTATUS status = claims ? Claim(inUpper, start, count) : Allocate(inUpper, count, start);
+            ASSERT_EQ(status, fits ? STATUS_SUCCESS : kNoSpace) << start << "+" << count;
             if (fits) {
                 ASSERT_EQ(start, expected);
                 held.emplace_back(start, count);
@@ -327,14 +330,6 @@ TEST_P(VolumeAllocatorModel, AgreesAfterEveryOperation) {
                 ASSERT_EQ(dual.UpperStart, upperStart);
                 held.emplace_back(expected, lower);
                 held.emplace_back(upperStart, upper);
-            }
-        } else if (kind < 7) {
-            start = 1024 + static_cast<ULONG>(random() % blocks);
-            const ULONG count = std::min<ULONG>(size(8), 1024 + blocks - start);
-            const bool fits = model.Claim(inUpper, start, count);
-            ASSERT_EQ(Claim(inUpper, start, count), fits ? STATUS_SUCCESS : kNoSpace) << start << "+" << count;
-            if (fits) {
-                held.emplace_back(start, count);
             }
         } else if (!held.empty()) {
             // A whole range, or a part of it as relocations and settlements give back.

@@ -11,13 +11,9 @@ constexpr ULONG kFrames = 100;
 constexpr ULONG kTable = 6000;
 constexpr ULONG kAlphaTable = 6004;
 
-FileEntry MakeClip(ULONG flags = kFileHasAlpha) {
-    FileEntry entry = MakePlainFile(u"X", 1024, 400);
-    entry.Kind = kFileKindMedia;
-    entry.Flags = flags;
-    entry.FrameCount = kFrames;
-    entry.VideoBodyTableLba = kTable;
-    entry.VideoBodyTableBlockCount = 2;
+FileEntry MakeClip(ULONG table = kTable) {
+    FileEntry entry = MakeMedia(u"X", kFrames, 1024, 400, table, 2);
+    entry.Flags = kFileHasAlpha;
     entry.AlphaBodyTableLba = kAlphaTable;
     entry.AlphaBodyTableBlockCount = 2;
     entry.AlphaDataStartLba = 2000;
@@ -114,10 +110,7 @@ TEST_F(VolumeBackup, WhoGetsItAndWhere) {
     PutFolder(0, 1, MakeFolder(u"later", {{0, 5002}}));
     Put(0, 5002, MakePlainFile(u"rival", kTable + 1, 1));
     for (const ULONG lba : {1u, 1020u, 5000u, 5001u, 1100u, kTable, kRigLastData, kRigFirstDir, 0xFFFFFFFFu}) {
-        FileEntry clip = MakeClip();
-        clip.VideoBodyTableLba = lba;
-        clip.Checksum = VrkFsHwCalcFileChecksum(&clip);
-        Put(0, 5000, clip);
+        Put(0, 5000, MakeClip(lba));
         PutBackup(u"P:\\RZV\\V\\F\\X", 200, 0, 800);
         Start();
         EXPECT_EQ(DescribeVolumes(), "V(0) W(1)") << lba;

@@ -7,6 +7,7 @@ namespace {
 using VolumeDiscovery = VolumeTest;
 
 TEST_F(VolumeDiscovery, EntriesMakeVolumes) {
+    constexpr ULONGLONG kLater = kRigTime + 1;
     struct EntryOnDisk {
         std::uint32_t id;
         std::u16string name;
@@ -23,16 +24,12 @@ TEST_F(VolumeDiscovery, EntriesMakeVolumes) {
         {"positions decide, not IDs", {{1, u"V", 2, 1}, {4, u"V", 2, 0}}, "V(4,1)"},
         {"a disk is missing", {{1, u"V", 2, 1}}, "V(-,1)!incomplete"},
         {"case does not matter, another time does",
-         {{0, u"News", 2, 0}, {1, u"NEWS", 2, 1, kRigTime + 1}, {2, u"NEWS", 2, 1}},
+         {{0, u"News", 2, 0}, {1, u"NEWS", 2, 1, kLater}, {2, u"NEWS", 2, 1}},
          "News(0,2) NEWS(-,1)!incomplete"},
-        {"the later of two names is hidden",
-         {{1, u"News", 1, 0}, {3, u"NEWS", 1, 0, kRigTime + 1}},
-         "News(1) NEWS(3)!conflict"},
-        {"an incomplete volume's name counts too",
-         {{0, u"A", 2, 0}, {1, u"A", 1, 0, kRigTime + 1}},
-         "A(0,-)!incomplete A(1)!conflict"},
+        {"the later of two is hidden", {{1, u"News", 1, 0}, {3, u"NEWS", 1, 0, kLater}}, "News(1) NEWS(3)!conflict"},
+        {"incomplete ones count too", {{0, u"A", 2, 0}, {1, u"A", 1, 0, kLater}}, "A(0,-)!incomplete A(1)!conflict"},
         {"a copy of a disk is a volume of its own", {{0, u"A", 1, 0}, {2, u"A", 1, 0}}, "A(0) A(2)!conflict"},
-        {"a copy of one of two disks", {{0, u"A", 2, 0}, {1, u"A", 2, 0}, {2, u"A", 2, 1}}, "A(0,2) A(1,-)!incomplete"},
+        {"a copy of one of two", {{0, u"A", 2, 0}, {1, u"A", 2, 0}, {2, u"A", 2, 1}}, "A(0,2) A(1,-)!incomplete"},
         {"positions and counts that cannot be",
          {{0, u"A", 0, 0}, {1, u"B", 17, 3}, {2, u"C", 2, 2}, {3, u"D", 1, 0xFFFFFFFF}, {4, u"E", 1, 0}},
          "E(4)"},

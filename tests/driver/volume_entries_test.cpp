@@ -111,10 +111,9 @@ TEST_F(VolumeEntries, WhatIsNeverWritten) {
     Start();
     OpenedFolder folder;
     ASSERT_EQ(CreateFolder(u"F", folder), STATUS_SUCCESS);
-    FileEntry first;
     FileEntry image;
     ULONG slot;
-    ASSERT_EQ(CreateFile(folder, u"a", first, slot), STATUS_SUCCESS);
+    ASSERT_EQ(CreateFile(folder, u"a", image, slot), STATUS_SUCCESS);
     ASSERT_EQ(CreateFile(folder, u"b", image, slot), STATUS_SUCCESS);
     const ULONG lba = folder.image.FileTable[1];
     const std::uint64_t writes = Board().Count().Of(board::Operation::kWrite);

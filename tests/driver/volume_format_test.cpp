@@ -95,7 +95,7 @@ TEST_F(VolumeFormat, OldVolumesLoseTheirDisks) {
     ASSERT_EQ(Run(u"A", {0, 1}), 0);
     ASSERT_EQ(Run(u"B", {2, 3}), 0);
     OpenedFolder folder;
-    ASSERT_EQ(CreateFolder(u"Gone", folder, Volume(0)), STATUS_SUCCESS);
+    ASSERT_EQ(CreateFolder(u"Gone", folder), STATUS_SUCCESS);
     EXPECT_EQ(Run(u"a", {0, 1}), 0);  // its own name again
     EXPECT_EQ(DescribeVolumes(), "B(2,3) a(0,1)");
     EXPECT_EQ(ListFolders(Volume(1)), "");

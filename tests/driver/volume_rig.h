@@ -59,6 +59,17 @@ inline FileEntry MakePlainFile(const std::u16string& name, ULONG start = 0, ULON
     return entry;
 }
 
+inline FileEntry MakeMedia(const std::u16string& name, ULONG frames, ULONG data, ULONG blocks, ULONG table,
+                           ULONG tableBlocks) {
+    FileEntry entry = MakePlainFile(name, data, blocks);
+    entry.Kind = kFileKindMedia;
+    entry.FrameCount = frames;
+    entry.VideoBodyTableLba = table;
+    entry.VideoBodyTableBlockCount = tableBlocks;
+    entry.Checksum = VrkFsHwCalcFileChecksum(&entry);
+    return entry;
+}
+
 class VolumeTest : public DriverTest {
   protected:
     // Blank disks, and a volume "V" on the first.
@@ -88,9 +99,6 @@ class VolumeTest : public DriverTest {
     void PutFolder(std::uint32_t id, ULONG slot, const DirEntry& folder) { Put(id, FolderLba(slot), folder); }
     void ResizeDisk(std::uint32_t id, ULONG blocks) {
         std::filesystem::resize_file(ImagePath(id), std::uint64_t{blocks} * 512);
-    }
-    std::filesystem::path ImagePath(std::uint32_t id) const {
-        return StationPath() / "card0" / ("scsi" + std::to_string(id) + ".img");
     }
     static ULONG FolderLba(ULONG slot) { return kRigFirstDir + 18 * slot; }
 
@@ -137,8 +145,8 @@ class VolumeTest : public DriverTest {
             folder.common.Flags |= kFcbCommonSubstitute;
         }
     }
-    static NTSTATUS CreateFolder(const std::u16string& name, OpenedFolder& folder, HwVolume* volume = nullptr) {
-        folder.common.VolumeHandle = volume != nullptr ? volume : Volume();
+    static NTSTATUS CreateFolder(const std::u16string& name, OpenedFolder& folder) {
+        folder.common.VolumeHandle = Volume();
         const UNICODE_STRING counted = CountedName(name);
         return Locked([&] {
             return VrkFsHwCreateDirEntry(Hw(), Vcb(), folder.common.VolumeHandle, &counted, &folder.image,

@@ -104,11 +104,13 @@ class DriverTest : public MachineTest {
         }
         return names;
     }
+    std::filesystem::path ImagePath(std::uint32_t id) const {
+        return StationPath() / "card0" / ("scsi" + std::to_string(id) + ".img");
+    }
     // A disk's image, and a record on it: from outside, as other hands would read and write it.
     board::Disk OpenImage(std::uint32_t id) {
         std::string error;
-        const auto path = StationPath() / "card0" / ("scsi" + std::to_string(id) + ".img");
-        std::optional<board::Disk> disk = board::Disk::Open(path.string(), {}, error);
+        std::optional<board::Disk> disk = board::Disk::Open(ImagePath(id).string(), {}, error);
         EXPECT_TRUE(disk) << error;
         return std::move(*disk);
     }

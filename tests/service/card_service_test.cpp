@@ -146,6 +146,9 @@ TEST_F(CardServiceTest, TakesNothingForGranted) {
     // Behind the file there are zeros, as far as anybody asks.
     EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_, service::FileKind::kRaw, 0, 0xFFFFFFFFFFFFFF00, 3 << 20), 0u);
     EXPECT_TRUE(data_ == service::Bytes(3 << 20));
+    EXPECT_EQ(Transfer(VRKFS_SERVICE_READ, handle_, service::FileKind::kRaw, 0, 0, 0), 0u);
+    EXPECT_EQ(Transfer(VRKFS_SERVICE_WRITE, handle_, service::FileKind::kRaw, 0, 0, 0), 1u);
+    EXPECT_NE(log_.find("the file is empty"), std::string::npos) << log_;
     for (const std::uint64_t offset : {0xFFFFFFFFFFFFFF00u, 0xFFFFFFFFFFFFFFFFu, 829'400ul}) {
         EXPECT_EQ(Transfer(VRKFS_SERVICE_WRITE, handle_, service::FileKind::kRaw, 0, offset, 0x100), 1u);
     }

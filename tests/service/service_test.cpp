@@ -210,8 +210,13 @@ TEST_F(ServiceWrites, PartsOfAPicture) {
         std::vector<std::byte> seen(part.size());
         EXPECT_STATUS(User().Read(file.Get(), seen, from), "STATUS_SUCCESS");
         EXPECT_TRUE(std::ranges::equal(seen, part));
+        // What somebody else paints elsewhere meanwhile stays.
+        Bytes& field = frame_.fields[0][0];
+        std::fill_n(field.begin(), 64, std::uint8_t{0x55});
+        Write(u"\\RAW\\VOL\\CLIPS\\BARS.RZV\\BARS.0003.RAW", std::as_bytes(std::span(field).first(64)));
     }
     ExpectImage(ImageWith(recipe_, 3, frame_));
+    EXPECT_NE(Log().find("frame 3: only the first 64 of 829440 bytes were written"), std::string::npos) << Log();
 
     Bytes other = FileOf(FileKind::kTga, BarsFrame(recipe_, 5));
     other[17] = 0x20;  // upside down
@@ -229,6 +234,10 @@ TEST_F(ServiceWrites, ImportsARamFile) {
     EXPECT_STATUS(User().Write(file.Get(), std::as_bytes(std::span(changed_)), 0), "STATUS_SUCCESS");
     EXPECT_EQ(host::StatusName(host::Rename(User(), file.Get(), u"BARS.0003.TGA")), "STATUS_SUCCESS");
     ExpectImage(ImageWith(recipe_, 3, frame_));
+    const host::ScopedHandle empty = Hold(ram + u"0", kWrite | host::access::kDelete, host::Disposition::kCreate);
+    EXPECT_EQ(host::StatusName(host::Rename(User(), empty.Get(), u"BARS.0003.TGA")), "STATUS_SUCCESS");
+    EXPECT_NE(Log().find("frame 3: is not changed: the file is empty"), std::string::npos) << Log();
+    EXPECT_TRUE(ReadWhole(place_) == FileOf(FileKind::kTga, frame_));
 }
 
 TEST_F(ServiceWrites, RefusesWhatDoesNotFit) {
@@ -239,6 +248,12 @@ TEST_F(ServiceWrites, RefusesWhatDoesNotFit) {
     EXPECT_STATUS(tryWrite(small), "STATUS_UNSUCCESSFUL");
     EXPECT_NE(Log().find("the picture has 720 by 486 pixels, the frame 720 by 576"), std::string::npos);
     EXPECT_STATUS(tryWrite(Bytes(2000, 0xAB)), "STATUS_UNSUCCESSFUL");
+    {  // by a program that does not care
+        const host::ScopedHandle file = Hold(place_, kWrite);
+        const auto bytes = std::as_bytes(std::span(small));
+        EXPECT_STATUS(User().Write(file.Get(), bytes.first(1000), 0), "STATUS_UNSUCCESSFUL");
+        EXPECT_STATUS(User().Write(file.Get(), bytes.subspan(1000), 1000), "STATUS_UNSUCCESSFUL");
+    }
     {
         const host::ScopedHandle writer = Hold(clip_, kWrite);
         EXPECT_STATUS(tryWrite(changed_), "STATUS_UNSUCCESSFUL");
@@ -357,6 +372,33 @@ TEST_F(ServiceTest, OneServiceForAllCardsAndNoSecond) {
     held.Reset();
     EXPECT_EQ(List(u"\\").size(), 5u);
     EXPECT_TRUE(ReadWhole(place) == FileOf(FileKind::kTga, BarsFrame(BarsRecipe(625, false), 1)));
+}
+
+// Whoever waits for a service that has died is told as soon as there is another, and does not keep the others waiting.
+TEST_F(ServiceTest, ASuccessorEndsWhatTheDeadOneOwes) {
+    StartStation();
+    PutClip(u"BARS.RZV", BarsRecipe(625, false, 2));
+    const auto begun = std::chrono::steady_clock::now();
+    std::vector<std::byte> some(100);
+    std::thread reader;
+    {
+        const client::ClientPointer dead = client::MakeClient(Machine().NewProcess());
+        VrkFsHandle control = 0;
+        ASSERT_EQ(VrkFsClientOpenControl(dead.get(), 0, &control), VRKFS_STATUS_SUCCESS);
+        const auto rows = service::FileTypes();
+        ASSERT_EQ(VrkFsClientRegisterFileTypes(dead.get(), control, rows.data(), 4), VRKFS_STATUS_SUCCESS);
+        reader = std::thread([&] {
+            const host::ScopedHandle waiting = Hold(u"\\TGA\\VOL\\CLIPS\\BARS.RZV\\BARS.0001.TGA");
+            EXPECT_STATUS(User().Read(waiting.Get(), some, 0), "STATUS_UNSUCCESSFUL");
+        });
+        VrkFsServiceRequest request;
+        EXPECT_EQ(VrkFsClientFetchServiceRequest(dead.get(), control, &request), VRKFS_STATUS_SUCCESS);
+    }
+    StartService();
+    reader.join();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(30));
+    EXPECT_EQ(ReadWhole(u"\\TGA\\VOL\\CLIPS\\BARS.RZV\\BARS.0000.TGA").size(),
+              service::FileSize(FileKind::kTga, false));
 }
 
 }  // namespace

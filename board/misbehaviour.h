@@ -27,9 +27,9 @@ enum class Wrong : std::uint8_t {
 
 struct Misbehaviour {
     Wrong what = Wrong::kFail;
-    std::optional<Operation> operation;   // none: every operation
-    std::optional<std::uint32_t> scsiId;  // none: every ID
-    std::uint32_t firstLba = 0;           // block range that a transfer must touch
+    std::optional<Operation> operation = {};   // none: every operation
+    std::optional<std::uint32_t> scsiId = {};  // none: every ID
+    std::uint32_t firstLba = 0;                // block range that a transfer must touch
     std::uint32_t lastLba = 0xFFFFFFFF;
     std::uint64_t skip = 0;                   // let so many fitting requests pass first
     std::uint64_t count = ~std::uint64_t{0};  // then misbehave for so many; all that follow without limit by default

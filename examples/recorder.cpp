@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <limits>
 
 #include "examples/session.h"
 
@@ -38,6 +39,11 @@ class Recorder {
     bool Told(RecordStep step) const { return !order_.watch || order_.watch(step, fields_); }
 
     bool Prepare() {
+        const Pattern& pattern = order_.pattern;
+        if (pattern.maxSectors == 0 || pattern.minSectors > pattern.maxSectors ||
+            pattern.maxSectors > VRKFS_FIELD_MAX_SECTORS) {
+            throw std::runtime_error("begin: no field has such lengths");
+        }
         session_.OpenCard(order_.card);
         Need(VrkFsClientAllocateBuffer(session_.client, std::size_t{order_.pattern.maxSectors} * VRKFS_SECTOR_SIZE,
                                        &session_.buffer),
@@ -69,10 +75,14 @@ class Recorder {
         if (disks == 0 || disks > VRKFS_VOLUME_MAX_DEVICES) {
             throw std::runtime_error("ask for the volume: it has no disks");
         }
-        const std::uint32_t fieldsPerDisk = (order_.reservedFrames * VRKFS_FIELDS_PER_FRAME + disks - 1) / disks;
+        const std::uint64_t fields = std::uint64_t{order_.reservedFrames} * VRKFS_FIELDS_PER_FRAME;
+        const std::uint64_t blocks = (fields + disks - 1) / disks * order_.pattern.maxSectors;
+        if (blocks > std::numeric_limits<std::uint32_t>::max()) {
+            throw std::runtime_error("reserve space: no disk holds so many frames");
+        }
         Stream& made = streams_[stream];
         made.space.BodyTableBlocksWanted = static_cast<std::uint32_t>(VrkFsBodyTableSectors(order_.reservedFrames));
-        made.space.DataBlocksWanted = fieldsPerDisk * order_.pattern.maxSectors;
+        made.space.DataBlocksWanted = static_cast<std::uint32_t>(blocks);
         made.space.Flags = VRKFS_SPACE_SDTI_ALLOWED | (order_.is625 ? VRKFS_SPACE_625 : 0) |
                            (stream == VRKFS_STREAM_ALPHA ? VRKFS_SPACE_ALPHA : 0);
         Need(VrkFsClientAllocateVideoSpace(session_.client, session_.control, session_.file, &made.space),

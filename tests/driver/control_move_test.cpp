@@ -317,8 +317,7 @@ TEST_F(ControlMove, ACallerThatGoesAwayDoesNoHarm) {
     ASSERT_TRUE(caller->AllocateMemory(4, counter).Ok());
     move.NewLba[kData] = before[kData].start + 10000;
     move.ProgressAddress = counter.name;
-    Board().Misbehave().Add(
-        {.what = board::Wrong::kHold, .operation = board::Operation::kWrite, .scsiId = {}, .count = 2});
+    Board().Misbehave().Add({.what = board::Wrong::kHold, .operation = board::Operation::kWrite, .count = 2});
     const PostedPtr moving =
         ControlAside(*caller, control, IOCTL_VRKFS_MOVE_FILE_SEGMENTS, BytesOf(move), Bytes(sizeof(move)));
     EXPECT_FALSE(moving->IsOver());

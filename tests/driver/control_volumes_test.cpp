@@ -156,7 +156,7 @@ TEST_F(ControlVolumes, ARebuildFindsEveryVolumeOnce) {
         SCOPED_TRACE(testing::Message() << "request " << point);
         const host::ScopedHandle owner(User(), OpenControl().handle);
         ASSERT_EQ(Lock(owner.Get(), 1), "STATUS_SUCCESS");
-        Board().Misbehave().Add({.operation = {}, .scsiId = {}, .skip = point});
+        Board().Misbehave().Add({.skip = point});
         const bool found = Unlock(owner.Get()) == "STATUS_SUCCESS";
         Board().Misbehave().Clear();
         // The lock is given up either way. Nothing half found is left; the next unlock tries again.

@@ -111,7 +111,7 @@ TEST_F(StartUp, ABoardThatFailsIsLoggedAndLeavesNothing) {
         SCOPED_TRACE(c.event);
         Boot();
         // The last index: its status is the driver's.
-        Plug(9, {3}).Misbehave().Add({.operation = c.operation, .scsiId = {}, .skip = c.skip});
+        Plug(9, {3}).Misbehave().Add({.operation = c.operation, .skip = c.skip});
         EXPECT_EQ(Load(), STATUS_IO_DEVICE_ERROR);
         EXPECT_EQ(Events().at(1), c.event);
         EXPECT_FALSE(CardNamesTaken('9'));
@@ -136,7 +136,7 @@ TEST_F(StartUp, ABoardThatDoesNotAnswerCostsItsCardOnlyAndMayAnswerLater) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.event);
         Boot(true);
-        Plug(0, {1}).Misbehave().Add({.what = c.what, .operation = c.operation, .scsiId = {}, .count = 1});
+        Plug(0, {1}).Misbehave().Add({.what = c.what, .operation = c.operation, .count = 1});
         Plug(1, {1});
         NTSTATUS status = STATUS_UNSUCCESSFUL;
         std::thread loader([&] { status = Load(); });

@@ -191,7 +191,7 @@ TEST_F(FsdSettle, SpaceStaysReservedUntilItCanBeGivenBack) {
     second.Reset();  // the record on disk names it now
     EXPECT_EQ(FreeBlocks(), reserved);
 
-    Board().Misbehave().Add({.operation = board::Operation::kWrite, .scsiId = {}});
+    Board().Misbehave().Add({.operation = board::Operation::kWrite});
     writer.Reset();  // the record on disk may still name it
     Board().Misbehave().Clear();
     EXPECT_EQ(FreeBlocks(), reserved);

@@ -164,10 +164,10 @@ TEST_F(MediaHostile, AFailedSecondCommitLeavesTheOldClip) {
     host::ScopedHandle handle = OpenClip(u"a.RZV");
     constexpr auto kWrite = board::Operation::kWrite;
     const board::Misbehaviour points[] = {
-        {.operation = kWrite, .scsiId = {}},  // the two tables; the record, torn once and for ever
-        {.operation = kWrite, .scsiId = {}, .skip = 1},
+        {.operation = kWrite},  // the two tables; the record, torn once and for ever
+        {.operation = kWrite, .skip = 1},
         {board::Wrong::kTearFail, kWrite, {}, recordLba, recordLba, 0, 1, STATUS_IO_DEVICE_ERROR, 1},
-        {.operation = kWrite, .scsiId = {}, .firstLba = recordLba, .lastLba = recordLba},
+        {.operation = kWrite, .firstLba = recordLba, .lastLba = recordLba},
     };
     for (const board::Misbehaviour& point : points) {
         SCOPED_TRACE(&point - points);

@@ -56,7 +56,7 @@ TEST_F(BlockMove, GoesFromTheEndWhereTheDestinationIsHigher) {
     for (const auto& c : cases) {
         for (const Operation failing : {Operation::kRead, Operation::kWrite, Operation::kAcquire}) {
             Fill();
-            BoardOf(0).Misbehave().Add({.operation = failing, .scsiId = {}, .skip = 1});
+            BoardOf(0).Misbehave().Add({.operation = failing, .skip = 1});
             ULONGLONG progress = 10;
             ULONG shown = 99;
             EXPECT_EQ(VrkFsHwMoveBlocks(Hw(), kId, c.source, 600, c.destination, &progress, 3, 2, &shown),

@@ -184,7 +184,7 @@ TEST_F(Storage, ImpossibleTransfersNeverReachTheBoard) {
     // The last block of the address space can be asked for; this disk does not have it.
     EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 0xFFFFFFFF, 1, block, 0), STATUS_IO_DEVICE_ERROR);
     // A board that says "timed out" has failed.
-    BoardOf(0).Misbehave().Add({.operation = {}, .scsiId = {}, .status = STATUS_TIMEOUT});
+    BoardOf(0).Misbehave().Add({.status = STATUS_TIMEOUT});
     EXPECT_EQ(VrkFsHwSCSIRead(Hw(), kId, 0, 1, block, 0), STATUS_DEVICE_CONFIGURATION_ERROR);
     EXPECT_EQ(VrkFsHwAcquireSCSI(Hw()), STATUS_DEVICE_CONFIGURATION_ERROR);
 }

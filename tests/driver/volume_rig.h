@@ -197,8 +197,7 @@ class VolumeTest : public DriverTest {
         });
     }
     void FailReads(ULONG firstLba, ULONG lastLba) {
-        Board().Misbehave().Add(
-            {.operation = board::Operation::kRead, .scsiId = {}, .firstLba = firstLba, .lastLba = lastLba});
+        Board().Misbehave().Add({.operation = board::Operation::kRead, .firstLba = firstLba, .lastLba = lastLba});
     }
 
   private:

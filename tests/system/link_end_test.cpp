@@ -9,8 +9,7 @@ namespace {
 using LinkEnd = LinkTest;
 
 // Reads of the disks' first blocks stay in the board until they are cancelled.
-const board::Misbehaviour kHold{
-    .what = board::Wrong::kHold, .operation = board::Operation::kRead, .scsiId = {}, .lastLba = 0};
+const board::Misbehaviour kHold{.what = board::Wrong::kHold, .operation = board::Operation::kRead, .lastLba = 0};
 
 TEST_F(LinkEnd, NothingIsLeftOfAClientThatDies) {
     (void)MakeClip();

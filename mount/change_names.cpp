@@ -252,7 +252,7 @@ int FileSystem::RenameAtWork(const Place& asked, const Place& to, std::string_vi
         return error;
     }
     if (const auto writer = tree_->WriterOf(node); writer != nullptr && !writer->IsOver()) {
-        if (writer->HasBytes()) {
+        if (writer->HasBytes() || IsBeside(node, *writer)) {
             return journal_.Refused(Operation::kRename, tree_->Display(node), EBUSY, "it is being written");
         }
         writer->Rest();

@@ -60,6 +60,25 @@ for i in range(60):
     ExpectOut("ls -A $T", "a\n");
 }
 
+// A copy that was begun again has no bytes, but a place beside the clip, which does not move.
+TEST_F(MountCrossing, ARenameOfWhatIsBeingReplaced) {
+    Do("cp small $T/a");
+    Python(R"(
+a = os.open(T + 'a', W)
+os.write(a, large[:70000])
+os.ftruncate(a, 0)
+try: os.rename(T + 'a', T + 'b'); assert False
+except OSError as error: assert error.errno == 16
+os.pwrite(a, large[:70000], 0)
+try: os.close(a)
+except OSError: pass
+assert open(T + 'a', 'rb').read() == small
+)");
+    EXPECT_TRUE(Eventually([&] { return Sh("ls -A $T").out == "a\n"; }));
+    Remount();
+    ExpectOut("ls -A $T; cmp small $T/a", "a\n");
+}
+
 // What others made a moment ago is replaced as if the kernel had known of it.
 TEST_F(MountCrossing, ARenameOntoWhatIsNotKnownYet) {
     Do("cp small $T/a; cp large $T/c; ! test -e $T/b");

@@ -267,6 +267,7 @@ host::Status ClipWriter::SetRecord() {
 host::Status ClipWriter::Close() {
     const std::lock_guard hold(lock_);
     const host::Status status = SetRecord();
+    closed_ = true;
     over_ = true;
     const host::Status closed = drive_.Process().Close(handle_.Release());
     return status.Ok() ? closed : status;

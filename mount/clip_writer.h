@@ -51,6 +51,7 @@ class ClipWriter {
     [[nodiscard]] std::uint64_t End() const { return end_; }      // bytes that a reader would find
     [[nodiscard]] std::uint64_t Total() const { return total_; }  // of the clip; 0 while its header is not whole
     [[nodiscard]] bool IsOver() const { return over_; }           // closed or given up: nothing can be written any more
+    [[nodiscard]] bool IsClosed() const { return closed_; }       // whole, and about to take its place
     [[nodiscard]] std::optional<std::int64_t> Time() const;
 
     [[nodiscard]] bool IsWhole() const;
@@ -100,6 +101,7 @@ class ClipWriter {
     // Changed with the lock held.
     std::atomic<bool> made_ = false;  // the file is there
     std::atomic<bool> over_ = false;
+    std::atomic<bool> closed_ = false;
     std::atomic<std::uint64_t> end_ = 0;
     std::atomic<std::uint64_t> total_ = 0;
     std::atomic<std::int64_t> time_ = 0;  // 0: none

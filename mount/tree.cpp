@@ -205,7 +205,8 @@ bool Tree::RememberMissing(const NodePointer& folder, const std::u16string& key,
 Snapshot Tree::Look(const NodePointer& node) {
     const std::lock_guard hold(lock_);
     Snapshot snapshot = {node->inode, node->kind, node->level, node->gone, node->size, node->time};
-    if (node->IsUnderWay()) {
+    // Until the copy has its place too: the kernel would remember the size before.
+    if (node->IsUnderWay() || (node->writer != nullptr && node->writer->IsClosed())) {
         snapshot.size = node->writer->End();
         snapshot.time = node->writer->Time().value_or(snapshot.time);
     }

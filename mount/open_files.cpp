@@ -12,7 +12,7 @@
 namespace mount {
 namespace {
 
-constexpr auto kCloseWait = std::chrono::milliseconds(200);
+constexpr auto kCloseWait = std::chrono::milliseconds(100);
 constexpr auto kCloseStep = std::chrono::milliseconds(2);
 constexpr std::uint32_t kReaders = host::access::kReadData | host::access::kReadAttributes;
 

@@ -297,6 +297,10 @@ std::size_t AddRow(fuse_req_t request, const OpenFolder& folder, const FileSyste
                    std::size_t room, off_t next) {
     FileSystem& files = FilesOf(request);
     const bool isDots = row.name == "." || row.name == "..";
+    // What has left the folder since it was listed: the kernel would remember it under that name.
+    if (!isDots && files.Nodes().ParentOf(row.node) != folder.node) {
+        return 0;
+    }
     const Snapshot facts = files.Nodes().Look(row.node);
     if (!plus) {
         const struct stat status = StatOf(facts, ContextOf(request).options);
@@ -308,10 +312,6 @@ std::size_t AddRow(fuse_req_t request, const OpenFolder& folder, const FileSyste
     fuse_entry_param entry = EntryOf(request, found);
     if (isDots) {
         entry.ino = 0;  // not a look-up
-    // What has left the folder since it was listed: the kernel would remember it under that name.
-    if (!isDots && files.Nodes().ParentOf(row.node) != folder.node) {
-        return 0;
-    }
     }
     const std::size_t taken = fuse_add_direntry_plus(request, place, room, row.name.c_str(), &entry, next);
     if (taken <= room && !isDots) {

@@ -10,7 +10,18 @@ namespace fuzz {
 namespace {
 
 // What the next byte asks for.
-enum Step : std::uint8_t { kKnownCode, kOddCode, kCloseAll, kOpenAll, kUse, kPort, kMedia, kMediaAgain, kOpenMedia };
+enum Step : std::uint8_t {
+    kKnownCode,
+    kOddCode,
+    kCloseAll,
+    kOpenAll,
+    kUse,
+    kPort,
+    kMedia,
+    kMediaAgain,
+    kOpenMedia,
+    kAside
+};
 
 // Requests as recorders, players and movers make them: their words as they should be. What is sent is mostly that.
 constexpr std::uint32_t kFile = 0x81000000;   // the file's handle
@@ -182,11 +193,13 @@ class Caller {
     }
 
     void Use() {
-        const host::Handle handle = Other();
+        const host::Handle handle = Media();
         std::vector<std::byte> buffer(600);
         std::vector<host::DirectoryEntry> entries;
         host::FileFacts facts;
-        switch (input_.Take<std::uint8_t>() % 6) {
+        const auto what = input_.Take<std::uint8_t>() % 11;
+        const std::uint32_t kind = what < 5 || what > 9 ? 0 : input_.Take<std::uint8_t>() % 48;  // of information
+        switch (what) {
             case 0:
                 (void)user_.Read(handle, buffer, input_.Take<std::uint16_t>());
                 break;
@@ -202,8 +215,45 @@ class Caller {
             case 4:
                 (void)user_.Write(handle, buffer, input_.Take<std::uint16_t>());
                 break;
+            case 5:
+                (void)user_.QueryInformation(handle, kind, buffer);
+                break;
+            case 6:
+                (void)user_.QueryVolumeInformation(handle, kind, buffer);
+                break;
+            case 7:
+                (void)user_.SetInformation(handle, kind, input_.TakeBytes(input_.Take<std::uint8_t>()));
+                break;
+            case 8:
+                (void)user_.SetVolumeInformation(handle, kind, input_.TakeBytes(input_.Take<std::uint8_t>()));
+                break;
+            case 9:
+                (void)user_.QueryDirectory(handle, {.informationClass = kind, .pattern = u"*.R?V"}, buffer);
+                break;
             default:
                 (void)host::SetDeleteOnCleanup(user_, handle, (input_.Take<std::uint8_t>() & 1) != 0);
+        }
+    }
+    // What may end at any time, or not before its handle closes.
+    void SendAside() {
+        const auto how = input_.Take<std::uint8_t>();
+        const auto offset = input_.Take<std::uint16_t>();
+        const auto buffer = std::make_shared<std::vector<std::byte>>((how & 8) != 0 ? 2000 : 0);
+        const auto done = [buffer](host::IoResult) {};
+        if (aside_.size() < 4) {
+            constexpr const char16_t* kPaths[] = {u"P:\\", u"P:\\RZV\\V\\A", u"P:\\RZV\\V\\A\\ONE.RZV",
+                                                  u"P:\\FRM\\V\\A\\ONE.RZV\\ONE0001.FRM"};
+            aside_.push_back(Opened(user_, {.path = kPaths[aside_.size()], .access = kReadWrite, .overlapped = true}));
+        }
+        const host::Handle handle = aside_[(how >> 4) % aside_.size()].Get();
+        if ((how & 3) == 0) {
+            (void)user_.WriteOverlapped(handle, *buffer, offset, done, nullptr);
+        } else if ((how & 3) == 1) {
+            (void)user_.ReadOverlapped(handle, *buffer, offset, done, nullptr);
+        } else if ((how & 3) == 2) {
+            (void)user_.NotifyChangeDirectory(handle, how, (how & 4) != 0, *buffer, done, nullptr);
+        } else {
+            user_.CancelAll(handle);
         }
     }
 
@@ -348,7 +398,10 @@ class Caller {
     void Rename(host::Handle file) {
         constexpr const char16_t* kNames[] = {u"P:\\RZV\\V\\B\\RENAMED.RZV", u"RENAMED.RZV", u"ONE.RZV", u"KEPT.RZV",
                                               u"P:\\RZV\\V\\C\\KEPT.RZV",    u"ONE0002.FRM", u"note2",   u""};
-        (void)host::Rename(user_, file, kNames[input_.Take<std::uint8_t>() % std::size(kNames)]);
+        const bool renamed = host::Rename(user_, file, kNames[input_.Take<std::uint8_t>() % std::size(kNames)]).Ok();
+        std::vector<host::DirectoryEntry> volumes;
+        (void)host::ListDirectory(user_, Open(u"P:\\RZV").Get(), volumes, u"V");
+        formatted_ = formatted_ || (renamed && volumes.empty());
     }
     void WriteAnything(host::Handle file) {
         const auto how = input_.Take<std::uint8_t>();
@@ -370,6 +423,7 @@ class Caller {
     bool formatted_ = false;
     host::ScopedHandle service_;
     std::vector<host::ScopedHandle> others_;
+    std::vector<host::ScopedHandle> aside_;
 };
 
 }  // namespace
@@ -401,9 +455,18 @@ void WriteSeeds(Seeds& seeds) {
     format.insert(format.begin(), kCloseAll);
     format.insert(format.end(), {kOpenAll, kUse, 3, 1});
     seeds.Add(format);
-    for (std::uint8_t use = 0; use < 5; ++use) {
+    for (std::uint8_t use = 0; use < 11; ++use) {
         seeds.Add({kUse, 4, use, 0, 0, kUse, 3, use, 0, 0, kUse, 2, use, 0, 0});
+        seeds.Add({kUse, 1, use, 1, 0, kUse, 2, use, 3, 0, kUse, 4, use, 34, 0});
     }
+    for (const std::uint8_t size : {19, 20}) {
+        seeds.Add({kOpenMedia, 0, 6, 0, kMedia, kWrite, 0, 1, 0, 0, kUse, 0, 7, size, 8, 16, 0, 0, 0, 0, 0, 0, 0});
+    }
+    seeds.Add({kUse, 1, 8, 2, 8, 4, 0, 0, 0, 'W', 0, 'W', 0});  // a label
+    for (const std::uint8_t folder : {10, 11}) {
+        seeds.Add({kCloseAll, kOpenMedia, 0, folder, 0, kMedia, kRename, 0, 1, kAside, 0x0E, 0, 0, kAside, 0x1E, 0, 0});
+    }
+    seeds.Add({kAside, 0x0E, 0, 0, kAside, 0x1F, 0, 0, kAside, 0x29, 0, 0, kAside, 0x39, 0, 0, kAside, 0x38, 0, 0});
     // A clip recorded, settled, moved and renamed, and each request on files opened in each way.
     const std::uint8_t file = 0x00;
     for (const std::uint8_t alpha : {0, 1}) {

@@ -102,17 +102,18 @@ bool ChangeWatch::ReadAgain() {
     return all;
 }
 
-// The next request goes out before anything is read, so no change falls between the two. What could not be read is
-// tried again: nobody reports that change once more.
+// The next request goes out before anything is read, so no change falls between the two. Everything is read once more
+// when something could not be read, since nobody reports that change again; and a moment after a handle's first
+// request, which the driver takes to a thread of its own and notes no change before it is there.
 void ChangeWatch::Run() {
-    bool missed = false;
+    bool again = true;
     while (true) {
         bool ended = false;
         bool reported = false;
         {
             std::unique_lock hold(lock_);
             const auto isOver = [this] { return stop_ || !asked_; };
-            missed ? (void)woken_.wait_for(hold, kRetry, isOver) : woken_.wait(hold, isOver);
+            again ? (void)woken_.wait_for(hold, kRetry, isOver) : woken_.wait(hold, isOver);
             if (stop_) {
                 return;
             }
@@ -132,8 +133,8 @@ void ChangeWatch::Run() {
             }
         }
         const Clock::time_point begin = Clock::now();
-        missed = !ReadAgain();
-        drive_.watched = !missed;
+        drive_.watched = ReadAgain();
+        again = !drive_.watched || (ended && !reported);
         if (!Wait((Clock::now() - begin) * kReadingShare)) {
             return;
         }

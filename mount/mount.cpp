@@ -23,14 +23,24 @@ namespace {
 
 constexpr int kWake = SIGURG;  // which nobody minds
 
-// libfuse tells its troubles on standard error only.
+// The kernel lets nobody in but who mounted, unless others are allowed; where that one owns everything and may do
+// everything with it, permissions have nothing to decide. The kernel's check of them costs a request for the folder's
+// attributes after each change of a name in it.
+bool HasPermissionsToCheck(const Options& options) {
+    const bool ownerMayAll =
+        (options.folderMode & S_IRWXU) == S_IRWXU && (options.fileMode & (S_IRUSR | S_IWUSR)) == (S_IRUSR | S_IWUSR);
+    return options.allowOther || options.owner != ::geteuid() || !ownerMayAll;
+}
+
 std::string SessionOptions(const Options& options, bool readOnly) {
-    std::string text = "fsname=vrkfs,subtype=vrkfs,default_permissions";
+    std::string text = "fsname=vrkfs,subtype=vrkfs";
+    text += HasPermissionsToCheck(options) ? ",default_permissions" : "";
     text += readOnly ? ",ro" : "";
     text += options.allowOther ? ",allow_other" : "";
     return text;
 }
 
+// libfuse tells its troubles on standard error only.
 void LogLibrary(fuse_log_level level, const char* format, va_list values) {
     // What it says when a mount ends under it is no news.
     if (level <= FUSE_LOG_ERR) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -171,6 +172,16 @@ void GetAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info* /*info*
         }
         const struct stat status = StatOf(facts, ContextOf(request).options);
         (void)fuse_reply_attr(request, &status, seconds);
+    });
+}
+
+// Asked only where the kernel checks no permissions: whoever comes may read and write, but run nothing that cannot be.
+void MayAccess(fuse_req_t request, fuse_ino_t inode, int mask) {
+    Guarded(request, [&] {
+        const NodePointer node = NodeOf(request, inode);
+        const bool runs = node != nullptr && !node->IsFolder() && (mask & X_OK) != 0;
+        const bool refused = runs && (ContextOf(request).options.fileMode & (S_IXUSR | S_IXGRP | S_IXOTH)) == 0;
+        Answer(request, node == nullptr ? ENOENT : refused ? EACCES : 0);
     });
 }
 
@@ -577,6 +588,7 @@ constexpr fuse_lowlevel_ops MakeRequests() {
     requests.forget = &Forget;
     requests.forget_multi = &ForgetMany;
     requests.getattr = &GetAttributes;
+    requests.access = &MayAccess;
     requests.setattr = &SetAttributes;
     requests.mknod = &MakeNode;
     requests.mkdir = &MakeFolder;

@@ -30,11 +30,6 @@ bool Decode(const Frame& frame, std::uint32_t stream, std::uint32_t field, JpegI
     return true;
 }
 
-bool Unknown(std::uint32_t stream, std::uint32_t field, std::string& problem) {
-    problem = NameOf(stream, field) + " is neither lines of 4:2:2 nor a JPEG image";
-    return false;
-}
-
 // ---- A JPEG image's rows and a picture's ----
 
 void RowToPicture(const std::uint8_t* row, std::uint32_t stream, std::uint8_t* pixels, std::uint32_t step) {
@@ -66,17 +61,25 @@ bool Encode(const JpegImage& image, std::uint32_t stream, std::uint32_t field, B
     return false;
 }
 
+// What a field holds; `image` is the one it holds as JPEG. False: nothing that can be read.
+bool ReadField(const Frame& frame, std::uint32_t stream, std::uint32_t field, FieldContent& content, JpegImage& image,
+               std::string& problem, std::string& note) {
+    content = ContentOf(frame, stream, field);
+    if (content == FieldContent::kUnknown) {
+        problem = NameOf(stream, field) + " is neither lines of 4:2:2 nor a JPEG image";
+        return false;
+    }
+    return content != FieldContent::kJpeg || Decode(frame, stream, field, image, problem, note);
+}
+
 // ---- Fields and a picture ----
 
 bool FieldToPicture(const Frame& frame, std::uint32_t stream, std::uint32_t field, Picture& picture,
                     std::string& problem, std::string& note) {
     const Bytes& bytes = frame.fields[stream][field];
     JpegImage image;
-    const FieldContent content = ContentOf(frame, stream, field);
-    if (content == FieldContent::kUnknown) {
-        return Unknown(stream, field, problem);
-    }
-    if (content == FieldContent::kJpeg && !Decode(frame, stream, field, image, problem, note)) {
+    FieldContent content{};
+    if (!ReadField(frame, stream, field, content, image, problem, note)) {
         return false;
     }
     for (std::uint32_t line = 0; line < frame.FieldLines(); ++line) {
@@ -110,7 +113,8 @@ bool PictureToField(const Picture& picture, Frame& frame, std::uint32_t stream, 
                     std::string& problem) {
     const FieldContent content = ContentOf(frame, stream, field);
     if (content == FieldContent::kUnknown) {
-        return Unknown(stream, field, problem);
+        problem = NameOf(stream, field) + " is neither lines of 4:2:2 nor a JPEG image";
+        return false;
     }
     if (content == FieldContent::kJpeg) {
         return PictureToJpegField(picture, frame, stream, field, problem);
@@ -157,11 +161,8 @@ void LineToRow(const std::uint8_t* line, std::uint32_t stream, std::uint8_t* row
 bool FieldToLines(const Frame& frame, std::uint32_t stream, std::uint32_t field, std::uint8_t* lines,
                   std::string& problem, std::string& note) {
     JpegImage image;
-    const FieldContent content = ContentOf(frame, stream, field);
-    if (content == FieldContent::kUnknown) {
-        return Unknown(stream, field, problem);
-    }
-    if (content == FieldContent::kJpeg && !Decode(frame, stream, field, image, problem, note)) {
+    FieldContent content{};
+    if (!ReadField(frame, stream, field, content, image, problem, note)) {
         return false;
     }
     for (std::uint32_t line = 0; line < frame.FieldLines(); ++line) {
@@ -180,11 +181,8 @@ bool LinesToField(const std::uint8_t* lines, Frame& frame, std::uint32_t stream,
     Bytes& bytes = frame.fields[stream][field];
     JpegImage image;
     std::string note;
-    const FieldContent content = ContentOf(frame, stream, field);
-    if (content == FieldContent::kUnknown) {
-        return Unknown(stream, field, problem);
-    }
-    if (content == FieldContent::kJpeg && !Decode(frame, stream, field, image, problem, note)) {
+    FieldContent content{};
+    if (!ReadField(frame, stream, field, content, image, problem, note)) {
         return false;
     }
     const std::uint32_t rows = content == FieldContent::kJpeg ? image.height : frame.FieldLines();

@@ -3,10 +3,10 @@
 
 #include "tool/advice.h"
 #include "tool/cli/commands.h"
+#include "tool/cli/volume_choice.h"
 #include "tool/file_placement.h"
 #include "tool/interrupt.h"
 #include "tool/text.h"
-#include "tool/volume_list.h"
 
 namespace tool {
 namespace {
@@ -113,24 +113,17 @@ Result ChooseVolumes(Session& session, const OwnerOptions& options, std::vector<
         }
         name = typed->names.front();
     }
-    for (const host::CardFacts& card : session.Cards()) {
-        std::vector<Volume> volumes;
-        const host::Status status = ListVolumes(session.Process(), card.index, volumes);
-        if (!status.Ok()) {
-            return DriverFailure(Operation::kListVolumes,
-                                 "cannot list the volumes of card " + std::to_string(card.index), status);
+    Result failure = ForEachVolume(session, [&](const DrivePath& path, const Volume& volume) -> Result {
+        if ((volume.flags & VRKFS_VOLUME_HIDDEN) == 0 && (!name || *name == volume.name)) {
+            chosen.push_back(path);
         }
-        for (const Volume& volume : volumes) {
-            if ((volume.flags & VRKFS_VOLUME_HIDDEN) == 0 && (!name || *name == volume.name)) {
-                chosen.push_back({card.driveLetter, card.index, {u"RZV", volume.name}});
-            }
-        }
-    }
-    if (chosen.empty()) {
+        return std::nullopt;
+    });
+    if (!failure && chosen.empty()) {
         return Failure{.what = "there is no volume" + (name ? " '" + DisplayName(*name) + "'" : std::string()),
                        .advice = "see vrkfs volumes (a name is taken as it is spelled there)"};
     }
-    return std::nullopt;
+    return failure;
 }
 
 }  // namespace

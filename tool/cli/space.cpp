@@ -8,6 +8,7 @@
 #include "tool/advice.h"
 #include "tool/card_control.h"
 #include "tool/cli/commands.h"
+#include "tool/cli/volume_choice.h"
 #include "tool/text.h"
 
 namespace tool {
@@ -161,27 +162,15 @@ Result Estimate(Session& session, const Output& output, const EstimateOptions& o
 }
 
 Result EstimateAll(Session& session, const Output& output, const EstimateOptions& options) {
-    for (const host::CardFacts& card : session.Cards()) {
-        std::vector<Volume> volumes;
-        const host::Status status = ListVolumes(session.Process(), card.index, volumes);
-        if (!status.Ok()) {
-            return DriverFailure(Operation::kListVolumes,
-                                 "cannot list the volumes of card " + std::to_string(card.index), status);
+    return ForEachVolume(session, [&](const DrivePath& path, const Volume& volume) -> Result {
+        VolumeSpace space;
+        if ((volume.flags & VRKFS_VOLUME_HIDDEN) != 0 ||
+            !MeasureVolume(session.Process(), path.card, path.drive, volume.name, space).Ok()) {
+            output.Notice("volume " + DisplayName(volume.name) + " cannot be opened: see vrkfs volumes");
+            return std::nullopt;
         }
-        for (const Volume& volume : volumes) {
-            VolumeSpace space;
-            if ((volume.flags & VRKFS_VOLUME_HIDDEN) != 0 ||
-                !MeasureVolume(session.Process(), card.index, card.driveLetter, volume.name, space).Ok()) {
-                output.Notice("volume " + DisplayName(volume.name) + " cannot be opened: see vrkfs volumes");
-                continue;
-            }
-            if (Result failure =
-                    Estimate(session, output, options, {card.driveLetter, card.index, {u"RZV", volume.name}})) {
-                return failure;
-            }
-        }
-    }
-    return std::nullopt;
+        return Estimate(session, output, options, path);
+    });
 }
 
 int RunEstimate(const CommonOptions& common, const EstimateOptions& options) {

@@ -4,7 +4,6 @@
 
 #include "tool/advice.h"
 #include "tool/text.h"
-#include "tool/volume_list.h"
 
 namespace tool {
 namespace {
@@ -12,19 +11,15 @@ namespace {
 Result FindOnlyVolume(Session& session, DrivePath& path) {
     std::string all;
     std::size_t count = 0;
-    for (const host::CardFacts& card : session.Cards()) {
-        std::vector<Volume> volumes;
-        const host::Status status = ListVolumes(session.Process(), card.index, volumes);
-        if (!status.Ok()) {
-            return DriverFailure(Operation::kListVolumes,
-                                 "cannot list the volumes of card " + std::to_string(card.index), status);
+    Result failure = ForEachVolume(session, [&](const DrivePath& found, const Volume& volume) -> Result {
+        if ((volume.flags & VRKFS_VOLUME_HIDDEN) == 0) {
+            path = found;
+            all += (count++ == 0 ? "" : ", ") + path.Display();
         }
-        for (const Volume& volume : volumes) {
-            if ((volume.flags & VRKFS_VOLUME_HIDDEN) == 0) {
-                path = {card.driveLetter, card.index, {u"RZV", volume.name}};
-                all += (count++ == 0 ? "" : ", ") + path.Display();
-            }
-        }
+        return std::nullopt;
+    });
+    if (failure) {
+        return failure;
     }
     if (count == 0) {
         return Failure{.what = "the station has no volume that can be opened", .advice = "see vrkfs volumes"};
@@ -33,6 +28,23 @@ Result FindOnlyVolume(Session& session, DrivePath& path) {
 }
 
 }  // namespace
+
+Result ForEachVolume(Session& session, const std::function<Result(const DrivePath& path, const Volume& volume)>& work) {
+    for (const host::CardFacts& card : session.Cards()) {
+        std::vector<Volume> volumes;
+        const host::Status status = ListVolumes(session.Process(), card.index, volumes);
+        if (!status.Ok()) {
+            return DriverFailure(Operation::kListVolumes,
+                                 "cannot list the volumes of card " + std::to_string(card.index), status);
+        }
+        for (const Volume& volume : volumes) {
+            if (Result failure = work({card.driveLetter, card.index, {u"RZV", volume.name}}, volume)) {
+                return failure;
+            }
+        }
+    }
+    return std::nullopt;
+}
 
 int RunOnVolume(const CommonOptions& options, const Output& output, const std::string& path,
                 const std::function<Result(Session&, const DrivePath&)>& work) {

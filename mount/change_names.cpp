@@ -290,6 +290,9 @@ int FileSystem::RenameAtWork(const Place& asked, const Place& to, std::string_vi
         caches_.ForgetName(from.folder->inode, own);
     }
     tree_->Move(node, to.folder, to.name, newSpelling);
+    if (replaces) {
+        tree_->AwaitAs(node, target);
+    }
     if (const auto writer = tree_->WriterOf(node); writer != nullptr && writer->HasFile()) {
         writer->SetPath(tree_->PathOf(node));
     }

@@ -228,9 +228,12 @@ ClipWriter::Outcome ClipWriter::FillTo(std::uint64_t offset) {
     return {};
 }
 
-host::Status ClipWriter::Read(std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count) {
+std::optional<host::Status> ClipWriter::Read(std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count) {
     const std::lock_guard hold(lock_);
     count = 0;
+    if (over_) {
+        return std::nullopt;
+    }
     if (offset >= end_) {
         return host::status::kSuccess;
     }

@@ -63,7 +63,8 @@ class ClipWriter {
     // Zeros up to there, as for a file with a hole at its end.
     [[nodiscard]] Outcome Extend(std::uint64_t size);
     // What has been written so far.
-    [[nodiscard]] host::Status Read(std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count);
+    [[nodiscard]] std::optional<host::Status> Read(std::uint64_t offset, std::span<std::byte> buffer,
+                                                   std::size_t& count);
 
     // The time that the clip gets when it is closed.
     void SetTime(std::int64_t time) { time_ = time; }

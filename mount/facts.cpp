@@ -51,6 +51,7 @@ int FileSystem::SetTime(const NodePointer& node, std::int64_t time) {
         writer->SetTime(time);
         return 0;
     }
+    const FolderAtWork at = WorkAround(node);
     const std::u16string path = tree_->PathOf(node);
     if (path.empty()) {
         return ENOENT;

@@ -53,9 +53,12 @@ struct OpenFile {
     Tree::Opening opening;
     bool passes = false;  // its bytes go straight to the driver: the command port, frame and RAM files
     bool keepPages = false;
+    std::atomic<bool> isOpened = false;  // it has its handle
+    std::atomic<bool> hasRead = false;
     std::atomic<bool> wrote = false;  // its program is told at its close if the copy is not whole
     std::mutex lock;                  // guards the following
     host::ScopedHandle handle;
+    std::shared_ptr<ClipWriter> copy;  // that is read as long as there is no handle
     ReadOrder order;
 
     bool IsDirect() const { return !opening.cached; }
@@ -181,9 +184,13 @@ class FileSystem {
     [[nodiscard]] int OpenPassing(const NodePointer& node, int flags, OpenFile& file);
     [[nodiscard]] int OpenReader(OpenFile& file);
     void AwaitClose(const NodePointer& node);
+    void OpenForReaders(const NodePointer& node);
+    void LeaveToReaders(const NodePointer& node);
     [[nodiscard]] int OpenWriter(OpenFile& file, int flags);
     void Count(OpenFile& file);
-    [[nodiscard]] int OpenHandle(OpenFile& file, bool cached);
+    [[nodiscard]] int OpenHandle(OpenFile& file, bool cached, Tree::Opening& opening);
+    [[nodiscard]] std::shared_ptr<ClipWriter> CopyToRead(OpenFile& file);
+    [[nodiscard]] int OpenAfterCopy(OpenFile& file);
     [[nodiscard]] int ReadHandle(OpenFile& file, std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count);
     [[nodiscard]] int TruncatePassing(const NodePointer& node, std::uint64_t size);
     [[nodiscard]] int TruncateClip(const NodePointer& node, const OpenFile* file, std::uint64_t size);

@@ -37,6 +37,7 @@ void KernelCaches::ForgetInode(std::uint64_t inode, bool pages) {
 void KernelCaches::Add(Item item) {
     {
         const std::lock_guard hold(lock_);
+        untold_.insert(item.inode);
         items_.push_back(std::move(item));
     }
     changed_.notify_one();
@@ -54,7 +55,17 @@ void KernelCaches::Run() {
         hold.unlock();
         Tell(item);
         hold.lock();
+        untold_.erase(untold_.find(item.inode));
     }
+}
+
+bool KernelCaches::IsBeingTold(std::uint64_t inode) {
+    const std::lock_guard hold(lock_);
+    return untold_.contains(inode);
+}
+
+void KernelCaches::ForgetSizeNow(std::uint64_t inode) const {
+    Tell({Item::Kind::kAttributes, inode, 0, {}});
 }
 
 // What the kernel does not know needs no telling, so failures mean nothing.

@@ -1,5 +1,6 @@
 // Tells the kernel what of its caches no longer holds. The kernel takes a folder's lock for that, which it may be
-// holding for a request that waits here, so nothing is told from within a request: a thread of its own does.
+// holding for a request that waits here, so but for one thing nothing is told from within a request: a thread of its
+// own does.
 #pragma once
 
 #include <condition_variable>
@@ -8,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_set>
 
 struct fuse_session;
 
@@ -26,6 +28,11 @@ class KernelCaches {
     void TellRemoved(std::uint64_t folder, std::uint64_t inode, std::string name);
     // Size and time, and with `pages` the bytes.
     void ForgetInode(std::uint64_t inode, bool pages);
+    // Whether something of it is still to be told.
+    [[nodiscard]] bool IsBeingTold(std::uint64_t inode);
+    // Size and time, from within the request that opens it: takes no lock that could be held for one, nor waits for
+    // pages.
+    void ForgetSizeNow(std::uint64_t inode) const;
 
   private:
     struct Item {
@@ -43,6 +50,7 @@ class KernelCaches {
     std::mutex lock_;  // guards the following
     std::condition_variable changed_;
     std::deque<Item> items_;
+    std::unordered_multiset<std::uint64_t> untold_;  // inodes
     bool stop_ = false;
 };
 

@@ -90,11 +90,18 @@ struct Node {
     unsigned cachedOpens = 0;            // those of them whose pages are kept
     unsigned staleReaders = 0;           // of earlier generations
     bool mayHavePages = false;           // with the kernel
+    bool pagesHold = false;              // there are none of what was there before
+    bool sizeMayDiffer = false;          // the kernel may know another one
     std::size_t childrenHeld = 0;        // children that are held
     std::shared_ptr<ClipWriter> writer;  // a copy under way, or about to begin
     bool truncated = false;              // the copy replaces what is there: nothing of that is seen any more
     // Whether the name stands for a copy under way.
     bool IsUnderWay() const { return writer != nullptr && !writer->IsOver() && (truncated || writer->HasFile()); }
+
+    // When it took another's name. The program that this was done for comes back at once to copy onto it, whoever reads
+    // it by then: so that the copy cuts nobody off, no pages are kept yet.
+    Clock::time_point renewed{};
+    bool IsAwaited() const { return Clock::now() - renewed < std::chrono::milliseconds(250); }
 
     std::unique_ptr<Listing> listing;  // of a folder; the pointer never changes
 };

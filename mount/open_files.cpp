@@ -23,7 +23,7 @@ bool Writes(int flags) {
 }  // namespace
 
 // Pages are kept for a reader beside whom nobody can write. Who finds a writer there already reads past them.
-int FileSystem::OpenHandle(OpenFile& file, bool cached) {
+int FileSystem::OpenHandle(OpenFile& file, bool cached, Tree::Opening& opening) {
     Drive& drive = *file.node->drive;
     const std::u16string path = tree_->PathOf(file.node);
     if (path.empty()) {
@@ -31,7 +31,7 @@ int FileSystem::OpenHandle(OpenFile& file, bool cached) {
     }
     constexpr std::uint32_t kNoWriters = host::share::kRead | host::share::kDelete;
     host::OpenResult opened = drive.Open(path, kReaders, cached ? kNoWriters : host::share::kAll);
-    file.opening.cached = cached && opened.status.Ok();
+    opening.cached = cached && opened.status.Ok();
     if (cached && opened.status == host::status::kSharingViolation) {
         opened = drive.Open(path, kReaders, host::share::kAll);
     }
@@ -41,7 +41,7 @@ int FileSystem::OpenHandle(OpenFile& file, bool cached) {
     file.handle = host::ScopedHandle(*process_, opened.handle);
     Facts facts;
     if (drive.Look(opened.handle, facts).Ok()) {
-        tree_->SetFacts(file.node, facts, &file.opening);
+        tree_->SetFacts(file.node, facts, &opening);
     }
     return 0;
 }
@@ -56,6 +56,7 @@ int FileSystem::OpenPassing(const NodePointer& node, int flags, OpenFile& file) 
     }
     file.passes = true;
     file.handle = host::ScopedHandle(*process_, opened.handle);
+    file.isOpened = true;
     if (node->kind != Kind::kPort && (flags & O_TRUNC) != 0) {
         return Truncate(node, &file, 0);
     }
@@ -80,13 +81,25 @@ bool FileSystem::IsStale(const NodePointer& node, bool writes) {
     return tree_->Look(node).gone;
 }
 
+// No copy takes its place and no name changes meanwhile: the clip under the name is the node's. The kernel is to ask
+// for its size before the first byte, where it may know another clip's; that waits for nobody, so the lock may be held.
 int FileSystem::OpenReader(OpenFile& file) {
-    const bool cached = tree_->CanCache(file.node, file.opening);
-    const int error = tree_->IsUnderWay(file.node) ? 0 : OpenHandle(file, cached);
-    if (error == 0) {
-        Count(file);
+    const FolderAtWork at = WorkAround(file.node);
+    if (at.folder == nullptr) {
+        return ESTALE;
     }
-    return error;
+    const bool cached = tree_->CanCache(file.node, file.opening);
+    if (CopyToRead(file) == nullptr) {
+        if (const int error = OpenHandle(file, cached, file.opening); error != 0) {
+            return error;
+        }
+        file.isOpened = true;
+    }
+    Count(file);
+    if (tree_->MustAskSize(file.node, file.opening)) {
+        caches_.ForgetSizeNow(file.node->inode);
+    }
+    return 0;
 }
 
 // The kernel tells of a close in its own time, and maybe after the open that came next: what is left of a copy then is
@@ -98,6 +111,23 @@ void FileSystem::AwaitClose(const NodePointer& node) {
     };
     for (auto waited = kCloseStep * 0; isHeld() && waited < kCloseWait; waited += kCloseStep) {
         std::this_thread::sleep_for(kCloseStep);
+    }
+}
+
+// The kernel keeps one size for a node, and who reads its pages would find the clip cut off, or go on in zeros, where
+// the copy has got to. They keep the node, and what they have open; the name gets another for the copy.
+void FileSystem::LeaveToReaders(const NodePointer& node) {
+    OpenForReaders(node);
+    tree_->Renew(node);
+}
+
+// Who has read of a copy goes on in it when another takes its place. The folder's work is held.
+void FileSystem::OpenForReaders(const NodePointer& node) {
+    const std::lock_guard hold(opensLock_);
+    for (OpenFile* const file : opens_) {
+        if (file->node == node && !file->opening.writes && !file->isOpened) {
+            (void)OpenAfterCopy(*file);
+        }
     }
 }
 
@@ -117,6 +147,10 @@ int FileSystem::OpenWriter(OpenFile& file, int flags) {
     }
     if (at.folder == nullptr || tree_->Look(node).gone) {
         return ESTALE;
+    }
+    if ((flags & O_TRUNC) != 0 && tree_->HasReadersOfPages(node)) {
+        LeaveToReaders(node);
+        return ESTALE;  // the kernel looks again
     }
     const std::shared_ptr<ClipWriter> writer = tree_->NeedWriter(node);
     if ((flags & O_TRUNC) != 0 && writer->HasBytes()) {
@@ -175,26 +209,50 @@ int FileSystem::ReadHandle(OpenFile& file, std::uint64_t offset, std::span<std::
     return journal_.Refused(Operation::kRead, tree_->Display(file.node), result.status);
 }
 
+// The copy that a file without a handle shows. Who reads one keeps to it: another that has begun since is another
+// clip's.
+std::shared_ptr<ClipWriter> FileSystem::CopyToRead(OpenFile& file) {
+    const std::lock_guard hold(file.lock);
+    if (file.opening.writes || file.copy == nullptr || !file.copy->HasBytes()) {
+        file.copy = tree_->IsUnderWay(file.node) ? tree_->WriterOf(file.node) : nullptr;
+    }
+    return file.copy;
+}
+
+// The copy has ended; when it has its place, or has been given up, what is under the name is read. The folder's work is
+// held.
+int FileSystem::OpenAfterCopy(OpenFile& file) {
+    const std::lock_guard hold(file.lock);
+    if (file.isOpened) {
+        return 0;
+    }
+    // What has been read of it belongs to no clip.
+    if (file.hasRead && file.copy != nullptr && !file.copy->IsClosed()) {
+        return ESTALE;
+    }
+    Tree::Opening opening = file.opening;  // it stays counted as it was
+    const int error = OpenHandle(file, false, opening);
+    file.isOpened = error == 0;
+    return error;
+}
+
 int FileSystem::Read(OpenFile& file, std::uint64_t offset, std::span<std::byte> buffer, std::size_t& count) {
     count = 0;
-    {
-        std::unique_lock hold(file.lock);
-        if (!file.handle) {
-            const std::shared_ptr<ClipWriter> writer = tree_->WriterOf(file.node);
-            if (writer != nullptr && tree_->IsUnderWay(file.node)) {
-                hold.unlock();
-                const host::Status status = writer->Read(offset, buffer, count);
-                return status.Ok() ? 0 : journal_.Refused(Operation::kRead, tree_->Display(file.node), status);
-            }
-            const Tree::Opening opening = file.opening;
-            const int error = OpenHandle(file, false);
-            file.opening = opening;
-            if (error != 0) {
-                return error;
-            }
+    if (!file.isOpened) {
+        const std::shared_ptr<ClipWriter> copy = CopyToRead(file);
+        if (const auto status = copy == nullptr ? std::nullopt : copy->Read(offset, buffer, count)) {
+            file.hasRead = file.hasRead || (count != 0 && !file.opening.writes);
+            return status->Ok() ? 0 : journal_.Refused(Operation::kRead, tree_->Display(file.node), *status);
+        }
+        const FolderAtWork at = WorkAround(file.node);
+        if (const int error = OpenAfterCopy(file); error != 0) {
+            return error;
         }
     }
     if (file.opening.cached) {
+        if (!file.hasRead.exchange(true)) {
+            tree_->PagesHold(file.node, file.opening);
+        }
         file.order.Enter(offset, buffer.size());
     }
     return ReadHandle(file, offset, buffer, count);

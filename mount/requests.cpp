@@ -221,7 +221,8 @@ void SetAttributes(fuse_req_t request, fuse_ino_t inode, struct stat* wanted, in
         }
         const Snapshot facts = FilesOf(request).Nodes().Look(node);
         const struct stat status = StatOf(facts, ContextOf(request).options);
-        (void)fuse_reply_attr(request, &status, FilesOf(request).FactsSeconds(facts));
+        // The kernel takes this answer even if it has been told since then that it is out of date.
+        (void)fuse_reply_attr(request, &status, node->IsClip() ? 0 : FilesOf(request).FactsSeconds(facts));
     });
 }
 

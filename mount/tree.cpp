@@ -477,6 +477,25 @@ void Tree::Move(const NodePointer& node, const NodePointer& folder, const std::u
     PutInto(folder, node, spelling);
 }
 
+void Tree::Renew(const NodePointer& node) {
+    const std::lock_guard hold(lock_);
+    if (node->parent == nullptr) {
+        return;
+    }
+    const NodePointer folder = node->parent;
+    const NodePointer next = Make(folder, node->name, node->kind, node->drive, node->level);
+    next->size = node->size;
+    next->time = node->time;
+    next->renewed = Clock::now();
+    PutInto(folder, next, {});
+    caches_.ForgetName(folder->inode, TreeName(node->name));
+}
+
+void Tree::AwaitAs(const NodePointer& node, const NodePointer& before) {
+    const std::lock_guard hold(lock_);
+    node->renewed = std::max(node->renewed, before->renewed);
+}
+
 void Tree::Hide(const NodePointer& folder, const std::u16string& name) {
     const std::lock_guard hold(lock_);
     folder->listing->hidden.insert(host::UpcaseName(name));
@@ -501,13 +520,18 @@ void Tree::SetFacts(const NodePointer& node, const Facts& facts, Opening* openin
         BeginGeneration(*node);
         opening->generation = isNext ? node->generation : opening->generation;
     }
-    caches_.ForgetInode(node->inode, opening != nullptr && node->mayHavePages);
+    // Who changes a clip's time has the answer for it.
+    if (opening != nullptr || !node->IsClip()) {
+        caches_.ForgetInode(node->inode, opening != nullptr && node->mayHavePages);
+    }
 }
 
 // Another clip may stand there now: those who have the old one open may bring pages of it, so that as long as they are
 // there nobody's are kept. The lock is held.
 void Tree::BeginGeneration(Node& node) {
     ++node.generation;
+    node.sizeMayDiffer = true;
+    node.pagesHold = false;
     node.staleReaders += std::exchange(node.readers, 0);
     node.cachedOpens = 0;
 }
@@ -515,20 +539,40 @@ void Tree::BeginGeneration(Node& node) {
 bool Tree::CanCache(const NodePointer& node, Opening& opening) {
     const std::lock_guard hold(lock_);
     opening.generation = node->generation;
-    return node->staleReaders == 0 && !node->IsUnderWay();
+    return node->staleReaders == 0 && !node->IsUnderWay() && !node->IsAwaited();
 }
 
 void Tree::Opened(const NodePointer& node, Opening& opening, bool& keep) {
     const std::lock_guard hold(lock_);
     const bool wasHeld = node->IsHeld();
     const bool isCurrent = opening.generation == node->generation;
-    opening.cached = opening.cached && isCurrent && node->staleReaders == 0;
-    keep = opening.cached && node->cachedOpens != 0;
+    // What the kernel is about to be told would make it drop the answer that a reader of pages goes by.
+    opening.cached = opening.cached && isCurrent && node->staleReaders == 0 && !caches_.IsBeingTold(node->inode);
+    keep = opening.cached && node->cachedOpens != 0 && node->pagesHold;
+    node->pagesHold = node->pagesHold && (keep || !opening.cached);
     ++node->opens;
     ++(opening.writes ? node->writers : isCurrent ? node->readers : node->staleReaders);
     node->cachedOpens += opening.cached ? 1 : 0;
     node->mayHavePages = node->mayHavePages || opening.cached;
     HoldChanged(node, wasHeld, Drop::kNo);
+}
+
+// A reader of an earlier clip finds its end, and the kernel takes that for the end of this one, as long as it is there.
+bool Tree::MustAskSize(const NodePointer& node, const Opening& opening) {
+    const std::lock_guard hold(lock_);
+    const bool must = node->sizeMayDiffer;
+    node->sizeMayDiffer = node->sizeMayDiffer && !opening.cached;
+    return must;
+}
+
+bool Tree::HasReadersOfPages(const NodePointer& node) {
+    const std::lock_guard hold(lock_);
+    return node->cachedOpens != 0 && (node->writer == nullptr || node->writer->IsOver()) && !node->IsAwaited();
+}
+
+void Tree::PagesHold(const NodePointer& node, const Opening& opening) {
+    const std::lock_guard hold(lock_);
+    node->pagesHold = opening.generation == node->generation;
 }
 
 bool Tree::Closed(const NodePointer& node, const Opening& opening) {
@@ -572,6 +616,7 @@ bool Tree::IsUnderWay(const NodePointer& node) {
 void Tree::SetTruncated(const NodePointer& node) {
     const std::lock_guard hold(lock_);
     node->truncated = true;
+    node->sizeMayDiffer = true;
 }
 
 bool Tree::IsTruncated(const NodePointer& node) {
@@ -586,6 +631,7 @@ void Tree::WriterDone(const NodePointer& node, const ClipWriter& done, const Fac
         writer = std::exchange(node->writer, nullptr);
         node->truncated = false;
     }
+    node->sizeMayDiffer = true;
     if (facts != nullptr) {
         node->size = facts->size;
         node->time = facts->time;

@@ -66,6 +66,10 @@ class Tree {
     void Remove(const NodePointer& node);
     void Move(const NodePointer& node, const NodePointer& folder, const std::u16string& name,
               std::string_view spelling);
+    // Its name stands for a new node, with the same facts; it keeps what is open.
+    void Renew(const NodePointer& node);
+    // It stands where the other stood, which a program may be coming back for.
+    void AwaitAs(const NodePointer& node, const NodePointer& before);
     void Hide(const NodePointer& folder, const std::u16string& name);
     void Show(const NodePointer& folder, const std::u16string& name);
 
@@ -84,6 +88,13 @@ class Tree {
     // Counts it. One that was to be cached is not when the clip was replaced meanwhile; `keep`: the pages that there
     // are hold.
     void Opened(const NodePointer& node, Opening& opening, bool& keep);
+    // Whether the kernel may know another size than that of the clip which this reader has just opened. It is told with
+    // the folder's work held, before anybody else opens it.
+    [[nodiscard]] bool MustAskSize(const NodePointer& node, const Opening& opening);
+    // Whether somebody has it open whom a copy onto it would cut off.
+    [[nodiscard]] bool HasReadersOfPages(const NodePointer& node);
+    // A cached reader reads: what pages others left was dropped when the kernel had opened it.
+    void PagesHold(const NodePointer& node, const Opening& opening);
     // Returns whether it was the last that could write.
     bool Closed(const NodePointer& node, const Opening& opening);
 

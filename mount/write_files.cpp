@@ -54,6 +54,7 @@ int FileSystem::Create(std::uint64_t folder, std::string_view spelling, bool mus
         status = opened.status;
         if (status.Ok()) {
             file->handle = host::ScopedHandle(*process_, opened.handle);
+            file->isOpened = true;
             status = place.folder->drive->Look(opened.handle, facts);
         }
     } else {
@@ -222,6 +223,9 @@ int FileSystem::Finish(const NodePointer& node, ClipWriter& writer, FolderAtWork
         caches_.TellRemoved(folder->inode, node->inode, TreeName(tree_->NameOf(node)));
     }
     tree_->WriterDone(node, writer, error == 0 ? &facts : nullptr);
+    if (error == 0) {
+        OpenForReaders(node);
+    }
     at.work.unlock();
     return aside.empty() ? error : RemoveOld(folder, aside, tree_->Display(node));
 }

@@ -158,6 +158,61 @@ assert read == large
     others.join();
 }
 
+// The kernel has one size for whatever is under a number: neither a longer clip nor a shorter one, nor what there is of
+// it yet, shows in what somebody has open.
+TEST_F(MountCrossing, AReaderOfTheClipThatIsCopiedOver) {
+    Python(R"(
+def rest(file):
+    read = b''
+    while piece := os.read(file, 100000): read += piece
+    return read
+for before, after in (small, large), (large, small):
+    open(T + 'a', 'wb').write(before)
+    old = os.open(T + 'a', os.O_RDONLY)
+    head = os.read(old, 1000)
+    copy = os.open(T + 'a', W)
+    os.write(copy, after[:90000])
+    begun = head + rest(old)
+    assert begun == before and os.fstat(old).st_size == len(before)
+    os.write(copy, after[90000:])
+    os.close(copy)
+    os.lseek(old, 0, os.SEEK_SET)
+    assert rest(old) == before and os.fstat(old).st_size == len(before)
+    new = os.open(T + 'a', os.O_RDONLY)
+    assert os.fstat(new).st_size == os.stat(T + 'a').st_size == len(after) and rest(new) == after
+    os.close(new)
+    os.close(old)
+    assert open(T + 'a', 'rb').read() == after
+    os.unlink(T + 'a')
+)");
+    ExpectOut("ls -A $T", "");
+}
+
+// Who reads a copy under way reads that one to its end, whatever stands there by then, and of one that was given up
+// nothing more.
+TEST_F(MountCrossing, AReaderOfACopyThatEnds) {
+    Python(R"(
+for before in b'', large:
+    for isWhole in True, False:
+        if before: open(T + 'a', 'wb').write(before)
+        copy = os.open(T + 'a', W)
+        os.write(copy, small[:70000])
+        reader = os.open(T + 'a', os.O_RDONLY)
+        read = os.read(reader, 1000)
+        if isWhole: os.write(copy, small[70000:])
+        try: os.close(copy); assert isWhole
+        except OSError: assert not isWhole
+        open(T + 'a', 'wb').write(large)
+        try:
+            while piece := os.read(reader, 100000): read += piece
+            assert isWhole and read == small
+        except OSError: assert not isWhole and read == small[:1000]
+        os.close(reader)
+        os.unlink(T + 'a')
+)");
+    ExpectOut("ls -A $T", "");
+}
+
 // However the place was named and wherever it is by then, the mount ends when it is told to.
 TEST_F(MountCrossing, EndsWhereverItIs) {
     Do("cp small $T/a");

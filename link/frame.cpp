@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 
 namespace vlink {
 namespace {
 
 constexpr std::size_t kMaxPieces = 4;
 constexpr std::size_t kDescriptorsAtOnce = 4;
+constexpr std::chrono::microseconds kLooking{40};
+constexpr int kMaxSleeps = 127;
 
 // The pieces behind the first `skipped` bytes; how many there are.
 std::size_t Vectors(std::span<const std::span<const std::byte>> pieces, std::size_t skipped, iovec* vectors) {
@@ -97,10 +100,7 @@ FrameReader::Result FrameReader::Fill() {
         message.msg_control = control;
         message.msg_controllen = sizeof(control);
     }
-    ssize_t got = 0;
-    do {
-        got = recvmsg(socket_, &message, MSG_CMSG_CLOEXEC);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = Receive(message);
     if (got < 0) {
         return errno == EAGAIN || errno == EWOULDBLOCK ? Result::kTimeout : Result::kEnd;
     }
@@ -112,6 +112,32 @@ FrameReader::Result FrameReader::Fill() {
     }
     end_ += static_cast<std::size_t>(got);
     return Result::kFrame;
+}
+
+// Waits for something to come. To be put to sleep and woken costs more than most answers take, so it looks about as
+// long as that costs first. Where that was in vain, the other end being slow or the processors busy, it sleeps at once
+// for more and more times before it looks again.
+ssize_t FrameReader::Receive(msghdr& message) {
+    using Clock = std::chrono::steady_clock;
+    ssize_t got = 0;
+    if (sleeps_ > 0) {
+        --sleeps_;
+    } else {
+        const Clock::time_point end = Clock::now() + kLooking;
+        do {
+            got = recvmsg(socket_, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+            if (got >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) {
+                inVain_ = 0;
+                return got;
+            }
+        } while (Clock::now() < end);
+        inVain_ = std::min(2 * inVain_ + 1, kMaxSleeps);
+        sleeps_ = inVain_;
+    }
+    do {
+        got = recvmsg(socket_, &message, MSG_CMSG_CLOEXEC);
+    } while (got < 0 && errno == EINTR);
+    return got;
 }
 
 bool FrameReader::TakeDescriptors(msghdr& message) {

@@ -67,13 +67,16 @@ class FrameReader {
     FrameHeader PeekHeader() const;
     bool Check(const FrameHeader& header);
     Result Fill();
+    ssize_t Receive(msghdr& message);
     bool TakeDescriptors(msghdr& message);
 
     const int socket_;
     const bool takesDescriptors_;
     std::string wrong_;
     std::deque<Descriptor> descriptors_;  // come, and not given out yet
-    std::size_t begin_ = 0;               // of what is in the buffer and not given out
+    int inVain_ = 0;                      // how often it sleeps at once, and how many of these are left
+    int sleeps_ = 0;
+    std::size_t begin_ = 0;  // of what is in the buffer and not given out
     std::size_t end_ = 0;
     static constexpr std::size_t kBuffer = 2 * kMaxFrame;
     std::unique_ptr<std::byte[]> buffer_;

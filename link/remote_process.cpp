@@ -9,7 +9,7 @@ namespace {
 // Up to here the copies in and out of a frame cost less than a window's.
 constexpr std::size_t kInFrame = 16 << 10;
 // A longer transfer is made in pieces.
-constexpr std::size_t kPiece = 256 << 10;
+constexpr std::size_t kPiece = 128 << 10;
 static_assert(kInFrame <= kMaxInline && kPiece <= Windows::kSize);
 
 std::uint32_t Length(std::size_t size) {

@@ -11,7 +11,7 @@ using LinkCalls = LinkTest;
 
 // Sizes around what goes in a frame, in a window, and in pieces.
 constexpr std::size_t kSizes[] = {
-    0, 1, 511, 16 << 10, (16 << 10) + 1, 64 << 10, 256 << 10, (256 << 10) + 1, 1 << 20, (1 << 20) + 77};
+    0, 1, 511, 16 << 10, (16 << 10) + 1, 64 << 10, 128 << 10, (128 << 10) + 1, 256 << 10, 1 << 20, (1 << 20) + 77};
 
 TEST_F(LinkCalls, MoveDataOfEverySizeAsTheMachineDoes) {
     const Bytes image = MakeClip();

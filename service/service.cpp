@@ -63,6 +63,7 @@ class Service::CardThread {
     // it: an answer to no request ends that. While this one has its own request posted, none of its own can be meant.
     void EndOldExchange() {
         VrkFsServiceResponse none{};
+        none.Type = VRKFS_SERVICE_NOTHING;
         none.Result = 1;
         if (waiting_) {
             (void)VrkFsClientSendServiceResponse(card_->Client(), card_->Control(), &none, sizeof(none), nullptr, 0);

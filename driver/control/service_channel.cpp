@@ -1,6 +1,7 @@
 // The channel's record: its slots and who claims what is in them, and the connections.
 #include "control/service_channel.h"
 
+#include "control/ioctl.h"
 #include "core/card_instance.h"
 #include "core/device_ext.h"
 #include "core/guards.h"
@@ -56,6 +57,13 @@ PIRP PutBack(PIRP* Slot, PKEVENT Event) {
     return nullptr;
 }
 
+// An answer to nothing may be anybody's: that is how a service ends what the one before it owes.
+bool IsWanted(const ServiceChannel* Channel, PIRP Response) {
+    return Channel->ResponseWanted &&
+           (IoGetCurrentProcess() == Channel->Answerer ||
+            VrkFsIoctlSystemBuffer<const VrkFsServiceResponse>(Response)->Type == VRKFS_SERVICE_NOTHING);
+}
+
 VOID CompleteCancelled(PIRP Irp) {
     if (Irp != nullptr) {
         VrkFsSReqComplete(Irp, STATUS_CANCELLED, 0);
@@ -103,12 +111,16 @@ VOID VrkFsSReqServiceDisconnect(ServiceChannel* Channel) {
 
 NTSTATUS VrkFsSReqRequestArrival(ServiceChannel* Channel, PIRP Irp) {
     CancelLockGuard lock;
-    return Post(&Channel->FetchIrp, &Channel->FetchEvent, Irp);
+    const NTSTATUS status = Post(&Channel->FetchIrp, &Channel->FetchEvent, Irp);
+    if (status == STATUS_PENDING) {
+        Channel->FetchProcess = IoGetCurrentProcess();
+    }
+    return status;
 }
 
 NTSTATUS VrkFsSReqResponseArrival(ServiceChannel* Channel, PIRP Irp) {
     CancelLockGuard lock;
-    return Channel->ResponseWanted ? Post(&Channel->ResponseIrp, &Channel->ResponseEvent, Irp) : STATUS_CANCELLED;
+    return IsWanted(Channel, Irp) ? Post(&Channel->ResponseIrp, &Channel->ResponseEvent, Irp) : STATUS_CANCELLED;
 }
 
 VOID NTAPI VrkFsSReqCancel(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
@@ -165,6 +177,7 @@ PIRP VrkFsSReqClaimFetch(ServiceChannel* Channel, const ServiceHandle* File, PUL
             *Connection = Channel->Connection;
             PIRP irp = Take(&Channel->FetchIrp);
             Channel->ResponseWanted = irp != nullptr;
+            Channel->Answerer = Channel->FetchProcess;
             return irp;
         }
         cancelled = PutBack(&Channel->FetchIrp, &Channel->FetchEvent);

@@ -2,7 +2,8 @@
 // posted, and the answer comes back in a second one.
 //
 // Neither request says which of the driver's operations it belongs to, so one operation at a time has the channel
-// (ExchangeLock), and an answer counts only between its request's delivery and the operation's end. A posted request is
+// (ExchangeLock), and an answer counts only between its request's delivery and the operation's end, and only from the
+// process that got the request: a service that was given up and has been replaced may still answer. A posted request is
 // claimed by whoever takes its event: the operation, by its wait, or the cancel routine, by resetting the event. The
 // other one leaves it alone, so it is completed once.
 #pragma once
@@ -27,9 +28,11 @@ struct ServiceChannel {
     BOOLEAN ServiceConnected;  // a service has announced itself and has answered everything in time since
     KEVENT FetchEvent;         // auto-reset; set when FetchIrp arrives
     PIRP FetchIrp;             // waits to carry the next request out
+    PEPROCESS FetchProcess;    // who posted it; only compared, like Answerer
     KEVENT ResponseEvent;      // auto-reset; set when ResponseIrp arrives
     PIRP ResponseIrp;          // brought an answer
     BOOLEAN ResponseWanted;    // a request is out, and its operation waits for answers
+    PEPROCESS Answerer;        // who got it
     ULONG Connection;          // counts connections; never 0 while connected
     KEVENT ExchangeLock;       // auto-reset: the operation that has the channel
     struct ServiceWorker Worker;
@@ -44,7 +47,8 @@ VOID VrkFsSReqServiceConnect(ServiceChannel* Channel, BOOLEAN Anew);
 VOID VrkFsSReqServiceDisconnect(ServiceChannel* Channel);
 
 // ---- The service's side: STATUS_PENDING once the request is in its slot; STATUS_DEVICE_BUSY while another one is;
-// STATUS_CANCELLED for a request that is cancelled already and for an answer that nobody waits for ----
+// STATUS_CANCELLED for a request that is cancelled already and for an answer that nobody waits for. Called by the
+// thread that sends the request ----
 
 [[nodiscard]] NTSTATUS VrkFsSReqRequestArrival(ServiceChannel* Channel, PIRP Irp);
 [[nodiscard]] NTSTATUS VrkFsSReqResponseArrival(ServiceChannel* Channel, PIRP Irp);

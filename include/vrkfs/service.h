@@ -14,6 +14,7 @@ extern "C" {
 #endif
 
 /* VrkFsServiceRequest.Type and VrkFsServiceResponse.Type */
+#define VRKFS_SERVICE_NOTHING 0u /* only in an answer, which ends what is waited for, whoever sends it */
 #define VRKFS_SERVICE_OPEN 1u
 #define VRKFS_SERVICE_CLEAN 2u
 #define VRKFS_SERVICE_CLOSE 3u
@@ -84,6 +85,7 @@ VRKFS_ASSERT_OFFSET(VrkFsServiceRequest, Payload, 8);
 
 #define VRKFS_SERVICE_RESPONSE_MIN_SIZE 56u
 
+/* Comes from the process that fetched the request; the driver takes it for a late answer to an earlier one otherwise. */
 typedef struct VrkFsServiceResponse {
     uint32_t Type;   /* of the request that is answered */
     uint32_t Result; /* 0 success; the payload counts only then */

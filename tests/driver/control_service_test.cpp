@@ -450,6 +450,24 @@ TEST_F(ServiceSilence, DeathReturnAndOldHandles) {
     EXPECT_FALSE(fetch->IsOver());
     ExpectSetPrefs(fetch);
     EXPECT_EQ(TimeOuts().size(), 1u);
+
+    // One that has been replaced answers late: not what the other one is asked by now, but what is waited for can be
+    // ended by anybody.
+    ScriptedService other(Machine());
+    ASSERT_TRUE(other.Announce());
+    read = Beside([&] { return Read(frame, 4, 0, 10); });
+    for (const std::uint32_t type : {1u, 4u}) {
+        const Bytes asked = other.Take();
+        EXPECT_EQ(WordAt(asked, 0), type);
+        EXPECT_EQ(Service().Respond(type, 0, 10, Bytes(10))->End(), kCancelled);
+        other.Answer(asked);
+    }
+    EXPECT_EQ(read.get(), kRight);
+    write = Beside([&] { return Write(frame, Bytes(10)); });
+    EXPECT_EQ(WordAt(other.Take(), 0), 5u);
+    EXPECT_EQ(Service().Respond(0, 0)->End(), kInvalid);
+    EXPECT_EQ(write.get(), kFailed);
+    other.Leave();
 }
 
 TEST_F(ServiceSilence, OneThatDripsIsNotWaitedForAnyLonger) {

@@ -95,13 +95,8 @@ bool FieldToPicture(const Frame& frame, std::uint32_t stream, std::uint32_t fiel
     return true;
 }
 
-bool PictureToJpegField(const Picture& picture, Frame& frame, std::uint32_t stream, std::uint32_t field,
-                        std::string& problem) {
-    JpegImage image;
-    std::string note;
-    if (!Decode(frame, stream, field, image, problem, note)) {
-        return false;
-    }
+bool PictureToJpegField(const Picture& picture, JpegImage& image, Frame& frame, std::uint32_t stream,
+                        std::uint32_t field, std::string& problem) {
     bool changed = false;
     for (std::uint32_t line = 0; line < image.height; ++line) {
         changed |= PictureToRow(picture.Row(frame.LineOf(field, line)), picture.step, stream, image.Row(line));
@@ -111,13 +106,14 @@ bool PictureToJpegField(const Picture& picture, Frame& frame, std::uint32_t stre
 
 bool PictureToField(const Picture& picture, Frame& frame, std::uint32_t stream, std::uint32_t field,
                     std::string& problem) {
-    const FieldContent content = ContentOf(frame, stream, field);
-    if (content == FieldContent::kUnknown) {
-        problem = NameOf(stream, field) + " is neither lines of 4:2:2 nor a JPEG image";
+    JpegImage image;
+    std::string note;
+    FieldContent content{};
+    if (!ReadField(frame, stream, field, content, image, problem, note)) {
         return false;
     }
     if (content == FieldContent::kJpeg) {
-        return PictureToJpegField(picture, frame, stream, field, problem);
+        return PictureToJpegField(picture, image, frame, stream, field, problem);
     }
     for (std::uint32_t line = 0; line < frame.FieldLines(); ++line) {
         const std::uint8_t* const row = picture.Row(frame.LineOf(field, line));

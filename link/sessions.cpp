@@ -5,36 +5,45 @@
 namespace vlink {
 
 host::Problem Session::ReleaseDisks(std::uint32_t card) {
-    const std::lock_guard hold(disks_);
+    const std::lock_guard hold(disks_.lock);
     if (gone_) {
         return {"the program that asks for the disks has gone", "run it again"};
+    }
+    const auto found = disks_.holders.find(card);
+    if (found != disks_.holders.end() && found->second != number_) {
+        return {"another program has the disks of card " + std::to_string(card), "wait until it is done", true};
     }
     host::Problem problem = machine_.ReleaseDisks(card);
     for (const host::CardFacts& facts : machine_.Cards()) {
         if (facts.index == card) {
-            released_.insert(card);  // whatever the problem: they are closed
+            disks_.holders[card] = number_;  // whatever the problem: they are closed
         }
     }
     return problem;
 }
 
 host::Problem Session::TakeDisks(std::uint32_t card) {
-    const std::lock_guard hold(disks_);
-    released_.erase(card);
+    const std::lock_guard hold(disks_.lock);
+    const auto found = disks_.holders.find(card);
+    if (found == disks_.holders.end() || found->second != number_) {
+        return {};
+    }
+    disks_.holders.erase(found);
     return machine_.TakeDisks(card);
 }
 
 std::size_t Session::TakeBack(bool forGood, host::Problem& problem) {
-    const std::lock_guard hold(disks_);
+    const std::lock_guard hold(disks_.lock);
     gone_ = gone_ || forGood;
-    const std::size_t count = released_.size();
-    for (const std::uint32_t card : released_) {
-        if (const host::Problem failed = machine_.TakeDisks(card)) {
+    return std::erase_if(disks_.holders, [&](const auto& holder) {
+        if (holder.second != number_) {
+            return false;
+        }
+        if (const host::Problem failed = machine_.TakeDisks(holder.first)) {
             problem = failed;
         }
-    }
-    released_.clear();
-    return count;
+        return true;
+    });
 }
 
 std::shared_ptr<Session> Sessions::New() {

@@ -7,19 +7,25 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 
 #include "host/machine.h"
 
 namespace vlink {
 
+// Which disks the machine does not have now.
+struct ReleasedDisks {
+    std::mutex lock;                                 // one change of the machine's disks at a time; guards what follows
+    std::map<std::uint32_t, std::uint64_t> holders;  // by card: the session's number
+};
+
 class Session {
   public:
-    Session(host::Machine& machine, std::mutex& disks, std::uint64_t number)
+    Session(host::Machine& machine, ReleasedDisks& disks, std::uint64_t number)
         : machine_(machine), disks_(disks), number_(number) {}
 
     std::uint64_t Number() const { return number_; }
     host::Problem ReleaseDisks(std::uint32_t card);
+    // Does nothing about disks that this program has not released.
     host::Problem TakeDisks(std::uint32_t card);
     // Everything that is still released. Cards that it found released; `problem` says what could not be opened.
     // `forGood`: the program has gone, and an order of it that is still on its way releases nothing any more.
@@ -29,9 +35,8 @@ class Session {
 
   private:
     host::Machine& machine_;
-    std::mutex& disks_;  // one change of the machine's disks at a time; guards what follows
-    std::set<std::uint32_t> released_;
-    bool gone_ = false;
+    ReleasedDisks& disks_;
+    bool gone_ = false;           // under the disks' lock
     const std::uint64_t number_;  // nobody else's, and not to be guessed
     std::atomic<bool> mentioned_ = false;
 };
@@ -46,7 +51,7 @@ class Sessions {
 
   private:
     host::Machine& machine_;
-    std::mutex disks_;
+    ReleasedDisks disks_;
     std::mutex lock_;  // guards what follows
     std::map<std::uint64_t, std::shared_ptr<Session>> sessions_;
 };

@@ -74,8 +74,11 @@ TEST_F(LinkEnd, DisksReleasedByAClientThatDiesAreTakenBackBeforeItsLockGoes) {
             const VrkFsLockRequest drop{1};
             const IoRecord lock = Io(client.Open(u"VrkFsDevice0"), IOCTL_VRKFS_LOCK_FILE_SYSTEM, 0, 0, sizeof(drop));
             ASSERT_EQ(client.AskStatus(Op::kDeviceControl, lock, drop), "STATUS_SUCCESS");
+            Stranger meddler(SocketPath(), Kind::kAdministration);
+            EXPECT_EQ(meddler.Ask(Op::kTakeDisks, Io(0)).extra, 0u) << "nobody has released them";
             const vlink::AnswerRecord released = administration.Ask(Op::kReleaseDisks, Io(0));
             EXPECT_EQ(released.status | released.extra, 0u);
+            EXPECT_NE(meddler.Ask(Op::kReleaseDisks, Io(0)).extra, 0u) << "somebody has them";
             Stranger& first = processFirst ? client : administration;
             if (polite) {
                 first.Send(FrameOf(Op::kGoodbye, 1000, 0));

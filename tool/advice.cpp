@@ -110,6 +110,14 @@ bool IsWriting(Operation operation) {
     }
 }
 
+// The lock refuses like much else does. Rows that have nothing else to say name it themselves.
+constexpr const char* kOrLocked = "; or another program locked the file system";
+
+bool MayBeLocked(Operation operation, host::Status status) {
+    return status == host::status::kAccessDenied && operation != Operation::kList &&
+           operation != Operation::kListVolumes && operation != Operation::kLock;
+}
+
 // What comes of a disk that cannot be written.
 bool IsRefusalToWrite(host::Status status) {
     return status == kWriteProtected || status == kDeviceError || status == host::status::kCannotDelete;
@@ -120,7 +128,7 @@ bool IsRefusalToWrite(host::Status status) {
 std::string AdviceFor(Operation operation, host::Status status) {
     for (const Row& row : kRows) {
         if (row.status == status && row.operation.value_or(operation) == operation) {
-            return row.advice;
+            return row.advice + std::string(row.operation && MayBeLocked(operation, status) ? kOrLocked : "");
         }
     }
     return "see what the driver noted: vrkfs events";

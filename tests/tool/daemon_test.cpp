@@ -365,7 +365,10 @@ TEST_F(Daemon, DisksOfAProgramThatDiesComeBack) {
     const pid_t client = Start("exclusive -- sh @/script", "/dev/null", "-exclusive");
     ASSERT_TRUE(tests::Eventually([&] { return Contents(Path("out-exclusive")) == "begun\n"; }));
     EXPECT_EQ(images(), 0u);
-    EXPECT_EQ(Run("ls P:/RZV/ONE").status, 1);
+    for (const char* line :
+         {"ls P:/RZV/ONE", "mkdir P:/RZV/ONE/B", "put @/clip P:/RZV/ONE/A/c", "cat P:/RZV/ONE/A/c"}) {
+        ExpectFailure(Run(line), 1, "another program");
+    }
     const std::string children =
         Contents("/proc/" + std::to_string(client) + "/task/" + std::to_string(client) + "/children");
     ::kill(client, SIGKILL);

@@ -62,13 +62,12 @@ bool ChangeWatch::Ask() {
         const std::lock_guard hold(lock_);
         asked_ = true;
         reported_ = false;
-        failed_ = false;
     }
     const auto done = [this](host::IoResult result) {
         {
             const std::lock_guard hold(lock_);
             asked_ = false;
-            (result.status == kEnumerate || result.status == host::status::kSuccess ? reported_ : failed_) = true;
+            reported_ = result.status == kEnumerate || result.status == host::status::kSuccess;
         }
         woken_.notify_all();
     };
@@ -76,7 +75,6 @@ bool ChangeWatch::Ask() {
     if (!status.Ok()) {
         const std::lock_guard hold(lock_);
         asked_ = false;
-        failed_ = true;
     }
     return status.Ok();
 }

@@ -40,7 +40,6 @@ class ChangeWatch {
     bool stop_ = false;
     bool asked_ = false;     // a request is under way
     bool reported_ = false;  // it came back with a change
-    bool failed_ = false;    // it came back otherwise
 };
 
 }  // namespace mount

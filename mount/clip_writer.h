@@ -74,6 +74,8 @@ class ClipWriter {
 
     // Closes a whole clip: its record is written. What the record says then is the caller's to check.
     [[nodiscard]] host::Status Close();
+    // It did not get its place after all.
+    void LosePlace() { closed_ = false; }
     // Deletes what was written. False: something may be left.
     bool Discard();
 

@@ -197,6 +197,7 @@ class FileSystem {
     [[nodiscard]] int TruncateCopy(const NodePointer& node, const OpenFile* file, ClipWriter& writer,
                                    std::uint64_t size);
     [[nodiscard]] int Report(const NodePointer& node, const ClipWriter::Outcome& outcome);
+    [[nodiscard]] int CheckReaders(const NodePointer& node);
     [[nodiscard]] int BeginReplacement(const NodePointer& node, ClipWriter& writer);
     // A copy that is whole takes its place; `part`: there is one that is not whole yet.
     [[nodiscard]] int FinishIfWhole(const OpenFile& file, bool& part);

@@ -41,7 +41,7 @@ using NodePointer = std::shared_ptr<Node>;
 // What is in a folder.
 struct Listing {
     // Held over every request to the driver that lists or changes the names in the folder, so that what is known of
-    // them agrees with the drive. Taken before the tree's lock; of two the one with the smaller inode number first.
+    // them agrees with the drive. Taken before the tree's lock; two of them with std::lock.
     std::mutex work;
 
     bool known = false;                              // the rest says what is there
@@ -96,7 +96,9 @@ struct Node {
     std::shared_ptr<ClipWriter> writer;  // a copy under way, or about to begin
     bool truncated = false;              // the copy replaces what is there: nothing of that is seen any more
     // Whether the name stands for a copy under way.
-    bool IsUnderWay() const { return writer != nullptr && !writer->IsOver() && (truncated || writer->HasFile()); }
+    bool IsUnderWay() const { return AwaitsCopy() && (truncated || writer->HasFile()); }
+    // Whether a copy is under way, or somebody has it open who may begin one.
+    bool AwaitsCopy() const { return writer != nullptr && !writer->IsOver(); }
 
     // When it took another's name. The program that this was done for comes back at once to copy onto it, whoever reads
     // it by then: so that the copy cuts nobody off, no pages are kept yet.

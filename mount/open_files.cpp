@@ -40,8 +40,8 @@ int FileSystem::OpenHandle(OpenFile& file, bool cached, Tree::Opening& opening) 
     }
     file.handle = host::ScopedHandle(*process_, opened.handle);
     Facts facts;
-    if (drive.Look(opened.handle, facts).Ok()) {
-        tree_->SetFacts(file.node, facts, &opening);
+    if (drive.Look(opened.handle, facts).Ok() && !tree_->SetFacts(file.node, facts, &opening)) {
+        return ESTALE;  // the kernel looks again
     }
     return 0;
 }
@@ -148,7 +148,7 @@ int FileSystem::OpenWriter(OpenFile& file, int flags) {
     if (at.folder == nullptr || tree_->Look(node).gone) {
         return ESTALE;
     }
-    if ((flags & O_TRUNC) != 0 && tree_->HasReadersOfPages(node)) {
+    if (tree_->MustRenew(node)) {
         LeaveToReaders(node);
         return ESTALE;  // the kernel looks again
     }

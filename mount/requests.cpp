@@ -12,6 +12,7 @@
 #include <limits>
 #include <new>
 
+#include "host/names.h"
 #include "mount/mountpoint.h"
 #include "mount/names.h"
 
@@ -309,25 +310,29 @@ std::size_t AddRow(fuse_req_t request, const OpenFolder& folder, const FileSyste
                    std::size_t room, off_t next) {
     FileSystem& files = FilesOf(request);
     const bool isDots = row.name == "." || row.name == "..";
-    // What has left the folder since it was listed: the kernel would remember it under that name.
-    if (!isDots && files.Nodes().ParentOf(row.node) != folder.node) {
-        return 0;
+    // What has left the folder since it was listed: the kernel would remember it under that name, where another may be.
+    NodePointer node = row.node;
+    if (!isDots && files.Nodes().ParentOf(node) != folder.node) {
+        const auto name = DriveName(row.name);
+        node = name ? files.Nodes().Child(folder.node, host::UpcaseName(*name)) : nullptr;
+        if (node == nullptr) {
+            return 0;
+        }
     }
-    const Snapshot facts = files.Nodes().Look(row.node);
+    const Snapshot facts = files.Nodes().Look(node);
     if (!plus) {
         const struct stat status = StatOf(facts, ContextOf(request).options);
         return fuse_add_direntry(request, place, room, row.name.c_str(), &status, next);
     }
     Found found;
-    found.node = row.node;
-    files.Fill(row.node, row.name, found);
+    files.Fill(node, row.name, found);
     fuse_entry_param entry = EntryOf(request, found);
     if (isDots) {
         entry.ino = 0;  // not a look-up
     }
     const std::size_t taken = fuse_add_direntry_plus(request, place, room, row.name.c_str(), &entry, next);
     if (taken <= room && !isDots) {
-        files.Nodes().Known(row.node);
+        files.Nodes().Known(node);
     }
     return taken;
 }

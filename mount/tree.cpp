@@ -360,6 +360,10 @@ bool Tree::Update(const NodePointer& folder, const NodePointer& child, const hos
     }
     const bool changed = child->size != entry.size || child->time != entry.lastWriteTime;
     if (changed && !child->IsUnderWay()) {
+        // They keep the node, with the size that they read up to.
+        if (child->cachedOpens != 0) {
+            return false;
+        }
         child->size = entry.size;
         child->time = entry.lastWriteTime;
         BeginGeneration(*child);
@@ -479,13 +483,18 @@ void Tree::Move(const NodePointer& node, const NodePointer& folder, const std::u
 
 void Tree::Renew(const NodePointer& node) {
     const std::lock_guard hold(lock_);
+    Renew(node, node->size, node->time);
+}
+
+// The lock is held.
+void Tree::Renew(const NodePointer& node, std::uint64_t size, std::int64_t time) {
     if (node->parent == nullptr) {
         return;
     }
     const NodePointer folder = node->parent;
     const NodePointer next = Make(folder, node->name, node->kind, node->drive, node->level);
-    next->size = node->size;
-    next->time = node->time;
+    next->size = size;
+    next->time = time;
     next->renewed = Clock::now();
     PutInto(folder, next, {});
     caches_.ForgetName(folder->inode, TreeName(node->name));
@@ -508,10 +517,14 @@ void Tree::Show(const NodePointer& folder, const std::u16string& name) {
 
 // ---- Files ----
 
-void Tree::SetFacts(const NodePointer& node, const Facts& facts, Opening* opening) {
+bool Tree::SetFacts(const NodePointer& node, const Facts& facts, Opening* opening) {
     const std::lock_guard hold(lock_);
     if (node->size == facts.size && node->time == facts.time) {
-        return;
+        return true;
+    }
+    if (opening != nullptr && node->cachedOpens != 0) {
+        Renew(node, facts.size, facts.time);
+        return false;
     }
     node->size = facts.size;
     node->time = facts.time;
@@ -524,6 +537,7 @@ void Tree::SetFacts(const NodePointer& node, const Facts& facts, Opening* openin
     if (opening != nullptr || !node->IsClip()) {
         caches_.ForgetInode(node->inode, opening != nullptr && node->mayHavePages);
     }
+    return true;
 }
 
 // Another clip may stand there now: those who have the old one open may bring pages of it, so that as long as they are
@@ -539,7 +553,7 @@ void Tree::BeginGeneration(Node& node) {
 bool Tree::CanCache(const NodePointer& node, Opening& opening) {
     const std::lock_guard hold(lock_);
     opening.generation = node->generation;
-    return node->staleReaders == 0 && !node->IsUnderWay() && !node->IsAwaited();
+    return node->staleReaders == 0 && !node->AwaitsCopy() && !node->IsAwaited();
 }
 
 void Tree::Opened(const NodePointer& node, Opening& opening, bool& keep) {
@@ -567,7 +581,7 @@ bool Tree::MustAskSize(const NodePointer& node, const Opening& opening) {
 
 bool Tree::HasReadersOfPages(const NodePointer& node) {
     const std::lock_guard hold(lock_);
-    return node->cachedOpens != 0 && (node->writer == nullptr || node->writer->IsOver()) && !node->IsAwaited();
+    return node->cachedOpens != 0;
 }
 
 void Tree::PagesHold(const NodePointer& node, const Opening& opening) {
@@ -606,6 +620,11 @@ void Tree::SetWriter(const NodePointer& node, std::shared_ptr<ClipWriter> writer
 unsigned Tree::WritersOf(const NodePointer& node) {
     const std::lock_guard hold(lock_);
     return node->writers;
+}
+
+bool Tree::MustRenew(const NodePointer& node) {
+    const std::lock_guard hold(lock_);
+    return node->cachedOpens != 0 && !node->AwaitsCopy() && !node->IsAwaited();
 }
 
 bool Tree::IsUnderWay(const NodePointer& node) {

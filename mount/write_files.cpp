@@ -82,6 +82,14 @@ int FileSystem::Report(const NodePointer& node, const ClipWriter::Outcome& outco
                               : journal_.Refused(Operation::kWrite, display, outcome.status);
 }
 
+// Who opens a clip to write has a node without readers of pages, until a copy onto it has ended: a second one that its
+// program then begins, without opening it anew, would cut off who has come since. The folder's work is held.
+int FileSystem::CheckReaders(const NodePointer& node) {
+    return tree_->HasReadersOfPages(node)
+               ? journal_.Refused(Operation::kWrite, tree_->Display(node), EBUSY, "what was copied there is being read")
+               : 0;
+}
+
 // The copy goes beside the clip that it is to replace.
 int FileSystem::BeginReplacement(const NodePointer& node, ClipWriter& writer) {
     const FolderAtWork at = WorkAround(node);
@@ -90,6 +98,9 @@ int FileSystem::BeginReplacement(const NodePointer& node, ClipWriter& writer) {
     }
     if (writer.HasFile()) {
         return 0;
+    }
+    if (const int error = CheckReaders(node); error != 0) {
+        return error;
     }
     host::Status status = host::status::kObjectNameCollision;
     std::u16string name;
@@ -221,6 +232,9 @@ int FileSystem::Finish(const NodePointer& node, ClipWriter& writer, FolderAtWork
     } else if (error != 0) {
         tree_->Remove(node);
         caches_.TellRemoved(folder->inode, node->inode, TreeName(tree_->NameOf(node)));
+    }
+    if (error != 0) {
+        writer.LosePlace();
     }
     tree_->WriterDone(node, writer, error == 0 ? &facts : nullptr);
     if (error == 0) {
@@ -355,6 +369,10 @@ int FileSystem::TruncateClip(const NodePointer& node, const OpenFile* file, std:
         return TruncateCopy(node, file, *writer, size);
     }
     if (size == 0 && file != nullptr) {
+        const FolderAtWork at = WorkAround(node);
+        if (const int error = CheckReaders(node); error != 0) {
+            return error;
+        }
         (void)tree_->NeedWriter(node);
         tree_->SetTruncated(node);
         return 0;

@@ -166,26 +166,68 @@ def rest(file):
     read = b''
     while piece := os.read(file, 100000): read += piece
     return read
-for before, after in (small, large), (large, small):
+ways = [(W, False), (os.O_WRONLY, False), (os.O_WRONLY, True)]
+for clips, (flags, isWriterFirst) in [(c, w) for c in ((small, large), (large, small)) for w in ways]:
+    before, after = clips
     open(T + 'a', 'wb').write(before)
+    time.sleep(0.3)  # until pages are kept again
+    copy = os.open(T + 'a', flags) if isWriterFirst else None
     old = os.open(T + 'a', os.O_RDONLY)
     head = os.read(old, 1000)
-    copy = os.open(T + 'a', W)
+    if not isWriterFirst: copy = os.open(T + 'a', flags)
     os.write(copy, after[:90000])
+    os.stat(T + 'a')
     begun = head + rest(old)
-    assert begun == before and os.fstat(old).st_size == len(before)
+    isOwnSize = lambda: isWriterFirst or os.fstat(old).st_size == len(before)  # who finds a writer there shares its node
+    assert begun == before and isOwnSize()
     os.write(copy, after[90000:])
     os.close(copy)
     os.lseek(old, 0, os.SEEK_SET)
-    assert rest(old) == before and os.fstat(old).st_size == len(before)
+    assert rest(old) == before and isOwnSize()
     new = os.open(T + 'a', os.O_RDONLY)
     assert os.fstat(new).st_size == os.stat(T + 'a').st_size == len(after) and rest(new) == after
     os.close(new)
     os.close(old)
     assert open(T + 'a', 'rb').read() == after
     os.unlink(T + 'a')
+# One that was open before the copy ended does not begin another.
+first, second = [os.open(T + 'a', W) for i in range(2)]
+os.write(first, large)
+os.close(first)
+old = os.open(T + 'a', os.O_RDONLY)
+head = os.read(old, 1000)
+for change in lambda: os.write(second, small), lambda: os.ftruncate(second, 0):
+    try: change(); assert False
+    except OSError as error: assert error.errno == 16
+assert head + rest(old) == large
+os.close(second)
 )");
-    ExpectOut("ls -A $T", "");
+    ExpectOut("ls -A $T; cmp large $T/a", "a\n");
+}
+
+// The same when it is no copy through the mount that takes its place.
+TEST_F(MountCrossing, AReaderOfTheClipThatOthersReplace) {
+    Do("cp small $T/a");
+    std::thread others([&] {
+        const char* const clips[] = {"large", "small"};
+        for (const char* const next : clips) {
+            EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(At(std::string("before ") + next)); }));
+            RenameOnDrive(u"\\RZV\\TWO\\A\\a", std::u16string(u"before ") + static_cast<char16_t>(next[0]));
+            PutOnDrive(u"\\RZV\\TWO\\A\\a", next);
+        }
+    });
+    Python(R"(
+for before, after, name in (small, large, 'large'), (large, small, 'small'):
+    old = os.open(T + 'a', os.O_RDONLY)
+    read = os.read(old, 1000)
+    open('before ' + name, 'w').close()
+    while not os.path.exists(T + 'a') or os.path.getsize(T + 'a') != len(after): time.sleep(0.01)
+    while piece := os.read(old, 100000): read += piece
+    assert read == before and os.fstat(old).st_size == len(before)
+    assert open(T + 'a', 'rb').read() == after
+    os.close(old)
+)");
+    others.join();
 }
 
 // Who reads a copy under way reads that one to its end, whatever stands there by then, and of one that was given up
@@ -211,6 +253,31 @@ for before in b'', large:
         os.unlink(T + 'a')
 )");
     ExpectOut("ls -A $T", "");
+}
+
+// A copy that is whole and does not get its place, because somebody keeps the clip there: who reads the copy gets
+// nothing of that clip.
+TEST_F(MountCrossing, AReaderOfACopyThatIsRefusedItsPlace) {
+    Do("cp large $T/a");
+    host::OpenRequest request;
+    request.path = u"P:\\RZV\\TWO\\A\\a";
+    request.access = host::access::kReadData;
+    request.shareAccess = host::share::kRead;
+    const host::OpenResult keeper = User().Create(request);
+    ASSERT_TRUE(keeper.status.Ok());
+    Python(R"(
+copy = os.open(T + 'a', W)
+os.write(copy, small[:70000])
+reader = os.open(T + 'a', os.O_RDONLY)
+assert os.read(reader, 1000) == small[:1000]
+os.write(copy, small[70000:])
+try: os.close(copy); assert False
+except OSError as error: assert error.errno == 16
+try: os.read(reader, 1000); assert False
+except OSError as error: assert error.errno == 116
+)");
+    EXPECT_TRUE(User().Close(keeper.handle).Ok());
+    ExpectOut("ls -A $T; cmp large $T/a", "a\n");
 }
 
 // However the place was named and wherever it is by then, the mount ends when it is told to.

@@ -248,8 +248,9 @@ void AddWatch(CLI::App& app, CommonOptions& common) {
         R"(A line for each thing created, removed, renamed or changed: time (UTC), event, bytes, path. The first line says that it
 has begun; Ctrl-C ends it. It needs a daemon: without one nobody else can change anything.
 
-The driver reports names that come, go and change. That a clip grows, or is written over in place, is seen with the next
-such report below the drive, not by itself. Several changes of one thing in quick succession are told as one.
+The driver reports names that come, go and change. That a clip grows, is written over in place, or has its time set, is
+seen with the next such report below the drive, not by itself. Several changes of one thing in quick succession are told
+as one.
 
   vrkfs watch P:/RZV/NEWS
   vrkfs watch --json | jq -r 'select(.event == "created").path')");

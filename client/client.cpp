@@ -134,7 +134,16 @@ void VrkFsClientCancel(VrkFsClient* client, VrkFsHandle handle) {
     });
 }
 
-// ---- Views of body tables ----
+// ---- Body tables and their views ----
+
+// The driver stores the tables that programs share before the first read of a new layout.
+VrkFsStatus VrkFsClientStoreBodyTable(VrkFsClient* client, VrkFsHandle file) {
+    return Guarded([&] {
+        std::byte first;
+        const host::Status status = client->process->Read(file, {&first, 1}, 0).status;
+        return status == host::status::kEndOfFile ? host::status::kSuccess : status;  // nothing was recorded
+    });
+}
 
 VrkFsStatus VrkFsClientMapNodes(VrkFsClient* client, const VrkFsSectionName* name, int writable, VrkFsNodeView* view) {
     return Guarded([&] {

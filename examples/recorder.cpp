@@ -169,6 +169,11 @@ class Recorder {
         if (!Told(RecordStep::kTableLetGo)) {
             return false;
         }
+        Need(VrkFsClientStoreBodyTable(session_.client, session_.file), "store the tables");
+        if (!Told(RecordStep::kTableStored)) {
+            return false;
+        }
+        session_.CloseFile();
         session_.Close();
         return Told(RecordStep::kClosed);
     }

@@ -12,16 +12,17 @@
 namespace examples {
 
 enum class RecordStep : std::uint32_t {
-    kOpened,      // the file stands, empty
-    kVideoSpace,  // space is reserved ...
-    kAlphaSpace,  // ... and for alpha too (with alpha only)
-    kTableMade,   // body tables are there, without room
-    kNodesAdded,  // they have their sections
-    kAnnounced,   // players may follow from here on
-    kField,       // a field is on its disk and its node published; once per field and stream
-    kSettled,     // the clip is what was recorded, and the rest of the space is free again
-    kTableLetGo,  // the driver writes the tables back for the last time
-    kClosed,      // done
+    kOpened,       // the file stands, empty
+    kVideoSpace,   // space is reserved ...
+    kAlphaSpace,   // ... and for alpha too (with alpha only)
+    kTableMade,    // body tables are there, without room
+    kNodesAdded,   // they have their sections
+    kAnnounced,    // players may follow from here on
+    kField,        // a field is on its disk and its node published; once per field and stream
+    kSettled,      // the clip is what was recorded, and the rest of the space is free again
+    kTableLetGo,   // the driver need not write the tables back any more ...
+    kTableStored,  // ... for they are on the disks
+    kClosed,       // so is the clip's record: done
 };
 
 struct RecordOrder {

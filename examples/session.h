@@ -5,6 +5,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace examples {
 
@@ -33,6 +34,9 @@ struct Session {
         Need(VrkFsClientOpenControl(client, card, &control), "open the card's control device");
         Need(VrkFsClientOpenDisks(client, card, &disks), "open the card");
     }
+
+    // What was recorded is in the volume when this has succeeded.
+    void CloseFile() { Need(VrkFsClientClose(client, std::exchange(file, 0)), "close the file"); }
 
     void Close() {
         for (VrkFsNodeView& view : nodes) {

@@ -193,7 +193,8 @@ class Maker {
         return Check("cannot settle its space",
                      VrkFsClientUpdateVideoFile(card_.Client(), card_.Control(), file_.Get(), &update), problem) &&
                Check("cannot let go of its body tables",
-                     VrkFsClientDereferenceBodyTable(card_.Client(), card_.Control(), file_.Get()), problem);
+                     VrkFsClientDereferenceBodyTable(card_.Client(), card_.Control(), file_.Get()), problem) &&
+               Check("cannot store its body tables", VrkFsClientStoreBodyTable(card_.Client(), file_.Get()), problem);
     }
 
     void Unmap() {

@@ -152,6 +152,11 @@ typedef struct VrkFsSectionName {
 VrkFsStatus VrkFsClientReferenceBodyTable(VrkFsClient* client, VrkFsHandle control, VrkFsHandle file, uint32_t stream,
                                           VrkFsSectionName* name);
 VrkFsStatus VrkFsClientDereferenceBodyTable(VrkFsClient* client, VrkFsHandle control, VrkFsHandle file);
+/* Returns when the file's tables are on the disks; it is open with VRKFS_OPEN_READ. For who has changed them and lets
+ * go of them, before the file is closed: then its record says what they hold, while the tables are written by
+ * themselves only seconds later, or when the last of those who play the file has closed it. If the machine stops
+ * between, the clip is lost. */
+VrkFsStatus VrkFsClientStoreBodyTable(VrkFsClient* client, VrkFsHandle file);
 /* New tables for a clip of up to `frames` frames; nothing is done if the file has some attached. Then a section per
  * stream, by the range that VrkFsClientAllocateVideoSpace gave; an empty name comes back if nothing is attached. */
 VrkFsStatus VrkFsClientCreateNewBodyTable(VrkFsClient* client, VrkFsHandle control, VrkFsHandle file, uint32_t frames);

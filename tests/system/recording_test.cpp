@@ -81,9 +81,10 @@ struct Drop {
 };
 
 constexpr Drop kDrops[] = {
-    {RecordStep::kOpened},     {RecordStep::kVideoSpace},  {RecordStep::kAlphaSpace},     {RecordStep::kTableMade},
-    {RecordStep::kNodesAdded}, {RecordStep::kAnnounced},   {RecordStep::kField, 1},       {RecordStep::kField, 11},
-    {RecordStep::kField, 24},  {RecordStep::kSettled, 24}, {RecordStep::kTableLetGo, 24},
+    {RecordStep::kOpened},      {RecordStep::kVideoSpace},     {RecordStep::kAlphaSpace},
+    {RecordStep::kTableMade},   {RecordStep::kNodesAdded},     {RecordStep::kAnnounced},
+    {RecordStep::kField, 1},    {RecordStep::kField, 11},      {RecordStep::kField, 24},
+    {RecordStep::kSettled, 24}, {RecordStep::kTableLetGo, 24}, {RecordStep::kTableStored, 24},
 };
 
 class DroppedRecording : public ClientTest, public testing::WithParamInterface<bool> {
@@ -146,6 +147,31 @@ TEST_P(DroppedRecording, LosesNothingButItself) {
     RestartVolume();
     ExpectClip(kept);
     EXPECT_EQ(FreeBlocks(), free);
+}
+
+// Whoever still plays it keeps the driver from writing the last of it by itself.
+TEST_P(DroppedRecording, IsOnTheDisksOnceItIsDone) {
+    StartVolume(2, GetParam());
+    examples::RecordOrder order = Order(u"DONE.RZV", true, 3);
+    VrkFsHandle player = 0;
+    order.watch = [&](RecordStep step, std::uint32_t) {
+        if (step == RecordStep::kAnnounced) {
+            player = Follow(order.path, {step});
+        }
+        return true;
+    };
+    ASSERT_TRUE(examples::Record(NewClient().get(), order));
+    const std::filesystem::path disks = StationPath() / "card0";
+    const std::filesystem::path then = directory_.Path() / "then";
+    std::filesystem::copy(disks, then);
+    Leave(player, {RecordStep::kClosed, 24});
+    CloseDoor();
+    Stop();
+    std::filesystem::copy(then, disks,
+                          std::filesystem::copy_options::recursive | std::filesystem::copy_options::overwrite_existing);
+    Start();
+    OpenDoor();
+    ExpectClip(order);
 }
 
 INSTANTIATE_TEST_SUITE_P(Through, DroppedRecording, testing::Bool(),

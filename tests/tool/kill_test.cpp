@@ -103,7 +103,8 @@ class Kill : public tests::DaemonTest {
             return;
         }
         if (listed.Objects().at(0)["kind"] == "clip") {
-            EXPECT_EQ(Run("get " + take + " @/back").status, 0);
+            const Outcome got = Run("get " + take + " @/back");
+            ASSERT_EQ(got.status, 0) << got.err;
             // What was reserved and never settled, because a player outlived the recorder, is no clip for the verifier.
             const Outcome verified = Run("clip verify @/back");
             EXPECT_TRUE(verified.status == 0 || !whole_) << verified.out << verified.err;

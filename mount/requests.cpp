@@ -17,6 +17,15 @@
 #include "mount/names.h"
 
 namespace mount {
+
+struct OpenFolder {
+    NodePointer node;
+    Uses uses;
+    std::mutex lock;  // guards the following
+    bool listed = false;
+    std::vector<FileSystem::Row> rows;
+};
+
 namespace {
 
 constexpr std::uint64_t kBlockBytes = 512;
@@ -28,8 +37,8 @@ constexpr std::int64_t kNanosecondsAUnit = 100;
 constexpr unsigned kMostBackground = 128;
 constexpr unsigned kMostName = 255;
 
-const RequestContext& ContextOf(fuse_req_t request) {
-    return *static_cast<const RequestContext*>(fuse_req_userdata(request));
+RequestContext& ContextOf(fuse_req_t request) {
+    return *static_cast<RequestContext*>(fuse_req_userdata(request));
 }
 
 FileSystem& FilesOf(fuse_req_t request) {
@@ -276,14 +285,6 @@ void Rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t 
 
 // ---- Listings ----
 
-struct OpenFolder {
-    NodePointer node;
-    Uses uses;
-    std::mutex lock;  // guards the following
-    bool listed = false;
-    std::vector<FileSystem::Row> rows;
-};
-
 void OpenDirectory(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
     Guarded(request, [&] {
         auto folder = std::make_unique<OpenFolder>();
@@ -291,17 +292,19 @@ void OpenDirectory(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
         if (folder->node == nullptr || !folder->node->IsFolder()) {
             return Answer(request, folder->node == nullptr ? ENOENT : ENOTDIR);
         }
-        info->fh = reinterpret_cast<std::uint64_t>(folder.get());
-        if (fuse_reply_open(request, info) == 0) {
-            (void)folder.release();
+        OpenFolders& folders = ContextOf(request).folders;
+        OpenFolder& opened = folders.Add(std::move(folder));
+        info->fh = reinterpret_cast<std::uint64_t>(&opened);
+        if (fuse_reply_open(request, info) != 0) {
+            folders.Release(opened);
         }
     });
 }
 
 void ReleaseDirectory(fuse_req_t request, fuse_ino_t /*inode*/, fuse_file_info* info) {
-    auto* const folder = reinterpret_cast<OpenFolder*>(info->fh);
-    folder->uses.End();
-    delete folder;
+    auto& folder = *reinterpret_cast<OpenFolder*>(info->fh);
+    folder.uses.End();
+    ContextOf(request).folders.Release(folder);
     Answer(request, 0);
 }
 
@@ -394,7 +397,7 @@ void FillInfo(const OpenFile& file, fuse_file_info* info) {
 void OpenClip(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
     Guarded(request, [&] {
         std::unique_ptr<OpenFile> file;
-        const RequestContext& context = ContextOf(request);
+        RequestContext& context = ContextOf(request);
         std::call_once(context.opened, [&] { RaiseReadAhead(context.options.mountpoint); });
         if (const int error = FilesOf(request).Open(inode, info->flags, file); error != 0) {
             return Answer(request, error);
@@ -625,6 +628,25 @@ constexpr fuse_lowlevel_ops MakeRequests() {
 }
 
 }  // namespace
+
+OpenFolders::OpenFolders() = default;
+OpenFolders::~OpenFolders() = default;
+
+OpenFolder& OpenFolders::Add(std::unique_ptr<OpenFolder> folder) {
+    OpenFolder& added = *folder;
+    const std::lock_guard hold(lock_);
+    folders_.emplace(&added, std::move(folder));
+    return added;
+}
+
+void OpenFolders::Release(OpenFolder& folder) {
+    std::unique_ptr<OpenFolder> released;  // goes without the lock
+    const std::lock_guard hold(lock_);
+    if (const auto found = folders_.find(&folder); found != folders_.end()) {
+        released = std::move(found->second);
+        folders_.erase(found);
+    }
+}
 
 const fuse_lowlevel_ops& Requests() {
     static const fuse_lowlevel_ops requests = MakeRequests();

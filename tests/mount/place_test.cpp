@@ -101,9 +101,9 @@ TEST_F(MountPlace, EndsWhenItIsTakenAwayOrGoesWhileInUse) {
     EXPECT_TRUE(Eventually([&] { return ::read(mount_->EndedDescriptor(), &ended, sizeof(ended)) > 0; }));
     mount_.reset();
     MountDrives();
-    // A reader and a copy that are under way when it goes: the copy is deleted, and the reader told.
+    // A reader, a copy and a folder that are open when it goes: the copy is deleted, and the reader told.
     const pid_t user = StartShell(directory_.Path(),
-                                  "T=m/P/RZV/TWO/A; exec 3< $T/a 4> $T/b; cat part >&4; touch ready; "
+                                  "T=m/P/RZV/TWO/A; exec 3< $T/a 4> $T/b 5< $T; cat part >&4; touch ready; "
                                   "while test -e ready; do sleep 0.01; done; cat <&3 > /dev/null",
                                   At("said"));
     EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(At("ready")); }));

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "client/calls.h"
 
@@ -81,6 +82,35 @@ VrkFsStatus MoveBlocks(VrkFsClient* client, VrkFsHandle disks, std::uint32_t com
     return Control(client, disks, IOCTL_VRK_SCSI_COMMAND, BytesOf(request), WritableBytesOf(request));
 }
 
+// Whether the file's image has at `offset` the lengths that the nodes have.
+VrkFsStatus CompareTable(VrkFsClient* client, VrkFsHandle file, std::uint64_t offset, std::uint32_t frames,
+                         const VrkFsNodeView& nodes) {
+    const std::uint64_t fields = std::uint64_t{frames} * VRKFS_FIELDS_PER_FRAME;
+    if (nodes.Nodes == nullptr || fields > nodes.Count) {
+        return VRKFS_STATUS_INVALID_PARAMETER;
+    }
+    constexpr std::size_t kPiece = 1 << 17;  // nodes: a mebibyte or less
+    std::vector<BodyTableNode> stored(std::min<std::uint64_t>(fields, kPiece));
+    for (std::uint64_t done = 0; done < fields; done += stored.size()) {
+        stored.resize(std::min<std::uint64_t>(fields - done, kPiece));
+        const std::span<std::byte> bytes = std::as_writable_bytes(std::span(stored));
+        const host::IoResult read = client->process->Read(file, bytes, offset + done * sizeof(BodyTableNode));
+        if (!read.status.Ok()) {
+            return read.status.code;
+        }
+        const bool same = std::ranges::equal(
+            stored, std::span(nodes.Nodes, nodes.Count).subspan(done, stored.size()),
+            [](const BodyTableNode& one, const BodyTableNode& other) {
+                return one.First == other.First && one.Second == other.Second;
+            },
+            {}, &VrkFsPlacedNode::Node);
+        if (read.information != bytes.size() || !same) {
+            return VRKFS_STATUS_IO_DEVICE_ERROR;
+        }
+    }
+    return VRKFS_STATUS_SUCCESS;
+}
+
 }  // namespace
 
 client::ClientPointer client::MakeClient(std::unique_ptr<host::Process> process) {
@@ -136,12 +166,21 @@ void VrkFsClientCancel(VrkFsClient* client, VrkFsHandle handle) {
 
 // ---- Body tables and their views ----
 
-// The driver stores the tables that programs share before the first read of a new layout.
-VrkFsStatus VrkFsClientStoreBodyTable(VrkFsClient* client, VrkFsHandle file) {
-    return Guarded([&] {
-        std::byte first;
-        const host::Status status = client->process->Read(file, {&first, 1}, 0).status;
-        return status == host::status::kEndOfFile ? host::status::kSuccess : status;  // nothing was recorded
+// The driver stores the tables that programs share before the first read of a new layout, whether that succeeds or not,
+// and reads them again from the disks.
+VrkFsStatus VrkFsClientStoreBodyTable(VrkFsClient* client, VrkFsHandle file, uint32_t frames,
+                                      const VrkFsNodeView* video, const VrkFsNodeView* alpha) {
+    return Guarded([&]() -> VrkFsStatus {
+        if (frames == 0) {  // a file that holds nothing
+            return VRKFS_STATUS_SUCCESS;
+        }
+        VrkFsStatus status =
+            CompareTable(client, file, VrkFsMediaVideoBodyTableOffset(alpha != nullptr), frames, *video);
+        if (VRKFS_SUCCEEDED(status) && alpha != nullptr) {
+            const std::uint64_t offset = VrkFsMediaAlphaBodyTableOffset(VrkFsBodyTableBytes(frames));
+            status = CompareTable(client, file, offset, frames, *alpha);
+        }
+        return status;
     });
 }
 

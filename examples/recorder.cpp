@@ -169,7 +169,10 @@ class Recorder {
         if (!Told(RecordStep::kTableLetGo)) {
             return false;
         }
-        Need(VrkFsClientStoreBodyTable(session_.client, session_.file), "store the tables");
+        Need(VrkFsClientStoreBodyTable(session_.client, session_.file, order_.frames,
+                                       &session_.nodes[VRKFS_STREAM_VIDEO],
+                                       order_.alpha ? &session_.nodes[VRKFS_STREAM_ALPHA] : nullptr),
+             "store the tables");
         if (!Told(RecordStep::kTableStored)) {
             return false;
         }

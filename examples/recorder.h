@@ -20,9 +20,9 @@ enum class RecordStep : std::uint32_t {
     kAnnounced,    // players may follow from here on
     kField,        // a field is on its disk and its node published; once per field and stream
     kSettled,      // the clip is what was recorded, and the rest of the space is free again
-    kTableLetGo,   // the driver need not write the tables back any more ...
-    kTableStored,  // ... for they are on the disks
-    kClosed,       // so is the clip's record: done
+    kTableLetGo,   // nobody changes the tables any more
+    kTableStored,  // the disks have them
+    kClosed,       // the clip's record has been sent after them: done
 };
 
 struct RecordOrder {

@@ -35,7 +35,7 @@ struct Session {
         Need(VrkFsClientOpenDisks(client, card, &disks), "open the card");
     }
 
-    // What was recorded is in the volume when this has succeeded.
+    // The driver has written the file's record when this has succeeded; that a disk refused it is in the event log.
     void CloseFile() { Need(VrkFsClientClose(client, std::exchange(file, 0)), "close the file"); }
 
     void Close() {

@@ -28,8 +28,11 @@ host::Problem Session::TakeDisks(std::uint32_t card) {
     if (found == disks_.holders.end() || found->second != number_) {
         return {};
     }
-    disks_.holders.erase(found);
-    return machine_.TakeDisks(card);
+    host::Problem problem = machine_.TakeDisks(card);
+    if (!problem) {
+        disks_.holders.erase(found);
+    }
+    return problem;
 }
 
 std::size_t Session::TakeBack(bool forGood, host::Problem& problem) {

@@ -75,7 +75,10 @@ class ClipWriter {
     // Closes a whole clip: its record is written. What the record says then is the caller's to check.
     [[nodiscard]] host::Status Close();
     // It did not get its place after all.
-    void LosePlace() { closed_ = false; }
+    void LosePlace() {
+        const std::lock_guard hold(lock_);
+        closed_ = false;
+    }
     // Deletes what was written. False: something may be left.
     bool Discard();
 

@@ -63,7 +63,7 @@ struct Mount::Parts {
 
     const Options options;
     FileSystem files;
-    RequestContext context;
+    RequestContext context;  // holds nodes, which end before the files
     std::list<ChangeWatch> watches;
     fuse_session* session = nullptr;
     bool mounted = false;

@@ -100,8 +100,8 @@ struct Node {
     // Whether a copy is under way, or somebody has it open who may begin one.
     bool AwaitsCopy() const { return writer != nullptr && !writer->IsOver(); }
 
-    // When it took another's name. The program that this was done for comes back at once to copy onto it, whoever reads
-    // it by then: so that the copy cuts nobody off, no pages are kept yet.
+    // When it took another's name for who opens it to write. The program that this was done for comes back at once to
+    // copy onto it, whoever reads it by then: so that the copy cuts nobody off, no pages are kept yet.
     Clock::time_point renewed{};
     bool IsAwaited() const { return Clock::now() - renewed < std::chrono::milliseconds(250); }
 

@@ -148,7 +148,7 @@ int FileSystem::OpenWriter(OpenFile& file, int flags) {
     if (at.folder == nullptr || tree_->Look(node).gone) {
         return ESTALE;
     }
-    if (tree_->MustRenew(node)) {
+    if (tree_->HasReadersOfPages(node)) {
         LeaveToReaders(node);
         return ESTALE;  // the kernel looks again
     }

@@ -640,12 +640,9 @@ OpenFolder& OpenFolders::Add(std::unique_ptr<OpenFolder> folder) {
 }
 
 void OpenFolders::Release(OpenFolder& folder) {
-    std::unique_ptr<OpenFolder> released;  // goes without the lock
+    decltype(folders_)::node_type released;  // goes without the lock
     const std::lock_guard hold(lock_);
-    if (const auto found = folders_.find(&folder); found != folders_.end()) {
-        released = std::move(found->second);
-        folders_.erase(found);
-    }
+    released = folders_.extract(&folder);
 }
 
 const fuse_lowlevel_ops& Requests() {

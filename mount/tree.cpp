@@ -483,21 +483,23 @@ void Tree::Move(const NodePointer& node, const NodePointer& folder, const std::u
 
 void Tree::Renew(const NodePointer& node) {
     const std::lock_guard hold(lock_);
-    Renew(node, node->size, node->time);
+    if (const NodePointer next = Renew(node, node->size, node->time)) {
+        next->renewed = Clock::now();
+    }
 }
 
 // The lock is held.
-void Tree::Renew(const NodePointer& node, std::uint64_t size, std::int64_t time) {
+NodePointer Tree::Renew(const NodePointer& node, std::uint64_t size, std::int64_t time) {
     if (node->parent == nullptr) {
-        return;
+        return nullptr;
     }
     const NodePointer folder = node->parent;
     const NodePointer next = Make(folder, node->name, node->kind, node->drive, node->level);
     next->size = size;
     next->time = time;
-    next->renewed = Clock::now();
     PutInto(folder, next, {});
     caches_.ForgetName(folder->inode, TreeName(node->name));
+    return next;
 }
 
 void Tree::AwaitAs(const NodePointer& node, const NodePointer& before) {
@@ -523,7 +525,7 @@ bool Tree::SetFacts(const NodePointer& node, const Facts& facts, Opening* openin
         return true;
     }
     if (opening != nullptr && node->cachedOpens != 0) {
-        Renew(node, facts.size, facts.time);
+        (void)Renew(node, facts.size, facts.time);
         return false;
     }
     node->size = facts.size;
@@ -620,11 +622,6 @@ void Tree::SetWriter(const NodePointer& node, std::shared_ptr<ClipWriter> writer
 unsigned Tree::WritersOf(const NodePointer& node) {
     const std::lock_guard hold(lock_);
     return node->writers;
-}
-
-bool Tree::MustRenew(const NodePointer& node) {
-    const std::lock_guard hold(lock_);
-    return node->cachedOpens != 0 && !node->AwaitsCopy() && !node->IsAwaited();
 }
 
 bool Tree::IsUnderWay(const NodePointer& node) {

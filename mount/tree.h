@@ -81,7 +81,8 @@ class Tree {
         unsigned generation = 0;
     };
     // `opening`: of the file they were just read from, which is another one than before when they differ; null: they
-    // were changed here. False: somebody reads pages of the one before, and the name stands for a new node with these.
+    // were changed here. False: somebody reads pages of the one before, and the name stands for a new node with these;
+    // the folder's `work` is held then.
     bool SetFacts(const NodePointer& node, const Facts& facts, Opening* opening);
     // Whether a reader's pages can be kept now.
     [[nodiscard]] bool CanCache(const NodePointer& node, Opening& opening);
@@ -93,8 +94,6 @@ class Tree {
     [[nodiscard]] bool MustAskSize(const NodePointer& node, const Opening& opening);
     // Whether somebody has it open whom a copy onto it would cut off.
     [[nodiscard]] bool HasReadersOfPages(const NodePointer& node);
-    // And who opens it to write can be sent to a new node.
-    [[nodiscard]] bool MustRenew(const NodePointer& node);
     // A cached reader reads: what pages others left was dropped when the kernel had opened it.
     void PagesHold(const NodePointer& node, const Opening& opening);
     // Returns whether it was the last that could write.
@@ -125,7 +124,7 @@ class Tree {
     void BeginGeneration(Node& node);
     void HoldChanged(const NodePointer& node, bool wasHeld, Drop drop);
     void Unlink(const NodePointer& node);
-    void Renew(const NodePointer& node, std::uint64_t size, std::int64_t time);
+    NodePointer Renew(const NodePointer& node, std::uint64_t size, std::int64_t time);
     void DropListing(Node& folder);
 
     KernelCaches& caches_;

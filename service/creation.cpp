@@ -194,7 +194,10 @@ class Maker {
                      VrkFsClientUpdateVideoFile(card_.Client(), card_.Control(), file_.Get(), &update), problem) &&
                Check("cannot let go of its body tables",
                      VrkFsClientDereferenceBodyTable(card_.Client(), card_.Control(), file_.Get()), problem) &&
-               Check("cannot store its body tables", VrkFsClientStoreBodyTable(card_.Client(), file_.Get()), problem);
+               Check("cannot store its body tables",
+                     VrkFsClientStoreBodyTable(card_.Client(), file_.Get(), wanted_.FrameCount, &streams_[0].nodes,
+                                               Streams() == 2 ? &streams_[1].nodes : nullptr),
+                     problem);
     }
 
     void Unmap() {

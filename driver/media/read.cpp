@@ -26,6 +26,7 @@
 namespace {
 
 constexpr ULONGLONG kCommandPortSize = 256;  // bytes
+constexpr ULONG kFlushAttempts = 4;
 
 // The size that the read is measured by. A file without a record in memory has none.
 ULONGLONG ReadableSize(const DataRequest* Request) {
@@ -88,12 +89,19 @@ NTSTATUS PrepareMediaObject(DataRequest* Request) {
     if (!NeedsMediaObject(Request)) {
         return STATUS_SUCCESS;
     }
-    FlushSharedTables(Request);
-    if ((Request->Common->Flags & kFcbCommonDeleted) != 0) {
-        return STATUS_FILE_DELETED;
-    }
-    if (!NeedsMediaObject(Request)) {
-        return STATUS_SUCCESS;
+    // Tables that were settled during the flush are not the ones that it wrote. Who changes them without end is not
+    // waited for.
+    ULONG generation = 0;
+    for (ULONG attempt = 0;
+         attempt < kFlushAttempts && (attempt == 0 || generation != Request->Common->LayoutGeneration); attempt++) {
+        generation = Request->Common->LayoutGeneration;
+        FlushSharedTables(Request);
+        if ((Request->Common->Flags & kFcbCommonDeleted) != 0) {
+            return STATUS_FILE_DELETED;
+        }
+        if (!NeedsMediaObject(Request)) {
+            return STATUS_SUCCESS;
+        }
     }
     const NTSTATUS status = VrkFsRZVInitializeFileObjectForRead(&fcb->MediaFileObject, fcb);
     if (NT_SUCCESS(status)) {

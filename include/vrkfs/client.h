@@ -46,6 +46,7 @@ typedef uint32_t VrkFsHandle; /* never 0 when open */
 #define VRKFS_STATUS_PORT_DISCONNECTED 0xC0000037u /* the daemon has gone */
 #define VRKFS_STATUS_SHARING_VIOLATION 0xC0000043u
 #define VRKFS_STATUS_INSUFFICIENT_RESOURCES 0xC000009Au
+#define VRKFS_STATUS_IO_DEVICE_ERROR 0xC0000185u
 #define VRKFS_STATUS_CANCELLED 0xC0000120u
 #define VRKFS_STATUS_CONNECTION_REFUSED 0xC0000236u
 
@@ -152,11 +153,6 @@ typedef struct VrkFsSectionName {
 VrkFsStatus VrkFsClientReferenceBodyTable(VrkFsClient* client, VrkFsHandle control, VrkFsHandle file, uint32_t stream,
                                           VrkFsSectionName* name);
 VrkFsStatus VrkFsClientDereferenceBodyTable(VrkFsClient* client, VrkFsHandle control, VrkFsHandle file);
-/* Returns when the file's tables are on the disks; it is open with VRKFS_OPEN_READ. For who has changed them and lets
- * go of them, before the file is closed: then its record says what they hold, while the tables are written by
- * themselves only seconds later, or when the last of those who play the file has closed it. If the machine stops
- * between, the clip is lost. */
-VrkFsStatus VrkFsClientStoreBodyTable(VrkFsClient* client, VrkFsHandle file);
 /* New tables for a clip of up to `frames` frames; nothing is done if the file has some attached. Then a section per
  * stream, by the range that VrkFsClientAllocateVideoSpace gave; an empty name comes back if nothing is attached. */
 VrkFsStatus VrkFsClientCreateNewBodyTable(VrkFsClient* client, VrkFsHandle control, VrkFsHandle file, uint32_t frames);
@@ -186,6 +182,14 @@ void VrkFsClientUnmapNodes(VrkFsClient* client, VrkFsNodeView* view);
 void VrkFsClientPublishNode(VrkFsPlacedNode* place, const VrkFsPlacedNode* node);
 /* 0 while nothing has been published there. */
 int VrkFsClientReadNode(const VrkFsPlacedNode* place, VrkFsPlacedNode* node);
+/* Has the tables of a clip that was just settled (to `frames` frames, and no more table than they need) written, and
+ * looks whether the disks have them as `video` and `alpha` do; alpha is null for a clip without. The file is open with
+ * VRKFS_OPEN_READ. A recorder calls it before it closes the file: the close writes the clip's record, but tables that a
+ * player has open are written by themselves only seconds later, and a driver that ends between leaves a record of
+ * frames that nobody finds. STATUS_IO_DEVICE_ERROR: a disk did not take them, or they were changed after they had been
+ * settled and read. */
+VrkFsStatus VrkFsClientStoreBodyTable(VrkFsClient* client, VrkFsHandle file, uint32_t frames,
+                                      const VrkFsNodeView* video, const VrkFsNodeView* alpha);
 
 /* ---- Blocks of the disks ------------------------------------------------------------------------------------- */
 

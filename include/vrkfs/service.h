@@ -85,7 +85,7 @@ VRKFS_ASSERT_OFFSET(VrkFsServiceRequest, Payload, 8);
 
 #define VRKFS_SERVICE_RESPONSE_MIN_SIZE 56u
 
-/* Comes from the process that fetched the request, or is taken for a late answer to an earlier one. */
+/* Comes from the client that fetched the request, or is taken for a late answer to an earlier one. */
 typedef struct VrkFsServiceResponse {
     uint32_t Type;   /* of the request that is answered */
     uint32_t Result; /* 0 success; the payload counts only then */

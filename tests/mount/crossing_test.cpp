@@ -199,10 +199,13 @@ head = os.read(old, 1000)
 for change in lambda: os.write(second, small), lambda: os.ftruncate(second, 0):
     try: change(); assert False
     except OSError as error: assert error.errno == 16
+third = os.open(T + 'a', W)
 assert head + rest(old) == large
 os.close(second)
+os.write(third, small)
+os.close(third)
 )");
-    ExpectOut("ls -A $T; cmp large $T/a", "a\n");
+    ExpectOut("ls -A $T; cmp small $T/a", "a\n");
 }
 
 // The same when it is no copy through the mount that takes its place.
@@ -214,6 +217,7 @@ TEST_F(MountCrossing, AReaderOfTheClipThatOthersReplace) {
             EXPECT_TRUE(Eventually([&] { return std::filesystem::exists(At(std::string("before ") + next)); }));
             RenameOnDrive(u"\\RZV\\TWO\\A\\a", std::u16string(u"before ") + static_cast<char16_t>(next[0]));
             PutOnDrive(u"\\RZV\\TWO\\A\\a", next);
+            std::ofstream(At(std::string("put ") + next)) << next;
         }
     });
     Python(R"(
@@ -221,6 +225,7 @@ for before, after, name in (small, large, 'large'), (large, small, 'small'):
     old = os.open(T + 'a', os.O_RDONLY)
     read = os.read(old, 1000)
     open('before ' + name, 'w').close()
+    await_file('put ' + name)
     while not os.path.exists(T + 'a') or os.path.getsize(T + 'a') != len(after): time.sleep(0.01)
     while piece := os.read(old, 100000): read += piece
     assert read == before and os.fstat(old).st_size == len(before)

@@ -174,6 +174,26 @@ TEST_P(DroppedRecording, IsOnTheDisksOnceItIsDone) {
     ExpectClip(order);
 }
 
+// The driver tells nobody that a disk does not take the tables; a recorder learns it all the same.
+TEST_P(DroppedRecording, IsNotDoneWithoutItsTables) {
+    StartVolume(2, GetParam());
+    examples::RecordOrder order = Order(u"REFUSED.RZV", true, 4);
+    order.watch = [&](RecordStep step, std::uint32_t) {
+        if (step == RecordStep::kTableLetGo) {
+            Board().Misbehave().Add({.operation = board::Operation::kWrite});
+        }
+        return true;
+    };
+    std::string problem;
+    try {
+        (void)examples::Record(NewClient().get(), order);
+    } catch (const std::runtime_error& error) {
+        problem = error.what();
+    }
+    EXPECT_EQ(problem, "store the tables: STATUS_IO_DEVICE_ERROR");
+    Board().Misbehave().Clear();
+}
+
 INSTANTIATE_TEST_SUITE_P(Through, DroppedRecording, testing::Bool(),
                          [](const auto& row) { return row.param ? "Socket" : "Machine"; });
 

@@ -494,7 +494,7 @@ NodePointer Tree::Renew(const NodePointer& node, std::uint64_t size, std::int64_
         return nullptr;
     }
     const NodePointer folder = node->parent;
-    const NodePointer next = Make(folder, node->name, node->kind, node->drive, node->level);
+    NodePointer next = Make(folder, node->name, node->kind, node->drive, node->level);
     next->size = size;
     next->time = time;
     PutInto(folder, next, {});
